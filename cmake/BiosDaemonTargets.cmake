@@ -1,0 +1,33 @@
+# How the project's targets are built. Every target links exactly one of
+#   target_build  the target's word size: the daemon, the chassis platform, biosctl, the tests
+#   host_build    this machine's: tools that need libraries that are only there in this machine's word size
+add_library(project_warnings INTERFACE)
+target_compile_options(project_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+add_library(sanitizers INTERFACE)
+if(BIOS_DAEMON_SANITIZE)
+    target_compile_options(sanitizers INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                                -fno-omit-frame-pointer)
+    target_link_options(sanitizers INTERFACE -fsanitize=address,undefined)
+endif()
+
+add_library(target_build INTERFACE)
+target_link_libraries(target_build INTERFACE project_warnings sanitizers)
+if(BIOS_DAEMON_ARCH STREQUAL "i686")
+    target_compile_options(target_build INTERFACE -m32 -march=i686 -msse2 -mfpmath=sse)
+    target_link_options(target_build INTERFACE -m32)
+elseif(NOT BIOS_DAEMON_ARCH STREQUAL "native")
+    message(FATAL_ERROR "BIOS_DAEMON_ARCH is i686 or native, not ${BIOS_DAEMON_ARCH}")
+endif()
+
+add_library(host_build INTERFACE)
+target_link_libraries(host_build INTERFACE project_warnings sanitizers)
+
+# Adds the objects of one folder of the daemon; they all end in libbios_daemon_core.a.
+function(add_daemon_objects name)
+    add_library(${name} OBJECT ${ARGN})
+    target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include
+                                              ${CMAKE_SOURCE_DIR}/platform)
+    target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
+    target_link_libraries(${name} PRIVATE target_build)
+endfunction()

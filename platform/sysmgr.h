@@ -1,0 +1,35 @@
+// System manager: supervisor state, kind of restart, files of the standby supervisor.
+#ifndef PLATFORM_SYSMGR_H
+#define PLATFORM_SYSMGR_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    SYSMGR_SUP_STATE_ACTIVE = 1,
+    SYSMGR_SUP_STATE_STANDBY = 2,
+};
+
+// State of this supervisor as it is now: SYSMGR_SUP_STATE_ACTIVE or any other value for one that is not active.
+int32_t sysmgr_cli_supstate_get(int32_t handle);
+
+// Not 0 when this process was started by a restart of the software for an in-service upgrade: the card, and so
+// its BIOS, went on running.
+int32_t sysmgr_is_upgrade_restart(void);
+
+// Copies a file to the standby supervisor and waits until it is there.
+//   kind         129
+//   source       absolute path on this card
+//   destination  absolute path on the standby supervisor
+//   flags        1
+// 0 also when there is no standby supervisor; -1 with errno when the copy failed.
+int32_t sysmgr_cli_gsync_file(int32_t handle, uint32_t kind, const char *source, const char *destination,
+                              uint32_t flags);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

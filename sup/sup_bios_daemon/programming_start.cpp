@@ -1,0 +1,121 @@
+#include "programming_start.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "bios_daemon_state.h"
+#include "bios_log.h"
+#include "bios_messages.h"
+#include "bios_results.h"
+#include "card_identification.h"
+#include "cmi.h"
+#include "flash_selection.h"
+#include "image_files.h"
+#include "module_lock.h"
+#include "programming_child.h"
+#include "running_version.h"
+#include "sysmgr.h"
+#include "tarvik_a_override.h"
+
+namespace
+{
+
+constexpr int CHILD_NOT_BOUND_STATUS = 16;
+
+// The local path of the request's image, or null: with status 0 when none is named, else BIOS_ERR_URI.
+const char *map_image(bios_programming_req_t &request, std::uint32_t &status)
+{
+    status = BIOS_OK;
+    if (request.def.load() != 0)
+        return nullptr;
+    // A text that fills its field is cut there; what follows is the mapper's output.
+    if (std::memchr(request.uri, '\0', sizeof request.uri) == nullptr)
+        request.uri[sizeof request.uri - 1] = '\0';
+    const char *image_path = uri_map_targetfs_path_get(request.uri, request.local_path);
+    if (image_path == nullptr) {
+        BIOS_LOG("Unable to get tagetfs path for the URI");
+        status = BIOS_ERR_URI;
+    }
+    return image_path;
+}
+
+void answer(const daemon_context &context, mts_message_t *message, std::uint32_t status)
+{
+    const bios_programming_reply_t reply = {};
+    (void)cmi_response(&reply, sizeof reply, context.handle, message, status);
+}
+
+[[noreturn]] void run_child(const daemon_context &context, const bios_programming_req_t &request,
+                            const char *image_path, std::uint32_t programming_mod_num)
+{
+    const std::int32_t handle = mts_bind(BIND_KIND, -1, BIND_OPTIONS, "BIOS upgrade child daemon");
+    if (handle == -1)
+        std::exit(CHILD_NOT_BOUND_STATUS);
+    BIOS_LOG("From a forked child ..., my_module_num=%d, programming_mod_num=%d", context.my_module_num,
+             static_cast<int>(programming_mod_num));
+    const std::int32_t result = bios_daemon_child_process(
+        handle, context.requester_addr.node, context.requester_addr.sap, &request, context.sup_state, image_path,
+        programming_mod_num, context.my_module_num, request.type);
+    BIOS_LOG("Child returned %x and exiting...", static_cast<unsigned>(result));
+    std::exit(result & 0xff);
+}
+
+} // namespace
+
+std::uint32_t handle_programming_start(daemon_context &context, mts_message_t *message)
+{
+    context.sup_state = sysmgr_cli_supstate_get(context.handle);
+    context.payload = mts_payload_get(message);
+    bios_programming_req_t request;
+    std::memcpy(&request, static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES,
+                sizeof request);
+    BIOS_LOG("got MTS_OPC_BIOS_PROGRAMMING_START type(%d)", request.type);
+
+    mts_address_t requester = {};
+    (void)mts_saddr_get(message, &requester);
+    std::uint32_t programming_mod_num = request.programming_mod_num.load();
+    const std::uint32_t card_id = get_sw_card_id() & 0xffff;
+    if (card_id == 0) {
+        BIOS_LOG("get sw card id failed");
+        return BIOS_ERR_CARD_ID;
+    }
+    if (is_tarvik_a_supervisor(card_id)) {
+        programming_mod_num = override_module_num(card_id, programming_mod_num, context.my_module_num);
+        if (has_flash_selection(card_id))
+            (void)bios_sel_flash(0);
+    }
+
+    std::uint32_t status = BIOS_OK;
+    const char *image_path = map_image(request, status);
+    BIOS_LOG("uri_name=%s def=%d rc=%x", image_path != nullptr ? image_path : "(null)",
+             static_cast<int>(request.def.load()), status);
+
+    if (context.sup_state == SYSMGR_SUP_STATE_ACTIVE) {
+        if (bios_programming_in_progress != 0) {
+            BIOS_LOG("Sorry busy ... in progress here ");
+            answer(context, message, BIOS_ERR_BUSY);
+            return BIOS_OK;
+        }
+        // Replaces the URI's status: with the lock held, a URI that did not map does not stop the request.
+        status = static_cast<std::uint32_t>(bios_daemon_acquire_lock(context.handle, context.my_module_num,
+                                                                     programming_mod_num, &context.lock_data));
+    }
+    answer(context, message, status);
+    if (status != BIOS_OK)
+        return BIOS_OK;
+
+    bios_programming_in_progress = 1;
+    context.requester_addr = requester;
+    BIOS_LOG("Mark in-progress here mod=%d", static_cast<int>(programming_mod_num));
+    record_running_version();
+
+    (void)std::fflush(stdout); // the child would print what is buffered a second time
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        run_child(context, request, image_path, programming_mod_num);
+    context.child_pid = pid; // -1 as well: see the loop's reaping
+    context.programming_mod_num = programming_mod_num;
+    return BIOS_OK;
+}
