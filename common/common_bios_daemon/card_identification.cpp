@@ -15,7 +15,8 @@ struct card_family {
     std::uint32_t family;
 };
 
-// clang-format off: one line per family
+// One line per family.
+// clang-format off
 constexpr card_family CARD_FAMILIES[] = {
     {90, 17}, {93, 17}, {94, 17}, {95, 17}, {96, 17}, {97, 17},
     {106, 19}, {108, 19},
