@@ -16,12 +16,12 @@ namespace
 // A device has no size to ask for; its mapping is as long as it was granted.
 std::size_t bytes_behind(int fd, std::size_t length, std::uint32_t offset)
 {
-    struct stat status = {};
-    if (::fstat(fd, &status) != 0)
+    struct stat64 status = {}; // the 32-bit one fails on large inode numbers
+    if (::fstat64(fd, &status) != 0)
         return 0;
     if (!S_ISREG(status.st_mode))
         return length;
-    if (status.st_size <= static_cast<off_t>(offset))
+    if (status.st_size <= static_cast<off64_t>(offset))
         return 0;
     const auto behind = static_cast<std::uint64_t>(status.st_size) - offset;
     return static_cast<std::size_t>(std::min<std::uint64_t>(behind, length));

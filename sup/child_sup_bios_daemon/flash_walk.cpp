@@ -1,11 +1,11 @@
 #include "flash_walk.h"
 
 #include <cstdio>
-#include <sys/stat.h>
 
 #include "bios_flash.h"
 #include "bios_log.h"
 #include "bios_results.h"
+#include "file_exists.h"
 
 namespace
 {
@@ -33,8 +33,7 @@ std::int32_t bios_prog_all_bios_flashes(std::int32_t handle, const bios_card_tab
 
         char path[PATH_BYTES];
         (void)std::snprintf(path, sizeof path, "%s", row.tmp_path);
-        struct stat status;
-        if (::stat(path, &status) != 0) {
+        if (!file_exists(path)) {
             BIOS_LOG("ERROR: SUP BIOS source file (%s) not found .. skipping", path);
             result = 0; // a missing image is no failure, and clears an earlier row's result
             continue;

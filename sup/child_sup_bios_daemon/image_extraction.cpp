@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <libgen.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "bios_log.h"
 #include "bios_results.h"
 #include "exec_cmd.h"
+#include "file_exists.h"
 #include "harmless_path.h"
 #include "sysmgr.h"
 
@@ -158,8 +158,7 @@ std::int32_t extract_bios_image(std::int32_t handle, std::uint32_t, const char *
         refuse_system_image(paths);
     (void)!::chdir("/");
 
-    struct stat status;
-    if (::stat(paths.temporary, &status) != 0) {
+    if (!file_exists(paths.temporary)) {
         BIOS_LOG("ERROR: SUP BIOS source file (%s) not found", paths.temporary);
         return bios_signed(BIOS_ERR_NO_IMAGE_FILE);
     }

@@ -4,12 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "bios_cmd_check.h"
 #include "bios_daemon_state.h"
 #include "bios_log.h"
+#include "file_exists.h"
 #include "sysmgr.h"
 #include "unique_fd.h"
 
@@ -70,8 +70,7 @@ void take_over_record()
 std::int32_t mod_bios_version_init(std::int32_t handle)
 {
     read_flash_versions(handle);
-    struct stat status;
-    if (::stat(RUNNING_VERSION_RECORD, &status) != 0)
+    if (!file_exists(RUNNING_VERSION_RECORD))
         return 0;
     if (sysmgr_is_upgrade_restart() != 0) {
         take_over_record();

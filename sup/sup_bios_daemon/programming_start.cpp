@@ -81,11 +81,10 @@ std::uint32_t handle_programming_start(daemon_context &context, mts_message_t *m
         BIOS_LOG("get sw card id failed");
         return BIOS_ERR_CARD_ID;
     }
-    if (is_tarvik_a_supervisor(card_id)) {
+    if (has_flash_selection(card_id))
+        (void)bios_sel_flash(0);
+    if (is_tarvik_a_supervisor(card_id))
         programming_mod_num = override_module_num(card_id, programming_mod_num, context.my_module_num);
-        if (has_flash_selection(card_id))
-            (void)bios_sel_flash(0);
-    }
 
     std::uint32_t status = BIOS_OK;
     const char *image_path = map_image(request, status);

@@ -2,12 +2,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "bios_flash.h"
 #include "bios_log.h"
 #include "bios_results.h"
+#include "file_exists.h"
 
 namespace
 {
@@ -110,8 +110,7 @@ std::int32_t program_bios_command(std::int32_t handle, std::uint32_t requester_n
                                   void *progress_area, std::uint8_t image_type)
 {
     const path_copy copy(path);
-    struct stat status;
-    if (::stat(copy.text, &status) != 0) {
+    if (!file_exists(copy.text)) {
         BIOS_LOG("ERROR: file %s not found !!", copy.text);
         return bios_signed(BIOS_ERR_NO_IMAGE_FILE);
     }

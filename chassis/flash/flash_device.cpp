@@ -1,0 +1,259 @@
+// The flash device over a shared mapping of its contents.
+#include "flash_device.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sstream>
+#include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "chassis_dir.h"
+
+namespace
+{
+
+constexpr int EXIT_STATUS_OF_KILLED = 128 + SIGKILL;
+
+bool refuse(int reason)
+{
+    errno = reason;
+    return false;
+}
+
+// "7" or "3-5"; blanks around are allowed.
+bool parse_sectors(const std::string &line, std::uint32_t &first, std::uint32_t &last)
+{
+    std::istringstream text(line);
+    if (line.find_first_not_of("0123456789- \t") != std::string::npos || !(text >> first))
+        return false;
+    last = first;
+    char dash = '\0';
+    if (text >> dash)
+        return dash == '-' && text >> last && (text >> std::ws).eof();
+    return true;
+}
+
+} // namespace
+
+std::unique_ptr<flash_device> flash_device::open(unsigned slot, unsigned instance, flash_access access)
+{
+    std::unique_ptr<flash_device> device(new flash_device);
+    if (!device->open_files(slot, instance, access))
+        return nullptr;
+    return device;
+}
+
+bool flash_device::open_files(unsigned slot, unsigned instance, flash_access access)
+{
+    if (instance >= FLASH_INSTANCE_COUNT)
+        return refuse(EINVAL);
+    writable_ = access == flash_access::write;
+    folder_.path = flash_folder_path(slot, instance);
+    folder_.fd.reset(::openat(chassis_dir_fd(), folder_.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder_.fd)
+        return false;
+    data_file_.reset(::openat(folder_.fd.get(), FLASH_FILE_DATA, (writable_ ? O_RDWR : O_RDONLY) | O_CLOEXEC));
+    if (!data_file_)
+        return false;
+    if (!load_geometry() || !lock_and_map(access))
+        return false;
+    if (writable_ && !load_protected())
+        return false;
+    timing_ = flash_timing(chassis_read_value(folder_.file(FLASH_FILE_TIMING), 0) != 0);
+    next_fault_ = [rules = flash_fault_rules(folder_)](flash_operation operation, std::uint32_t sector) mutable {
+        return rules.take(operation, sector);
+    };
+    return true;
+}
+
+bool flash_device::load_geometry()
+{
+    geometry_.size_bytes = chassis_read_value(folder_.file(FLASH_FILE_SIZE_BYTES), 0);
+    geometry_.sector_bytes = chassis_read_value(folder_.file(FLASH_FILE_SECTOR_BYTES), 0);
+    geometry_.page_bytes = chassis_read_value(folder_.file(FLASH_FILE_PAGE_BYTES), 0);
+    struct stat status;
+    if (::fstat(data_file_.get(), &status) != 0)
+        return false;
+    if (!flash_geometry_valid(geometry_) || status.st_size != static_cast<off_t>(geometry_.size_bytes))
+        return refuse(EINVAL);
+    return true;
+}
+
+bool flash_device::lock_and_map(flash_access access)
+{
+    if (access == flash_access::write) {
+        // Owned by this opening and not by the process: a second one in the same process is refused, too.
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        if (::fcntl(data_file_.get(), F_OFD_SETLK, &whole) != 0)
+            return refuse(errno == EAGAIN || errno == EACCES ? EBUSY : errno);
+    }
+    void *mapping = ::mmap(nullptr, geometry_.size_bytes, writable_ ? PROT_READ | PROT_WRITE : PROT_READ,
+                           MAP_SHARED, data_file_.get(), 0);
+    if (mapping == MAP_FAILED)
+        return false;
+    data_ = static_cast<std::uint8_t *>(mapping);
+    return true;
+}
+
+// A list that cannot be understood refuses the whole flash: erasing what someone meant to protect cannot be undone.
+bool flash_device::load_protected()
+{
+    protected_.assign(sector_count(), false);
+    std::string text, line;
+    if (!chassis_read_file(folder_.file(FLASH_FILE_PROTECTED), text))
+        return errno == ENOENT;
+    std::istringstream lines(text);
+    while (std::getline(lines, line)) {
+        if (line.find_first_not_of(" \t") == std::string::npos)
+            continue;
+        std::uint32_t first = 0, last = 0;
+        if (!parse_sectors(line, first, last) || first > last || last >= sector_count())
+            return refuse(EINVAL);
+        for (std::uint32_t sector = first; sector <= last; ++sector)
+            protected_[sector] = true;
+    }
+    return true;
+}
+
+flash_device::~flash_device()
+{
+    try {
+        if (folder_.fd)
+            flash_wear_add(folder_, wear_);
+    } catch (...) {
+        // No memory for the totals: they are statistics only.
+    }
+    if (data_ != nullptr)
+        (void)::munmap(data_, geometry_.size_bytes);
+}
+
+// Does an operation the way the faults say. change(part) does `part` of `amount` and returns its success.
+template<class apply>
+bool flash_device::perform(flash_operation operation, std::uint32_t sector, std::uint32_t amount, apply &&change)
+{
+    switch (next_fault_(operation, sector)) {
+    case flash_fault::none:
+        return change(amount);
+    case flash_fault::fail:
+        return refuse(EIO);
+    case flash_fault::lie:
+        return true;
+    case flash_fault::torn:
+        (void)change(amount / 2);
+        die();
+    case flash_fault::stop:
+        die();
+    }
+    return refuse(EIO);
+}
+
+void flash_device::die()
+{
+    flash_wear_add(folder_, wear_);
+    (void)::kill(::getpid(), SIGKILL);
+    ::_exit(EXIT_STATUS_OF_KILLED); // the first process of a namespace cannot be killed from within
+}
+
+bool flash_device::fits(std::uint32_t offset, std::uint32_t length) const
+{
+    return length > 0 && offset < geometry_.size_bytes && length <= geometry_.size_bytes - offset;
+}
+
+bool flash_device::may_change(std::uint32_t sector) const
+{
+    if (!writable_)
+        return refuse(EBADF);
+    if (is_protected(sector))
+        return refuse(EPERM);
+    return true;
+}
+
+bool flash_device::erase(std::uint32_t sector)
+{
+    if (sector >= sector_count())
+        return refuse(EINVAL);
+    if (!may_change(sector))
+        return false;
+    ++wear_.erases;
+    timing_.spend(FLASH_SECTOR_ERASE_NS);
+    return perform(flash_operation::erase, sector, geometry_.sector_bytes, [&](std::uint32_t part) {
+        std::memset(data_ + std::size_t{sector} * geometry_.sector_bytes, FLASH_ERASED_BYTE, part);
+        return true;
+    });
+}
+
+bool flash_device::program(std::uint32_t offset, const std::uint8_t *bytes, std::uint32_t length)
+{
+    if (!fits(offset, length) || offset % geometry_.page_bytes + length > geometry_.page_bytes)
+        return refuse(EINVAL);
+    const std::uint32_t sector = offset / geometry_.sector_bytes;
+    if (!may_change(sector))
+        return false;
+    ++wear_.programs;
+    timing_.spend(FLASH_PAGE_PROGRAM_NS);
+    return perform(flash_operation::program, sector, length, [&](std::uint32_t part) {
+        std::uint8_t *place = data_ + offset;
+        for (std::uint32_t index = 0; index < part; ++index)
+            place[index] &= bytes[index];
+        return true;
+    });
+}
+
+bool flash_device::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t length)
+{
+    if (!fits(offset, length))
+        return refuse(EINVAL);
+    ++wear_.reads;
+    timing_.spend(FLASH_READ_BYTE_NS * length);
+    return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](std::uint32_t part) {
+        std::memcpy(bytes_out, data_ + offset, part);
+        return true;
+    });
+}
+
+bool flash_device::sync()
+{
+    return ::msync(data_, geometry_.size_bytes, MS_SYNC) == 0;
+}
+
+bool flash_device::is_marked() const
+{
+    // Anything but a clear absence counts: a flash of which nothing is known must not pass for a whole one.
+    return ::faccessat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, F_OK, 0) == 0 || errno != ENOENT;
+}
+
+bool flash_device::set_marker()
+{
+    if (!writable_)
+        return refuse(EBADF);
+    const bool was_marked = is_marked();
+    const bool set = perform(flash_operation::marker, 0, 2, [&](std::uint32_t part) {
+        const unique_fd marker(
+            ::openat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        if (!marker)
+            return false;
+        return part < 2 || (::fsync(marker.get()) == 0 && ::fsync(folder_.fd.get()) == 0);
+    });
+    if (set || was_marked)
+        return set;
+    const int failure = errno;
+    (void)::unlinkat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, 0); // it may not have been made
+    return refuse(failure);
+}
+
+bool flash_device::clear_marker()
+{
+    if (!writable_)
+        return refuse(EBADF);
+    return perform(flash_operation::marker, 0, 2, [&](std::uint32_t part) {
+        if (::unlinkat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, 0) != 0 && errno != ENOENT)
+            return false;
+        return part < 2 || ::fsync(folder_.fd.get()) == 0;
+    });
+}

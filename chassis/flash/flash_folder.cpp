@@ -1,0 +1,13 @@
+// Rewriting the small text files of a flash's folder.
+#include "flash_folder.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+bool flash_folder_rewrite(const flash_folder &folder, const char *name, const std::string &content)
+{
+    const unique_fd file(::openat(folder.fd.get(), name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    const auto length = static_cast<ssize_t>(content.size());
+    return file && ::pwrite(file.get(), content.data(), content.size(), 0) == length &&
+           ::ftruncate(file.get(), length) == 0;
+}

@@ -1,0 +1,151 @@
+// Command runners. The command is a child of the caller and waited for by its process id, so that other children
+// of the caller stay for it to reap; no signal disposition is touched.
+#include "exec_cmd.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "unique_fd.h"
+
+namespace
+{
+
+constexpr const char *SHELL = "/bin/sh";
+constexpr mode_t OUTPUT_FILE_MODE = 0644;
+constexpr std::size_t STREAM_COUNT = 3;
+
+// What the command gets as descriptors 0 to 2; an empty one is the caller's own.
+using command_streams = std::array<unique_fd, STREAM_COUNT>;
+
+int32_t failure(int error)
+{
+    errno = error;
+    return -1;
+}
+
+// A duplicate above the standard streams: otherwise "output to my standard error and the other way round" would
+// overwrite one with the other.
+unique_fd out_of_the_way(int fd)
+{
+    return unique_fd(::fcntl(fd, F_DUPFD_CLOEXEC, STREAM_COUNT));
+}
+
+int32_t wait_for(pid_t child)
+{
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    return status;
+}
+
+class spawn_actions
+{
+public:
+    spawn_actions() { result_ = ::posix_spawn_file_actions_init(&actions_); }
+    spawn_actions(const spawn_actions &) = delete;
+    spawn_actions &operator=(const spawn_actions &) = delete;
+    ~spawn_actions() { (void)::posix_spawn_file_actions_destroy(&actions_); }
+
+    void connect(int fd, int stream)
+    {
+        if (result_ == 0)
+            result_ = ::posix_spawn_file_actions_adddup2(&actions_, fd, stream);
+    }
+    [[nodiscard]] int result() const { return result_; }
+    const posix_spawn_file_actions_t *get() const { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_{};
+    int result_ = 0;
+};
+
+int32_t run(const char *command, const command_streams &streams)
+{
+    spawn_actions actions;
+    for (std::size_t stream = 0; stream < STREAM_COUNT; ++stream) {
+        if (streams[stream])
+            actions.connect(streams[stream].get(), static_cast<int>(stream));
+    }
+    if (actions.result() != 0)
+        return failure(actions.result());
+
+    char name[] = "sh";
+    char option[] = "-c";
+    char *const arguments[] = {name, option, const_cast<char *>(command), nullptr}; // posix_spawn changes none
+    pid_t child = -1;
+    if (const int error = ::posix_spawn(&child, SHELL, actions.get(), nullptr, arguments, environ); error != 0)
+        return failure(error);
+    return wait_for(child);
+}
+
+// No input: a pipe that nobody writes to, which also works on a root without "/dev/null".
+unique_fd empty_input()
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return unique_fd();
+    (void)::close(ends[1]);
+    const unique_fd reader(ends[0]);
+    return out_of_the_way(reader.get());
+}
+
+// A link is not followed: outputs have fixed names in folders where everybody may plant one.
+unique_fd open_output(const char *path)
+{
+    const unique_fd file(
+        ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, OUTPUT_FILE_MODE));
+    return file ? out_of_the_way(file.get()) : unique_fd();
+}
+
+unique_fd open_input(const char *path)
+{
+    const unique_fd file(::open(path, O_RDONLY | O_NOCTTY | O_CLOEXEC));
+    return file ? out_of_the_way(file.get()) : unique_fd();
+}
+
+} // namespace
+
+int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, FILE *error, uint32_t)
+{
+    if (command == nullptr)
+        return failure(EINVAL);
+    // What the caller printed so far stands before what the command prints.
+    (void)::fflush(output != nullptr ? output : stdout);
+    (void)::fflush(error != nullptr ? error : stderr);
+
+    FILE *const files[] = {input, output, error};
+    command_streams streams;
+    for (std::size_t stream = 0; stream < STREAM_COUNT; ++stream) {
+        if (files[stream] == nullptr)
+            continue;
+        streams[stream] = out_of_the_way(::fileno(files[stream]));
+        if (!streams[stream])
+            return -1;
+    }
+    return run(command, streams);
+}
+
+int32_t exec_cmd_with_files_print(const char *command, const char *input, const char *output, const char *error,
+                                  uint32_t)
+{
+    if (command == nullptr)
+        return failure(EINVAL);
+    command_streams streams;
+    streams[0] = input != nullptr ? open_input(input) : empty_input();
+    if (!streams[0])
+        return -1;
+    if (output != nullptr && !(streams[1] = open_output(output)))
+        return -1;
+    // One file for both is opened once; opened twice, the streams would overwrite each other.
+    const bool shared = output != nullptr && error != nullptr && std::strcmp(output, error) == 0;
+    if (error != nullptr && !(streams[2] = shared ? out_of_the_way(streams[1].get()) : open_output(error)))
+        return -1;
+    return run(command, streams);
+}

@@ -1,0 +1,387 @@
+#include "card_keeper.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <fcntl.h>
+#include <optional>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "card_files.h"
+#include "card_processes.h"
+#include "card_root.h"
+#include "card_session.h"
+#include "chassis_dir.h"
+#include "keeper_lock.h"
+#include "launcher_error.h"
+
+namespace
+{
+
+using steady = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds PROBE_INTERVAL{20}; // while the daemon does not serve yet
+constexpr std::chrono::seconds RESTART_PAUSE{1};
+constexpr std::chrono::seconds END_WINDOW{60};
+constexpr std::size_t MAX_ENDS_IN_WINDOW = 5;
+constexpr std::chrono::seconds KILL_PATIENCE{3}; // for a session to end after its daemon was killed
+constexpr const char *TOOLS[] = {"veskadd", "nbitool", "init-system"};
+
+class card_keeper
+{
+public:
+    explicit card_keeper(const keeper_options &options) : options_(options), root_(options.slot) {}
+
+    int run();
+
+private:
+    enum class phase { starting, serving, pausing, failed };
+    enum class wish { none, reboot, software_restart, down };
+
+    void prepare();
+    void boot();
+    void start();
+    void install_programs();
+    void start_session();
+
+    int wait_limit_ms() const;
+    void wait_for_event();
+    void take_signals();
+    void take_reports();
+    void reap();
+    void tick();
+
+    void request(wish wanted);
+    void kill_daemon(int signal);
+    void session_ended();
+    void daemon_failed(const std::string &what);
+
+    void enter(phase next, const std::string &state);
+    [[gnu::format(printf, 2, 3)]] void note(const char *format, ...) const;
+    std::string slot_file(const char *name) const { return chassis_slot_path(options_.slot, name); }
+
+    keeper_options options_;
+    card_root root_;
+    unique_fd signals_;
+    unique_fd reports_; // of the present session
+    phase phase_ = phase::starting;
+    wish wish_ = wish::none;
+    pid_t session_ = 0; // 0: none
+    pid_t daemon_ = 0;  // 0: none
+    std::optional<int> daemon_status_;
+    unsigned starts_ = 0;
+    steady::time_point deadline_; // pausing: of the next start; a wish that waits: of the session's end
+    std::deque<steady::time_point> ends_;
+};
+
+void card_keeper::note(const char *format, ...) const
+{
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    const std::time_t now = std::time(nullptr);
+    std::tm local = {};
+    char when[32] = "";
+    if (::localtime_r(&now, &local) != nullptr)
+        (void)std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S%z", &local);
+    std::fprintf(stderr, "chassis: %s card %u: %s\n", when, options_.slot, text);
+}
+
+void card_keeper::enter(phase next, const std::string &state)
+{
+    phase_ = next;
+    write_line(slot_file("state"), state);
+}
+
+unique_fd open_signals()
+{
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (const int number : {SIGTERM, SIGHUP, SIGUSR1, SIGCHLD})
+        sigaddset(&wanted, number);
+    if (::sigprocmask(SIG_BLOCK, &wanted, nullptr) != 0)
+        throw system_error_of("signals");
+    unique_fd signals(::signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signals)
+        throw system_error_of("signals");
+    return signals;
+}
+
+std::string describe_status(const std::optional<int> &status)
+{
+    if (!status)
+        return "was killed with its card";
+    if (WIFSIGNALED(*status))
+        return "was ended by signal " + std::to_string(WTERMSIG(*status));
+    return "ended with exit status " + std::to_string(WEXITSTATUS(*status));
+}
+
+void card_keeper::prepare()
+{
+    signals_ = open_signals();
+    (void)std::signal(SIGINT, SIG_IGN);
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)::prctl(PR_SET_NAME, "chassis card");
+    (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    (void)::umask(022);
+    (void)::unlinkat(chassis_dir_fd(), slot_file("pid").c_str(), 0); // of a card that was killed
+    if (!kill_processes_of_root(root_.fd()))
+        note("processes of an earlier run are still there");
+    enter_isolation(options_.way);
+    // Opened anew: what was open before belongs to the mounts outside, where nothing can be mounted from here.
+    open_chassis(options_.directory);
+    root_ = card_root(options_.slot);
+    root_.make_folders();
+    root_.attach_machine(options_.way, chassis_read_value(slot_file("bootflash_mib"), 0));
+    write_line(slot_file("isolation"), isolation_name(options_.way));
+}
+
+void card_keeper::boot()
+{
+    root_.empty_tmp();
+    start();
+}
+
+// A start that fails counts as a daemon that ends: what is missing may be there a second later.
+void card_keeper::start()
+{
+    try {
+        start_session();
+    } catch (const std::exception &failure) {
+        daemon_failed(std::string("could not be started: ") + failure.what());
+    }
+}
+
+void card_keeper::install_programs()
+{
+    root_.install_program(options_.way, options_.daemon, DAEMON_IN_ROOT);
+    for (const char *tool : TOOLS) {
+        const std::string program = options_.tools + "/" + tool;
+        if (::access(program.c_str(), X_OK) == 0)
+            root_.install_program(options_.way, program, std::string(TOOLS_IN_ROOT) + tool);
+    }
+}
+
+void card_keeper::start_session()
+{
+    enter(phase::starting, STATE_STARTING);
+    write_line(slot_file("starts"), std::to_string(++starts_));
+    install_programs();
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+        throw system_error_of("socket");
+    reports_.reset(ends[0]);
+    unique_fd session_end(ends[1]);
+    const int on = 1;
+    (void)::setsockopt(reports_.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+
+    std::fflush(nullptr);
+    const int child = fork_into_isolation(options_.way);
+    if (child == 0) {
+        reports_.reset();
+        run_session({options_.directory, options_.slot, options_.way, session_end.get()});
+    }
+    if (child < 0)
+        throw system_error_of("start of the card");
+    session_ = child;
+    daemon_ = 0;
+    daemon_status_.reset();
+}
+
+int card_keeper::wait_limit_ms() const
+{
+    const bool has_deadline = phase_ == phase::pausing || wish_ != wish::none;
+    if (phase_ == phase::starting && wish_ == wish::none)
+        return static_cast<int>(PROBE_INTERVAL.count());
+    if (!has_deadline)
+        return -1;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - steady::now()).count();
+    return left > 0 ? static_cast<int>(left) + 1 : 0;
+}
+
+void card_keeper::wait_for_event()
+{
+    pollfd sources[] = {{signals_.get(), POLLIN, 0}, {reports_.get(), POLLIN, 0}};
+    (void)::poll(sources, 2, wait_limit_ms());
+    if (sources[1].revents != 0)
+        take_reports();
+    if (sources[0].revents != 0)
+        take_signals();
+}
+
+void card_keeper::take_signals()
+{
+    signalfd_siginfo info;
+    while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        switch (info.ssi_signo) {
+        case SIGTERM: request(wish::down); break;
+        case SIGHUP: request(wish::reboot); break;
+        case SIGUSR1: request(wish::software_restart); break;
+        default: reap(); break;
+        }
+    }
+}
+
+// The number of the daemon's process is what the kernel says of the sender: inside the card it has another one.
+void card_keeper::take_reports()
+{
+    for (;;) {
+        session_report message = {};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+        iovec data = {&message, sizeof message};
+        msghdr header = {};
+        header.msg_iov = &data;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+        const ssize_t got = ::recvmsg(reports_.get(), &header, MSG_DONTWAIT);
+        if (got != static_cast<ssize_t>(sizeof message)) {
+            if (got >= 0)
+                reports_.reset(); // nobody is left at the other end
+            return;
+        }
+        if (message.what == session_report::event::daemon_ended) {
+            daemon_status_ = message.value;
+            continue;
+        }
+        const cmsghdr *item = CMSG_FIRSTHDR(&header);
+        if (item == nullptr || item->cmsg_type != SCM_CREDENTIALS)
+            continue;
+        ucred sender;
+        std::memcpy(&sender, CMSG_DATA(item), sizeof sender);
+        daemon_ = sender.pid;
+        write_line(slot_file("pid"), std::to_string(daemon_));
+    }
+}
+
+void card_keeper::reap()
+{
+    for (;;) {
+        const pid_t ended = ::waitpid(-1, nullptr, WNOHANG);
+        if (ended <= 0)
+            return;
+        if (ended == session_) {
+            take_reports(); // what it said last
+            session_ended();
+        }
+    }
+}
+
+void card_keeper::tick()
+{
+    if (wish_ != wish::none && session_ != 0 && steady::now() >= deadline_) {
+        note("the daemon's processes do not end; the whole card is killed");
+        (void)::kill(session_, SIGKILL);
+        deadline_ = steady::now() + KILL_PATIENCE;
+    }
+    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && endpoint_lives(options_.slot)) {
+        note("serves, process %d", static_cast<int>(daemon_));
+        enter(phase::serving, std::string(STATE_SERVING) + " " + std::to_string(daemon_));
+    }
+    if (phase_ == phase::pausing && wish_ == wish::none && steady::now() >= deadline_)
+        start();
+}
+
+void card_keeper::request(wish wanted)
+{
+    if (wish_ == wish::down)
+        return;
+    wish_ = wanted;
+    deadline_ = steady::now() + KILL_PATIENCE;
+    if (wanted != wish::down)
+        ends_.clear();
+    if (session_ == 0)
+        session_ended();
+    else
+        kill_daemon(wanted == wish::down ? SIGTERM : SIGKILL);
+}
+
+void card_keeper::kill_daemon(int signal)
+{
+    // A daemon whose number is not known yet cannot be told; the session takes it along.
+    (void)::kill(daemon_ != 0 ? daemon_ : session_, daemon_ != 0 ? signal : SIGKILL);
+}
+
+void card_keeper::session_ended()
+{
+    session_ = 0;
+    daemon_ = 0;
+    reports_.reset();
+    (void)::unlinkat(chassis_dir_fd(), slot_file("pid").c_str(), 0);
+    if (!has_namespaces(options_.way) && !kill_processes_of_root(root_.fd()))
+        note("processes of the daemon are still there");
+    const wish wanted = wish_;
+    if (wanted != wish::down)
+        wish_ = wish::none;
+    switch (wanted) {
+    case wish::none: daemon_failed(describe_status(daemon_status_)); break;
+    case wish::down: note("goes down"); break;
+    case wish::reboot:
+        note("is rebooted");
+        boot();
+        break;
+    case wish::software_restart:
+        note("software is restarted");
+        start();
+        break;
+    }
+}
+
+void card_keeper::daemon_failed(const std::string &what)
+{
+    const auto now = steady::now();
+    ends_.push_back(now);
+    while (now - ends_.front() > END_WINDOW)
+        ends_.pop_front();
+    note("bios_daemon %s", what.c_str());
+    if (ends_.size() >= MAX_ENDS_IN_WINDOW) {
+        note("bios_daemon ended %zu times within %d s and is not started again", ends_.size(),
+             static_cast<int>(END_WINDOW.count()));
+        enter(phase::failed, STATE_FAILED);
+        return;
+    }
+    deadline_ = now + RESTART_PAUSE;
+    enter(phase::pausing, STATE_RESTARTING);
+}
+
+int card_keeper::run()
+{
+    const unique_fd lock = become_keeper(options_.slot);
+    if (!lock)
+        throw launcher_error("card " + std::to_string(options_.slot) + " is up already");
+    try {
+        prepare();
+        boot();
+        while (wish_ != wish::down || session_ != 0) {
+            wait_for_event();
+            tick();
+        }
+        write_line(slot_file("state"), STATE_DOWN);
+        return EXIT_SUCCESS;
+    } catch (const std::exception &failure) {
+        note("%s", failure.what());
+        enter(phase::failed, STATE_FAILED);
+        return EXIT_FAILURE; // the session dies with this process
+    }
+}
+
+} // namespace
+
+int keep_card(const keeper_options &options)
+{
+    return card_keeper(options).run();
+}

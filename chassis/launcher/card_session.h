@@ -1,0 +1,34 @@
+// One run of the daemon: from a boot of the card, or a restart of its software, to the daemon's end.
+//
+// The session is a process of its own between the card's keeper and the daemon. With namespaces it is the first
+// process of the card's process namespace, otherwise the one that the card's orphans are given to. It starts the
+// daemon in the card's root, reaps what ends, and when the daemon has ended kills everything that is left of it.
+// It dies with the keeper, and the daemon with it.
+#pragma once
+
+#include <string>
+
+#include "isolation.h"
+
+// What the keeper is told, one message each, in this order.
+struct session_report {
+    enum class event : int {
+        daemon_started, // sent by the daemon's process before it becomes the daemon; its credentials tell the number
+        daemon_ended,   // value: its wait status
+    };
+    event what;
+    int value;
+};
+
+struct session_options {
+    std::string directory; // of the chassis, absolute
+    unsigned slot = 0;
+    isolation way = isolation::plain;
+    int report_fd = -1; // socket to the keeper
+};
+
+constexpr const char *DAEMON_IN_ROOT = "/vesk/sbin/bios_daemon";
+constexpr const char *TOOLS_IN_ROOT = "/vesk/sbin/";
+
+// Runs the session in the calling process, a child that fork_into_isolation() made. The chassis is opened anew in it.
+[[noreturn]] void run_session(const session_options &options);

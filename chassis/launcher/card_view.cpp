@@ -1,0 +1,183 @@
+#include "card_view.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "bios_header.h"
+#include "card_files.h"
+#include "chassis_dir.h"
+#include "flash_layout.h"
+#include "keeper_lock.h"
+#include "launcher_error.h"
+#include "sysmgr.h"
+#include "unique_fd.h"
+
+namespace
+{
+
+constexpr std::chrono::milliseconds FOLLOW_INTERVAL{100};
+
+struct card_status {
+    unsigned slot = 0;
+    std::string name;
+    unsigned card_id = 0;
+    unsigned kind = 0;
+    std::string role;
+    bool serves = false; // it should
+    std::string state;
+    int pid = 0;
+    std::string isolation_way;
+    std::array<std::string, FLASH_INSTANCE_COUNT> version; // empty: none in the flash
+    std::array<bool, FLASH_INSTANCE_COUNT> programming = {};
+};
+
+std::string flash_version(unsigned slot, unsigned instance)
+{
+    std::string bytes;
+    if (!chassis_read_file(flash_file_path(slot, instance, FLASH_FILE_DATA), bytes, BIOS_HEADER_BYTES))
+        return {};
+    bios_header header{};
+    if (bytes.size() < BIOS_HEADER_BYTES || !bios_header_read(bytes.data(), header))
+        return {};
+    const std::string text = bios_header_text(header);
+    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+std::string role_name(unsigned sup_state)
+{
+    if (sup_state == SYSMGR_SUP_STATE_ACTIVE)
+        return "active";
+    return sup_state == SYSMGR_SUP_STATE_STANDBY ? "standby" : "none";
+}
+
+// What was recorded holds only while somebody keeps the card.
+std::string state_now(const card_status &card)
+{
+    if (!card.serves)
+        return "no daemon";
+    if (!keeper_of(card.slot))
+        return card_state(card.slot) == STATE_FAILED ? STATE_FAILED : STATE_DOWN;
+    return card_state(card.slot);
+}
+
+card_status status_of(unsigned slot)
+{
+    card_status card;
+    card.slot = slot;
+    card.name = read_line(chassis_slot_path(slot, "name"));
+    card.card_id = chassis_read_value(chassis_inventory_path(slot, "card_id"), 0);
+    card.kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
+    card.role = role_name(chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0));
+    card.serves = chassis_read_value(chassis_slot_path(slot, "serves"), 0) != 0;
+    card.state = state_now(card);
+    card.pid = static_cast<int>(chassis_read_value(chassis_slot_path(slot, "pid"), 0));
+    card.isolation_way = read_line(chassis_slot_path(slot, "isolation"));
+    for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
+        const std::string marker = flash_file_path(slot, instance, FLASH_FILE_PROGRAMMING);
+        card.programming[instance] = ::faccessat(chassis_dir_fd(), marker.c_str(), F_OK, 0) == 0;
+        card.version[instance] = flash_version(slot, instance);
+    }
+    return card;
+}
+
+nlohmann::json json_of(const card_status &card)
+{
+    nlohmann::json flashes = nlohmann::json::array();
+    for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
+        nlohmann::json version = nullptr;
+        if (!card.version[instance].empty())
+            version = card.version[instance];
+        flashes.push_back({{"flash", instance == 0 ? "primary" : "alternate"},
+                           {"version", version},
+                           {"being_programmed", card.programming[instance]}});
+    }
+    return {{"slot", card.slot},     {"name", card.name},   {"card_id", card.card_id}, {"kind", card.kind},
+            {"role", card.role},     {"serves", card.serves}, {"state", card.state},   {"pid", card.pid},
+            {"isolation", card.isolation_way}, {"flashes", flashes}};
+}
+
+using row = std::array<std::string, 6>;
+
+row row_of(const card_status &card)
+{
+    std::string version = card.version[0].empty() ? "-" : card.version[0];
+    if (card.programming[0])
+        version += " being programmed";
+    return {std::to_string(card.slot), card.name, std::to_string(card.card_id), card.role, card.state, version};
+}
+
+std::string table_of(const std::vector<row> &rows)
+{
+    std::array<std::size_t, std::tuple_size_v<row>> width = {};
+    for (const row &each : rows) {
+        for (std::size_t column = 0; column < each.size(); ++column)
+            width[column] = std::max(width[column], each[column].size());
+    }
+    std::ostringstream text;
+    for (const row &each : rows) {
+        for (std::size_t column = 0; column + 1 < each.size(); ++column)
+            text << each[column] << std::string(width[column] - each[column].size() + 2, ' ');
+        text << each.back() << '\n';
+    }
+    return std::move(text).str();
+}
+
+// false when the reader of standard output has gone.
+bool print_all(const char *bytes, std::size_t length)
+{
+    while (length > 0) {
+        const ssize_t put = ::write(STDOUT_FILENO, bytes, length);
+        if (put < 0 && errno != EINTR)
+            return false;
+        bytes += std::max<ssize_t>(put, 0);
+        length -= static_cast<std::size_t>(std::max<ssize_t>(put, 0));
+    }
+    return true;
+}
+
+} // namespace
+
+std::string show_status(bool json)
+{
+    std::vector<row> rows = {{"SLOT", "NAME", "CARD", "ROLE", "STATE", "PRIMARY FLASH"}};
+    nlohmann::json cards = nlohmann::json::array();
+    for (const unsigned slot : card_slots()) {
+        const card_status card = status_of(slot);
+        rows.push_back(row_of(card));
+        cards.push_back(json_of(card));
+    }
+    if (!json)
+        return table_of(rows);
+    const nlohmann::json chassis = {{"name", read_line("name")}, {"cards", cards}};
+    // Names are a person's; bytes that are no UTF-8 must not make the output unreadable.
+    return chassis.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+void print_log(unsigned slot, bool follow)
+{
+    require_serving_slot(slot);
+    const std::string path = chassis_slot_path(slot, "log");
+    const unique_fd log(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!log)
+        throw launcher_error("card " + std::to_string(slot) + ": has no log yet; it was never up");
+    char piece[16 * 1024];
+    for (;;) {
+        const ssize_t got = ::read(log.get(), piece, sizeof piece);
+        if (got < 0 && errno != EINTR)
+            throw system_error_of(path);
+        if (got > 0 && !print_all(piece, static_cast<std::size_t>(got)))
+            return;
+        if (got == 0 && !follow)
+            return;
+        if (got == 0)
+            std::this_thread::sleep_for(FOLLOW_INTERVAL);
+    }
+}

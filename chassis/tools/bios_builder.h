@@ -1,0 +1,19 @@
+// BIOS images of the x86n kind: header at the start, firmware at the end, erased flash between them.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "bios_header.h"
+
+// "8" or "16" is a number of MiB, "64K" one of KiB. Bytes; throws image_error for anything else, and for a size
+// that is not a multiple of 4 KiB or larger than 64 MiB.
+std::size_t parse_image_size(const std::string &text);
+
+// "MAJOR.MINOR" and "MM/DD/YY" put into a header. Throws image_error unless every number can be told by the
+// header's fields and the date exists.
+bios_header parse_bios_header(const std::string &version, const std::string &date);
+
+// The image: the header in its first bytes, the payload so that it ends with the image (there the processor
+// fetches its first instruction), 0xFF everywhere else. Throws image_error when the payload does not fit.
+std::string build_bios_image(const bios_header &header, std::size_t image_bytes, const std::string &payload);

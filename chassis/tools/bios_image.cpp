@@ -1,0 +1,111 @@
+// bios_image: makes the images that the daemon programs, from any firmware file.
+//
+//   bios_image build   a BIOS image with header and version
+//   bios_image system  a system image that carries BIOS images
+//   bios_image tree    the image tree of a running system
+//   bios_image show    version and size of a BIOS image
+//
+// Exit status: 0 done, 1 failed, 64 wrong usage.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bios_builder.h"
+#include "image_archive.h"
+#include "system_image.h"
+
+namespace
+{
+
+constexpr int EXIT_USAGE = 64;
+
+struct build_options {
+    std::string output;
+    std::string size = "8";
+    std::string version;
+    std::string date;
+    std::string payload;
+};
+
+struct ship_options {
+    std::string destination;
+    std::vector<std::string> images;
+};
+
+std::vector<shipped_bios> parse_images(const std::vector<std::string> &texts)
+{
+    std::vector<shipped_bios> images;
+    for (const std::string &text : texts)
+        images.push_back(parse_shipped_bios(text));
+    return images;
+}
+
+void build(const build_options &options)
+{
+    const std::string payload = options.payload.empty() ? std::string() : read_whole_file(options.payload);
+    const bios_header header = parse_bios_header(options.version, options.date);
+    replace_file(options.output, build_bios_image(header, parse_image_size(options.size), payload));
+}
+
+void show(const std::string &path)
+{
+    const std::string image = read_whole_file(path);
+    bios_header header{};
+    if (image.size() < BIOS_HEADER_BYTES || !bios_header_read(image.data(), header))
+        throw image_error(path + ": has no BIOS header");
+    std::printf("version%s\nsize     %zu bytes\n", bios_header_text(header).c_str(), image.size());
+}
+
+void add_build(CLI::App &app, build_options &options)
+{
+    CLI::App *command = app.add_subcommand("build", "Make a BIOS image");
+    command->add_option("--output", options.output, "The image to write")->required();
+    command->add_option("--size", options.size, "Size in MiB, or in KiB with a K behind it")->capture_default_str();
+    command->add_option("--version", options.version, "Version, MAJOR.MINOR")->required();
+    command->add_option("--date", options.date, "Date of the build, MM/DD/YY")->required();
+    command->add_option("--payload", options.payload, "Firmware that is placed at the image's end");
+    command->callback([&options] { build(options); });
+}
+
+void add_shipping(CLI::App &app, ship_options &system, ship_options &tree)
+{
+    CLI::App *command = app.add_subcommand("system", "Make a system image that carries BIOS images");
+    command->add_option("--output", system.destination, "The system image to write")->required();
+    command->add_option("--bios", system.images, "NAME.gz=FILE, once for each BIOS image")->required();
+    command->callback([&system] { build_system_image(system.destination, parse_images(system.images)); });
+
+    command = app.add_subcommand("tree", "Put BIOS images into an image tree");
+    command->add_option("--root", tree.destination, "Folder that has or gets vesk/bin")->required();
+    command->add_option("--bios", tree.images, "NAME.gz=FILE, once for each BIOS image")->required();
+    command->callback([&tree] { build_image_tree(tree.destination, parse_images(tree.images)); });
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app("Makes BIOS images, and the system images and image trees that carry them.", "bios_image");
+    app.require_subcommand(1);
+    build_options build_line;
+    ship_options system_line;
+    ship_options tree_line;
+    std::string shown;
+    add_build(app, build_line);
+    add_shipping(app, system_line, tree_line);
+    CLI::App *command = app.add_subcommand("show", "Show version and size of a BIOS image");
+    command->add_option("FILE", shown, "BIOS image")->required();
+    command->callback([&shown] { show(shown); });
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &problem) {
+        return app.exit(problem) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "bios_image: %s\n", failure.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,86 @@
+#include "chassis_transport.h"
+
+#include <algorithm>
+
+#include "chassis_dir.h"
+#include "mts_endpoint.h"
+#include "pfm.h"
+
+namespace
+{
+
+constexpr std::uint32_t TOOLS_NODE = 1;
+
+std::uint32_t node_of_slot(std::uint32_t slot)
+{
+    if (slot == 0)
+        return TOOLS_NODE;
+    const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
+    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
+    return slot * 256 + (supervisor ? 1 : 2);
+}
+
+bool address_is_bound(std::uint32_t node, std::uint32_t sap)
+{
+    const unique_fd directory = mts_directory_open();
+    mts_socket_identity identity;
+    return directory && mts_directory_connect(directory.get(), {node, sap}, identity);
+}
+
+} // namespace
+
+std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode)
+{
+    mts_endpoint *endpoint = mts_endpoint_of(handle);
+    if (endpoint == nullptr)
+        return -1;
+    return mts_guarded([&] {
+        std::vector<std::uint32_t> &listens = endpoint->listens;
+        if (std::find(listens.begin(), listens.end(), opcode) != listens.end())
+            return 0;
+        listens.push_back(opcode);
+        if (mts_listener_add(endpoint->directory.get(), {opcode, endpoint->address}) == 0)
+            return 0;
+        listens.pop_back();
+        return -1;
+    });
+}
+
+void chassis_mts_unbind(std::int32_t handle)
+{
+    (void)mts_guarded([&] {
+        mts_endpoint_unbind(handle);
+        return 0;
+    });
+}
+
+std::uint32_t chassis_mts_payload_length(const mts_message_t *message) { return message->header.payload_bytes; }
+
+std::int32_t chassis_mts_address(std::int32_t handle, mts_address_t *address_out)
+{
+    const mts_endpoint *endpoint = mts_endpoint_of(handle);
+    if (endpoint == nullptr)
+        return -1;
+    *address_out = endpoint->address;
+    return 0;
+}
+
+std::int32_t chassis_mts_descriptor(std::int32_t handle)
+{
+    const mts_endpoint *endpoint = mts_endpoint_of(handle);
+    return endpoint != nullptr ? endpoint->socket.get() : -1;
+}
+
+std::uint32_t chassis_mts_node_of_slot(std::uint32_t slot)
+{
+    try {
+        return node_of_slot(slot);
+    } catch (...) {
+        return 0;
+    }
+}
+
+bool chassis_mts_is_bound(std::uint32_t node, std::uint32_t sap)
+{
+    return mts_guarded([&] { return address_is_bound(node, sap) ? 1 : 0; }) == 1;
+}

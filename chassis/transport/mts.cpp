@@ -1,0 +1,127 @@
+// The message transport's calls (platform/mts.h).
+#include "mts.h"
+
+#include "chassis_transport.h"
+#include "mts_endpoint.h"
+
+namespace
+{
+
+mts_frame_header header_of(mts_frame_kind kind, std::uint32_t opcode)
+{
+    mts_frame_header header{};
+    header.kind = kind;
+    header.opcode = opcode;
+    return header;
+}
+
+// Each listener gets the message or not by itself; there may be none.
+int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, const mts_payload &payload)
+{
+    if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    const int directory = endpoint.directory.get();
+    for (const mts_listener &listener : mts_listeners(directory)) {
+        if (listener.opcode != header.opcode)
+            continue;
+        if (mts_endpoint_send(endpoint, listener.address, header, payload, nullptr) != 0 && errno == ECONNREFUSED)
+            mts_listener_remove_dead(directory, listener);
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name)
+{
+    if (kind != 1 || sap < -1 || options == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return mts_guarded([&] { return mts_endpoint_bind(sap, name); });
+}
+
+int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10])
+{
+    mts_endpoint *endpoint = mts_endpoint_of(handle);
+    if (endpoint == nullptr)
+        return -1;
+    if (message_out == nullptr || options == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return mts_guarded([&] {
+        std::unique_ptr<mts_message> message = mts_endpoint_take_kept(*endpoint);
+        if (!message) {
+            const std::int64_t now = mts_now_us();
+            const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * 1'000'000;
+            message = mts_endpoint_receive(*endpoint, mts_wanted::messages, now, deadline);
+        }
+        if (!message)
+            return -1;
+        *message_out = message.release();
+        return 0;
+    });
+}
+
+uint32_t mts_opc_get(const mts_message_t *message) { return message != nullptr ? message->header.opcode : 0; }
+
+void *mts_payload_get(mts_message_t *message) { return message->payload.get(); }
+
+int32_t mts_saddr_get(const mts_message_t *message, mts_address_t *address_out)
+{
+    if (message == nullptr || address_out == nullptr)
+        return -1;
+    *address_out = {message->header.source_node, message->header.source_sap};
+    return 0;
+}
+
+int32_t mts_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, const void *payload, uint32_t length,
+                 uint32_t, uint32_t, uint32_t)
+{
+    mts_endpoint *endpoint = mts_endpoint_of(handle);
+    if (endpoint == nullptr)
+        return -1;
+    if (payload == nullptr && length != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return mts_guarded([&] {
+        const mts_frame_header header = header_of(mts_frame_kind::unsolicited, opcode);
+        const mts_payload whole = {payload, length, nullptr, 0};
+        if (node == MTS_NODE_LISTENERS)
+            return send_to_listeners(*endpoint, header, whole);
+        return mts_endpoint_send(*endpoint, {node, sap}, header, whole, nullptr);
+    });
+}
+
+int32_t mts_respond_reject(int32_t handle, uint32_t, uint32_t, mts_message_t *message, uint32_t, uint32_t)
+{
+    mts_endpoint *endpoint = mts_endpoint_of(handle);
+    if (endpoint == nullptr)
+        return -1;
+    if (message == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (message->header.kind != mts_frame_kind::request)
+        return 0; // nobody waits for an answer
+    return mts_guarded([&] {
+        mts_frame_header header = header_of(mts_frame_kind::reject, message->header.opcode);
+        header.request_id = message->header.request_id;
+        return mts_endpoint_send(*endpoint, {message->header.source_node, message->header.source_sap}, header, {},
+                                 nullptr);
+    });
+}
+
+int32_t mts_drop(int32_t, mts_message_t *message)
+{
+    if (message == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    delete message;
+    return 0;
+}

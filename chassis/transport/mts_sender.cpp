@@ -1,0 +1,171 @@
+// Sending: connections to destinations, kept for the next message, and the bounded wait for a full receiver.
+#include "mts_endpoint.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <poll.h>
+
+#include "chassis_transport.h"
+
+namespace
+{
+
+constexpr std::int64_t FULL_RECEIVER_WAIT_US = 2'000'000;
+constexpr std::size_t SENDERS_LIMIT = 32; // connections kept per endpoint
+
+// What recvmsg and sendmsg need for one frame.
+struct outgoing {
+    mts_frame_header header;
+    std::array<iovec, 3> part;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    unique_fd memory_file;
+    msghdr message;
+};
+
+iovec part_of(const void *data, std::size_t bytes) { return {const_cast<void *>(data), bytes}; }
+
+void attach_memory_file(outgoing &frame)
+{
+    std::memset(frame.control, 0, sizeof frame.control);
+    frame.message.msg_control = frame.control;
+    frame.message.msg_controllen = sizeof frame.control;
+    cmsghdr *control = CMSG_FIRSTHDR(&frame.message);
+    control->cmsg_level = SOL_SOCKET;
+    control->cmsg_type = SCM_RIGHTS;
+    control->cmsg_len = CMSG_LEN(sizeof(int));
+    const int descriptor = frame.memory_file.get();
+    std::memcpy(CMSG_DATA(control), &descriptor, sizeof descriptor);
+}
+
+// 0, or -1 with errno when the memory file of a large payload cannot be made.
+int prepare(outgoing &frame, const mts_payload &payload)
+{
+    frame.message = {};
+    frame.message.msg_iov = frame.part.data();
+    frame.part[0] = part_of(&frame.header, sizeof frame.header);
+    if (payload.size() <= MTS_INLINE_PAYLOAD_BYTES) {
+        frame.header.place = mts_frame_place::in_datagram;
+        frame.part[1] = part_of(payload.head, payload.head_bytes);
+        frame.part[2] = part_of(payload.body, payload.body_bytes);
+        frame.message.msg_iovlen = frame.part.size();
+        return 0;
+    }
+    frame.header.place = mts_frame_place::memory_file;
+    frame.memory_file = mts_memory_file(payload);
+    if (!frame.memory_file)
+        return -1;
+    frame.message.msg_iovlen = 1;
+    attach_memory_file(frame);
+    return 0;
+}
+
+auto find_sender(mts_endpoint &endpoint, mts_address_t to)
+{
+    return std::find_if(endpoint.senders.begin(), endpoint.senders.end(), [&](const mts_sender &sender) {
+        return sender.address.node == to.node && sender.address.sap == to.sap;
+    });
+}
+
+void forget_sender(mts_endpoint &endpoint, mts_address_t to)
+{
+    const auto found = find_sender(endpoint, to);
+    if (found != endpoint.senders.end())
+        endpoint.senders.erase(found);
+}
+
+// The connection to a destination, made when there is none. Null with errno.
+mts_sender *sender_to(mts_endpoint &endpoint, mts_address_t to)
+{
+    const auto found = find_sender(endpoint, to);
+    if (found != endpoint.senders.end()) {
+        std::rotate(found, found + 1, endpoint.senders.end());
+        return &endpoint.senders.back();
+    }
+    mts_sender fresh{};
+    fresh.address = to;
+    fresh.socket = mts_directory_connect(endpoint.directory.get(), to, fresh.identity);
+    if (!fresh.socket)
+        return nullptr;
+    if (endpoint.senders.size() == SENDERS_LIMIT)
+        endpoint.senders.erase(endpoint.senders.begin());
+    endpoint.senders.push_back(std::move(fresh));
+    return &endpoint.senders.back();
+}
+
+// Waits until the receiver may have room. false when there was none until the deadline.
+bool wait_for_room(const mts_sender &sender, std::int64_t deadline)
+{
+    const std::int64_t left_ms = (deadline - mts_now_us() + 999) / 1000;
+    if (left_ms <= 0)
+        return false;
+    pollfd room = {sender.socket.get(), POLLOUT, 0};
+    (void)::poll(&room, 1, static_cast<int>(left_ms)); // when a signal ends it the caller tries and comes again
+    return true;
+}
+
+// 0, or -1 with the errno of sendmsg or MTS_ERRNO_TIMED_OUT. A receiver that has kept one message waiting in vain
+// is not waited for again until it takes one: a caller that sends many must not stand still for each.
+int send_to(mts_sender &sender, const msghdr &message)
+{
+    std::int64_t deadline = 0;
+    for (;;) {
+        if (::sendmsg(sender.socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+            sender.stuck = false;
+            return 0;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN)
+            return -1;
+        if (deadline == 0)
+            deadline = mts_now_us() + FULL_RECEIVER_WAIT_US;
+        if (sender.stuck || !wait_for_room(sender, deadline)) {
+            sender.stuck = true;
+            errno = MTS_ERRNO_TIMED_OUT;
+            return -1;
+        }
+    }
+}
+
+bool means_dead_receiver(int error)
+{
+    return error == ECONNREFUSED || error == ECONNRESET || error == ENOTCONN || error == EPIPE;
+}
+
+} // namespace
+
+int mts_endpoint_send(mts_endpoint &endpoint, mts_address_t to, mts_frame_header header, const mts_payload &payload,
+                      mts_socket_identity *identity_out)
+{
+    if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    outgoing frame;
+    frame.header = header;
+    frame.header.magic = MTS_FRAME_MAGIC;
+    frame.header.version = MTS_FRAME_VERSION;
+    frame.header.source_node = endpoint.address.node;
+    frame.header.source_sap = endpoint.address.sap;
+    frame.header.payload_bytes = static_cast<std::uint32_t>(payload.size());
+    if (prepare(frame, payload) != 0)
+        return -1;
+
+    // A kept connection may lead to a process that is gone and has a successor: connect anew, once.
+    for (unsigned attempt = 0; attempt < 2; ++attempt) {
+        mts_sender *sender = sender_to(endpoint, to);
+        if (sender == nullptr)
+            return -1;
+        if (send_to(*sender, frame.message) == 0) {
+            if (identity_out != nullptr)
+                *identity_out = sender->identity;
+            return 0;
+        }
+        if (!means_dead_receiver(errno))
+            return -1;
+        forget_sender(endpoint, to);
+    }
+    errno = ECONNREFUSED;
+    return -1;
+}
