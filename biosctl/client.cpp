@@ -1,0 +1,124 @@
+#include "client.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+
+#include "bios_opcodes.h"
+#include "chassis_dir.h"
+#include "chassis_transport.h"
+#include "cmi.h"
+
+namespace
+{
+
+constexpr std::uint32_t BIND_KIND = 1;
+constexpr std::int32_t ANY_SAP = -1;
+constexpr std::array<std::uint32_t, MTS_BIND_OPTION_WORDS> BIND_OPTIONS{1, 0, 1024, 0, 0, 15};
+constexpr std::uint32_t REQUEST_TYPE = 3;
+constexpr const char *ENDPOINT_NAME = "biosctl";
+
+struct free_block {
+    void operator()(void *block) const { std::free(block); }
+};
+
+} // namespace
+
+std::optional<std::uint32_t> received_message::word(std::size_t offset) const
+{
+    be32 value{};
+    if (payload.size() < sizeof value || offset > payload.size() - sizeof value)
+        return std::nullopt;
+    std::memcpy(&value, payload.data() + offset, sizeof value);
+    return value.load();
+}
+
+client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS.data(), ENDPOINT_NAME)) {}
+
+client_endpoint::~client_endpoint()
+{
+    if (bound())
+        chassis_mts_unbind(handle_);
+}
+
+bool client_endpoint::listen(std::uint32_t opcode)
+{
+    return chassis_mts_listen(handle_, opcode) == 0;
+}
+
+request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode,
+                                        std::span<const std::uint8_t> body, unsigned wait_limit_s)
+{
+    void *block = nullptr;
+    auto length = static_cast<std::uint32_t>(body.size());
+    errno = 0;
+    const std::int32_t result =
+        cmi_remote_req_resp(opcode, REQUEST_TYPE, body.data(), &block, &length, ENDPOINT_NAME, ENDPOINT_NAME,
+                            BIOS_DAEMON_SAP, node, handle_, wait_limit_s);
+    const int error = errno;
+    const std::unique_ptr<void, free_block> owned(block);
+    if (result == -1)
+        return {.error = error};
+    request_answer answer{.answered = true, .status = static_cast<std::uint32_t>(result)};
+    if (result == 0 && block != nullptr) {
+        const auto *bytes = static_cast<const std::uint8_t *>(block);
+        answer.payload.assign(bytes, bytes + length);
+    }
+    return answer;
+}
+
+std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
+{
+    std::array<std::uint32_t, MTS_RECV_OPTION_WORDS> options{};
+    options[MTS_RECV_OPTION_MODE] = 1;
+    options[MTS_RECV_OPTION_WAIT_S] = wait_limit_s;
+    mts_message_t *msg = nullptr;
+    if (mts_recv(handle_, &msg, options.data()) != 0)
+        return std::nullopt;
+    received_message message;
+    message.opcode = mts_opc_get(msg);
+    (void)mts_saddr_get(msg, &message.source); // fails for null only
+    const auto *bytes = static_cast<const std::uint8_t *>(mts_payload_get(msg));
+    message.payload.assign(bytes, bytes + chassis_mts_payload_length(msg));
+    (void)mts_drop(handle_, msg);
+    return message;
+}
+
+daemon_probe::daemon_probe(std::uint32_t node) : node_(node), first_(endpoint_file(node)) {}
+
+std::optional<daemon_probe::file_identity> daemon_probe::endpoint_file(std::uint32_t node)
+{
+    char path[64];
+    (void)std::snprintf(path, sizeof path, "mts/%08x.%08x", node, BIOS_DAEMON_SAP);
+    struct stat status {
+    };
+    if (::fstatat(chassis_dir_fd(), path, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return file_identity{status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+}
+
+bool daemon_probe::alive() const
+{
+    return first_ && first_ == endpoint_file(node_) && chassis_mts_is_bound(node_, BIOS_DAEMON_SAP);
+}
+
+std::string no_answer_text(int error)
+{
+    switch (error) {
+    case ECONNREFUSED:
+        return "no daemon serves there";
+    case ECONNRESET:
+        return "the daemon ended while it was asked";
+    case EOPNOTSUPP:
+        return "the daemon rejected the request";
+    case MTS_ERRNO_TIMED_OUT:
+        return "the daemon did not answer in time";
+    default:
+        return std::string("the request could not be sent: ") + std::strerror(error);
+    }
+}

@@ -1,0 +1,9 @@
+#include "explain.h"
+
+outcome run_explain(std::uint32_t code)
+{
+    const result_description result = describe_result(code);
+    const std::string text = code_text(code) + " (" + result.name + "): " + result.meaning +
+                             "\n  flash: " + result.flash + "\n  next: " + result.next;
+    return {find_result(code) != nullptr ? EXIT_DONE : EXIT_NOT_FOUND, text, json_of(result)};
+}

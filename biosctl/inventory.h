@@ -1,0 +1,27 @@
+// The chassis as its inventory files describe it at the moment of the call.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// Makes this process a tool of a chassis.
+//   dir  path of the chassis directory; empty: the environment's, else ./chassis.d
+// false when there is no chassis; where_out tells where it was looked for.
+[[nodiscard]] bool open_chassis(const std::string &dir, std::string &where_out);
+
+// Whether a card is entered for a module number (1..232).
+bool module_exists(unsigned module);
+
+// Node of a module's daemon: module * 256 + 1 on a supervisor, module * 256 + 2 on any other card.
+std::uint32_t node_of_module(unsigned module);
+
+// Whether the supervisor state of a slot is "active".
+bool slot_is_active(unsigned slot);
+
+// Slot of the active supervisor; the lowest if there are several, none if there is none.
+std::optional<unsigned> active_supervisor();
+
+// Whether the card in a slot is of a kind whose daemon programs module 18 whatever module it is asked for.
+bool slot_programs_one_module_only(unsigned slot);
+constexpr unsigned ONLY_MODULE_OF_SUCH_SLOTS = 18;

@@ -1,0 +1,49 @@
+#include "outcome.h"
+
+#include <cstdio>
+
+outcome failure(exit_code exit, const std::string &what, const std::string &next)
+{
+    return {exit, what + "\n  next: " + next, {{"error", what}, {"next", next}}};
+}
+
+outcome failure_by_code(const std::string &what, std::uint32_t code)
+{
+    const result_description result = describe_result(code);
+    outcome end{result.exit,
+                what + ": " + code_text(code) + " (" + result.name + "): " + result.meaning +
+                    "\n  flash: " + result.flash + "\n  next: " + result.next,
+                json_of(result)};
+    if (end.exit == EXIT_DONE)
+        end.exit = EXIT_FAILED;
+    end.json["error"] = what;
+    return end;
+}
+
+nlohmann::ordered_json json_of(const result_description &result)
+{
+    return {{"result", code_text(result.code)},
+            {"name", result.name},
+            {"meaning", result.meaning},
+            {"flash", result.flash},
+            {"next", result.next}};
+}
+
+int print_outcome(const outcome &end, bool json)
+{
+    if (json) {
+        nlohmann::ordered_json document = end.json;
+        document["exit_code"] = static_cast<int>(end.exit);
+        // Text that came in from outside need not be UTF-8.
+        const std::string text = document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        (void)std::printf("%s\n", text.c_str());
+    } else if (end.exit == EXIT_DONE) {
+        (void)std::printf("%s\n", end.message.c_str());
+    } else {
+        (void)std::fprintf(stderr, "biosctl: %s\n", end.message.c_str());
+    }
+    // Success that could not be told is none.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;
+    return end.exit;
+}

@@ -1,0 +1,28 @@
+// How a command ended: the exit code and what is told about it, for people and for programs.
+#pragma once
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "exit_codes.h"
+#include "result_text.h"
+
+struct outcome {
+    exit_code exit = EXIT_DONE;
+    std::string message;         // for people; lines without the last newline
+    nlohmann::ordered_json json; // for programs; an object
+};
+
+// A command that could not do its work: what is wrong (with the place) and what to do next.
+outcome failure(exit_code exit, const std::string &what, const std::string &next);
+
+// The same for a result code: "what: 0x4071000a (busy): meaning", the flash's state and what to do next.
+outcome failure_by_code(const std::string &what, std::uint32_t code);
+
+// The members of a code that every JSON answer about it has: result, name, meaning, flash, next.
+nlohmann::ordered_json json_of(const result_description &result);
+
+// Prints an outcome and gives its exit code. With json: one JSON object on standard output and nothing else.
+// Without: success on standard output, anything else on standard error.
+[[nodiscard]] int print_outcome(const outcome &end, bool json);

@@ -1,0 +1,126 @@
+#include "program.h"
+
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "bios_opcodes.h"
+#include "bios_results.h"
+#include "client.h"
+#include "interrupt.h"
+#include "inventory.h"
+#include "lock_holders.h"
+#include "program_report.h"
+#include "program_wait.h"
+#include "serving_slot.h"
+
+namespace
+{
+
+// The daemon answers before it does any work, but it may be busy with the installation of a boot loader.
+constexpr unsigned ANSWER_WAIT_LIMIT_S = 300;
+
+std::string slot_text(unsigned slot)
+{
+    return "slot " + std::to_string(slot);
+}
+
+// Which module the card in the serving slot will program, and a word when it is not the one asked for.
+program_subject subject_of(const program_options &options, unsigned slot)
+{
+    program_subject subject{options.module, options.module, slot};
+    if (!slot_is_active(slot))
+        subject.programmed_module = slot;
+    else if (slot_programs_one_module_only(slot))
+        subject.programmed_module = ONLY_MODULE_OF_SUCH_SLOTS;
+    if (subject.programmed_module == options.module)
+        return subject;
+    const char *why = slot_is_active(slot)
+                          ? "the supervisor in it programs that module whatever it is asked for"
+                          : "the card in it is not the active supervisor and programs its own flash";
+    (void)std::fprintf(stderr, "biosctl: note: %s programs module %u, not %u: %s\n", slot_text(slot).c_str(),
+                       subject.programmed_module, options.module, why);
+    return subject;
+}
+
+void warn_about_image(const program_options &options, unsigned slot)
+{
+    if (!options.image || !slot_is_active(slot))
+        return;
+    if (options.image->starts_with("bootflash:") || options.image->starts_with("file:///"))
+        return;
+    (void)std::fprintf(stderr,
+                       "biosctl: note: if %s cannot map the image URI '%s' to a path it programs the BIOS of "
+                       "its image tree instead\n",
+                       slot_text(slot).c_str(), options.image->c_str());
+}
+
+outcome report_refused(const program_subject &subject, std::uint32_t node, std::uint32_t status)
+{
+    const std::string what = "module " + std::to_string(subject.programmed_module) + ": " +
+                             slot_text(subject.serving_slot) + " refused to program";
+    outcome refused = failure_by_code(what, status);
+    refused.json["outcome"] = "refused";
+    if (status != BIOS_ERR_BUSY)
+        return refused;
+    for (const std::uint32_t locked : {node, node_of_module(subject.programmed_module)}) {
+        const auto holder = find_lock_holder(locked);
+        if (!holder)
+            continue;
+        refused.message += "\n  lock: module " + std::to_string(locked / 256) + " is " + holder_text(*holder);
+        refused.json["locked_module"] = locked / 256;
+        refused.json["holder"] = holder_text(*holder);
+        break;
+    }
+    return refused;
+}
+
+// Told by the handler of Ctrl-C while the answer to the request is waited for.
+std::string last_words(bool json)
+{
+    const outcome end = failure(EXIT_INTERRUPTED,
+                                "interrupted before the answer came; the card may take the request yet and program",
+                                "look at it with: chassis status");
+    if (!json)
+        return "biosctl: " + end.message + "\n";
+    nlohmann::ordered_json document = end.json;
+    document["exit_code"] = static_cast<int>(end.exit);
+    return document.dump(2) + "\n";
+}
+
+request_answer send_request(client_endpoint &endpoint, std::uint32_t node, const program_options &options,
+                            bool json)
+{
+    const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO, last_words(json));
+    return endpoint.request(node, MTS_OPC_BIOS_PROGRAMMING_START, encode_program_request(options),
+                            ANSWER_WAIT_LIMIT_S);
+}
+
+} // namespace
+
+outcome run_program(const program_options &options, bool json)
+{
+    const serving_slot serving = find_serving_slot(options.module, options.via);
+    if (!serving.slot)
+        return serving.problem;
+    const unsigned slot = *serving.slot;
+    const std::uint32_t node = node_of_module(slot);
+    const program_subject subject = subject_of(options, slot);
+    warn_about_image(options, slot);
+
+    client_endpoint endpoint;
+    if (!endpoint.bound() || !endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY))
+        return no_endpoint_failure();
+    catch_interrupt();
+    const daemon_probe daemon(node);
+    const request_answer answer = send_request(endpoint, node, options, json);
+    if (!answer.answered)
+        return no_answer_failure(slot, answer.error);
+    if (answer.status != BIOS_OK)
+        return report_refused(subject, node, answer.status);
+
+    progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
+    const programming_end end =
+        watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
+    return report_programming(subject, end);
+}

@@ -1,0 +1,144 @@
+#include "program_wait.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unistd.h>
+
+#include "bios_messages.h"
+#include "bios_opcodes.h"
+#include "interrupt.h"
+#include "lock_holders.h"
+
+namespace
+{
+
+using steady = std::chrono::steady_clock;
+
+constexpr unsigned RECEIVE_WAIT_S = 1; // also how soon Ctrl-C and the time limit are noticed at the latest
+constexpr auto PROBE_INTERVAL = std::chrono::seconds(1);
+
+unsigned seconds_since(steady::time_point start)
+{
+    return static_cast<unsigned>(std::chrono::duration_cast<std::chrono::seconds>(steady::now() - start).count());
+}
+
+// Takes what came before and with the acceptance; true when the watched programming has ended already.
+//
+// A notice among it may be that of an earlier programming of the same module: the daemon reports it when the
+// request wakes it, and accepts the request then. It is ours when progress came before it, or when the daemon
+// holds its lock no more, which it takes before it accepts and frees before it reports.
+bool take_kept_messages(client_endpoint &endpoint, programming_watch &watch, progress_view &view)
+{
+    bool doubtful = false;
+    while (const auto message = endpoint.receive(0)) {
+        const bool ended = watch.take(*message);
+        view.show(watch.progress(), 0);
+        if (!ended)
+            continue;
+        if (message->opcode == MTS_OPC_BIOS_PROGRAMMING_DONE || watch.progress().seen)
+            return true;
+        doubtful = true;
+    }
+    if (!doubtful || find_lock_holder(watch.node()))
+        return false;
+    // The lock may have been freed this moment, and the notice about ours be on its way behind the doubtful one.
+    while (const auto message = endpoint.receive(RECEIVE_WAIT_S)) {
+        if (watch.take(*message))
+            break;
+    }
+    return true;
+}
+
+bool take_until_empty(client_endpoint &endpoint, programming_watch &watch)
+{
+    while (const auto message = endpoint.receive(0)) {
+        if (watch.take(*message))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool programming_watch::take(const received_message &message)
+{
+    if (message.source.node != node_)
+        return false;
+    switch (message.opcode) {
+    case MTS_OPC_BIOS_PROGRAMMING_PROGRESS:
+        take_progress(message);
+        return false;
+    case MTS_OPC_BIOS_PROGRAMMING_NOTIFY:
+        return take_notify(message);
+    case MTS_OPC_BIOS_PROGRAMMING_DONE:
+        return take_done(message);
+    default:
+        return false;
+    }
+}
+
+void programming_watch::take_progress(const received_message &message)
+{
+    const auto phase = message.word(offsetof(bios_programming_progress_t, phase));
+    const auto percent = message.word(offsetof(bios_programming_progress_t, percent));
+    const auto attempt = message.word(offsetof(bios_programming_progress_t, attempt));
+    if (!phase || !percent || !attempt || *percent > 100)
+        return;
+    progress_ = {true, *phase, std::max(progress_.percent, *percent), *attempt};
+}
+
+bool programming_watch::take_notify(const received_message &message)
+{
+    const auto result = message.word(offsetof(bios_programming_notify_t, result));
+    const auto module = message.word(offsetof(bios_programming_notify_t, programming_mod_num));
+    if (message.source.sap != BIOS_DAEMON_SAP || !result || !module || *module != module_)
+        return false;
+    result_ = *result;
+    return true;
+}
+
+bool programming_watch::take_done(const received_message &message)
+{
+    const auto result = message.word(offsetof(bios_programming_done_t, result));
+    if (message.source.sap != BIOS_DAEMON_SAP || !result)
+        return false;
+    result_ = *result;
+    return true;
+}
+
+programming_end watch_programming(client_endpoint &endpoint, const daemon_probe &daemon, programming_watch watch,
+                                  std::optional<unsigned> timeout_s, progress_view &view)
+{
+    const steady::time_point start = steady::now();
+    const auto end = [&](watch_end how) {
+        view.finish();
+        return programming_end{how, watch.result(), watch.progress(), seconds_since(start)};
+    };
+
+    if (take_kept_messages(endpoint, watch, view))
+        return end(watch_end::reported);
+
+    steady::time_point next_probe = start + PROBE_INTERVAL;
+    for (;;) {
+        view.show(watch.progress(), seconds_since(start));
+        const auto message = endpoint.receive(RECEIVE_WAIT_S);
+        const int error = errno;
+        if (message && watch.take(*message)) {
+            view.show(watch.progress(), seconds_since(start));
+            return end(watch_end::reported);
+        }
+        if (interrupted())
+            return end(watch_end::interrupted);
+        if (timeout_s && seconds_since(start) >= *timeout_s)
+            return end(watch_end::timed_out);
+        if (!message && error != MTS_ERRNO_TIMED_OUT && error != MTS_ERRNO_INTERRUPTED)
+            (void)::usleep(100'000); // a broken endpoint fails at once; the probe ends the wait
+        if (steady::now() < next_probe)
+            continue;
+        next_probe = steady::now() + PROBE_INTERVAL;
+        if (!daemon.alive()) {
+            // It may have reported right before it ended.
+            return end(take_until_empty(endpoint, watch) ? watch_end::reported : watch_end::vanished);
+        }
+    }
+}

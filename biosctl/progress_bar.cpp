@@ -1,0 +1,139 @@
+#include "progress_bar.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "bios_messages.h"
+
+namespace
+{
+
+constexpr std::size_t BAR_CELLS_MAX = 40;
+constexpr std::size_t BAR_CELLS_MIN = 5;
+constexpr unsigned DEFAULT_COLUMNS = 80;
+
+std::string bar(std::uint32_t percent, std::size_t cells)
+{
+    const std::size_t full = std::min<std::size_t>(percent, 100) * cells / 100;
+    return "[" + std::string(full, '#') + std::string(cells - full, '.') + "] ";
+}
+
+std::string detail_text(const progress_state &state, unsigned elapsed_s)
+{
+    if (!state.seen)
+        return "waiting for the first progress, " + elapsed_text(elapsed_s);
+    return std::string(phase_text(state.phase)) + ", attempt " + std::to_string(state.attempt) + ", " +
+           elapsed_text(elapsed_s);
+}
+
+unsigned terminal_columns(int fd)
+{
+    winsize size{};
+    if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return DEFAULT_COLUMNS;
+    return size.ws_col;
+}
+
+} // namespace
+
+const char *phase_text(std::uint32_t phase)
+{
+    switch (phase) {
+    case BIOS_PHASE_ERASE:
+        return "erasing";
+    case BIOS_PHASE_WRITE:
+        return "writing";
+    case BIOS_PHASE_VERIFY:
+        return "verifying";
+    default:
+        return "working";
+    }
+}
+
+std::string elapsed_text(unsigned seconds)
+{
+    char text[32];
+    const unsigned hours = seconds / 3600;
+    const unsigned minutes = seconds / 60 % 60;
+    if (hours > 0)
+        (void)std::snprintf(text, sizeof text, "%u:%02u:%02u", hours, minutes, seconds % 60);
+    else
+        (void)std::snprintf(text, sizeof text, "%02u:%02u", minutes, seconds % 60);
+    return text;
+}
+
+std::string progress_bar_text(const std::string &subject, const progress_state &state, unsigned elapsed_s,
+                              unsigned columns)
+{
+    char percent[16];
+    (void)std::snprintf(percent, sizeof percent, "%3u%% ", state.percent);
+    const std::string head = subject + ": ";
+    const std::string tail = percent + detail_text(state, elapsed_s);
+    // The last column stays free: some terminals wrap when it is written.
+    const std::size_t room = columns > 0 ? columns - 1 : 0;
+    const std::size_t taken = head.size() + tail.size() + std::string("[] ").size();
+    const std::size_t cells = room > taken ? std::min(room - taken, BAR_CELLS_MAX) : 0;
+    std::string text = head + (cells >= BAR_CELLS_MIN ? bar(state.percent, cells) : "") + tail;
+    if (text.size() > room)
+        text.resize(room);
+    return text;
+}
+
+std::string progress_line_text(const std::string &subject, const progress_state &state, unsigned elapsed_s)
+{
+    return subject + ": " + std::to_string(state.percent) + "% " + detail_text(state, elapsed_s);
+}
+
+std::optional<std::string> progress_lines::next(const progress_state &state, unsigned elapsed_s)
+{
+    const std::uint32_t tens = state.percent / 10;
+    if (!state.seen || (started_ && tens <= tens_ && state.attempt == attempt_))
+        return std::nullopt;
+    started_ = true;
+    tens_ = std::max(tens, tens_);
+    attempt_ = state.attempt;
+    return progress_line_text(subject_, state, elapsed_s);
+}
+
+progress_view::progress_view(int fd, std::string subject)
+    : fd_(fd),
+      terminal_(::isatty(fd) == 1),
+      subject_(subject),
+      lines_(std::move(subject))
+{
+}
+
+void progress_view::show(const progress_state &state, unsigned elapsed_s)
+{
+    if (terminal_) {
+        put("\r" + progress_bar_text(subject_, state, elapsed_s, terminal_columns(fd_)) + "\033[K");
+        drawn_ = true;
+        return;
+    }
+    if (const auto line = lines_.next(state, elapsed_s); line)
+        put(*line + "\n");
+}
+
+void progress_view::finish()
+{
+    if (drawn_)
+        put("\n");
+    drawn_ = false;
+}
+
+void progress_view::put(const std::string &text) const
+{
+    // A progress display that cannot be written is no reason to stop watching.
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t wrote = ::write(fd_, text.data() + done, text.size() - done);
+        if (wrote < 0 && errno == EINTR)
+            continue;
+        if (wrote <= 0)
+            return;
+        done += static_cast<std::size_t>(wrote);
+    }
+}

@@ -1,0 +1,38 @@
+// What the result codes of the daemon, the flash service, the boot-loader service and the module lock mean to
+// an operator: a name, the meaning, the state that the flash is left in, and what to do next.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "exit_codes.h"
+
+struct result_row {
+    std::uint32_t code;
+    const char *name;    // short, for programs: lower case, underscores
+    const char *meaning; // one sentence without a full stop
+    const char *flash;   // state of the BIOS flash after this result
+    const char *next;    // what to do next
+    exit_code exit;      // how biosctl ends; 0 for result 0 only with the proof that a flash was verified
+};
+
+// All rows, in order of their codes.
+std::span<const result_row> result_rows();
+
+// The row of a code; null for a code that is in no row.
+const result_row *find_result(std::uint32_t code);
+
+// What is known about a code: its row, or texts put together for a code that is in none.
+struct result_description {
+    std::uint32_t code;
+    std::string name;
+    std::string meaning;
+    std::string flash;
+    std::string next;
+    exit_code exit;
+};
+result_description describe_result(std::uint32_t code);
+
+// "0x4071000a".
+std::string code_text(std::uint32_t code);

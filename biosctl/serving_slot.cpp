@@ -1,0 +1,48 @@
+#include "serving_slot.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "client.h"
+#include "inventory.h"
+
+namespace
+{
+
+serving_slot not_in_chassis(const std::string &what)
+{
+    return {std::nullopt, failure(EXIT_NOT_FOUND, what, "see what is in the chassis with: chassis status")};
+}
+
+} // namespace
+
+serving_slot find_serving_slot(unsigned module, std::optional<unsigned> via)
+{
+    if (!module_exists(module))
+        return not_in_chassis("there is no module " + std::to_string(module) + " in the chassis");
+    if (via && !module_exists(*via))
+        return not_in_chassis("there is no card in slot " + std::to_string(*via) + " (--via) of the chassis");
+    if (via)
+        return {via, {}};
+    if (const auto active = active_supervisor(); active)
+        return {active, {}};
+    return {std::nullopt, failure(EXIT_FAILED, "no supervisor of the chassis is active",
+                                  "make one active (chassis status), or name the slot to ask with --via SLOT")};
+}
+
+outcome no_endpoint_failure()
+{
+    return failure(EXIT_FAILED,
+                   std::string("no transport endpoint could be bound in the chassis: ") + std::strerror(errno),
+                   "check that the chassis directory is yours and can be written, and that the chassis is up");
+}
+
+outcome no_answer_failure(unsigned slot, int error)
+{
+    std::string next = "check that the card is up (chassis status, chassis log " + std::to_string(slot) + ")";
+    if (error == MTS_ERRNO_TIMED_OUT || error == ECONNRESET)
+        next += "; it may have taken the request: look before you repeat it";
+    outcome end = failure(EXIT_FAILED, "slot " + std::to_string(slot) + ": " + no_answer_text(error), next);
+    end.json["serving_slot"] = slot;
+    return end;
+}
