@@ -122,7 +122,7 @@ bool flash_fault_rules::is_known_absent(flash_operation operation, std::uint32_t
 
 flash_fault flash_fault_rules::take(flash_operation operation, std::uint32_t sector)
 {
-    // Pages are many and short: looking for the file at each would take a third of the time of programming.
+    // Pages are many and short: looking for the file at each would take more time than programming them.
     if (is_known_absent(operation, sector))
         return flash_fault::none;
     quiet_sector_.reset();

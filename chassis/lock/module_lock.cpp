@@ -1,8 +1,9 @@
 // The module lock (platform/modlock.h): record locks of the system on one file that all cards share.
 //
-// Such a lock belongs to a process, is not inherited by its children and goes with it, however it ends. It would also
-// go when the process closed any descriptor of the file: there is one descriptor, kept for life, and whoever wants to
-// look at the locks goes through it. The system does not tell a process about its own locks; those are kept here.
+// Such a lock belongs to a process, is not inherited by its children and goes with it, however it ends. It would
+// also go when the process closed any descriptor of the file: there is one descriptor, kept for life, and whoever
+// wants to look at the locks goes through it. The system does not tell a process about its own locks; those are
+// kept here.
 #include "modlock.h"
 
 #include <algorithm>
@@ -52,11 +53,15 @@ bool open_lock_file(client &client)
     return static_cast<bool>(client.file);
 }
 
-bool is_open(client &client) { return client.file || open_lock_file(client); }
+bool is_open(client &client)
+{
+    return client.file || open_lock_file(client);
+}
 
 struct flock range(short type, std::uint32_t first, std::uint32_t count)
 {
-    struct flock lock{};
+    struct flock lock {
+    };
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     lock.l_start = static_cast<off_t>(first);
@@ -107,7 +112,7 @@ int collect_others(const client &client, std::uint32_t first, std::uint32_t end,
 }
 
 // The callers are built without exceptions; only memory can run out.
-template <class Call>
+template<class Call>
 std::int32_t guarded(Call call) noexcept
 {
     try {

@@ -31,8 +31,8 @@ std::string utc_now()
 bool module_lock_record_write(std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
 {
     char text[128];
-    std::snprintf(text, sizeof text, "%u %ld %u 0x%08x %s\n", chassis_own_slot(), static_cast<long>(::getpid()), owner,
-                  reason, utc_now().c_str());
+    std::snprintf(text, sizeof text, "%u %ld %u 0x%08x %s\n", chassis_own_slot(), static_cast<long>(::getpid()),
+                  owner, reason, utc_now().c_str());
     return chassis_write_file(record_path(node_id), text);
 }
 

@@ -54,7 +54,10 @@ void chassis_mts_unbind(std::int32_t handle)
     });
 }
 
-std::uint32_t chassis_mts_payload_length(const mts_message_t *message) { return message->header.payload_bytes; }
+std::uint32_t chassis_mts_payload_length(const mts_message_t *message)
+{
+    return message->header.payload_bytes;
+}
 
 std::int32_t chassis_mts_address(std::int32_t handle, mts_address_t *address_out)
 {

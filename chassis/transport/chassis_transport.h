@@ -4,16 +4,14 @@
 // Below the chassis directory:
 //   mts/NODE.SAP                   the endpoint's socket, both words as 8 hexadecimal digits
 //   mts/listen.OPCODE.NODE.SAP     the endpoint listens for the opcode
-//   transport/wait_limit_s         optional number: no request waits longer for its answer, whatever its caller says;
+//   transport/wait_limit_s         optional number: no request waits longer for its answer, whatever its caller
+//   says;
 //                                  read once per second of waiting, so a change counts for requests under way
 #pragma once
 
 #include <cstdint>
 
 #include "mts.h"
-
-// Largest payload that the transport carries; a larger one is refused with EMSGSIZE.
-constexpr std::uint32_t MTS_MAX_PAYLOAD_BYTES = 64u << 20;
 
 extern "C" {
 

@@ -86,8 +86,8 @@ std::int64_t deadline_of(const pending &request, std::uint32_t limit_s)
     return request.start + std::int64_t{std::min(limit_s, request.wait_limit_s)} * MICROSECONDS;
 }
 
-// Once a second it is looked whether the receiver still lives and whether the chassis's wait limit has changed. When
-// the receiver is gone, what it sent before is still read; then there is nothing left to wait for.
+// Once a second it is looked whether the receiver still lives and whether the chassis's wait limit has changed.
+// When the receiver is gone, what it sent before is still read; then there is nothing left to wait for.
 std::unique_ptr<mts_message> wait_for_answer(const pending &request)
 {
     std::int64_t now = request.start;

@@ -66,9 +66,15 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
     });
 }
 
-uint32_t mts_opc_get(const mts_message_t *message) { return message != nullptr ? message->header.opcode : 0; }
+uint32_t mts_opc_get(const mts_message_t *message)
+{
+    return message != nullptr ? message->header.opcode : 0;
+}
 
-void *mts_payload_get(mts_message_t *message) { return message->payload.get(); }
+void *mts_payload_get(mts_message_t *message)
+{
+    return message->payload.get();
+}
 
 int32_t mts_saddr_get(const mts_message_t *message, mts_address_t *address_out)
 {

@@ -53,7 +53,7 @@ sockaddr_un socket_address(mts_address_t address)
 }
 
 // Runs a call with the directory as the working directory and restores that. errno is the call's.
-template <class Call>
+template<class Call>
 int inside(int directory, Call call)
 {
     const unique_fd before(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -81,9 +81,8 @@ unique_fd connect_socket(int directory, mts_address_t address)
     if (!socket)
         return socket;
     const sockaddr_un name = socket_address(address);
-    const int result = inside(directory, [&] {
-        return ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&name), sizeof name);
-    });
+    const int result = inside(
+        directory, [&] { return ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&name), sizeof name); });
     if (result == 0)
         return socket;
     if (errno == ENOENT)
@@ -150,7 +149,8 @@ void sweep(int directory)
 {
     for (const std::string &name : names_in(directory)) {
         mts_address_t address{};
-        if (parse_socket_name(name, address) && address.sap >= MTS_FIRST_EPHEMERAL_SAP && is_dead(directory, address))
+        if (parse_socket_name(name, address) && address.sap >= MTS_FIRST_EPHEMERAL_SAP &&
+            is_dead(directory, address))
             remove_leftovers(directory, address);
     }
 }

@@ -31,7 +31,7 @@ struct mts_endpoint {
     std::vector<std::uint32_t> listens; // opcodes
     std::vector<mts_sender> senders;    // the most recently used last
 
-    std::int64_t socket_wait_us = 0; // receive time-out that the socket is set to; 0: none
+    std::int64_t socket_wait_us = 0;               // receive time-out that the socket is set to; 0: none
     std::deque<std::unique_ptr<mts_message>> kept; // received while waiting for an answer
     std::uint64_t kept_bytes = 0;
 };
@@ -72,7 +72,7 @@ int mts_endpoint_send(mts_endpoint &endpoint, mts_address_t to, mts_frame_header
                       mts_socket_identity *identity_out);
 
 // The platform's callers are C or built without exceptions: nothing thrown (only memory can run out) passes here.
-template <class Call>
+template<class Call>
 std::int32_t mts_guarded(Call call) noexcept
 {
     try {

@@ -29,7 +29,8 @@ void take_descriptors(const cmsghdr &control, mts_datagram &datagram)
 
 void take_control(msghdr &received, mts_datagram &datagram)
 {
-    for (cmsghdr *control = CMSG_FIRSTHDR(&received); control != nullptr; control = CMSG_NXTHDR(&received, control)) {
+    for (cmsghdr *control = CMSG_FIRSTHDR(&received); control != nullptr;
+         control = CMSG_NXTHDR(&received, control)) {
         if (control->cmsg_level != SOL_SOCKET)
             continue;
         if (control->cmsg_type == SCM_RIGHTS)

@@ -3,8 +3,9 @@
 //   datagram    = header, payload       when the payload is inline
 //               | header                when it is in a memory file, whose descriptor comes with the datagram
 //
-// Both ends are on one machine, so numbers are in host order; they are of fixed width, because a 32-bit daemon talks
-// to 64-bit tools. What arrives is checked in the order of trust: who sent it, its length, its header, its values.
+// Both ends are on one machine, so numbers are in host order; they are of fixed width, because a 32-bit daemon
+// talks to 64-bit tools. What arrives is checked in the order of trust: who sent it, its length, its header, its
+// values.
 #pragma once
 
 #include <cstddef>
@@ -83,11 +84,11 @@ struct mts_datagram {
         mts_frame_header header;
         std::uint8_t payload[MTS_INLINE_PAYLOAD_BYTES];
     } frame;
-    std::size_t bytes;       // of frame that were received
-    bool cut;                // the datagram was longer, or descriptors were lost
-    uid_t sender;            // (uid_t)-1 when unknown
-    unique_fd memory_file;   // the one descriptor that came
-    unsigned descriptors;    // how many came
+    std::size_t bytes;     // of frame that were received
+    bool cut;              // the datagram was longer, or descriptors were lost
+    uid_t sender;          // (uid_t)-1 when unknown
+    unique_fd memory_file; // the one descriptor that came
+    unsigned descriptors;  // how many came
 };
 
 // Reads one datagram from a socket. flags as of recvmsg. 0, or -1 with the errno of recvmsg.

@@ -23,7 +23,10 @@ struct outgoing {
     msghdr message;
 };
 
-iovec part_of(const void *data, std::size_t bytes) { return {const_cast<void *>(data), bytes}; }
+iovec part_of(const void *data, std::size_t bytes)
+{
+    return {const_cast<void *>(data), bytes};
+}
 
 void attach_memory_file(outgoing &frame)
 {
