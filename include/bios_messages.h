@@ -27,6 +27,121 @@ struct bios_module_lock_reply_t {
 };
 static_assert(sizeof(bios_module_lock_reply_t) == 12);
 
+// Version reports. Text fields are zero-padded, and not NUL-terminated when the text fills them.
+
+// MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, request body. Numbers in the sender's own byte order.
+struct bios_src_version_req {
+    std::uint32_t def; // not 0: the images of the image tree; 0: image_path names the image
+    char image_path[256];
+    std::uint32_t progress_node; // where progress notices go
+    std::uint32_t progress_sap;
+};
+static_assert(sizeof(bios_src_version_req) == 268);
+static_assert(offsetof(bios_src_version_req, image_path) == 4);
+static_assert(offsetof(bios_src_version_req, progress_node) == 260);
+static_assert(offsetof(bios_src_version_req, progress_sap) == 264);
+
+// MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, answer: the header and one slot per row of the card, of which the first count
+// are filled.
+struct bios_src_version_reply {
+    be32 status;
+    be32 count;
+};
+static_assert(sizeof(bios_src_version_reply) == 8);
+
+struct bios_src_version_entry {
+    be32 reserved;      // 0
+    be32 swid;          // flash kind of the row
+    char swid_str[128]; // label of the row
+    char ver[128];      // version in the image
+    be32 src_id;        // image format of the row
+};
+static_assert(sizeof(bios_src_version_entry) == 268);
+static_assert(offsetof(bios_src_version_entry, swid) == 4);
+static_assert(offsetof(bios_src_version_entry, swid_str) == 8);
+static_assert(offsetof(bios_src_version_entry, ver) == 136);
+static_assert(offsetof(bios_src_version_entry, src_id) == 264);
+
+// One flash's versions: entry of bios_new_vers_message and value of a type-0 TLV.
+struct bios_version_entry {
+    be32 stat;          // status of the version read
+    be32 swid;          // flash kind
+    char swid_str[128]; // label of the row
+    char cur[128];      // version in the flash
+    char run[128];      // version that runs
+};
+static_assert(sizeof(bios_version_entry) == 392);
+static_assert(offsetof(bios_version_entry, swid) == 4);
+static_assert(offsetof(bios_version_entry, swid_str) == 8);
+static_assert(offsetof(bios_version_entry, cur) == 136);
+static_assert(offsetof(bios_version_entry, run) == 264);
+
+// MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, request body; more may follow.
+struct bios_mod_version_req_t {
+    be32 module_num; // module asked for
+};
+static_assert(sizeof(bios_mod_version_req_t) == 4);
+
+// MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, answer: the header and num_entries times bios_version_entry.
+struct bios_new_vers_message {
+    be32 reserved;   // undefined
+    be32 module_num; // module described
+    be32 num_entries;
+    be32 bios_id; // 19 for the own card, a forwarded module's own word, 11 for a module that sent the short form
+};
+static_assert(sizeof(bios_new_vers_message) == 16);
+static_assert(offsetof(bios_new_vers_message, bios_id) == 12);
+
+// MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, answer when the module's versions are not to be had.
+struct bios_version_failure_t {
+    be32 failure; // all ones
+    be32 module_num;
+    be32 zero;
+    be32 reserved; // undefined
+};
+static_assert(sizeof(bios_version_failure_t) == 16);
+
+// MTS_OPC_BIOS_GET_LC_BIOS_VERSION, answer: bios_compat_version_msg_t and a TLV for each further row. Its three
+// records came one after the other; an old module sends the first alone.
+struct bios_get_lc_version_t {
+    be32 stat;
+    char cur[128];
+    char run[128];
+};
+static_assert(sizeof(bios_get_lc_version_t) == 260);
+static_assert(offsetof(bios_get_lc_version_t, run) == 132);
+
+struct bios_get_lc_version_swid_t {
+    be32 swid; // 19
+    char swid_str[128];
+};
+static_assert(sizeof(bios_get_lc_version_swid_t) == 132);
+
+struct tlv_aligned_array_t {
+    be32 count;
+};
+static_assert(sizeof(tlv_aligned_array_t) == 4);
+
+struct bios_compat_version_msg_t {
+    bios_get_lc_version_t version;   // the first row
+    bios_get_lc_version_swid_t swid; // the first row
+    tlv_aligned_array_t further_rows;
+};
+static_assert(sizeof(bios_compat_version_msg_t) == 396);
+static_assert(offsetof(bios_compat_version_msg_t, swid) == 260);
+static_assert(offsetof(bios_compat_version_msg_t, further_rows) == 392);
+
+enum bios_version_tlv : std::uint16_t {
+    BIOS_TLV_VERSION_ENTRY = 0, // value: bios_version_entry
+    BIOS_TLV_IGNORED = 1,       // value: 1 byte
+};
+
+struct bios_tlv_header_t {
+    be16 type;
+    be16 length; // of the value alone
+};
+static_assert(sizeof(bios_tlv_header_t) == 4);
+
 // MTS_OPC_BIOS_PROGRAMMING_START, request body; also forwarded to the target module as it stands.
 struct bios_programming_req_t {
     be32 programming_mod_num; // module to program, 1-based slot number

@@ -51,7 +51,7 @@ int32_t get_ibexpeak_tarvik_a_bios_flash_version(char *version_out, uint32_t fla
 
 // Version text of a BIOS image file.
 //   phys_offset  0
-//   version_out  128 bytes
+//   version_out  at least 128 bytes, of which 128 may be written
 int32_t get_bios_src_version(const char *image_path, uint32_t phys_offset, char *version_out);
 int32_t get_ibexpeak_bios_src_version(const char *image_path, uint32_t phys_offset, char *version_out);
 

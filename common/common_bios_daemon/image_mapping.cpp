@@ -13,13 +13,11 @@
 namespace
 {
 
-// A device has no size to ask for; its mapping is as long as it was granted.
+// A device has no size that could be asked for; its mapping is as long as it was granted.
 std::size_t bytes_behind(int fd, std::size_t length, std::uint32_t offset)
 {
     struct stat64 status = {}; // the 32-bit one fails on large inode numbers
-    if (::fstat64(fd, &status) != 0)
-        return 0;
-    if (!S_ISREG(status.st_mode))
+    if (::fstat64(fd, &status) != 0 || !S_ISREG(status.st_mode))
         return length;
     if (status.st_size <= static_cast<off64_t>(offset))
         return 0;

@@ -165,7 +165,8 @@ std::int32_t get_x86s_bios_version(const char *path, std::uint32_t phys_offset, 
     image_mapping image;
     if (const std::int32_t result = image.map(path, X86S_MAPPED_BYTES, phys_offset); result != 0)
         return result;
-    if (image.readable_bytes() < X86S_HEADER_OFFSET + HEADER_BYTES || magic_string_check(image.bytes()) < 0)
+    if (image.readable_bytes() < HEADER_BYTES || magic_string_check(image.bytes()) < 0 ||
+        image.readable_bytes() < X86S_HEADER_OFFSET + HEADER_BYTES)
         return no_version(image, version_out);
 
     char header[HEADER_BYTES + 1] = {};

@@ -66,24 +66,29 @@ void run_silently(const command_line &command)
     (void)exec_cmd_with_files_print(command.text, nullptr, NO_OUTPUT, NO_OUTPUT, 0);
 }
 
-void enter_work_directory(const image_paths &paths)
+// Tells whether the work directory could be entered.
+bool enter_work_directory(const image_paths &paths)
 {
     const command_line make("/bin/mkdir -p %s", paths.work_directory);
     run_visibly(make);
     BIOS_LOG("executing %s", make.text);
-    (void)!::chdir(paths.work_directory);
+    const bool entered = ::chdir(paths.work_directory) == 0;
     BIOS_LOG("dest path=%s", paths.temporary);
     char *current = ::get_current_dir_name();
     BIOS_LOG("current dir=%s", current);
     std::free(current);
+    return entered;
 }
 
-// A child that was killed may have left these behind; they must not be taken for this request's image.
-void remove_leftovers(const image_paths &paths)
+// What a killed child left behind must not be taken for this request's image. Elsewhere than in the work directory
+// the relative names are those of the running system's own image.
+void remove_leftovers(const image_paths &paths, bool in_work_directory)
 {
+    (void)std::remove(command_line("%s.gz", paths.temporary).text);
+    if (!in_work_directory)
+        return;
     (void)std::remove(CORE_PLUGIN);
     (void)std::remove(command_line(".%s", paths.source).text);
-    (void)std::remove(command_line("%s.gz", paths.temporary).text);
 }
 
 void unpack_from_system_image(const char *image_path, const image_paths &paths)
@@ -148,8 +153,7 @@ std::int32_t extract_bios_image(std::int32_t handle, std::uint32_t, const char *
     const image_paths paths(src_path, tmp_path);
     BIOS_LOG("source path is = %s, %s, %s", image_path != nullptr ? image_path : "(null)", paths.source,
              paths.temporary);
-    enter_work_directory(paths);
-    remove_leftovers(paths);
+    remove_leftovers(paths, enter_work_directory(paths));
     if (image_path == nullptr)
         unpack_from_image_tree(paths);
     else if (is_harmless_path(image_path))

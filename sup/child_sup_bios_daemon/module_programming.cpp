@@ -84,6 +84,7 @@ std::int32_t wait_for_completion(std::int32_t handle, std::uint32_t requester_no
         }
         ++time_outs;
         std::putchar('W');
+        (void)std::fflush(stdout); // a progress mark for who looks on
         if (time_outs > MAX_TIME_OUTS)
             return bios_signed(BIOS_ERR_NO_COMPLETION);
     }

@@ -2,26 +2,19 @@
 // cleans up. A supervisor that is not active finds the image already unpacked: the active one sent it over.
 #include "programming_child.h"
 
-#include <cstdlib>
-#include <memory>
-
 #include "bios_daemon_state.h"
 #include "bios_log.h"
 #include "bios_results.h"
 #include "card_identification.h"
 #include "card_table.h"
 #include "flash_walk.h"
+#include "free_block.h"
 #include "module_programming.h"
 #include "pfm.h"
 #include "sysmgr.h"
 
 namespace
 {
-
-struct free_block {
-    void operator()(void *block) const { std::free(block); }
-};
-using owned_card_table = std::unique_ptr<bios_card_table, free_block>;
 
 std::uint32_t module_card_id(std::uint32_t module)
 {

@@ -14,6 +14,7 @@
 #include "running_version.h"
 #include "sdwrap.h"
 #include "sysmgr.h"
+#include "version_requests.h"
 
 namespace
 {
@@ -39,7 +40,10 @@ struct served_opcode {
 
 constexpr served_opcode SERVED_OPCODES[] = {
     {MTS_OPC_BIOS_MODULE_LOCK, handle_module_lock},
+    {MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, handle_get_src_bios_version},
+    {MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, handle_get_mod_bios_version},
     {MTS_OPC_BIOS_PROGRAMMING_START, handle_programming_start},
+    {MTS_OPC_BIOS_GET_LC_BIOS_VERSION, handle_get_lc_bios_version},
 };
 
 std::uint32_t dispatch(daemon_context &context, std::uint32_t opcode, mts_message_t *message)

@@ -30,10 +30,12 @@ const char *map_image(bios_programming_req_t &request, std::uint32_t &status)
     status = BIOS_OK;
     if (request.def.load() != 0)
         return nullptr;
-    // A text that fills its field is cut there; what follows is the mapper's output.
-    if (std::memchr(request.uri, '\0', sizeof request.uri) == nullptr)
-        request.uri[sizeof request.uri - 1] = '\0';
-    const char *image_path = uri_map_targetfs_path_get(request.uri, request.local_path);
+    // A text that fills its field is cut there: the mapper gets a copy, the request is forwarded as it came.
+    char cut_uri[sizeof request.uri] = {};
+    const bool ended = std::memchr(request.uri, '\0', sizeof request.uri) != nullptr;
+    if (!ended)
+        std::memcpy(cut_uri, request.uri, sizeof cut_uri - 1);
+    const char *image_path = uri_map_targetfs_path_get(ended ? request.uri : cut_uri, request.local_path);
     if (image_path == nullptr) {
         BIOS_LOG("Unable to get tagetfs path for the URI");
         status = BIOS_ERR_URI;
