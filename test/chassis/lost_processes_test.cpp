@@ -1,0 +1,110 @@
+// Daemons and programming children that are killed.
+#include <csignal>
+
+#include "chassis_fixture.h"
+
+namespace
+{
+
+class LostProcesses : public chassis_test
+{
+protected:
+    void SetUp() override
+    {
+        insert({.slot = 1});
+        up();
+    }
+    // The notice that an end without a result is.
+    void expect_unproven(const programming &seen) const
+    {
+        EXPECT_EQ(seen.result, std::optional<std::uint32_t>(0)) << seen;
+        EXPECT_FALSE(seen.verified()) << seen;
+    }
+    void expect_half_programmed() const
+    {
+        EXPECT_TRUE(is_marked(1));
+        std::string version;
+        EXPECT_EQ(flash_version(1, version), -61) << version;
+        EXPECT_NE(flash_of(1) == old_image().bytes, true);
+        EXPECT_NE(flash_of(1) == new_image().bytes, true);
+        expect_tidy(1, {".tmpbios.bin"});
+    }
+    bool wait_for_new_daemon(pid_t old) const
+    {
+        return wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != old && serves(); });
+    }
+
+private:
+    bool serves() const { return file_content(slot_file(1, "state")).starts_with("serving"); }
+};
+
+} // namespace
+
+TEST_F(LostProcesses, ChildKilledBeforeItWritesLeavesTheFlashAlone)
+{
+    requester asking;
+    programming seen = asking.start(1);
+    ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
+    ASSERT_EQ(::kill(child_pid(1), SIGKILL), 0);
+    asking.await_end(seen);
+
+    expect_unproven(seen);
+    EXPECT_TRUE(seen.progress.empty()) << seen;
+    EXPECT_EQ(flash_of(1) == old_image().bytes, true);
+    EXPECT_FALSE(is_marked(1));
+    expect_tidy(1, {".tmpbios.bin", ".tmpbios.bin.gz"});
+    expect_next_succeeds();
+}
+
+TEST_F(LostProcesses, ChildKilledWhileItErasesLeavesAMarkedFlashThatTheNextRequestRepairs)
+{
+    set_faults(1, "torn erase 5");
+    const programming seen = program(1);
+    expect_unproven(seen);
+    EXPECT_FALSE(seen.progress.empty()) << seen;
+    expect_half_programmed();
+    expect_next_succeeds();
+}
+
+TEST_F(LostProcesses, ChildKilledWhileItWritesLeavesAMarkedFlashThatTheNextRequestRepairs)
+{
+    set_faults(1, "torn program 300");
+    const programming seen = program(1);
+    expect_unproven(seen);
+    EXPECT_FALSE(seen.progress.empty()) << seen;
+    expect_half_programmed();
+    expect_next_succeeds();
+}
+
+TEST_F(LostProcesses, ChildKilledBeforeTheMarkerGoesLeavesAMarkedFlashThatTheNextRequestRepairs)
+{
+    set_faults(1, "stop marker 2");
+    const programming seen = program(1);
+    expect_unproven(seen);
+    EXPECT_TRUE(is_marked(1));
+    expect_tidy(1, {".tmpbios.bin"});
+    expect_next_succeeds();
+}
+
+TEST_F(LostProcesses, KilledDaemonTakesItsChildAlongAndIsStartedAgain)
+{
+    write_file(flash_file(1, "timing"), "1\n"); // slow enough to be met at work
+    requester asking;
+    programming seen = asking.start(1);
+    ASSERT_TRUE(asking.await_progress(
+        seen,
+        [](const programming &so_far) { return !so_far.progress.empty() && so_far.progress.back().percent > 10; },
+        std::chrono::seconds(60)))
+        << seen;
+    const pid_t daemon = daemon_pid(1);
+    const pid_t child = child_pid(1);
+    ASSERT_NE(child, 0);
+
+    ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+
+    EXPECT_TRUE(wait_until([&] { return ::kill(child, 0) != 0; })) << "the child outlived its daemon";
+    ASSERT_TRUE(wait_for_new_daemon(daemon));
+    expect_half_programmed();
+    write_file(flash_file(1, "timing"), "0\n");
+    expect_next_succeeds();
+}

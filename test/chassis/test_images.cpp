@@ -1,0 +1,136 @@
+#include "test_images.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <random>
+#include <stdexcept>
+
+#include "run_program.h"
+
+namespace
+{
+
+constexpr std::size_t HEADER_SPACE = 4096; // left free at the image's beginning
+constexpr const char *BUILD_DATE = "05/06/24";
+
+// A folder that goes with the test program; readable by every user, as cards may be run by another one.
+class image_folder
+{
+public:
+    image_folder()
+    {
+        char name[] = "/tmp/chassis_images.XXXXXX";
+        if (::mkdtemp(name) == nullptr)
+            throw std::runtime_error("mkdtemp");
+        path_ = name;
+        std::filesystem::permissions(path_, std::filesystem::perms(0755));
+    }
+    ~image_folder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    image_folder(const image_folder &) = delete;
+    image_folder &operator=(const image_folder &) = delete;
+
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+std::string random_bytes(const std::string &seed_text, std::size_t length)
+{
+    std::seed_seq seed(seed_text.begin(), seed_text.end());
+    std::mt19937 random(seed);
+    std::string bytes(length, '\0');
+    for (char &byte : bytes)
+        byte = static_cast<char>(random() & 0xff);
+    return bytes;
+}
+
+void run_bios_image(std::vector<std::string> words)
+{
+    words.insert(words.begin(), BIOS_IMAGE_PROGRAM);
+    const finished_program finished = run_program(words);
+    if (finished.exit_code != 0)
+        throw std::runtime_error("bios_image " + words[1] + ": " + finished.errors);
+}
+
+test_image build_image(const std::string &folder, const std::string &version, unsigned size_kib)
+{
+    const std::string name = version + "-" + std::to_string(size_kib);
+    const std::string payload = folder + "/" + name + ".payload";
+    write_file(payload, random_bytes(name, std::size_t{size_kib} * 1024 - HEADER_SPACE));
+    test_image made{folder + "/" + name + ".bin", {}, "  v" + version + ".0(" + BUILD_DATE + ")"};
+    run_bios_image({"build", "--output", made.path, "--size", std::to_string(size_kib) + "K", "--version", version,
+                    "--date", BUILD_DATE, "--payload", payload});
+    std::filesystem::remove(payload);
+    made.bytes = file_content(made.path);
+    return made;
+}
+
+} // namespace
+
+const test_image &image(const std::string &version, unsigned size_kib)
+{
+    static const image_folder folder;
+    static std::map<std::pair<std::string, unsigned>, test_image> made;
+    const auto key = std::pair(version, size_kib);
+    auto found = made.find(key);
+    if (found == made.end())
+        found = made.emplace(key, build_image(folder.path(), version, size_kib)).first;
+    return found->second;
+}
+
+const test_image &old_image()
+{
+    return image("1.2");
+}
+
+const test_image &new_image()
+{
+    return image("2.5");
+}
+
+std::string shipped_name(unsigned card_id)
+{
+    static const std::map<unsigned, std::string> names = {
+        {90, "bios-x86n.bin.gz"},           {106, "bios-x86n-o2.bin.gz"},       {107, "bios-x86n-o2-qel.bin.gz"},
+        {183, "bios-x86n-tarvik-a.bin.gz"}, {314, "bios-x86n-tarvik-f.bin.gz"}, {316, "bios-x86n-tarvik-g.bin.gz"},
+        {318, "bios-x86n-tarvik-h.bin.gz"},
+    };
+    return names.at(card_id);
+}
+
+void make_image_tree(const std::string &folder, unsigned card_id, const test_image &shipped)
+{
+    std::filesystem::create_directories(folder);
+    run_bios_image({"tree", "--root", folder, "--bios", shipped_name(card_id) + "=" + shipped.path});
+}
+
+void make_system_image(const std::string &path, unsigned card_id, const test_image &shipped)
+{
+    run_bios_image({"system", "--output", path, "--bios", shipped_name(card_id) + "=" + shipped.path});
+}
+
+std::string file_content(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (!file)
+        throw std::runtime_error(path + ": cannot be read");
+    return content;
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+    file.close();
+    if (!file)
+        throw std::runtime_error(path + ": cannot be written");
+}
