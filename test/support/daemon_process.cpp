@@ -1,0 +1,90 @@
+#include "daemon_process.h"
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "recording_platform.h"
+
+extern "C" {
+int daemon_main(int argument_count, char **arguments) __attribute__((weak)); // only linked where it is run
+int __lsan_do_recoverable_leak_check() __attribute__((weak));
+pid_t __real_fork();
+pid_t __real_waitpid(pid_t pid, int *status, int options);
+}
+
+namespace
+{
+
+constexpr unsigned daemon_deadline_s = 30;
+constexpr int script_end_status = 200;
+
+bool is_daemon_process;
+
+[[noreturn]] void leave(int status)
+{
+    if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0)
+        platform().note("leak");
+    (void)std::fflush(nullptr);
+    ::_exit(status & 0xff);
+}
+
+[[noreturn]] void be_the_daemon(const std::string &output_path)
+{
+    is_daemon_process = true;
+    (void)::alarm(daemon_deadline_s);
+    if (std::freopen(output_path.c_str(), "w", stdout) == nullptr)
+        ::_exit(EXIT_FAILURE);
+    platform().end_of_script = [] {
+        platform().note("end of script");
+        leave(script_end_status);
+    };
+    std::array<char, 12> name{"bios_daemon"};
+    std::array<char *, 2> arguments{name.data(), nullptr};
+    const int result = daemon_main(1, arguments.data());
+    platform().note("main returned " + hexed(static_cast<std::uint32_t>(result)));
+    end_daemon_process(result);
+}
+
+} // namespace
+
+bool in_daemon_process() { return is_daemon_process; }
+
+void end_daemon_process(int status)
+{
+    auto handlers = std::exchange(platform().exit_handlers, {});
+    for (auto handler = handlers.rbegin(); handler != handlers.rend(); ++handler)
+        handler->first(status, handler->second);
+    leave(status);
+}
+
+daemon_end run_daemon()
+{
+    if (daemon_main == nullptr)
+        throw std::logic_error("this test program is linked without the daemon's main");
+    const std::string output_file = "/tmp/output";
+    (void)std::fflush(nullptr);
+    const pid_t pid = __real_fork();
+    if (pid < 0)
+        throw std::runtime_error("cannot fork the daemon");
+    if (pid == 0)
+        be_the_daemon(platform().path(output_file));
+
+    int status = 0;
+    if (__real_waitpid(pid, &status, 0) != pid)
+        throw std::runtime_error("the daemon process was lost");
+    daemon_end end;
+    end.output = platform().read_file(output_file).value_or("");
+    if (WIFSIGNALED(status))
+        end.killed_by = ::strsignal(WTERMSIG(status));
+    else if (WEXITSTATUS(status) == script_end_status)
+        end.script_ended = true;
+    else
+        end.exit_status = WEXITSTATUS(status);
+    return end;
+}

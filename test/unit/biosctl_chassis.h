@@ -1,0 +1,294 @@
+// What the tests of the built biosctl share: a chassis in a folder of its own, a daemon that follows a script,
+// and a run of the program.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "big_endian.h"
+#include "bios_messages.h"
+#include "bios_opcodes.h"
+#include "chassis_dir.h"
+#include "chassis_transport.h"
+#include "cmi.h"
+#include "unique_fd.h"
+
+constexpr auto TEST_DEADLINE = std::chrono::seconds(60);
+
+// A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5.
+class test_chassis
+{
+public:
+    test_chassis()
+    {
+        char name[] = "/tmp/biosctl_test.XXXXXX";
+        if (::mkdtemp(name) == nullptr)
+            throw std::runtime_error("mkdtemp");
+        path_ = name;
+        for (const char *folder : {"mts", "locks", "transport"}) {
+            std::filesystem::create_directory(path_ + "/" + folder);
+            std::filesystem::permissions(path_ + "/" + folder, std::filesystem::perms::owner_all);
+        }
+        insert(27, 1, 206, 1);
+        insert(28, 1, 206, 2);
+        insert(5, 2, 90, 0);
+    }
+    ~test_chassis()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    test_chassis(const test_chassis &) = delete;
+    test_chassis &operator=(const test_chassis &) = delete;
+
+    void insert(unsigned slot, unsigned kind, unsigned card_id, unsigned sup_state) const
+    {
+        const std::string folder = path_ + "/inventory/" + std::to_string(slot);
+        std::filesystem::create_directories(folder);
+        std::ofstream(folder + "/kind") << kind << "\n";
+        std::ofstream(folder + "/card_id") << card_id << "\n";
+        std::ofstream(folder + "/sup_state") << sup_state << "\n";
+    }
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The daemon's side of a script; lives in the daemon's process.
+class daemon_side
+{
+public:
+    daemon_side(const std::string &chassis, unsigned slot)
+    {
+        if (chassis_attach(chassis, slot) != 0)
+            ::_exit(70);
+        handle_ = bind(static_cast<std::int32_t>(BIOS_DAEMON_SAP));
+        child_ = bind(-1);
+    }
+
+    // The body of the next message, which has to be a request of the opcode.
+    std::vector<std::uint8_t> receive(std::uint32_t opcode)
+    {
+        std::uint32_t options[MTS_RECV_OPTION_WORDS] = {1, 0, 30};
+        if (mts_recv(handle_, &msg_, options) != 0 || mts_opc_get(msg_) != opcode)
+            ::_exit(72);
+        (void)mts_saddr_get(msg_, &requester_);
+        const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(msg_));
+        return {payload + MTS_REQUEST_HEADER_BYTES, payload + chassis_mts_payload_length(msg_)};
+    }
+    void answer(std::uint32_t status, const void *payload = "\0\0\0", std::uint32_t length = 4)
+    {
+        (void)cmi_response(payload, length, handle_, msg_, status);
+        (void)mts_drop(handle_, msg_);
+    }
+    void reject()
+    {
+        (void)mts_respond_reject(handle_, 0, 0, msg_, 0, 0);
+        (void)mts_drop(handle_, msg_);
+    }
+    void progress(std::uint32_t phase, std::uint32_t percent, std::uint32_t attempt = 1)
+    {
+        const bios_programming_progress_t record{be32::of(phase), be32::of(percent), be32::of(attempt)};
+        send_as(child_, requester_, MTS_OPC_BIOS_PROGRAMMING_PROGRESS, &record, sizeof record);
+    }
+    void notify(std::uint32_t result, std::uint32_t module)
+    {
+        const bios_programming_notify_t record{be32::of(result), be32::of(module)};
+        notify_bytes(&record, sizeof record);
+    }
+    void notify_bytes(const void *bytes, std::uint32_t length)
+    {
+        send_as(handle_, {MTS_NODE_LISTENERS, 0}, MTS_OPC_BIOS_PROGRAMMING_NOTIFY, bytes, length);
+    }
+    void done(std::uint32_t result)
+    {
+        const be32 word = be32::of(result);
+        to_requester(MTS_OPC_BIOS_PROGRAMMING_DONE, &word, sizeof word);
+    }
+    void to_requester(std::uint32_t opcode, const void *bytes, std::uint32_t length)
+    {
+        send_as(handle_, requester_, opcode, bytes, length);
+    }
+    void send_to(mts_address_t to, std::uint32_t opcode, const void *bytes, std::uint32_t length)
+    {
+        send_as(handle_, to, opcode, bytes, length);
+    }
+
+private:
+    static std::int32_t bind(std::int32_t sap)
+    {
+        static constexpr std::uint32_t options[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
+        const std::int32_t handle = mts_bind(1, sap, options, "scripted daemon");
+        if (handle < 0)
+            ::_exit(71);
+        return handle;
+    }
+    static void send_as(std::int32_t handle, mts_address_t to, std::uint32_t opcode, const void *bytes,
+                        std::uint32_t length)
+    {
+        (void)mts_send(handle, to.node, to.sap, opcode, bytes, length, 0, 0, 0);
+    }
+
+    std::int32_t handle_ = -1;
+    std::int32_t child_ = -1;
+    mts_message_t *msg_ = nullptr;
+    mts_address_t requester_{};
+};
+
+// A process that serves a slot's daemon endpoint as the script says, and then stays until it is ended.
+class scripted_daemon
+{
+public:
+    using script_function = std::function<void(daemon_side &)>;
+
+    scripted_daemon(const test_chassis &chassis, unsigned slot, const script_function &script)
+    {
+        int ready[2];
+        if (::pipe(ready) != 0)
+            throw std::runtime_error("pipe");
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            daemon_side side(chassis.path(), slot);
+            (void)!::write(ready[1], "r", 1);
+            ::close(ready[0]);
+            ::close(ready[1]);
+            script(side);
+            for (;;)
+                ::pause();
+        }
+        ::close(ready[1]);
+        char byte = 0;
+        const ssize_t got = ::read(ready[0], &byte, 1);
+        ::close(ready[0]);
+        if (got != 1)
+            throw std::runtime_error("the scripted daemon did not come up");
+    }
+    ~scripted_daemon() { kill(); }
+    scripted_daemon(const scripted_daemon &) = delete;
+    scripted_daemon &operator=(const scripted_daemon &) = delete;
+
+    void kill()
+    {
+        if (pid_ <= 0)
+            return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+// One run of the built program; its streams are read while it runs.
+class biosctl_run
+{
+public:
+    explicit biosctl_run(const std::vector<std::string> &words)
+    {
+        int out[2];
+        int err[2];
+        if (::pipe(out) != 0 || ::pipe(err) != 0)
+            throw std::runtime_error("pipe");
+        pid_ = ::fork();
+        if (pid_ == 0)
+            start(words, out, err);
+        ::close(out[1]);
+        ::close(err[1]);
+        streams_[0].reset(out[0]);
+        streams_[1].reset(err[0]);
+    }
+    ~biosctl_run()
+    {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    biosctl_run(const biosctl_run &) = delete;
+    biosctl_run &operator=(const biosctl_run &) = delete;
+
+    // Reads until standard error holds the text; false at the program's end or the deadline.
+    bool wait_for_error_text(const std::string &text)
+    {
+        return read_until([&] { return text_[1].find(text) != std::string::npos; });
+    }
+    void signal(int number) const { ::kill(pid_, number); }
+
+    // Waits for the end; the exit code, or -1 when it did not end in time or not by itself.
+    int exit_code()
+    {
+        (void)read_until([] { return false; });
+        if (streams_[0] || streams_[1])
+            return -1;
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    const std::string &out() const { return text_[0]; }
+    const std::string &err() const { return text_[1]; }
+
+private:
+    [[noreturn]] static void start(const std::vector<std::string> &words, const int out[2], const int err[2])
+    {
+        (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::dup2(out[1], STDOUT_FILENO);
+        ::dup2(err[1], STDERR_FILENO);
+        for (const int fd : {out[0], out[1], err[0], err[1]})
+            ::close(fd);
+        ::unsetenv("CHASSIS_DIR");
+        ::unsetenv("CHASSIS_DIR_FD");
+        std::vector<char *> arguments{const_cast<char *>("biosctl")};
+        for (const std::string &word : words)
+            arguments.push_back(const_cast<char *>(word.c_str()));
+        arguments.push_back(nullptr);
+        ::execv(BIOSCTL_PROGRAM, arguments.data());
+        ::_exit(127);
+    }
+
+    bool read_until(const std::function<bool()> &enough)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + TEST_DEADLINE;
+        while (!enough()) {
+            if ((!streams_[0] && !streams_[1]) || std::chrono::steady_clock::now() > deadline)
+                return false;
+            pollfd waiting[2] = {{streams_[0].get(), POLLIN, 0}, {streams_[1].get(), POLLIN, 0}};
+            if (::poll(waiting, 2, 1000) <= 0)
+                continue;
+            for (int k = 0; k < 2; ++k)
+                if (waiting[k].revents != 0)
+                    read_some(k);
+        }
+        return true;
+    }
+    void read_some(int k)
+    {
+        char piece[4096];
+        const ssize_t got = ::read(streams_[k].get(), piece, sizeof piece);
+        if (got <= 0)
+            streams_[k].reset();
+        else
+            text_[k].append(piece, static_cast<std::size_t>(got));
+    }
+
+    pid_t pid_ = -1;
+    unique_fd streams_[2];
+    std::string text_[2];
+};

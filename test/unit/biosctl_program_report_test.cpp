@@ -1,0 +1,106 @@
+// What is told about each end of a programming, and the exit code of it.
+#include <gtest/gtest.h>
+
+#include "program_report.h"
+
+namespace
+{
+
+constexpr program_subject SUBJECT{5, 5, 27};
+
+programming_end ended(watch_end how, std::uint32_t result, int percent)
+{
+    programming_end end{.how = how, .result = result, .elapsed_s = 42};
+    if (percent >= 0)
+        end.progress = {true, 2, static_cast<std::uint32_t>(percent), 1};
+    return end;
+}
+
+bool tells(const outcome &end, const std::string &text)
+{
+    return end.message.find(text) != std::string::npos;
+}
+
+} // namespace
+
+TEST(ProgramReport, SuccessNeedsResultZeroAndOneHundredPercent)
+{
+    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, 100));
+    EXPECT_EQ(end.exit, 0);
+    EXPECT_TRUE(tells(end, "module 5: programmed and verified"));
+    EXPECT_EQ(end.json["verified"], true);
+    EXPECT_EQ(end.json["outcome"], "programmed and verified");
+}
+
+TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
+{
+    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, -1));
+    EXPECT_EQ(end.exit, 1);
+    EXPECT_TRUE(tells(end, "nothing was programmed"));
+    EXPECT_TRUE(tells(end, "likely: "));
+    EXPECT_FALSE(tells(end, "programmed and verified"));
+    EXPECT_EQ(end.json["verified"], false);
+}
+
+TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
+{
+    for (const int percent : {0, 1, 99}) {
+        const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, percent));
+        EXPECT_EQ(end.exit, 1) << percent;
+        EXPECT_TRUE(tells(end, "not programmed")) << percent;
+        EXPECT_TRUE(tells(end, "do not reboot")) << percent;
+        EXPECT_FALSE(tells(end, "programmed and verified")) << percent;
+    }
+}
+
+TEST(ProgramReport, AFailureTellsCodeMeaningFlashAndNextStep)
+{
+    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710009, 30));
+    EXPECT_EQ(end.exit, 1);
+    EXPECT_TRUE(tells(end, "0x40710009 (erase_failed)"));
+    EXPECT_TRUE(tells(end, "\n  flash: may be corrupted: do not reboot"));
+    EXPECT_TRUE(tells(end, "\n  next: program the card again"));
+    EXPECT_EQ(end.json["result"], "0x40710009");
+    EXPECT_EQ(end.json["name"], "erase_failed");
+}
+
+TEST(ProgramReport, AFailureAfterTheVerificationSaysThatTheFlashIsGood)
+{
+    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710004, 100));
+    EXPECT_EQ(end.exit, 1);
+    EXPECT_TRUE(tells(end, "flash: programmed and verified before that"));
+}
+
+TEST(ProgramReport, AHarmlessCodeAfterAnAttemptThatChangedTheFlashWarnsAllTheSame)
+{
+    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::reported, 0x40710027, 30)), "do not reboot"));
+    EXPECT_FALSE(tells(report_programming(SUBJECT, ended(watch_end::reported, 0x40710027, 0)), "do not reboot"));
+    programming_end second = ended(watch_end::reported, 0x40710027, 0);
+    second.progress.attempt = 2;
+    EXPECT_TRUE(tells(report_programming(SUBJECT, second), "do not reboot"));
+}
+
+TEST(ProgramReport, NotNeededIsNothingToDo)
+{
+    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710001, -1));
+    EXPECT_EQ(end.exit, 2);
+    EXPECT_TRUE(tells(end, "nothing to do"));
+}
+
+TEST(ProgramReport, ADaemonThatEndedLeavesTheFlashAsFarAsItWasSeen)
+{
+    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::vanished, 0, 40)), "may be corrupted"));
+    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::vanished, 0, -1)), "flash: unknown"));
+    const outcome verified = report_programming(SUBJECT, ended(watch_end::vanished, 0, 100));
+    EXPECT_TRUE(tells(verified, "flash: programmed and verified"));
+    EXPECT_EQ(verified.exit, 1);
+}
+
+TEST(ProgramReport, AnInterruptAndATimeLimitSayThatItGoesOn)
+{
+    const outcome interrupted = report_programming(SUBJECT, ended(watch_end::interrupted, 0, 40));
+    EXPECT_EQ(interrupted.exit, 130);
+    EXPECT_TRUE(tells(interrupted, "goes on in the card"));
+    EXPECT_TRUE(tells(interrupted, "chassis status"));
+    EXPECT_EQ(report_programming(SUBJECT, ended(watch_end::timed_out, 0, 40)).exit, 1);
+}

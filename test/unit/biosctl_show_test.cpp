@@ -1,0 +1,644 @@
+// biosctl show and audit: the records as literal bytes, the table, and the built program against daemons that
+// follow a script.
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "biosctl_chassis.h"
+#include "card_versions.h"
+#include "lock_holders.h"
+#include "modlock.h"
+#include "show_report.h"
+#include "version_records.h"
+
+namespace
+{
+
+using bytes = std::vector<std::uint8_t>;
+
+constexpr const char *OLD = "v3.1.0(02/11/11)";
+constexpr const char *NEW = "v3.5.0(09/17/12)";
+
+void put_text(bytes &to, std::size_t offset, const std::string &text)
+{
+    std::copy(text.begin(), text.end(), to.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+// Answer about one flash as a daemon sends it, put together by offsets.
+bytes versions_answer(std::uint8_t module, const std::string &flash, const std::string &running)
+{
+    bytes answer(16 + 392);
+    answer[7] = module;
+    answer[11] = 1;
+    answer[15] = 19;
+    answer[16 + 7] = 11;
+    put_text(answer, 16 + 8, "swid-bios");
+    put_text(answer, 16 + 136, "  " + flash);
+    put_text(answer, 16 + 264, "  " + running);
+    return answer;
+}
+
+bytes failure_answer(std::uint8_t module)
+{
+    return {0xff, 0xff, 0xff, 0xff, 0, 0, 0, module, 0, 0, 0, 0, 0xab, 0xcd, 0xef, 0x01};
+}
+
+bytes source_answer(const std::string &version)
+{
+    bytes answer(8 + 268);
+    answer[7] = 1;
+    answer[8 + 7] = 11;
+    put_text(answer, 8 + 8, "swid-bios");
+    put_text(answer, 8 + 136, "  " + version);
+    answer[8 + 267] = 19;
+    return answer;
+}
+
+chassis_report report_of(std::vector<card_report> cards)
+{
+    return {.serving_slot = 27, .cards = std::move(cards)};
+}
+
+card_report card_of(unsigned module, const version_facts &facts)
+{
+    return {.module = module, .flashes = {{.label = "swid-bios", .facts = facts, .kind = judge(facts)}}};
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+chassis_module_lock_holder lock_on(std::uint16_t node, std::uint32_t slot, std::uint32_t pid, std::uint32_t reason)
+{
+    return {node, slot, pid, 129, reason, "2024-05-01T10:00:00Z"};
+}
+
+} // namespace
+
+TEST(VersionRequests, AreTheLiteralBodies)
+{
+    EXPECT_EQ(encode_module_version_request(27), (bytes{0, 0, 0, 27}));
+    bytes tree(268);
+    const std::uint32_t one = 1;
+    const std::uint32_t nobody = 0xfe000000;
+    std::memcpy(tree.data(), &one, 4); // numbers of this message are in this machine's order
+    std::memcpy(&tree[260], &nobody, 4);
+    EXPECT_EQ(encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES), tree);
+    bytes image(268);
+    put_text(image, 4, "/bootflash/a.img");
+    image[260] = 1;
+    image[264] = 0x39;
+    image[265] = 0x30;
+    EXPECT_EQ(encode_source_version_request("/bootflash/a.img", {1, 12345}), image);
+}
+
+TEST(VersionRequests, ATooLongPathStaysTerminated)
+{
+    const bytes body = encode_source_version_request(std::string(300, 'p'), NO_PROGRESS_NOTICES);
+    EXPECT_EQ(body[4 + 254], 'p');
+    EXPECT_EQ(body[4 + 255], 0);
+}
+
+TEST(ModuleVersions, AreTakenFromAnAnswer)
+{
+    const auto answer = decode_module_versions(versions_answer(5, OLD, NEW), 5);
+    ASSERT_EQ(answer.kind, module_answer_kind::versions);
+    ASSERT_EQ(answer.entries.size(), 1u);
+    EXPECT_EQ(answer.entries[0].label, "swid-bios");
+    EXPECT_EQ(answer.entries[0].flash, OLD);
+    EXPECT_EQ(answer.entries[0].running, NEW);
+}
+
+TEST(ModuleVersions, AllOnesInSixteenBytesAreUnreachable)
+{
+    EXPECT_EQ(decode_module_versions(failure_answer(5), 5).kind, module_answer_kind::unreachable);
+}
+
+TEST(ModuleVersions, TheUndefinedFirstWordOfAnAnswerWithEntriesMeansNothing)
+{
+    bytes answer = versions_answer(5, OLD, OLD);
+    std::fill_n(answer.begin(), 4, std::uint8_t{0xff});
+    EXPECT_EQ(decode_module_versions(answer, 5).kind, module_answer_kind::versions);
+}
+
+TEST(ModuleVersions, AnAnswerAboutAnotherModuleIsNotTakenForThisOne)
+{
+    EXPECT_EQ(decode_module_versions(versions_answer(18, OLD, OLD), 5).kind, module_answer_kind::other_module);
+    const auto failed = decode_module_versions(failure_answer(18), 5);
+    EXPECT_EQ(failed.kind, module_answer_kind::other_module);
+    EXPECT_EQ(failed.described_module, 18u);
+}
+
+TEST(ModuleVersions, NoLengthShorterThanItsEntriesIsTaken)
+{
+    const bytes whole = versions_answer(5, OLD, OLD);
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        const auto answer = decode_module_versions({whole.data(), length}, 5);
+        EXPECT_EQ(answer.kind, module_answer_kind::not_understood) << length;
+        EXPECT_TRUE(answer.entries.empty()) << length;
+    }
+}
+
+TEST(ModuleVersions, WildCountsAreNotUnderstood)
+{
+    for (const std::uint32_t count : {2u, 33u, 0x00a72f06u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+        bytes answer = versions_answer(5, OLD, OLD);
+        const be32 word = be32::of(count);
+        std::memcpy(&answer[8], &word, 4);
+        EXPECT_EQ(decode_module_versions(answer, 5).kind, module_answer_kind::not_understood) << count;
+    }
+    bytes many(16 + 33 * 392);
+    many[7] = 5;
+    many[11] = 33;
+    EXPECT_EQ(decode_module_versions(many, 5).kind, module_answer_kind::not_understood);
+}
+
+TEST(ModuleVersions, TextsWithoutEndAndWithControlCharactersStayInTheirField)
+{
+    bytes answer = versions_answer(5, OLD, OLD);
+    std::fill_n(answer.begin() + 16 + 136, 128, std::uint8_t{'f'});
+    std::fill_n(answer.begin() + 16 + 264, 128, std::uint8_t{'r'});
+    answer[16 + 8] = 0x1b;
+    answer[16 + 9] = 0xff;
+    const auto decoded = decode_module_versions(answer, 5);
+    ASSERT_EQ(decoded.entries.size(), 1u);
+    EXPECT_EQ(decoded.entries[0].flash, std::string(128, 'f'));
+    EXPECT_EQ(decoded.entries[0].running, std::string(128, 'r'));
+    EXPECT_EQ(decoded.entries[0].label, "??id-bios");
+}
+
+TEST(ModuleVersions, EmptyEntriesAreCountedAndLeftOut)
+{
+    bytes answer = versions_answer(5, OLD, OLD);
+    answer.resize(16 + 2 * 392);
+    answer[11] = 2;
+    const auto decoded = decode_module_versions(answer, 5);
+    EXPECT_EQ(decoded.kind, module_answer_kind::versions);
+    EXPECT_EQ(decoded.entries.size(), 1u);
+    EXPECT_EQ(decoded.empty_entries, 1u);
+}
+
+TEST(ModuleVersions, RandomBytesNeverTellOfMoreThanTheyHold)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    for (int round = 0; round < 2000; ++round) {
+        bytes answer(random() % 2000);
+        std::ranges::generate(answer, [&] { return static_cast<std::uint8_t>(random()); });
+        if (answer.size() >= 12) { // past the first checks, every second time
+            std::fill_n(answer.begin() + 4, 8, std::uint8_t{0});
+            answer[7] = 5;
+            answer[11] = static_cast<std::uint8_t>(random() % 8);
+        }
+        EXPECT_LE(16 + 392 * decode_module_versions(answer, 5).entries.size(), std::max<std::size_t>(answer.size(), 16));
+        const auto sources = decode_source_versions(answer);
+        EXPECT_LE(268 * (sources ? sources->entries.size() : 0), answer.size());
+    }
+}
+
+TEST(SourceVersions, AreTakenFromAnAnswer)
+{
+    const auto answer = decode_source_versions(source_answer(NEW));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 0u);
+    ASSERT_EQ(answer->entries.size(), 1u);
+    EXPECT_EQ(answer->entries[0].version, NEW);
+    EXPECT_EQ(answer->entries[0].image_format, 19u);
+}
+
+TEST(SourceVersions, OnlyTheFilledEntriesCount)
+{
+    bytes answer = source_answer(NEW);
+    answer[7] = 0;
+    ASSERT_TRUE(decode_source_versions(answer));
+    EXPECT_TRUE(decode_source_versions(answer)->entries.empty());
+    EXPECT_TRUE(decode_source_versions({}));
+}
+
+TEST(SourceVersions, ShortAnswersAndWildCountsAreNotUnderstood)
+{
+    const bytes whole = source_answer(NEW);
+    for (std::size_t length = 1; length < whole.size(); ++length)
+        EXPECT_FALSE(decode_source_versions(std::span(whole).first(length))) << length;
+    for (const std::uint32_t count : {2u, 33u, 0x00f48dffu, 0xffffffffu}) {
+        bytes answer = source_answer(NEW);
+        const be32 word = be32::of(count);
+        std::memcpy(&answer[4], &word, 4);
+        EXPECT_FALSE(decode_source_versions(answer)) << count;
+    }
+}
+
+TEST(SourceFor, GoesByPlaceAndElseByLabelsThatOccurOnce)
+{
+    const std::vector<flash_versions> two{{"a", OLD, OLD}, {"b", OLD, OLD}};
+    const std::vector<flash_versions> same{{"a", OLD, OLD}, {"a", OLD, OLD}};
+    EXPECT_EQ(source_for(two, 1, {{"a", "1", 19}, {"b", "2", 19}}), "2");
+    EXPECT_EQ(source_for(two, 1, {{"b", "2", 19}}), "2");
+    EXPECT_EQ(source_for(two, 0, {{"b", "2", 19}}), "");
+    EXPECT_EQ(source_for(two, 0, {{"b", "2", 19}, {"a", "1", 19}}), "");
+    EXPECT_EQ(source_for(same, 0, {{"a", "1", 19}, {"a", "2", 19}}), "1");
+    EXPECT_EQ(source_for(same, 0, {{"a", "1", 19}}), "") << "which of the two is not known";
+    EXPECT_EQ(source_for(two, 0, {}), "");
+}
+
+TEST(ProgrammingLocks, TheProgrammingSupervisorIsNotBeingProgrammedItself)
+{
+    const std::vector holders{lock_on(27 * 256 + 1, 27, 41, 0x4071000a), lock_on(5 * 256 + 2, 27, 41, 0x4071000a)};
+    const auto locks = programming_of(holders);
+    EXPECT_TRUE(locks.any);
+    EXPECT_FALSE(locks.has(27 * 256 + 1));
+    EXPECT_TRUE(locks.has(5 * 256 + 2));
+}
+
+TEST(ProgrammingLocks, ALockOfTheOwnModuleAloneIsItsOwnProgramming)
+{
+    const auto locks = programming_of(std::vector{lock_on(27 * 256 + 1, 27, 41, 0x4071000a)});
+    EXPECT_TRUE(locks.has(27 * 256 + 1));
+}
+
+TEST(ProgrammingLocks, ALockForAPeerIsNoProgramming)
+{
+    const std::vector holders{lock_on(27 * 256 + 1, 27, 41, 0x4071000a), lock_on(5 * 256 + 2, 27, 41, 0x4071000b)};
+    EXPECT_TRUE(programming_of(holders).has(27 * 256 + 1));
+    EXPECT_FALSE(programming_of(holders).has(5 * 256 + 2));
+    EXPECT_FALSE(programming_of(std::vector{holders[1]}).any);
+    EXPECT_FALSE(programming_of({}).any);
+}
+
+TEST(ProgrammingLocks, ALockWithoutARecordMayBecomeAProgramming)
+{
+    const auto locks = programming_of(std::vector{chassis_module_lock_holder{27 * 256 + 1, 0, 0, 0, 0, ""}});
+    EXPECT_TRUE(locks.any);
+    EXPECT_FALSE(locks.has(27 * 256 + 1));
+}
+
+TEST(VersionTable, IsAligned)
+{
+    const std::string expected =
+        "SLOT  SOURCE            FLASH             RUNNING           VERDICT\n"
+        "5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown\n"
+        "27    v3.5.0(09/17/12)  v3.1.0(02/11/11)  v3.1.0(02/11/11)  update available\n"
+        "232   -                 -                 -                 unreachable";
+    EXPECT_EQ(version_table({card_of(5, {.flash = OLD, .running = OLD}),
+                             card_of(27, {.flash = OLD, .running = OLD, .source = NEW}),
+                             card_of(232, {.reachable = false})}),
+              expected);
+}
+
+TEST(VersionTable, NoLineIsLongerThanATerminalWhateverTheTexts)
+{
+    const std::string longest(128, 'x');
+    const std::string table =
+        version_table({card_of(232, {.being_programmed = true, .flash = longest, .running = longest, .source = longest}),
+                       card_of(232, {.flash = OLD, .running = OLD, .source = "v2.0.0(02/11/11)"})});
+    for (const std::string &line : lines_of(table))
+        EXPECT_LE(line.size(), SHOW_TABLE_COLUMNS) << line;
+    EXPECT_NE(table.find(" xxxxxxxxxxxxxxx~  "), std::string::npos) << table;
+    EXPECT_NE(table.find("newer than shipped"), std::string::npos);
+}
+
+TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
+{
+    const card_report in_step = card_of(5, {.flash = NEW, .running = NEW, .source = NEW});
+    const std::vector<card_report> others{
+        card_of(6, {.being_programmed = true}),
+        card_of(6, {.reachable = false}),
+        card_of(6, {.flash = NEW, .running = OLD, .source = NEW}),
+        card_of(6, {.flash = OLD, .running = OLD, .source = NEW}),
+        card_of(6, {.flash = NEW, .running = NEW, .source = OLD}),
+        card_of(6, {.flash = NEW, .running = NEW}),
+    };
+    EXPECT_EQ(report_versions(report_of({in_step}), show_kind::audit, false).exit, EXIT_DONE);
+    for (const card_report &other : others) {
+        const auto report = report_of({in_step, other});
+        EXPECT_EQ(report_versions(report, show_kind::show, false).exit, EXIT_DONE);
+        const outcome audit = report_versions(report, show_kind::audit, false);
+        EXPECT_EQ(audit.exit, EXIT_FAILED) << verdict_name(other.flashes[0].kind);
+        EXPECT_EQ(audit.json["all_in_step"], false);
+        EXPECT_NE(audit.message.find(verdict_name(other.flashes[0].kind)), std::string::npos) << audit.message;
+    }
+}
+
+TEST(VersionReport, AVersionThatCouldNotBeReadIsNullForPrograms)
+{
+    const outcome told =
+        report_versions(report_of({card_of(5, {.flash = OLD, .running = OLD})}), show_kind::show, false);
+    EXPECT_TRUE(told.json["cards"][0]["flashes"][0]["source"].is_null());
+    EXPECT_EQ(told.json["cards"][0]["flashes"][0]["flash"], OLD);
+    EXPECT_EQ(told.json["cards"][0]["flashes"][0]["verdict"], "unknown");
+}
+
+// The program against daemons in the slots 27 (active), 28 (standby) and 5 (a line card).
+class Show : public ::testing::Test
+{
+protected:
+    using script = scripted_daemon::script_function;
+
+    // Serves requests for versions of the modules 5, 27 and 28; a module without answer is answered as failed.
+    static void serve_versions(daemon_side &side, const std::map<unsigned, bytes> &answers, unsigned requests)
+    {
+        for (unsigned k = 0; k < requests; ++k) {
+            const bytes body = side.receive(4790);
+            const auto found = answers.find(body.at(3));
+            const bytes answer = found != answers.end() ? found->second : failure_answer(body.at(3));
+            side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+        }
+    }
+    static void serve_source(daemon_side &side, const bytes &answer)
+    {
+        (void)side.receive(4789);
+        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+    }
+    static script source_of(const std::string &version)
+    {
+        return [version](daemon_side &side) { serve_source(side, source_answer(version)); };
+    }
+    static void reject_source(daemon_side &side)
+    {
+        (void)side.receive(4789);
+        side.reject();
+    }
+
+    void serve(unsigned slot, const script &what)
+    {
+        daemons_.push_back(std::make_unique<scripted_daemon>(chassis_, slot, what));
+    }
+    int run(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), {"--dir", chassis_.path()});
+        run_ = std::make_unique<biosctl_run>(words);
+        return run_->exit_code();
+    }
+    bool has_line(const std::string &expected) const
+    {
+        const auto lines = lines_of(run_->out());
+        return std::ranges::find(lines, expected) != lines.end();
+    }
+    // Verdict of a module's first flash in a JSON answer.
+    std::string verdict_of(unsigned module) const
+    {
+        const auto answer = nlohmann::json::parse(run_->out(), nullptr, false);
+        if (!answer.is_object() || !answer.contains("cards"))
+            return "no answer";
+        for (const auto &card : answer["cards"]) {
+            if (card["module"] == module)
+                return card["flashes"][0]["verdict"];
+        }
+        return "not told";
+    }
+
+    test_chassis chassis_;
+    std::vector<std::unique_ptr<scripted_daemon>> daemons_;
+    std::unique_ptr<biosctl_run> run_;
+};
+
+TEST_F(Show, TellsEveryCardAndGivesEachItsVerdict)
+{
+    serve(27, [](daemon_side &side) {
+        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, NEW, NEW)},
+                              {28, versions_answer(28, NEW, OLD)}}, 3);
+        serve_source(side, source_answer(NEW));
+    });
+    serve(28, source_of(NEW));
+    serve(5, reject_source);
+    EXPECT_EQ(run({"show"}), 0) << run_->err();
+    EXPECT_TRUE(has_line("5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown")) << run_->out();
+    EXPECT_TRUE(has_line("27    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.5.0(09/17/12)  in step")) << run_->out();
+    EXPECT_TRUE(has_line("28    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending"));
+    EXPECT_TRUE(has_line("slot 5: no image version: the daemon rejected the request")) << run_->out();
+    EXPECT_EQ(run_->err(), "");
+}
+
+TEST_F(Show, TheRequestsAreTheLiteralBodies)
+{
+    serve(27, [](daemon_side &side) {
+        const bool asked = side.receive(4790) == bytes{0, 0, 0, 27};
+        const bytes versions = versions_answer(27, NEW, NEW);
+        side.answer(asked ? 0 : 1, versions.data(), static_cast<std::uint32_t>(versions.size()));
+        bytes expected(268);
+        expected[0] = 1;
+        expected[263] = 0xfe;
+        const bytes body = side.receive(4789);
+        const bytes source = source_answer(NEW);
+        side.answer(body == expected ? 0 : 1, source.data(), static_cast<std::uint32_t>(source.size()));
+    });
+    EXPECT_EQ(run({"audit", "27"}), 0) << run_->out() << run_->err();
+}
+
+TEST_F(Show, NamedModulesAloneAreAskedAndEachOnce)
+{
+    serve(27, [](daemon_side &side) { serve_versions(side, {{5, versions_answer(5, OLD, OLD)}}, 1); });
+    serve(5, source_of(NEW));
+    EXPECT_EQ(run({"--json", "show", "5", "05"}), 0);
+    EXPECT_EQ(verdict_of(5), "update available") << run_->out();
+    EXPECT_EQ(verdict_of(27), "not told");
+    EXPECT_EQ(nlohmann::json::parse(run_->out())["cards"].size(), 1u);
+}
+
+TEST_F(Show, AModuleThatDoesNotExistIsNotFound)
+{
+    EXPECT_EQ(run({"show", "27", "7"}), 3);
+    EXPECT_NE(run_->err().find("no module 7"), std::string::npos);
+    EXPECT_EQ(run({"audit", "7"}), 3);
+}
+
+TEST_F(Show, AuditFailsAndStillTellsTheTable)
+{
+    serve(27, [](daemon_side &side) { serve_versions(side, {}, 1); });
+    EXPECT_EQ(run({"audit", "5"}), 1);
+    EXPECT_TRUE(has_line("5     -                 -                 -                 unreachable")) << run_->out();
+    EXPECT_EQ(run_->err(), "biosctl: not in step (unreachable: 1)\n");
+}
+
+TEST_F(Show, AnUnreachableCardIsNotAskedForItsImage)
+{
+    serve(27, [](daemon_side &side) { serve_versions(side, {}, 1); });
+    serve(5, [](daemon_side &) {}); // would never answer
+    EXPECT_EQ(run({"--json", "show", "5"}), 0);
+    EXPECT_EQ(verdict_of(5), "unreachable");
+}
+
+TEST_F(Show, WithoutAServingDaemonItFails)
+{
+    EXPECT_EQ(run({"show"}), 1);
+    EXPECT_NE(run_->err().find("slot 27: no daemon serves there"), std::string::npos) << run_->err();
+    EXPECT_EQ(run_->out(), "");
+}
+
+TEST_F(Show, ADaemonThatEndsLeavesTheRestUnknown)
+{
+    serve(27, [](daemon_side &side) {
+        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}}, 1);
+        ::_exit(0);
+    });
+    EXPECT_EQ(run({"--json", "show"}), 0);
+    EXPECT_EQ(verdict_of(5), "unknown") << run_->out();
+    EXPECT_EQ(verdict_of(28), "unknown");
+    EXPECT_EQ(verdict_of(27), "unknown") << "its image could not be read any more";
+}
+
+TEST_F(Show, AModuleThatNeverAnswersIsUnreachableAndTheRestIsNotWaitedFor)
+{
+    serve(27, [](daemon_side &side) {
+        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}}, 1);
+        (void)side.receive(4790); // 5, and never comes back
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(run({"--json", "show", "--timeout", "1"}), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(verdict_of(5), "unreachable") << run_->out();
+    EXPECT_EQ(verdict_of(28), "unknown");
+    EXPECT_NE(run_->out().find("still waits for a module"), std::string::npos) << run_->out();
+}
+
+TEST_F(Show, TheChassisLimitOnWaitingShortensItToo)
+{
+    std::ofstream(chassis_.path() + "/transport/wait_limit_s") << "1\n";
+    serve(27, [](daemon_side &side) { (void)side.receive(4790); });
+    EXPECT_EQ(run({"--json", "show", "5"}), 0);
+    EXPECT_EQ(verdict_of(5), "unreachable") << run_->out();
+}
+
+TEST_F(Show, GarbageIsUnknownAndNeverAnUpdate)
+{
+    serve(27, [](daemon_side &side) {
+        bytes wild = versions_answer(5, OLD, OLD);
+        wild[8] = 0xff;
+        serve_versions(side, {{5, wild}, {27, bytes{1, 2, 3}}, {28, versions_answer(28, "\x01\xff v", "")}}, 3);
+        serve_source(side, source_answer(NEW));
+    });
+    serve(28, source_of(NEW));
+    serve(5, source_of(NEW));
+    EXPECT_EQ(run({"--json", "audit"}), 1);
+    for (const unsigned module : {5u, 27u, 28u})
+        EXPECT_EQ(verdict_of(module), "unknown") << module;
+}
+
+TEST_F(Show, GarbageAboutTheImageIsUnknown)
+{
+    serve(27, [](daemon_side &side) {
+        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, OLD, OLD)},
+                              {28, versions_answer(28, OLD, OLD)}}, 3);
+        serve_source(side, bytes(8, 0xff));
+    });
+    serve(28, [](daemon_side &side) {
+        (void)side.receive(4789);
+        side.answer(0, nullptr, 0);
+    });
+    serve(5, [](daemon_side &side) { serve_source(side, bytes(100000, 'v')); });
+    EXPECT_EQ(run({"--json", "show"}), 0);
+    for (const unsigned module : {5u, 27u, 28u})
+        EXPECT_EQ(verdict_of(module), "unknown") << module << run_->out();
+    EXPECT_NE(run_->out().find("its image tree holds no BIOS for it"), std::string::npos) << run_->out();
+}
+
+TEST_F(Show, DuringAProgrammingNoImageIsReadAnywhere)
+{
+    serve(27, [](daemon_side &side) {
+        const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
+        (void)modlock_init();
+        (void)modlock_module_lock(129, 27 * 256 + 1, request);
+        (void)modlock_module_lock(129, 5 * 256 + 2, request);
+        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, NEW, NEW)},
+                              {28, versions_answer(28, NEW, OLD)}}, 3);
+        (void)side.receive(4703); // anything else ends the script's process
+    });
+    serve(28, source_of(NEW));
+    serve(5, source_of(NEW));
+    EXPECT_EQ(run({"--json", "show"}), 0);
+    EXPECT_EQ(verdict_of(5), "being programmed") << run_->out();
+    EXPECT_EQ(verdict_of(27), "unknown");
+    EXPECT_EQ(verdict_of(28), "reboot pending");
+    for (const auto &card : nlohmann::json::parse(run_->out())["cards"])
+        EXPECT_TRUE(card["flashes"][0]["source"].is_null()) << card;
+}
+
+// Reading an image on any card writes into the standby's boot flash.
+TEST_F(Show, TheStandbyIsAskedForItsImageAfterTheOthers)
+{
+    const std::string mark = chassis_.path() + "/slow_done";
+    serve(27, [mark](daemon_side &side) {
+        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}, {28, versions_answer(28, NEW, NEW)}}, 2);
+        (void)side.receive(4789);
+        (void)::usleep(700'000); // the length of the work, not a wait for an event
+        std::ofstream(mark) << "done";
+        const bytes answer = source_answer(NEW);
+        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+    });
+    serve(28, [mark](daemon_side &side) {
+        (void)side.receive(4789);
+        const bytes answer = source_answer(std::filesystem::exists(mark) ? NEW : OLD);
+        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+    });
+    EXPECT_EQ(run({"audit", "27", "28"}), 0) << run_->out();
+}
+
+TEST_F(Show, ManyCardsAreAskedForTheirImagesAtTheSameTime)
+{
+    constexpr unsigned CARDS = 20; // more than are asked at once
+    std::map<unsigned, bytes> answers;
+    std::vector<std::string> words{"--json", "audit"};
+    for (unsigned slot = 101; slot <= 100 + CARDS; ++slot) {
+        chassis_.insert(slot, 2, 90, 0);
+        answers[slot] = versions_answer(static_cast<std::uint8_t>(slot), NEW, NEW);
+        words.push_back(std::to_string(slot));
+        serve(slot, [](daemon_side &side) {
+            (void)side.receive(4789);
+            (void)::usleep(500'000); // the length of the work
+            const bytes answer = source_answer(NEW);
+            side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+        });
+    }
+    serve(27, [answers](daemon_side &side) { serve_versions(side, answers, CARDS); });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(run(words), 0) << run_->out();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500 * CARDS * 3 / 4));
+}
+
+TEST_F(Show, ASupervisorThatTellsOfOneModuleOnlyIsPointedOut)
+{
+    chassis_.insert(27, 1, 183, 1);
+    serve(27, [](daemon_side &side) {
+        serve_versions(side, {{5, versions_answer(18, OLD, OLD)}}, 1);
+    });
+    serve(5, source_of(NEW));
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("note: slot 27 tells of module 18 whatever module it is asked for")) << run_->out();
+    EXPECT_TRUE(has_line("slot 5: slot 27 answered about module 18")) << run_->out();
+    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  -                 -                 unknown")) << run_->out();
+}
+
+TEST_F(Show, InterruptedItEndsWithItsOwnExitCode)
+{
+    int asked[2];
+    ASSERT_EQ(::pipe(asked), 0);
+    serve(27, [asked](daemon_side &side) {
+        (void)side.receive(4790);
+        (void)!::write(asked[1], "r", 1);
+    });
+    biosctl_run run({"--dir", chassis_.path(), "show"});
+    char byte = 0;
+    ASSERT_EQ(::read(asked[0], &byte, 1), 1);
+    run.signal(SIGINT);
+    EXPECT_EQ(run.exit_code(), 130);
+    EXPECT_NE(run.err().find("interrupted"), std::string::npos) << run.err();
+    ::close(asked[0]);
+    ::close(asked[1]);
+}
+
+TEST_F(Show, WrongArgumentsAreUsageErrors)
+{
+    for (const std::vector<std::string> &words : std::vector<std::vector<std::string>>{
+             {"show", "0"}, {"show", "233"}, {"audit", "x"}, {"show", "--timeout", "0"}, {"show", "--image", "a"}})
+        EXPECT_EQ(run(words), 64) << words.back();
+}

@@ -1,0 +1,138 @@
+// What the tests of the flash share: a chassis in a folder of its own with this process as the card of slot 3, and
+// ways to look at a flash from outside, through its files.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "chassis_dir.h"
+#include "flash_device.h"
+#include "flash_layout.h"
+#include "flash_wear.h"
+
+using flash_bytes = std::vector<std::uint8_t>;
+
+constexpr unsigned TEST_SLOT = 3;
+constexpr flash_geometry SMALL_FLASH = {.size_bytes = 64 << 10, .sector_bytes = 4 << 10, .page_bytes = 256};
+
+// The seed of this run; a failed run is repeated with TEST_SEED in the environment.
+inline std::mt19937 &test_random()
+{
+    static std::mt19937 random = [] {
+        const char *given = std::getenv("TEST_SEED");
+        const unsigned seed = given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
+        std::cout << "TEST_SEED=" << seed << "\n";
+        return std::mt19937(seed);
+    }();
+    return random;
+}
+
+inline flash_bytes random_bytes(std::size_t count)
+{
+    flash_bytes bytes(count);
+    for (std::uint8_t &byte : bytes)
+        byte = static_cast<std::uint8_t>(test_random()());
+    return bytes;
+}
+
+inline flash_bytes followed_by_erased(flash_bytes bytes, std::size_t size_bytes)
+{
+    bytes.resize(size_bytes, 0xff);
+    return bytes;
+}
+
+// Runs something in a child process and returns its wait status.
+inline int status_of_child(const std::function<int()> &work)
+{
+    std::cout.flush();
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(work());
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return status;
+}
+
+inline bool was_killed(int status)
+{
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+class chassis_flash_fixture : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char folder[] = "/tmp/chassis_flash_XXXXXX";
+        ASSERT_NE(::mkdtemp(folder), nullptr);
+        dir = folder;
+        ASSERT_EQ(chassis_attach(dir, TEST_SLOT), 0);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    void create_flash(unsigned instance = 0, const flash_geometry &geometry = SMALL_FLASH,
+                      const flash_bytes &contents = {})
+    {
+        const std::string image = contents.empty() ? "" : file_of("initial", contents);
+        ASSERT_EQ(flash_device_create(TEST_SLOT, instance, geometry, image), 0);
+    }
+
+    std::string file_of(const std::string &name, const flash_bytes &bytes) const
+    {
+        const std::string path = dir + "/" + name;
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        EXPECT_TRUE(file.flush());
+        return path;
+    }
+
+    std::string flash_file(const std::string &name, unsigned instance = 0) const
+    {
+        return dir + "/" + flash_file_path(TEST_SLOT, instance, name.c_str());
+    }
+    flash_bytes flash_contents(unsigned instance = 0) const
+    {
+        std::ifstream file(flash_file("data", instance), std::ios::binary);
+        return flash_bytes(std::istreambuf_iterator<char>(file), {});
+    }
+    void write_flash_file(const std::string &name, const std::string &text, unsigned instance = 0) const
+    {
+        std::ofstream(flash_file(name, instance)) << text;
+    }
+    std::string text_of_flash_file(const std::string &name, unsigned instance = 0) const
+    {
+        std::ifstream file(flash_file(name, instance));
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    void set_fault(const std::string &rule, unsigned instance = 0) const
+    {
+        write_flash_file("faults", rule + "\n", instance);
+    }
+    bool is_marked(unsigned instance = 0) const
+    {
+        return std::filesystem::exists(flash_file("programming", instance));
+    }
+    flash_wear wear(unsigned instance = 0) const
+    {
+        return flash_wear_load(flash_folder_path(TEST_SLOT, instance).c_str());
+    }
+
+    std::unique_ptr<flash_device> open_flash(flash_access access = flash_access::write, unsigned instance = 0) const
+    {
+        return flash_device::open(TEST_SLOT, instance, access);
+    }
+
+    std::string dir;
+};

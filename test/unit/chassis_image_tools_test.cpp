@@ -1,0 +1,376 @@
+// veskadd and bios_image: the built programs, on archives that are made here byte by byte.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bios_header.h"
+
+namespace
+{
+
+namespace files = std::filesystem;
+
+constexpr std::size_t TAR_BLOCK_BYTES = 512;
+constexpr char TAR_FILE = '0';
+constexpr char TAR_HARD_LINK = '1';
+constexpr char TAR_SYMBOLIC_LINK = '2';
+constexpr char TAR_CHARACTER_DEVICE = '3';
+constexpr char TAR_FOLDER = '5';
+constexpr char TAR_PIPE = '6';
+constexpr const char *MEMBER = "/vesk/bin/bios.gz";
+
+struct tar_member {
+    std::string name;
+    std::string contents = {};
+    char type = TAR_FILE;
+    std::string target = {};
+    unsigned mode = 0644;
+};
+
+void put_octal(std::string &header, std::size_t offset, std::size_t width, std::size_t value)
+{
+    char digits[16];
+    std::snprintf(digits, sizeof digits, "%0*zo", static_cast<int>(width - 1), value);
+    header.replace(offset, width - 1, digits);
+}
+
+std::string tar_entry_of(const tar_member &member)
+{
+    std::string header(TAR_BLOCK_BYTES, '\0');
+    header.replace(0, member.name.size(), member.name);
+    put_octal(header, 100, 8, member.mode);
+    put_octal(header, 108, 8, 0);
+    put_octal(header, 116, 8, 0);
+    put_octal(header, 124, 12, member.contents.size());
+    put_octal(header, 136, 12, 0);
+    header[156] = member.type;
+    header.replace(157, member.target.size(), member.target);
+    header.replace(257, 8, std::string("ustar\0" "00", 8));
+    header.replace(148, 8, "        ");
+    std::size_t sum = 0;
+    for (const char byte : header)
+        sum += static_cast<unsigned char>(byte);
+    put_octal(header, 148, 7, sum);
+    const std::size_t padding = (TAR_BLOCK_BYTES - member.contents.size() % TAR_BLOCK_BYTES) % TAR_BLOCK_BYTES;
+    return header + member.contents + std::string(padding, '\0');
+}
+
+std::string tar_of(const std::vector<tar_member> &members)
+{
+    std::string archive;
+    for (const tar_member &member : members)
+        archive += tar_entry_of(member);
+    return archive + std::string(2 * TAR_BLOCK_BYTES, '\0');
+}
+
+std::string content_of(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void write_file(const std::string &path, const std::string &content)
+{
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string random_bytes(std::size_t length)
+{
+    std::mt19937 numbers(20120917); // any contents that do not compress will do, the same each time
+    std::string bytes(length, '\0');
+    for (char &byte : bytes)
+        byte = static_cast<char>(numbers());
+    return bytes;
+}
+
+class ImageTools : public testing::Test
+{
+protected:
+    ImageTools()
+    {
+        char name[] = "/tmp/image-tools-XXXXXX";
+        if (::mkdtemp(name) == nullptr)
+            throw std::runtime_error("mkdtemp");
+        folder_ = name;
+        files::create_directories(destination());
+        files::create_directories(outside());
+    }
+    ~ImageTools() override { files::remove_all(folder_); }
+
+    // The programs of the same build lie beside the folder of the tests. Names in here need no quoting.
+    int run(const std::string &arguments)
+    {
+        const files::path programs = files::read_symlink("/proc/self/exe").parent_path() / "../../bin";
+        const std::string command =
+            programs.string() + "/" + arguments + " >" + path("output") + " 2>" + path("errors");
+        const int status = std::system(command.c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    int extract(const std::string &member = MEMBER, const std::string &options = {})
+    {
+        return run("veskadd -x " + options + " " + image() + " " + destination() + " " + member);
+    }
+    // Asked for a member of that archive, veskadd fails, says why, and leaves nothing anywhere.
+    void expect_refusal(const std::string &archive, const std::string &reason, const std::string &member = MEMBER,
+                        const std::string &options = {})
+    {
+        write_file(image(), archive);
+        EXPECT_EQ(extract(member, options), 1);
+        EXPECT_NE(content_of(path("errors")).find(reason), std::string::npos) << content_of(path("errors"));
+        EXPECT_TRUE(files::is_empty(destination()));
+        EXPECT_TRUE(files::is_empty(outside()));
+    }
+
+    std::string path(const std::string &name) const { return folder_ + "/" + name; }
+    std::string image() const { return path("image"); }
+    std::string destination() const { return path("destination"); }
+    std::string outside() const { return path("outside"); }
+    std::string extracted(const std::string &member = MEMBER) const { return destination() + member; }
+
+private:
+    std::string folder_;
+};
+
+using Veskadd = ImageTools;
+using BiosImage = ImageTools;
+
+TEST_F(Veskadd, PutsAMemberUnderItsNameBelowTheDestination)
+{
+    const std::string contents = random_bytes(100'000);
+    write_file(image(), tar_of({{.name = "other", .contents = "no"},
+                                {.name = "vesk/bin/bios.gz", .contents = contents}}));
+    ASSERT_EQ(extract(), 0) << content_of(path("errors"));
+    EXPECT_EQ(content_of(extracted()), contents);
+    EXPECT_FALSE(files::exists(destination() + "/other"));
+}
+
+TEST_F(Veskadd, FindsAMemberHoweverItsLeadingSlashIsWritten)
+{
+    for (const char *name : {"vesk/bin/bios.gz", "./vesk/bin/bios.gz", "/vesk/bin/bios.gz"}) {
+        write_file(image(), tar_of({{.name = name, .contents = name}}));
+        ASSERT_EQ(extract("vesk/bin/bios.gz"), 0) << name << ": " << content_of(path("errors"));
+        EXPECT_EQ(content_of(extracted()), name);
+    }
+}
+
+TEST_F(Veskadd, ReadsACompressedArchiveWithARelativeName)
+{
+    write_file(path("plain"), tar_of({{.name = "vesk/bin/bios.gz", .contents = "bytes"}}));
+    ASSERT_EQ(std::system(("gzip -c " + path("plain") + " >" + image()).c_str()), 0);
+    const files::path before = files::current_path();
+    files::current_path(path(""));
+    EXPECT_EQ(run("veskadd -x image ./destination " + std::string(MEMBER)), 0) << content_of(path("errors"));
+    files::current_path(before);
+    EXPECT_EQ(content_of(extracted()), "bytes");
+}
+
+TEST_F(Veskadd, TakesTheFirstOfTwoMembersOfAName)
+{
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = "1"},
+                                {.name = "vesk/bin/bios.gz", .contents = "2"}}));
+    ASSERT_EQ(extract(), 0);
+    EXPECT_EQ(content_of(extracted()), "1");
+}
+
+TEST_F(Veskadd, ReplacesAnEarlierFile)
+{
+    files::create_directories(destination() + "/vesk/bin");
+    write_file(extracted(), "a longer one from before");
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = "new"}}));
+    ASSERT_EQ(extract(), 0);
+    EXPECT_EQ(content_of(extracted()), "new");
+}
+
+TEST_F(Veskadd, DropsPrivilegesOfAMember)
+{
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = "x", .mode = 06777}}));
+    ASSERT_EQ(extract(), 0);
+    EXPECT_EQ(files::status(extracted()).permissions(), files::perms(0755));
+}
+
+TEST_F(Veskadd, RefusesANameThatLeadsOutOfTheDestination)
+{
+    const std::string archive = tar_of({{.name = "../outside/x", .contents = "x"}});
+    expect_refusal(archive, "leads out", "../outside/x");
+    expect_refusal(archive, "leads out", "/vesk/../../outside/x");
+    expect_refusal(archive, "has no member", "/outside/x");
+    expect_refusal(archive, "empty", "/");
+}
+
+TEST_F(Veskadd, RefusesAMemberThatIsNoRegularFile)
+{
+    for (const char type : {TAR_SYMBOLIC_LINK, TAR_HARD_LINK})
+        expect_refusal(tar_of({{.name = "vesk/bin/bios.gz", .type = type, .target = "../../x"}}), "is a link");
+    for (const char type : {TAR_CHARACTER_DEVICE, TAR_FOLDER, TAR_PIPE})
+        expect_refusal(tar_of({{.name = "vesk/bin/bios.gz", .type = type}}), "not a regular file");
+}
+
+TEST_F(Veskadd, DoesNotGoThroughAPlantedLinkToAFolder)
+{
+    files::create_directory_symlink(outside(), destination() + "/vesk");
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = "x"}}));
+    EXPECT_EQ(extract(), 1);
+    EXPECT_TRUE(files::is_empty(outside()));
+    EXPECT_EQ(std::distance(files::directory_iterator(destination()), {}), 1); // the link itself
+}
+
+TEST_F(Veskadd, ReplacesAPlantedLinkToAFileAndLeavesItsTarget)
+{
+    write_file(path("target"), "precious");
+    files::create_directories(destination() + "/vesk/bin");
+    files::create_symlink(path("target"), extracted());
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = "x"}}));
+    ASSERT_EQ(extract(), 0);
+    EXPECT_EQ(content_of(path("target")), "precious");
+    EXPECT_FALSE(files::is_symlink(extracted()));
+    EXPECT_EQ(content_of(extracted()), "x");
+}
+
+TEST_F(Veskadd, LeavesNothingOfAMemberThatIsCutShort)
+{
+    const std::string whole = tar_of({{.name = "vesk/bin/bios.gz", .contents = random_bytes(200'000)}});
+    expect_refusal(whole.substr(0, 150'000), "runcated");
+}
+
+TEST_F(Veskadd, LeavesNothingOfAMemberThatIsLargerThanAllowed)
+{
+    const std::string archive = tar_of({{.name = "vesk/bin/bios.gz", .contents = std::string((1 << 20) + 1, 'x')}});
+    expect_refusal(archive, "larger than 1 MiB", MEMBER, "-l 1");
+    EXPECT_EQ(extract(MEMBER, "-l 2"), 0);
+}
+
+TEST_F(Veskadd, RefusesWhatIsNoArchive)
+{
+    expect_refusal("plain text, and longer than nothing", "archive");
+    expect_refusal("", "");
+    files::remove(image());
+    EXPECT_EQ(extract(), 1);
+}
+
+TEST_F(Veskadd, TellsWrongUsageByItsExitStatus)
+{
+    EXPECT_EQ(run("veskadd"), 64);
+    EXPECT_EQ(run("veskadd -x " + image() + " " + destination()), 64);
+    EXPECT_EQ(run("veskadd " + image() + " " + destination() + " " + MEMBER), 64);
+    EXPECT_EQ(extract(MEMBER, "-l 0"), 64);
+    EXPECT_EQ(extract(MEMBER, "-l 1x"), 64);
+}
+
+TEST_F(BiosImage, BuildsHeaderErasedSpaceAndPayloadAtTheEnd)
+{
+    const std::string payload = random_bytes(3000);
+    write_file(path("payload"), payload);
+    ASSERT_EQ(run("bios_image build --output " + image() + " --size 64K --version 3.12 --date 09/17/12 --payload " +
+                  path("payload")),
+              0)
+        << content_of(path("errors"));
+    const std::string bytes = content_of(image());
+    ASSERT_EQ(bytes.size(), 64u * 1024);
+    bios_header header{};
+    ASSERT_TRUE(bios_header_read(bytes.data(), header));
+    EXPECT_EQ(bios_header_text(header), "  v3.12.0(09/17/12)");
+    EXPECT_EQ(bytes.substr(BIOS_HEADER_BYTES, bytes.size() - BIOS_HEADER_BYTES - payload.size()),
+              std::string(bytes.size() - BIOS_HEADER_BYTES - payload.size(), '\xff'));
+    EXPECT_EQ(bytes.substr(bytes.size() - payload.size()), payload);
+}
+
+TEST_F(BiosImage, TellsSizeInMiBAndShowsWhatItBuilt)
+{
+    ASSERT_EQ(run("bios_image build --output " + image() + " --size 8 --version 1.2 --date 02/29/24"), 0);
+    EXPECT_EQ(files::file_size(image()), 8u << 20);
+    ASSERT_EQ(run("bios_image show " + image()), 0);
+    EXPECT_EQ(content_of(path("output")), "version  v1.2.0(02/29/24)\nsize     8388608 bytes\n");
+}
+
+TEST_F(BiosImage, RefusesWhatDoesNotFitAndWritesNothing)
+{
+    write_file(path("payload"), std::string(4096 - BIOS_HEADER_BYTES + 1, 'x'));
+    const std::string good = "bios_image build --output " + image();
+    for (const std::string &wrong : {
+             good + " --size 4K --version 1.2 --date 02/28/12 --payload " + path("payload"),
+             good + " --size 4K --version 1.2 --date 02/30/12",
+             good + " --size 4K --version 1.2 --date 13/01/12",
+             good + " --size 4K --version 1.2 --date 02/28/2012",
+             good + " --size 4K --version 100.2 --date 02/28/12",
+             good + " --size 4K --version 1.-2 --date 02/28/12",
+             good + " --size 4K --version 1 --date 02/28/12",
+             good + " --size 0 --version 1.2 --date 02/28/12",
+             good + " --size 3K --version 1.2 --date 02/28/12",
+             good + " --size -8 --version 1.2 --date 02/28/12",
+             good + " --size 8M --version 1.2 --date 02/28/12",
+             good + " --size 4K --version 1.2 --date 02/28/12 --payload " + path("absent"),
+         }) {
+        EXPECT_EQ(run(wrong), 1) << wrong;
+        EXPECT_FALSE(content_of(path("errors")).empty()) << wrong;
+        EXPECT_FALSE(files::exists(image())) << wrong;
+    }
+    EXPECT_EQ(run(good), 64);
+    EXPECT_EQ(run("bios_image"), 64);
+}
+
+TEST_F(BiosImage, ShowsNoVersionOfAFileWithoutHeader)
+{
+    write_file(image(), std::string(4096, '\xff'));
+    EXPECT_EQ(run("bios_image show " + image()), 1);
+    write_file(image(), "short");
+    EXPECT_EQ(run("bios_image show " + image()), 1);
+}
+
+TEST_F(BiosImage, MakesASystemImageThatVeskaddAndGunzipTakeApart)
+{
+    const std::string bios = random_bytes(300'000);
+    write_file(path("bios"), bios);
+    write_file(path("second"), "another");
+    ASSERT_EQ(run("bios_image system --output " + image() + " --bios a.bin.gz=" + path("bios") +
+                  " --bios b.bin.gz=" + path("second")),
+              0)
+        << content_of(path("errors"));
+    ASSERT_EQ(extract("/vesk/plugin_img/core_plugin"), 0) << content_of(path("errors"));
+    const std::string plugin = destination() + "/vesk/plugin_img/core_plugin";
+    for (const char *name : {"a.bin", "b.bin"}) {
+        const std::string member = "/vesk/bin/" + std::string(name);
+        ASSERT_EQ(run("veskadd -x " + plugin + " " + destination() + " " + member + ".gz"), 0);
+        ASSERT_EQ(std::system(("gunzip " + destination() + member + ".gz").c_str()), 0);
+    }
+    EXPECT_EQ(content_of(destination() + "/vesk/bin/a.bin"), bios);
+    EXPECT_EQ(content_of(destination() + "/vesk/bin/b.bin"), "another");
+}
+
+TEST_F(BiosImage, GivesEqualSystemImagesForEqualInput)
+{
+    write_file(path("bios"), random_bytes(5000));
+    for (const char *name : {"one", "two"})
+        ASSERT_EQ(run("bios_image system --output " + path(name) + " --bios a.gz=" + path("bios")), 0);
+    EXPECT_EQ(content_of(path("one")), content_of(path("two")));
+}
+
+TEST_F(BiosImage, PutsImagesIntoATree)
+{
+    write_file(path("bios"), "contents");
+    ASSERT_EQ(run("bios_image tree --root " + destination() + " --bios a.bin.gz=" + path("bios")), 0);
+    ASSERT_EQ(std::system(("gunzip " + destination() + "/vesk/bin/a.bin.gz").c_str()), 0);
+    EXPECT_EQ(content_of(destination() + "/vesk/bin/a.bin"), "contents");
+}
+
+TEST_F(BiosImage, RefusesNamesOutsideOfTheImageFolder)
+{
+    write_file(path("bios"), "contents");
+    for (const char *name : {"../a.gz", "x/a.gz", "..", ""})
+        EXPECT_EQ(run("bios_image tree --root " + destination() + " --bios " + name + "=" + path("bios")), 1);
+    EXPECT_EQ(run("bios_image system --output " + image() + " --bios a.gz=" + path("absent")), 1);
+    EXPECT_FALSE(files::exists(image()));
+    EXPECT_EQ(std::distance(files::directory_iterator(path("")), {}), 5); // the test's own
+}
+
+} // namespace
