@@ -1,0 +1,90 @@
+#!/usr/bin/env python3
+"""Compares doc/messages.md and doc/version-messages.md with the headers: opcodes, result codes, records.
+
+A record's table stands under a heading "### `RECORD`, N bytes"; its rows begin with offset and size. The rows have to
+follow each other without a gap up to N, and N has to be the size that include/bios_messages.h promises.
+"""
+import re
+import sys
+from pathlib import Path
+
+OPCODE = re.compile(r"^\s*(MTS_OPC_\w+) = (\d+)", re.M)
+RESULT = re.compile(r"^\s*(BIOS_\w+) = (0x4071[0-9a-f]{4})", re.M)
+RECORD_SIZE = re.compile(r"static_assert\(sizeof\((\w+)\) == (\d+)")
+OFFSET = re.compile(r"static_assert\(offsetof\((\w+), (\w+)\) == (\d+)")
+RECORD_HEADING = re.compile(r"^#+ `(\w+)`, (\d+) bytes$")
+RECORD_ROW = re.compile(r"^\| (\d+) \| (\d+) \| `?(\w+)`? \|")
+
+NO_RESULTS = {"BIOS_RESULT_PREFIX"}
+
+
+def numbers_in_table(document, pattern):
+    return {(name, number) for number, name in re.findall(pattern, document)}
+
+
+def compare(what, promised, shown):
+    complaints = [f"{what} {' = '.join(pair)} is not in the document" for pair in sorted(promised - shown)]
+    return complaints + [f"{what} {' = '.join(pair)} is in no header" for pair in sorted(shown - promised)]
+
+
+def compare_opcodes(root, document):
+    promised = set(OPCODE.findall((root / "include/bios_opcodes.h").read_text()))
+    return compare("opcode", promised, numbers_in_table(document, r"\| (\d{4}) \| `(MTS_OPC_\w+)` \|"))
+
+
+def compare_results(root, document):
+    headers = (root / "include/bios_results.h").read_text() + (root / "platform/bios_flash.h").read_text()
+    promised = {(name, code) for name, code in RESULT.findall(headers) if name not in NO_RESULTS}
+    shown = numbers_in_table(document, r"\| `(0x4071[0-9a-f]{4})` \| `(\w+)` \|")
+    by_code = {code for _, code in shown}
+    # Two headers may name one code.
+    return compare("result", {pair for pair in promised if pair in shown or pair[1] not in by_code}, shown)
+
+
+def records_of(document):
+    """Name, stated size, and the rows (offset, size, field) of each record."""
+    records, name = {}, None
+    for line in document.splitlines():
+        heading = RECORD_HEADING.match(line)
+        row = RECORD_ROW.match(line)
+        if heading:
+            name = heading[1]
+            records[name] = (int(heading[2]), [])
+        elif line.startswith("#"):
+            name = None
+        elif row and name:
+            records[name][1].append((int(row[1]), int(row[2]), row[3]))
+    return records
+
+
+def compare_records(root, document):
+    header = (root / "include/bios_messages.h").read_text()
+    promised = {name: int(size) for name, size in RECORD_SIZE.findall(header)}
+    records = records_of(document)
+    complaints = [f"record {name} is not in the document" for name in promised if name not in records]
+    for name, (size, rows) in records.items():
+        if promised.get(name, size) != size:
+            complaints.append(f"record {name} has {promised[name]} bytes, not {size}")
+        end = 0
+        for offset, length, field in rows:
+            if offset != end:
+                complaints.append(f"record {name}: {field} begins at {offset}, the field before it ends at {end}")
+            end = offset + length
+        if end != size:
+            complaints.append(f"record {name}: its fields end at {end}, not {size}")
+    for name, field, offset in OFFSET.findall(header):
+        if name in records and (field, int(offset)) not in [(row[2], row[0]) for row in records[name][1]]:
+            complaints.append(f"record {name}: {field} stands at {offset}")
+    return complaints
+
+
+def main():
+    root = Path(sys.argv[1])
+    document = "".join((root / "doc" / name).read_text() for name in ("messages.md", "version-messages.md"))
+    complaints = (compare_opcodes(root, document) + compare_results(root, document) +
+                  compare_records(root, document))
+    print(*complaints, f"{len(records_of(document))} records", sep="\n")
+    sys.exit(1 if complaints else 0)
+
+
+main()
