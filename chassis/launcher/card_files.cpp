@@ -1,10 +1,7 @@
 #include "card_files.h"
 
-#include <cstdio>
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "chassis_dir.h"
@@ -86,16 +83,6 @@ std::uint32_t node_of_slot(unsigned slot)
     const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
     const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
     return slot * 256 + (supervisor ? 1 : 2);
-}
-
-bool endpoint_lives(unsigned slot)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/mts/%08x.%08x", chassis_dir_fd(),
-                  node_of_slot(slot), BIOS_DAEMON_SAP);
-    const unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
 std::string log_tail(unsigned slot, unsigned lines)

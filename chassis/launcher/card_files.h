@@ -2,7 +2,8 @@
 //
 //   name, isolation             of the chassis
 //   slots/SLOT/name             of the card
-//   slots/SLOT/serves           1: the card runs the daemon
+//   slots/SLOT/serves           1: the card runs the daemon, or a stand-in
+//   slots/SLOT/answers, answer_rows, answer_seed  of a stand-in (answer_form.h); absent: the card runs the daemon
 //   slots/SLOT/bootflash_mib    absent: the bootflash is a folder of the card's root
 //   slots/SLOT/private_bootflash  marker: what other cards write to the bootflash would not be seen there
 //   slots/SLOT/isolation        how the card got its root the last time
@@ -30,11 +31,11 @@ constexpr std::uint32_t BIOS_DAEMON_SAP = 1010;
 // Opens the chassis at path. Throws launcher_error when there is none.
 void open_chassis(const std::string &path);
 
-// Slots that have a card, ascending; those whose card runs the daemon.
+// Slots that have a card, ascending; those whose card runs the daemon or a stand-in.
 std::vector<unsigned> card_slots();
 std::vector<unsigned> serving_slots();
 
-// Throws launcher_error when the slot has no card, or one that does not run the daemon.
+// Throws launcher_error when the slot has no card, or one that runs neither.
 void require_serving_slot(unsigned slot);
 
 // First line of a file; empty when there is none.
@@ -48,9 +49,6 @@ std::string card_state(unsigned slot);
 
 // Transport node of a slot's daemon, after the kind of its card.
 std::uint32_t node_of_slot(unsigned slot);
-
-// Whether a living process has the endpoint of the slot's daemon.
-bool endpoint_lives(unsigned slot);
 
 // Last lines of a card's log.
 std::string log_tail(unsigned slot, unsigned lines);

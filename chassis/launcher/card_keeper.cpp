@@ -24,8 +24,10 @@
 #include "card_root.h"
 #include "card_session.h"
 #include "chassis_dir.h"
+#include "endpoint_probe.h"
 #include "keeper_lock.h"
 #include "launcher_error.h"
+#include "process_descriptor.h"
 
 namespace
 {
@@ -74,12 +76,15 @@ private:
 
     keeper_options options_;
     card_root root_;
+    card_program program_ = card_program::daemon; // of the present session
     unique_fd signals_;
     unique_fd reports_; // of the present session
     phase phase_ = phase::starting;
     wish wish_ = wish::none;
     pid_t session_ = 0; // 0: none
     pid_t daemon_ = 0;  // 0: none
+    unique_fd daemon_process_; // the same; its number may become another's before its end is known here
+    endpoint_probe probe_;
     std::optional<int> daemon_status_;
     unsigned starts_ = 0;
     steady::time_point deadline_; // pausing: of the next start; a wish that waits: of the session's end
@@ -168,11 +173,12 @@ void card_keeper::start()
 
 void card_keeper::install_programs()
 {
-    root_.install_program(options_.way, options_.daemon, DAEMON_IN_ROOT);
+    root_.install_program(options_.way, program_file(program_, options_.daemon, options_.tools),
+                          place_in_root(program_));
     for (const char *tool : TOOLS) {
         const std::string program = options_.tools + "/" + tool;
         if (::access(program.c_str(), X_OK) == 0)
-            root_.install_program(options_.way, program, std::string(TOOLS_IN_ROOT) + tool);
+            root_.install_program(options_.way, program, PROGRAMS_IN_ROOT + std::string(tool));
     }
 }
 
@@ -180,6 +186,7 @@ void card_keeper::start_session()
 {
     enter(phase::starting, STATE_STARTING);
     write_line(slot_file("starts"), std::to_string(++starts_));
+    program_ = program_of(options_.slot);
     install_programs();
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
@@ -193,13 +200,15 @@ void card_keeper::start_session()
     const int child = fork_into_isolation(options_.way);
     if (child == 0) {
         reports_.reset();
-        run_session({options_.directory, options_.slot, options_.way, session_end.get()});
+        run_session({options_.directory, options_.slot, options_.way, program_, session_end.get()});
     }
     if (child < 0)
         throw system_error_of("start of the card");
     session_ = child;
     daemon_ = 0;
+    daemon_process_.reset();
     daemon_status_.reset();
+    probe_.reset();
 }
 
 int card_keeper::wait_limit_ms() const
@@ -264,6 +273,7 @@ void card_keeper::take_reports()
         ucred sender;
         std::memcpy(&sender, CMSG_DATA(item), sizeof sender);
         daemon_ = sender.pid;
+        daemon_process_.reset(::pidfd_open(daemon_, 0));
         write_line(slot_file("pid"), std::to_string(daemon_));
     }
 }
@@ -288,7 +298,7 @@ void card_keeper::tick()
         (void)::kill(session_, SIGKILL);
         deadline_ = steady::now() + KILL_PATIENCE;
     }
-    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && endpoint_lives(options_.slot)) {
+    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && probe_.is_taken(options_.slot)) {
         note("serves, process %d", static_cast<int>(daemon_));
         enter(phase::serving, std::string(STATE_SERVING) + " " + std::to_string(daemon_));
     }
@@ -312,14 +322,17 @@ void card_keeper::request(wish wanted)
 
 void card_keeper::kill_daemon(int signal)
 {
-    // A daemon whose number is not known yet cannot be told; the session takes it along.
-    (void)::kill(daemon_ != 0 ? daemon_ : session_, daemon_ != 0 ? signal : SIGKILL);
+    if (daemon_process_)
+        (void)::pidfd_send_signal(daemon_process_.get(), signal, nullptr, 0);
+    else
+        (void)::kill(session_, SIGKILL); // a daemon that is not known yet goes with its session
 }
 
 void card_keeper::session_ended()
 {
     session_ = 0;
     daemon_ = 0;
+    daemon_process_.reset();
     reports_.reset();
     (void)::unlinkat(chassis_dir_fd(), slot_file("pid").c_str(), 0);
     if (!has_namespaces(options_.way) && !kill_processes_of_root(root_.fd()))
@@ -347,9 +360,9 @@ void card_keeper::daemon_failed(const std::string &what)
     ends_.push_back(now);
     while (now - ends_.front() > END_WINDOW)
         ends_.pop_front();
-    note("bios_daemon %s", what.c_str());
+    note("%s %s", program_name(program_), what.c_str());
     if (ends_.size() >= MAX_ENDS_IN_WINDOW) {
-        note("bios_daemon ended %zu times within %d s and is not started again", ends_.size(),
+        note("%s ended %zu times within %d s and is not started again", program_name(program_), ends_.size(),
              static_cast<int>(END_WINDOW.count()));
         enter(phase::failed, STATE_FAILED);
         return;

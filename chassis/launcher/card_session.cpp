@@ -70,9 +70,10 @@ std::vector<std::string> daemon_environment(unsigned slot)
     return environment;
 }
 
-[[noreturn]] void fail_to_start(const char *what)
+[[noreturn]] void fail_to_start(const session_options &options, const char *what)
 {
-    std::fprintf(stderr, "chassis: bios_daemon could not be started: %s: %s\n", what, std::strerror(errno));
+    std::fprintf(stderr, "chassis: %s could not be started: %s: %s\n", program_name(options.program), what,
+                 std::strerror(errno));
     ::_exit(EXIT_NOT_STARTED);
 }
 
@@ -86,24 +87,25 @@ std::vector<std::string> daemon_environment(unsigned slot)
     for (std::string &variable : environment)
         variables.push_back(variable.data());
     variables.push_back(nullptr);
-    char name[] = "bios_daemon";
-    char *const arguments[] = {name, nullptr};
+    const std::string place = place_in_root(options.program);
+    std::string name = program_name(options.program);
+    char *const arguments[] = {name.data(), nullptr};
 
     // With no mounts of its own the card must not make any: they would be this machine's, and stay. Not every
     // container lets the right be given up; there it is not there either.
     if (!has_namespaces(options.way))
         (void)::prctl(PR_CAPBSET_DROP, CAP_SYS_ADMIN);
     if (::fchdir(root.fd()) != 0 || ::chroot(".") != 0 || ::chdir("/") != 0)
-        fail_to_start("root of the card");
+        fail_to_start(options, "root of the card");
     report(options.report_fd, session_report::event::daemon_started, 0);
     if (::fcntl(STDERR_FILENO, F_GETFD) < 0 || ::dup2(chassis_dir_fd(), CHASSIS_FD) < 0)
-        fail_to_start("descriptors");
+        fail_to_start(options, "descriptors");
     if (chassis_dir_fd() == CHASSIS_FD && ::fcntl(CHASSIS_FD, F_SETFD, 0) != 0)
-        fail_to_start("descriptors");
+        fail_to_start(options, "descriptors");
     if (::close_range(CHASSIS_FD + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0)
-        fail_to_start("descriptors");
-    ::execve(DAEMON_IN_ROOT, arguments, variables.data());
-    fail_to_start(DAEMON_IN_ROOT);
+        fail_to_start(options, "descriptors");
+    ::execve(place.c_str(), arguments, variables.data());
+    fail_to_start(options, place.c_str());
 }
 
 // Reaps whatever ends until the given process has; its wait status.
@@ -165,7 +167,8 @@ void run_session(const session_options &options)
     try {
         serve_session(options);
     } catch (const std::exception &failure) {
-        std::fprintf(stderr, "chassis: bios_daemon could not be started: %s\n", failure.what());
+        std::fprintf(stderr, "chassis: %s could not be started: %s\n", program_name(options.program),
+                     failure.what());
         ::_exit(EXIT_NOT_STARTED);
     }
     ::_exit(EXIT_SUCCESS);

@@ -1,4 +1,5 @@
-// One run of the daemon: from a boot of the card, or a restart of its software, to the daemon's end.
+// One run of the daemon: from a boot of the card, or a restart of its software, to the daemon's end. What is said
+// of the daemon holds for the stand-in of a card that has none.
 //
 // The session is a process of its own between the card's keeper and the daemon. With namespaces it is the first
 // process of the card's process namespace, otherwise the one that the card's orphans are given to. It starts the
@@ -8,6 +9,7 @@
 
 #include <string>
 
+#include "card_program.h"
 #include "isolation.h"
 
 // What the keeper is told, one message each, in this order.
@@ -24,11 +26,9 @@ struct session_options {
     std::string directory; // of the chassis, absolute
     unsigned slot = 0;
     isolation way = isolation::plain;
+    card_program program = card_program::daemon;
     int report_fd = -1; // socket to the keeper
 };
-
-constexpr const char *DAEMON_IN_ROOT = "/vesk/sbin/bios_daemon";
-constexpr const char *TOOLS_IN_ROOT = "/vesk/sbin/";
 
 // Runs the session in the calling process, a child that fork_into_isolation() made. The chassis is opened anew in it.
 [[noreturn]] void run_session(const session_options &options);

@@ -11,7 +11,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "answer_form.h"
 #include "bios_header.h"
+#include "card_families.h"
 #include "card_files.h"
 #include "chassis_dir.h"
 #include "flash_layout.h"
@@ -32,6 +34,7 @@ struct card_status {
     unsigned kind = 0;
     std::string role;
     bool serves = false; // it should
+    std::string answers; // name of the form: "daemon" or that of a stand-in
     std::string state;
     int pid = 0;
     std::string isolation_way;
@@ -68,6 +71,12 @@ std::string state_now(const card_status &card)
     return card_state(card.slot);
 }
 
+std::string answers_of(unsigned slot)
+{
+    const std::string name = read_line(chassis_slot_path(slot, ANSWERS_FILE));
+    return parse_answer_form(name) ? name : "daemon";
+}
+
 card_status status_of(unsigned slot)
 {
     card_status card;
@@ -77,6 +86,7 @@ card_status status_of(unsigned slot)
     card.kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
     card.role = role_name(chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0));
     card.serves = chassis_read_value(chassis_slot_path(slot, "serves"), 0) != 0;
+    card.answers = answers_of(slot);
     card.state = state_now(card);
     card.pid = static_cast<int>(chassis_read_value(chassis_slot_path(slot, "pid"), 0));
     card.isolation_way = read_line(chassis_slot_path(slot, "isolation"));
@@ -99,30 +109,37 @@ nlohmann::json json_of(const card_status &card)
                            {"version", version},
                            {"being_programmed", card.programming[instance]}});
     }
-    return {{"slot", card.slot},     {"name", card.name},   {"card_id", card.card_id}, {"kind", card.kind},
-            {"role", card.role},     {"serves", card.serves}, {"state", card.state},   {"pid", card.pid},
-            {"isolation", card.isolation_way}, {"flashes", flashes}};
+    return {{"slot", card.slot},       {"name", card.name},
+            {"card_id", card.card_id}, {"kind", card.kind},
+            {"role", card.role},       {"serves", card.serves},
+            {"answers", card.answers}, {"state", card.state},
+            {"pid", card.pid},         {"isolation", card.isolation_way},
+            {"flashes", flashes}};
 }
 
-using row = std::array<std::string, 6>;
+template<std::size_t COLUMNS>
+using row_of_texts = std::array<std::string, COLUMNS>;
+using row = row_of_texts<6>;
 
 row row_of(const card_status &card)
 {
     std::string version = card.version[0].empty() ? "-" : card.version[0];
     if (card.programming[0])
         version += " being programmed";
-    return {std::to_string(card.slot), card.name, std::to_string(card.card_id), card.role, card.state, version};
+    const std::string state = card.answers == "daemon" ? card.state : card.state + " (" + card.answers + ")";
+    return {std::to_string(card.slot), card.name, std::to_string(card.card_id), card.role, state, version};
 }
 
-std::string table_of(const std::vector<row> &rows)
+template<std::size_t COLUMNS>
+std::string table_of(const std::vector<row_of_texts<COLUMNS>> &rows)
 {
-    std::array<std::size_t, std::tuple_size_v<row>> width = {};
-    for (const row &each : rows) {
+    std::array<std::size_t, COLUMNS> width = {};
+    for (const auto &each : rows) {
         for (std::size_t column = 0; column < each.size(); ++column)
             width[column] = std::max(width[column], each[column].size());
     }
     std::ostringstream text;
-    for (const row &each : rows) {
+    for (const auto &each : rows) {
         for (std::size_t column = 0; column + 1 < each.size(); ++column)
             text << each[column] << std::string(width[column] - each[column].size() + 2, ' ');
         text << each.back() << '\n';
@@ -159,6 +176,24 @@ std::string show_status(bool json)
     const nlohmann::json chassis = {{"name", read_line("name")}, {"cards", cards}};
     // Names are a person's; bytes that are no UTF-8 must not make the output unreadable.
     return chassis.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+std::string show_families(bool json)
+{
+    std::vector<row_of_texts<4>> rows = {{"FAMILY", "CARD", "CHANGE BIT", "IMAGE"}};
+    nlohmann::json families = nlohmann::json::array();
+    for (const card_family &family : CARD_FAMILIES) {
+        const std::string change_bit = family.hw_change_bit ? std::to_string(*family.hw_change_bit) : "-";
+        rows.push_back({family.name, std::to_string(family.card_id), change_bit, image_file_of(family)});
+        nlohmann::json each = {{"family", family.name},
+                               {"card_id", family.card_id},
+                               {"hw_change_bit", nullptr},
+                               {"image", image_file_of(family)}};
+        if (family.hw_change_bit)
+            each["hw_change_bit"] = *family.hw_change_bit;
+        families.push_back(each);
+    }
+    return json ? families.dump(2) + "\n" : table_of(rows);
 }
 
 void print_log(unsigned slot, bool follow)

@@ -14,6 +14,7 @@
 #include <toml++/toml.h>
 #pragma GCC diagnostic pop
 
+#include "card_families.h"
 #include "flash_layout.h"
 #include "launcher_error.h"
 #include "pfm.h"
@@ -26,6 +27,7 @@ constexpr std::uint32_t KIND_LINECARD = 2;
 constexpr std::uint32_t DEFAULT_FLASH_KIB = 8 * 1024;
 constexpr std::uint32_t DEFAULT_SECTOR_KIB = 64;
 constexpr std::uint32_t MAX_BOOTFLASH_MIB = 16 * 1024;
+constexpr std::uint32_t MAX_WAIT_LIMIT_S = 24 * 60 * 60;
 
 // A table of the file, and how to complain about it.
 class section
@@ -114,6 +116,29 @@ private:
     const std::string &file_;
 };
 
+// The card id and the hw.change.bit, told by themselves or by the family's name.
+void read_identity(const section &card, card_description &result)
+{
+    const std::optional<std::string> name = card.text("family");
+    const std::optional<std::uint32_t> change_bit = card.number("hw_change_bit", 0, UINT32_MAX);
+    result.hw_change_bit = change_bit.value_or(0);
+    if (!name) {
+        if (card.find("card_id") == nullptr)
+            card.fail("card_id or family is missing");
+        result.card_id = card.required_number("card_id", 1, 0xffff);
+        return;
+    }
+    if (card.find("card_id") != nullptr)
+        card.fail(*card.find("family"), "either card_id or family");
+    const card_family *family = find_card_family(*name);
+    if (family == nullptr)
+        card.fail(*card.find("family"), "there is no family " + *name + "; show them with: chassis families");
+    if (family->hw_change_bit && change_bit)
+        card.fail(*card.find("hw_change_bit"), "the family " + *name + " tells the hw_change_bit already");
+    result.card_id = family->card_id;
+    result.hw_change_bit = family->hw_change_bit.value_or(result.hw_change_bit);
+}
+
 std::uint32_t read_kind(const section &card)
 {
     const toml::node *node = card.find("kind");
@@ -160,23 +185,49 @@ void read_flash(const section &card, card_description &result)
     }
 }
 
+std::string answer_form_names()
+{
+    std::string names;
+    for (const named_answer_form &known : ANSWER_FORMS)
+        names += (names.empty() ? "" : ", ") + ('"' + std::string(known.name) + '"');
+    return names;
+}
+
+void read_answers(const section &card, card_description &result)
+{
+    const std::string name = card.text("answers").value_or("daemon");
+    const std::optional<answer_form> form = parse_answer_form(name);
+    if (!form)
+        card.fail(*card.find("answers"), "answers is one of " + answer_form_names());
+    if (*form != answer_form::daemon && !result.serves)
+        card.fail(*card.find("answers"), "a card with serves = false runs no stand-in either");
+    result.answers = *form;
+    result.answer_rows = card.number("answer_rows", 1, MAX_ANSWER_ROWS);
+    if (result.answer_rows && *form != answer_form::full)
+        card.fail(*card.find("answer_rows"), "answer_rows goes with answers = \"full\"");
+    result.answer_seed = card.number("answer_seed", 0, UINT32_MAX);
+    if (result.answer_seed && *form != answer_form::garbage)
+        card.fail(*card.find("answer_seed"), "answer_seed goes with answers = \"garbage\"");
+}
+
 card_description read_card(const section &card)
 {
-    card.allow_only({"slot", "name", "card_id", "kind", "role", "hw_change_bit", "image_tree", "flash_mib",
-                     "flash_kib", "sector_kib", "flash_image", "alternate_image", "bootflash_mib", "serves"});
+    card.allow_only({"slot", "name", "card_id", "family", "kind", "role", "hw_change_bit", "image_tree",
+                     "flash_mib", "flash_kib", "sector_kib", "flash_image", "alternate_image", "bootflash_mib",
+                     "serves", "answers", "answer_rows", "answer_seed"});
     card_description result;
     result.slot = card.required_number("slot", 1, PFM_MODULE_COUNT);
     result.name = card.text("name").value_or("card " + std::to_string(result.slot));
-    result.card_id = card.required_number("card_id", 1, 0xffff);
+    read_identity(card, result);
     result.kind = read_kind(card);
     result.sup_state = read_role(card, result.kind);
-    result.hw_change_bit = card.number("hw_change_bit", 0, UINT32_MAX).value_or(0);
     result.image_tree = card.path("image_tree", true);
     if (!result.image_tree.empty() && !std::filesystem::is_directory(result.image_tree + "/vesk"))
         card.fail(*card.find("image_tree"), "image_tree: " + result.image_tree + " has no folder vesk");
     read_flash(card, result);
     result.bootflash_mib = card.number("bootflash_mib", 1, MAX_BOOTFLASH_MIB).value_or(0);
     result.serves = card.flag("serves").value_or(true);
+    read_answers(card, result);
     return result;
 }
 
@@ -188,8 +239,9 @@ void read_chassis(const toml::table &root, const std::string &file, chassis_desc
     if (!node->is_table())
         section(root, file).fail(*node, "chassis is a table: [chassis]");
     const section chassis(*node->as_table(), file);
-    chassis.allow_only({"name", "isolation"});
+    chassis.allow_only({"name", "isolation", "wait_limit_s"});
     result.name = chassis.text("name").value_or("");
+    result.wait_limit_s = chassis.number("wait_limit_s", 1, MAX_WAIT_LIMIT_S);
     const std::optional<std::string> way = chassis.text("isolation");
     if (!way)
         return;

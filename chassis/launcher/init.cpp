@@ -76,6 +76,20 @@ void make_flash(const card_description &card, unsigned instance, const std::stri
         throw system_error_of(flash_folder_path(card.slot, instance));
 }
 
+void write_answers(const card_description &card)
+{
+    if (card.answers == answer_form::daemon)
+        return;
+    for (const named_answer_form &known : ANSWER_FORMS) {
+        if (known.form == card.answers)
+            write_line(chassis_slot_path(card.slot, ANSWERS_FILE), std::string(known.name));
+    }
+    if (card.answer_rows)
+        write_line(chassis_slot_path(card.slot, ANSWER_ROWS_FILE), std::to_string(*card.answer_rows));
+    if (card.answer_seed)
+        write_line(chassis_slot_path(card.slot, ANSWER_SEED_FILE), std::to_string(*card.answer_seed));
+}
+
 void make_card(const card_description &card)
 {
     write_inventory(card);
@@ -84,6 +98,7 @@ void make_card(const card_description &card)
         make_folder(chassis_slot_path(card.slot, name));
     write_line(chassis_slot_path(card.slot, "name"), card.name);
     write_line(chassis_slot_path(card.slot, "serves"), card.serves ? "1" : "0");
+    write_answers(card);
     write_line(chassis_slot_path(card.slot, "state"), STATE_DOWN);
     if (card.bootflash_mib != 0) {
         write_line(chassis_slot_path(card.slot, "bootflash_mib"), std::to_string(card.bootflash_mib));
@@ -117,6 +132,8 @@ void init_chassis(const std::string &directory, const std::string &description)
     make_folder("transport");
     write_line("name", chassis.name);
     write_line("isolation", isolation_name(chassis.way));
+    if (chassis.wait_limit_s)
+        write_line("transport/wait_limit_s", std::to_string(*chassis.wait_limit_s));
     for (const card_description &card : chassis.cards)
         make_card(card);
     made.commit();

@@ -1,6 +1,7 @@
 // chassis: makes, starts, shows and stops a chassis on this machine.
 //
 //   chassis [--dir DIR] init DESCRIPTION.toml
+//   chassis families [--json]
 //   chassis [--dir DIR] up | down | status [--json] | restart SLOT [--upgrade] | log SLOT [--follow]
 //
 // DIR is CHASSIS_DIR of the environment or ./chassis.d when it is not given.
@@ -131,6 +132,10 @@ void add_looking_commands(CLI::App &app, command_line &line)
         open_chassis(line.directory);
         std::fputs(show_status(line.json).c_str(), stdout);
     });
+
+    command = app.add_subcommand("families", "Show the card families that a description can name");
+    command->add_flag("--json", line.json, "For programs");
+    command->callback([&line] { std::fputs(show_families(line.json).c_str(), stdout); });
 
     command = app.add_subcommand("log", "Print what a card's daemon printed");
     add_slot(command, line);

@@ -12,6 +12,7 @@
 
 #include "card_files.h"
 #include "card_processes.h"
+#include "card_program.h"
 #include "card_root.h"
 #include "chassis_commands.h"
 #include "chassis_dir.h"
@@ -46,6 +47,17 @@ std::string find_daemon(const std::string &wanted)
     if (!std::filesystem::is_regular_file(daemon) || ::access(daemon.c_str(), X_OK) != 0)
         throw launcher_error(daemon + ": is not the daemon's executable; name it with --daemon or BIOS_DAEMON");
     return daemon;
+}
+
+// The keepers look for it in the same place.
+void require_standin(const std::vector<unsigned> &slots)
+{
+    const std::string folder = std::filesystem::path(own_program()).parent_path().string();
+    const std::string standin = program_file(card_program::standin, {}, folder);
+    const bool needed = std::any_of(slots.begin(), slots.end(),
+                                    [](unsigned slot) { return program_of(slot) == card_program::standin; });
+    if (needed && ::access(standin.c_str(), X_OK) != 0)
+        throw system_error_of(standin);
 }
 
 isolation chosen_isolation()
@@ -208,6 +220,7 @@ void bring_up(const up_options &options)
     }
     up_options settled = options;
     settled.daemon = find_daemon(options.daemon);
+    require_standin(slots);
     starting_cards cards(settled, chosen_isolation());
     try {
         for (const unsigned slot : slots)

@@ -1,0 +1,18 @@
+// What serves on a card: the daemon, or the stand-in for a module that runs none.
+#pragma once
+
+#include <string>
+
+enum class card_program { daemon, standin };
+
+constexpr const char *PROGRAMS_IN_ROOT = "/vesk/sbin/";
+
+// What the slot's files say now. A form of answers that is not known is taken for the daemon.
+card_program program_of(unsigned slot);
+
+const char *program_name(card_program program);
+
+// Where the program lies in a card's root, and which file of this machine it is: the stand-in lies in the folder
+// of the tools.
+std::string place_in_root(card_program program);
+std::string program_file(card_program program, const std::string &daemon, const std::string &tools);
