@@ -72,6 +72,18 @@ request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode
     return answer;
 }
 
+mts_address_t client_endpoint::address() const
+{
+    mts_address_t address{};
+    (void)chassis_mts_address(handle_, &address); // fails for an endpoint that is not bound only
+    return address;
+}
+
+int client_endpoint::descriptor() const
+{
+    return chassis_mts_descriptor(handle_);
+}
+
 std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
 {
     std::array<std::uint32_t, MTS_RECV_OPTION_WORDS> options{};

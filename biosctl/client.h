@@ -46,6 +46,12 @@ public:
     request_answer request(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
                            unsigned wait_limit_s);
 
+    // Where notices reach this endpoint. REQUIRES: bound.
+    mts_address_t address() const;
+
+    // Readable when a message has come, for poll. REQUIRES: no request was sent from this endpoint.
+    int descriptor() const;
+
     // Waits for a message, 0: takes one that is there. None with errno when none came.
     std::optional<received_message> receive(unsigned wait_limit_s);
 

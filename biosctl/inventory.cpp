@@ -15,6 +15,7 @@ namespace
 
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
 constexpr std::uint32_t SUPERVISOR_STATE_ACTIVE = 1;
+constexpr std::uint32_t SUPERVISOR_STATE_STANDBY = 2;
 constexpr std::array<std::uint32_t, 5> ONE_MODULE_CARD_IDS{183, 282, 314, 316, 318};
 
 bool slot_is_supervisor(unsigned slot)
@@ -47,6 +48,16 @@ bool module_exists(unsigned module)
            chassis_read_value(chassis_inventory_path(module, "card_id"), 0) != 0;
 }
 
+std::vector<unsigned> modules_of_chassis()
+{
+    std::vector<unsigned> modules;
+    for (unsigned module = 1; module <= PFM_MODULE_COUNT; ++module) {
+        if (module_exists(module))
+            modules.push_back(module);
+    }
+    return modules;
+}
+
 std::uint32_t node_of_module(unsigned module)
 {
     return chassis_mts_node_of_slot(module);
@@ -55,6 +66,11 @@ std::uint32_t node_of_module(unsigned module)
 bool slot_is_active(unsigned slot)
 {
     return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_ACTIVE;
+}
+
+bool slot_is_standby(unsigned slot)
+{
+    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_STANDBY;
 }
 
 std::optional<unsigned> active_supervisor()

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Makes this process a tool of a chassis.
 //   dir  path of the chassis directory; empty: the environment's, else ./chassis.d
@@ -13,15 +14,20 @@
 // Whether a card is entered for a module number (1..232).
 bool module_exists(unsigned module);
 
+// The module numbers that a card is entered for, in order.
+std::vector<unsigned> modules_of_chassis();
+
 // Node of a module's daemon: module * 256 + 1 on a supervisor, module * 256 + 2 on any other card.
 std::uint32_t node_of_module(unsigned module);
 
-// Whether the supervisor state of a slot is "active".
+// Whether the supervisor state of a slot is "active", and "standby".
 bool slot_is_active(unsigned slot);
+bool slot_is_standby(unsigned slot);
 
 // Slot of the active supervisor; the lowest if there are several, none if there is none.
 std::optional<unsigned> active_supervisor();
 
-// Whether the card in a slot is of a kind whose daemon programs module 18 whatever module it is asked for.
+// Whether the card in a slot is of a kind whose daemon programs module 18, and tells module 18's versions,
+// whatever module it is asked for.
 bool slot_programs_one_module_only(unsigned slot);
 constexpr unsigned ONLY_MODULE_OF_SUCH_SLOTS = 18;

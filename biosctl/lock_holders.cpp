@@ -17,6 +17,21 @@ std::string reason_text(std::uint32_t reason)
     return "for reason " + code_text(reason);
 }
 
+bool is_programming(const chassis_module_lock_holder &holder)
+{
+    return !holder.since.empty() && holder.reason == BIOS_ERR_BUSY;
+}
+
+// Whether the lock is that of the programming supervisor's own module beside the lock of its target.
+bool guards_programmer(const chassis_module_lock_holder &lock, std::span<const chassis_module_lock_holder> holders)
+{
+    return lock.slot == lock.node_id / 256U &&
+           std::ranges::any_of(holders, [&](const chassis_module_lock_holder &other) {
+               return is_programming(other) && other.node_id != lock.node_id && other.slot == lock.slot &&
+                      other.pid == lock.pid;
+           });
+}
+
 } // namespace
 
 std::optional<chassis_module_lock_holder> find_lock_holder(std::uint32_t node)
@@ -35,4 +50,29 @@ std::string holder_text(const chassis_module_lock_holder &holder)
     const std::string who = holder.slot == 0 ? "a tool" : "slot " + std::to_string(holder.slot);
     return "held by " + who + ", process " + std::to_string(holder.pid) + ", since " + holder.since + ", " +
            reason_text(holder.reason);
+}
+
+bool programming_locks::has(std::uint32_t node) const
+{
+    return std::ranges::find(programmed, node) != programmed.end();
+}
+
+programming_locks programming_of(std::span<const chassis_module_lock_holder> holders)
+{
+    programming_locks locks;
+    for (const chassis_module_lock_holder &holder : holders) {
+        if (is_programming(holder) && !guards_programmer(holder, holders))
+            locks.programmed.push_back(holder.node_id);
+        // A record that is not written yet may become one of a programming.
+        if (is_programming(holder) || holder.since.empty())
+            locks.any = true;
+    }
+    return locks;
+}
+
+programming_locks find_programming()
+{
+    int error = 0;
+    const auto holders = chassis_module_lock_holders(error);
+    return error == 0 ? programming_of(holders) : programming_locks{.readable = false};
 }

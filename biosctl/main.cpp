@@ -6,6 +6,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -15,6 +16,8 @@
 #include "outcome.h"
 #include "pfm.h"
 #include "program.h"
+#include "show.h"
+#include "source.h"
 
 namespace
 {
@@ -26,6 +29,7 @@ struct arguments {
     std::string image;
     unsigned type = 0;
     unsigned module = 0;
+    std::vector<unsigned> modules;
     unsigned via = 0;
     unsigned timeout_s = 0;
     std::string code;
@@ -61,6 +65,18 @@ CLI::Validator image_uri()
             "URI"};
 }
 
+// Rewrites an image to its path on the card.
+CLI::Validator image_on_card()
+{
+    return {[](std::string &text) {
+                std::string problem;
+                if (const auto path = image_path_of(text, problem); path)
+                    text = *path;
+                return problem;
+            },
+            "IMAGE"};
+}
+
 CLI::Validator result_code()
 {
     return {[](std::string &text) {
@@ -77,18 +93,50 @@ CLI::Validator result_code()
             "CODE"};
 }
 
-void add_module(CLI::App *command, arguments &given)
+void add_via(CLI::App *command, arguments &given)
 {
-    command->add_option("MODULE", given.module, "Module (slot) number")
-        ->required()
-        ->transform(decimal(1, PFM_MODULE_COUNT));
     command->add_option("--via", given.via, "Ask the daemon of this slot, not the active supervisor's")
         ->transform(decimal(1, PFM_MODULE_COUNT))
         ->type_name("SLOT");
 }
 
+void add_timeout(CLI::App *command, arguments &given, const std::string &meaning)
+{
+    command->add_option("--timeout", given.timeout_s, meaning)
+        ->transform(decimal(1, 1'000'000))
+        ->type_name("SECONDS");
+}
+
+void add_module(CLI::App *command, arguments &given)
+{
+    command->add_option("MODULE", given.module, "Module (slot) number")
+        ->required()
+        ->transform(decimal(1, PFM_MODULE_COUNT));
+    add_via(command, given);
+}
+
+void add_show(CLI::App *command, arguments &given)
+{
+    command->add_option("MODULE", given.modules, "Module (slot) numbers; without: all")
+        ->transform(decimal(1, PFM_MODULE_COUNT));
+    add_via(command, given);
+    add_timeout(command, given, "Wait no longer for one answer (60)");
+}
+
 void add_commands(CLI::App &app, arguments &given)
 {
+    add_show(app.add_subcommand("show", "Show the versions in the image, in the flash and running of every card"),
+             given);
+    add_show(app.add_subcommand("audit", "The same, and fail when any card is not in step"), given);
+
+    CLI::App *source = app.add_subcommand("source", "Show the BIOS versions in a card's image tree or system image");
+    add_via(source, given);
+    source
+        ->add_option("--image", given.image,
+                     "System image on the card, bootflash:NAME or a path; without: the image tree")
+        ->transform(image_on_card());
+    add_timeout(source, given, "Wait no longer for the answer (300)");
+
     CLI::App *program = app.add_subcommand("program", "Program a module's BIOS flash and follow it to its end");
     add_module(program, given);
     program
@@ -96,9 +144,7 @@ void add_commands(CLI::App &app, arguments &given)
                      "System image that holds the BIOS, such as bootflash:NAME; without: the image tree")
         ->transform(image_uri());
     program->add_option("--type", given.type, "Flash instance, 0 is the primary one")->transform(decimal(0, 255));
-    program->add_option("--timeout", given.timeout_s, "Stop watching after so long; the programming goes on")
-        ->transform(decimal(1, 1'000'000))
-        ->type_name("SECONDS");
+    add_timeout(program, given, "Stop watching after so long; the programming goes on");
 
     add_module(app.add_subcommand("lock", "Have the daemon take a module's lock"), given);
     add_module(app.add_subcommand("unlock", "Have the daemon free a module's lock"), given);
@@ -112,24 +158,48 @@ std::optional<unsigned> if_given(const CLI::App *command, const std::string &opt
     return command->count(option) > 0 ? std::optional(value) : std::nullopt;
 }
 
+outcome run_show_command(const CLI::App *command, const arguments &given)
+{
+    return run_show({command->get_name() == "audit" ? show_kind::audit : show_kind::show, given.modules,
+                     if_given(command, "--via", given.via), if_given(command, "--timeout", given.timeout_s)},
+                    given.json);
+}
+
+outcome run_source_command(const CLI::App *command, const arguments &given)
+{
+    source_options options{.via = if_given(command, "--via", given.via),
+                           .timeout_s = if_given(command, "--timeout", given.timeout_s)};
+    if (command->count("--image") > 0)
+        options.image_path = given.image;
+    return run_source(options, given.json);
+}
+
+outcome run_program_command(const CLI::App *command, const arguments &given)
+{
+    program_options options{.module = given.module,
+                            .type = static_cast<std::uint8_t>(given.type),
+                            .via = if_given(command, "--via", given.via),
+                            .timeout_s = if_given(command, "--timeout", given.timeout_s)};
+    if (command->count("--image") > 0)
+        options.image = given.image;
+    return run_program(options, given.json);
+}
+
 outcome run_in_chassis(const CLI::App *command, const arguments &given)
 {
     std::string where;
     if (!open_chassis(given.dir, where))
         return failure(EXIT_NOT_FOUND, "there is no chassis in '" + where + "'",
                        "name its directory with --dir or in the environment as CHASSIS_DIR");
-    const auto via = if_given(command, "--via", given.via);
-    if (command->get_name() == "program") {
-        program_options options{.module = given.module,
-                                .type = static_cast<std::uint8_t>(given.type),
-                                .via = via,
-                                .timeout_s = if_given(command, "--timeout", given.timeout_s)};
-        if (command->count("--image") > 0)
-            options.image = given.image;
-        return run_program(options, given.json);
-    }
-    return run_lock(
-        {command->get_name() == "lock" ? BIOS_MODULE_LOCK_TAKE : BIOS_MODULE_LOCK_RELEASE, given.module, via});
+    const std::string &name = command->get_name();
+    if (name == "show" || name == "audit")
+        return run_show_command(command, given);
+    if (name == "source")
+        return run_source_command(command, given);
+    if (name == "program")
+        return run_program_command(command, given);
+    return run_lock({name == "lock" ? BIOS_MODULE_LOCK_TAKE : BIOS_MODULE_LOCK_RELEASE, given.module,
+                     if_given(command, "--via", given.via)});
 }
 
 outcome run(const CLI::App *command, const arguments &given)
@@ -147,7 +217,7 @@ outcome usage_error(const CLI::ParseError &error)
 int parse_and_run(int argc, char **argv)
 {
     arguments given;
-    CLI::App app{"Programs the BIOS flashes of a chassis and tells what became of it.", "biosctl"};
+    CLI::App app{"Shows and programs the BIOS of the cards of a chassis.", "biosctl"};
     app.add_option("--dir", given.dir, "Chassis directory; without: $CHASSIS_DIR, else ./chassis.d")
         ->type_name("CHASSIS_DIR");
     app.add_flag("--json", given.json, "Answer with one JSON object on standard output, errors too");

@@ -29,19 +29,44 @@ nlohmann::ordered_json json_of(const result_description &result)
             {"next", result.next}};
 }
 
+namespace
+{
+
+std::string json_text(const outcome &end)
+{
+    nlohmann::ordered_json document = end.json;
+    document["exit_code"] = static_cast<int>(end.exit);
+    // Text that came in from outside need not be UTF-8.
+    return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+void print_text(const outcome &end)
+{
+    if (!end.report.empty())
+        (void)std::printf("%s\n", end.report.c_str());
+    if (end.message.empty())
+        return;
+    if (end.exit == EXIT_DONE) {
+        (void)std::printf("%s\n", end.message.c_str());
+        return;
+    }
+    (void)std::fflush(stdout); // the report comes first where both streams are one
+    (void)std::fputs(failure_text(end, false).c_str(), stderr);
+}
+
+} // namespace
+
+std::string failure_text(const outcome &end, bool json)
+{
+    return json ? json_text(end) : "biosctl: " + end.message + "\n";
+}
+
 int print_outcome(const outcome &end, bool json)
 {
-    if (json) {
-        nlohmann::ordered_json document = end.json;
-        document["exit_code"] = static_cast<int>(end.exit);
-        // Text that came in from outside need not be UTF-8.
-        const std::string text = document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-        (void)std::printf("%s\n", text.c_str());
-    } else if (end.exit == EXIT_DONE) {
-        (void)std::printf("%s\n", end.message.c_str());
-    } else {
-        (void)std::fprintf(stderr, "biosctl: %s\n", end.message.c_str());
-    }
+    if (json)
+        (void)std::fputs(json_text(end).c_str(), stdout);
+    else
+        print_text(end);
     // Success that could not be told is none.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;

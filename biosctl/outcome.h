@@ -12,6 +12,7 @@ struct outcome {
     exit_code exit = EXIT_DONE;
     std::string message;         // for people; lines without the last newline
     nlohmann::ordered_json json; // for programs; an object
+    std::string report = {};     // for people, on standard output however the command ended; lines as in message
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.
@@ -22,6 +23,9 @@ outcome failure_by_code(const std::string &what, std::uint32_t code);
 
 // The members of a code that every JSON answer about it has: result, name, meaning, flash, next.
 nlohmann::ordered_json json_of(const result_description &result);
+
+// What print_outcome prints for a failure, the last newline included.
+std::string failure_text(const outcome &end, bool json);
 
 // Prints an outcome and gives its exit code. With json: one JSON object on standard output and nothing else.
 // Without: success on standard output, anything else on standard error.

@@ -81,11 +81,7 @@ std::string last_words(bool json)
     const outcome end = failure(EXIT_INTERRUPTED,
                                 "interrupted before the answer came; the card may take the request yet and program",
                                 "look at it with: chassis status");
-    if (!json)
-        return "biosctl: " + end.message + "\n";
-    nlohmann::ordered_json document = end.json;
-    document["exit_code"] = static_cast<int>(end.exit);
-    return document.dump(2) + "\n";
+    return failure_text(end, json);
 }
 
 request_answer send_request(client_endpoint &endpoint, std::uint32_t node, const program_options &options,

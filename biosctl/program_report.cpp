@@ -82,7 +82,7 @@ outcome report_nothing_programmed(const program_subject &subject, const programm
     };
     const std::string flash = "not touched, unless the programming process was killed while it erased";
     const std::string next = "look at the card's log and state before a reboot (chassis log " +
-                             std::to_string(subject.serving_slot) + ", chassis status)";
+                             std::to_string(subject.programmed_module) + ", chassis status)";
     outcome told{EXIT_FAILED, what, json_head(subject, end)};
     for (const std::string &reason : reasons)
         told.message += "\n  likely: " + reason;

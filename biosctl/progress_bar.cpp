@@ -25,8 +25,8 @@ std::string detail_text(const progress_state &state, unsigned elapsed_s)
 {
     if (!state.seen)
         return "waiting for the first progress, " + elapsed_text(elapsed_s);
-    return std::string(phase_text(state.phase)) + ", attempt " + std::to_string(state.attempt) + ", " +
-           elapsed_text(elapsed_s);
+    const std::string attempt = state.attempt > 0 ? ", attempt " + std::to_string(state.attempt) : "";
+    return phase_text(state.phase) + attempt + ", " + elapsed_text(elapsed_s);
 }
 
 unsigned terminal_columns(int fd)

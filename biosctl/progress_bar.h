@@ -11,7 +11,7 @@ struct progress_state {
     bool seen = false; // a progress message came; the rest means nothing before
     std::uint32_t phase = 0;
     std::uint32_t percent = 0; // 0..100, the highest that came
-    std::uint32_t attempt = 0;
+    std::uint32_t attempt = 0; // 0: not worth telling
 };
 
 // "erasing", "writing", "verifying"; "working" for a phase that is not known.

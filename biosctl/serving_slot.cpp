@@ -9,9 +9,9 @@
 namespace
 {
 
-serving_slot not_in_chassis(const std::string &what)
+outcome not_in_chassis(const std::string &what)
 {
-    return {std::nullopt, failure(EXIT_NOT_FOUND, what, "see what is in the chassis with: chassis status")};
+    return failure(EXIT_NOT_FOUND, what, "see what is in the chassis with: chassis status");
 }
 
 } // namespace
@@ -19,15 +19,26 @@ serving_slot not_in_chassis(const std::string &what)
 serving_slot find_serving_slot(unsigned module, std::optional<unsigned> via)
 {
     if (!module_exists(module))
-        return not_in_chassis("there is no module " + std::to_string(module) + " in the chassis");
+        return {std::nullopt, no_module_failure(module)};
+    return find_serving_slot(via);
+}
+
+serving_slot find_serving_slot(std::optional<unsigned> via)
+{
     if (via && !module_exists(*via))
-        return not_in_chassis("there is no card in slot " + std::to_string(*via) + " (--via) of the chassis");
+        return {std::nullopt,
+                not_in_chassis("there is no card in slot " + std::to_string(*via) + " (--via) of the chassis")};
     if (via)
         return {via, {}};
     if (const auto active = active_supervisor(); active)
         return {active, {}};
     return {std::nullopt, failure(EXIT_FAILED, "no supervisor of the chassis is active",
                                   "make one active (chassis status), or name the slot to ask with --via SLOT")};
+}
+
+outcome no_module_failure(unsigned module)
+{
+    return not_in_chassis("there is no module " + std::to_string(module) + " in the chassis");
 }
 
 outcome no_endpoint_failure()

@@ -14,6 +14,12 @@ struct serving_slot {
 // the chassis has no such module or no such slot.
 serving_slot find_serving_slot(unsigned module, std::optional<unsigned> via);
 
+// The same for a request that is about no module, or about many.
+serving_slot find_serving_slot(std::optional<unsigned> via);
+
+// The chassis has no such module.
+outcome no_module_failure(unsigned module);
+
 // No endpoint of this process could be made; errno tells why.
 outcome no_endpoint_failure();
 

@@ -1,0 +1,136 @@
+#include "show_report.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "inventory.h"
+
+namespace
+{
+
+constexpr int SLOT_COLUMNS = 4;
+constexpr int VERSION_COLUMNS = 16; // "v3.5.0(09/17/12)"
+
+std::string cell(const std::string &text)
+{
+    if (text.empty())
+        return "-";
+    return text.size() <= VERSION_COLUMNS ? text : text.substr(0, VERSION_COLUMNS - 1) + "~";
+}
+
+std::string table_line(const std::string &slot, const std::string &source, const std::string &flash,
+                       const std::string &running, const std::string &judged)
+{
+    char line[SHOW_TABLE_COLUMNS + 1];
+    (void)std::snprintf(line, sizeof line, "%-*s  %-*s  %-*s  %-*s  %s", SLOT_COLUMNS, slot.c_str(),
+                        VERSION_COLUMNS, source.c_str(), VERSION_COLUMNS, flash.c_str(), VERSION_COLUMNS,
+                        running.c_str(), judged.c_str());
+    return line;
+}
+
+std::size_t count_of(const std::vector<card_report> &cards, verdict kind)
+{
+    std::size_t count = 0;
+    for (const card_report &card : cards)
+        count += static_cast<std::size_t>(std::ranges::count(card.flashes, kind, &flash_report::kind));
+    return count;
+}
+
+// "in step: 2, unknown: 1".
+std::string summary_text(const std::vector<card_report> &cards)
+{
+    std::string text;
+    for (const verdict_row &row : verdict_rows()) {
+        if (const std::size_t count = count_of(cards, row.kind); count > 0)
+            text += (text.empty() ? "" : ", ") + std::string(row.name) + ": " + std::to_string(count);
+    }
+    return text;
+}
+
+// What the verdicts that occur ask for; nothing about those that ask for nothing.
+std::string meanings_text(const std::vector<card_report> &cards)
+{
+    std::string text;
+    for (const verdict_row &row : verdict_rows()) {
+        if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
+            text += std::string("\n") + row.name + ": " + row.meaning;
+    }
+    return text;
+}
+
+std::string reasons_text(const std::vector<card_report> &cards)
+{
+    std::string text;
+    for (const card_report &card : cards) {
+        for (const std::string &reason : card.reasons)
+            text += "\nslot " + std::to_string(card.module) + ": " + reason;
+    }
+    return text;
+}
+
+std::string one_module_note(unsigned serving_slot)
+{
+    return "slot " + std::to_string(serving_slot) + " tells of module " +
+           std::to_string(ONLY_MODULE_OF_SUCH_SLOTS) + " whatever module it is asked for";
+}
+
+nlohmann::ordered_json text_or_null(const std::string &text)
+{
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
+nlohmann::ordered_json json_of_card(const card_report &card)
+{
+    nlohmann::ordered_json flashes = nlohmann::ordered_json::array();
+    for (const flash_report &flash : card.flashes)
+        flashes.push_back({{"label", flash.label},
+                           {"source", text_or_null(flash.facts.source)},
+                           {"flash", text_or_null(flash.facts.flash)},
+                           {"running", text_or_null(flash.facts.running)},
+                           {"verdict", verdict_name(flash.kind)}});
+    return {{"module", card.module}, {"flashes", flashes}, {"reasons", card.reasons}};
+}
+
+} // namespace
+
+std::string version_table(const std::vector<card_report> &cards)
+{
+    std::string text = table_line("SLOT", "SOURCE", "FLASH", "RUNNING", "VERDICT");
+    for (const card_report &card : cards) {
+        for (const flash_report &flash : card.flashes)
+            text += "\n" + table_line(std::to_string(card.module), cell(flash.facts.source),
+                                      cell(flash.facts.flash), cell(flash.facts.running),
+                                      verdict_name(flash.kind));
+    }
+    return text;
+}
+
+outcome report_versions(const chassis_report &versions, show_kind kind, bool serving_tells_one_module)
+{
+    std::size_t flashes = 0;
+    for (const card_report &card : versions.cards)
+        flashes += card.flashes.size();
+    const std::size_t in_step = count_of(versions.cards, verdict::in_step);
+
+    outcome told;
+    told.report = version_table(versions.cards) + meanings_text(versions.cards) + reasons_text(versions.cards);
+    nlohmann::ordered_json notes = nlohmann::ordered_json::array();
+    if (serving_tells_one_module) {
+        notes.push_back(one_module_note(versions.serving_slot));
+        told.report += "\nnote: " + one_module_note(versions.serving_slot);
+    }
+    told.json = {{"command", kind == show_kind::audit ? "audit" : "show"},
+                 {"serving_slot", versions.serving_slot},
+                 {"all_in_step", in_step == flashes},
+                 {"cards", nlohmann::ordered_json::array()},
+                 {"notes", notes}};
+    for (const card_report &card : versions.cards)
+        told.json["cards"].push_back(json_of_card(card));
+    if (kind == show_kind::audit) {
+        told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
+        told.message = told.exit == EXIT_DONE ? "all in step" : "not in step (" + summary_text(versions.cards) + ")";
+    }
+    if (told.exit != EXIT_DONE)
+        told.json["error"] = told.message;
+    return told;
+}

@@ -1,0 +1,59 @@
+// What the versions of one flash say about it: in step with the image that ships for the card, or not.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <span>
+#include <string>
+
+// "v3.5.0(09/17/12)". Two builds may have the same numbers and differ in the date.
+struct bios_version {
+    std::array<unsigned, 3> number; // major, minor, patch
+    std::string date;
+
+    bool operator==(const bios_version &) const = default;
+};
+
+// Reads a version text: from its first 'v', three numbers of one to four digits and a date in parentheses. None
+// for anything else: a text that is not understood is not compared.
+std::optional<bios_version> parse_version(const std::string &text);
+
+enum class verdict {
+    being_programmed,
+    unreachable,
+    reboot_pending,
+    update_available,
+    newer_than_shipped,
+    in_step,
+    unknown,
+};
+
+// What is known about one flash. Texts as they came; empty, or not understood, when a version could not be read.
+struct version_facts {
+    bool being_programmed = false;
+    bool reachable = true;
+    std::string flash = {};   // in the flash
+    std::string running = {}; // that runs
+    std::string source = {};  // in the image that ships for the card
+};
+
+// The first that holds, in this order:
+//   being programmed    the flash must not be judged, whatever was read from it
+//   unreachable         the card could not be asked
+//   unknown             the flash's or the running version could not be read
+//   reboot pending      they differ, numbers or date; also when the image is newer still
+//   unknown             the image's version could not be read
+//   update available    the image is newer
+//   newer than shipped  the flash is newer
+//   in step             the same numbers. As in the daemon, the image's date is not compared
+verdict judge(const version_facts &facts);
+
+struct verdict_row {
+    verdict kind;
+    const char *name;    // as in tables and JSON
+    const char *meaning; // what it means and what to do next; one line of a terminal together with the name
+};
+
+// All rows in the order of the enumeration.
+std::span<const verdict_row> verdict_rows();
+const char *verdict_name(verdict kind);

@@ -1,0 +1,124 @@
+#include "version_records.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace
+{
+
+constexpr std::uint32_t ALL_ONES = 0xffffffff;
+
+template<class Record>
+std::vector<std::uint8_t> bytes_of(const Record &record)
+{
+    const auto *begin = reinterpret_cast<const std::uint8_t *>(&record);
+    return {begin, begin + sizeof record};
+}
+
+// REQUIRES: the payload has the record.
+template<class Record>
+Record record_at(std::span<const std::uint8_t> payload, std::size_t offset)
+{
+    Record record;
+    std::memcpy(&record, payload.data() + offset, sizeof record);
+    return record;
+}
+
+template<std::size_t SIZE>
+std::string text_of(const char (&field)[SIZE])
+{
+    std::string text(field, ::strnlen(field, SIZE));
+    std::ranges::replace_if(text, [](char c) { return c < 0x20 || c > 0x7e; }, '?');
+    const std::size_t begin = text.find_first_not_of(' ');
+    return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(' ') - begin + 1);
+}
+
+} // namespace
+
+std::vector<std::uint8_t> encode_module_version_request(unsigned module)
+{
+    return bytes_of(bios_mod_version_req_t{be32::of(module)});
+}
+
+std::vector<std::uint8_t> encode_source_version_request(const std::optional<std::string> &image_path,
+                                                        mts_address_t progress)
+{
+    bios_src_version_req request{};
+    if (image_path)
+        std::copy_n(image_path->data(), std::min(image_path->size(), IMAGE_PATH_BYTES_MAX), request.image_path);
+    else
+        request.def = 1;
+    request.progress_node = progress.node;
+    request.progress_sap = progress.sap;
+    return bytes_of(request);
+}
+
+module_versions_answer decode_module_versions(std::span<const std::uint8_t> payload, unsigned module)
+{
+    if (payload.size() < sizeof(bios_new_vers_message))
+        return {};
+    const auto header = record_at<bios_new_vers_message>(payload, 0);
+    module_versions_answer answer{.described_module = header.module_num.load()};
+    if (answer.described_module != module) {
+        answer.kind = module_answer_kind::other_module;
+        return answer;
+    }
+    // In an answer with entries the first word is undefined and may be all ones too.
+    if (payload.size() == sizeof(bios_version_failure_t) && header.reserved.load() == ALL_ONES) {
+        answer.kind = module_answer_kind::unreachable;
+        return answer;
+    }
+    const std::uint32_t count = header.num_entries.load();
+    if (count > VERSION_ENTRIES_MAX ||
+        payload.size() < sizeof(bios_new_vers_message) + count * sizeof(bios_version_entry))
+        return answer;
+    answer.kind = module_answer_kind::versions;
+    for (std::uint32_t k = 0; k < count; ++k) {
+        const auto entry =
+            record_at<bios_version_entry>(payload, sizeof(bios_new_vers_message) + k * sizeof(bios_version_entry));
+        flash_versions versions{text_of(entry.swid_str), text_of(entry.cur), text_of(entry.run)};
+        if (versions.label.empty() && versions.flash.empty() && versions.running.empty())
+            ++answer.empty_entries;
+        else
+            answer.entries.push_back(std::move(versions));
+    }
+    return answer;
+}
+
+std::optional<source_versions_answer> decode_source_versions(std::span<const std::uint8_t> payload)
+{
+    if (payload.empty())
+        return source_versions_answer{};
+    if (payload.size() < sizeof(bios_src_version_reply))
+        return std::nullopt;
+    const auto header = record_at<bios_src_version_reply>(payload, 0);
+    const std::uint32_t count = header.count.load();
+    if (count > VERSION_ENTRIES_MAX ||
+        payload.size() < sizeof(bios_src_version_reply) + count * sizeof(bios_src_version_entry))
+        return std::nullopt;
+    source_versions_answer answer{.status = header.status.load()};
+    for (std::uint32_t k = 0; k < count; ++k) {
+        const auto entry = record_at<bios_src_version_entry>(
+            payload, sizeof(bios_src_version_reply) + k * sizeof(bios_src_version_entry));
+        answer.entries.push_back({text_of(entry.swid_str), text_of(entry.ver), entry.src_id.load()});
+    }
+    return answer;
+}
+
+std::string image_format_text(std::uint32_t image_format)
+{
+    switch (image_format) {
+    case 11:
+        return "x86";
+    case 15:
+        return "x86s";
+    case 17:
+        return "ppc-lc2dc3";
+    case 18:
+        return "platform";
+    case 19:
+        return "x86n";
+    default:
+        return "ppc (" + std::to_string(image_format) + ")";
+    }
+}
