@@ -84,9 +84,9 @@ void flash_collection::ask(card &asked)
         error_ = probe.answered ? 0 : probe.error;
     }
     if (error_ != 0) {
-        asked.reasons.push_back("not asked: " + slot_text(slot_) +
-                                (stuck_ ? " still waits for a module that does not answer"
-                                        : ": " + no_answer_text(error_)));
+        asked.reasons.push_back(
+            "not asked: " + slot_text(slot_) +
+            (stuck_ ? " still waits for a module that does not answer" : ": " + no_answer_text(error_)));
         return;
     }
     const request_answer answer = request(asked.module);
@@ -169,9 +169,12 @@ void collect_sources(std::vector<card> &cards, const flash_collection &flashes, 
     std::vector<card *> together;
     std::vector<card *> alone;
     for (card &asked : cards) {
-        if (!asked.reachable || (asked.module == serving_slot && flashes.stuck()))
+        if (!asked.reachable)
             continue;
-        (slot_is_standby(asked.module) ? alone : together).push_back(&asked);
+        if (asked.module == serving_slot && flashes.stuck())
+            asked.reasons.push_back("no image version: it still waits for a module that does not answer");
+        else
+            (slot_is_standby(asked.module) ? alone : together).push_back(&asked);
     }
     ask_for_sources(together, timeout_s);
     for (card *asked : alone)

@@ -20,8 +20,8 @@ struct flash_report {
 
 struct card_report {
     unsigned module = 0;
-    std::vector<flash_report> flashes = {};  // at least one; without texts when the card told none
-    std::vector<std::string> reasons = {};   // why something is not known, or is not what it seems
+    std::vector<flash_report> flashes = {}; // at least one; without texts when the card told none
+    std::vector<std::string> reasons = {};  // why something is not known, or is not what it seems
 };
 
 struct chassis_report {
@@ -34,7 +34,7 @@ struct chassis_report {
 //   timeout_s  the longest wait for one answer
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s);
 
-// The version in the image for a card's k-th flash; empty when it cannot be told which one it is. Answers of the same
-// length go together entry by entry, others by labels that occur once.
+// The version in the image for a card's k-th flash; empty when it cannot be told which one it is. Answers of the
+// same length go together entry by entry, others by labels that occur once.
 std::string source_for(const std::vector<flash_versions> &flashes, std::size_t k,
                        const std::vector<source_version> &sources);

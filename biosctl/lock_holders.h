@@ -18,8 +18,8 @@ std::string holder_text(const chassis_module_lock_holder &holder);
 // What the module locks tell about programming. A card that programs its own flash on a peer's behalf, or that was
 // asked directly while it is on standby, takes no lock and is not in here.
 struct programming_locks {
-    bool readable = true;                     // false: nothing is known
-    bool any = false;                         // a programming runs in the chassis, or may be beginning
+    bool readable = true;                       // false: nothing is known
+    bool any = false;                           // a programming runs in the chassis, or may be beginning
     std::vector<std::uint32_t> programmed = {}; // nodes whose flashes are being programmed
 
     bool has(std::uint32_t node) const;

@@ -120,7 +120,7 @@ void add_show(CLI::App *command, arguments &given)
     command->add_option("MODULE", given.modules, "Module (slot) numbers; without: all")
         ->transform(decimal(1, PFM_MODULE_COUNT));
     add_via(command, given);
-    add_timeout(command, given, "Wait no longer for one answer (60)");
+    add_timeout(command, given, "Wait no longer for one answer (30)");
 }
 
 void add_commands(CLI::App &app, arguments &given)
@@ -129,7 +129,8 @@ void add_commands(CLI::App &app, arguments &given)
              given);
     add_show(app.add_subcommand("audit", "The same, and fail when any card is not in step"), given);
 
-    CLI::App *source = app.add_subcommand("source", "Show the BIOS versions in a card's image tree or system image");
+    CLI::App *source =
+        app.add_subcommand("source", "Show the BIOS versions in a card's image tree or system image");
     add_via(source, given);
     source
         ->add_option("--image", given.image,

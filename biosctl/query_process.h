@@ -22,7 +22,7 @@ class query_process
 {
 public:
     explicit query_process(const daemon_query &query); // a failure becomes the answer
-    ~query_process();                                   // ends a process that still waits
+    ~query_process();                                  // ends a process that still waits
     query_process(const query_process &) = delete;
     query_process &operator=(const query_process &) = delete;
 

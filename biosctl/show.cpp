@@ -10,9 +10,8 @@
 namespace
 {
 
-// Reading the versions out of a large image takes seconds; a daemon may be busy with the installation of a boot
-// loader, which takes longer.
-constexpr unsigned DEFAULT_TIMEOUT_S = 60;
+// Reading the version in an image takes a few seconds; a daemon may be busy with something else first.
+constexpr unsigned DEFAULT_TIMEOUT_S = 30;
 
 // In order, each once.
 std::vector<unsigned> modules_of(const show_options &options)

@@ -9,8 +9,8 @@
 
 struct show_options {
     show_kind kind = show_kind::show;
-    std::vector<unsigned> modules = {};  // none: every module of the chassis
-    std::optional<unsigned> via = {};    // slot whose daemon is asked; none: the active supervisor
+    std::vector<unsigned> modules = {};     // none: every module of the chassis
+    std::optional<unsigned> via = {};       // slot whose daemon is asked; none: the active supervisor
     std::optional<unsigned> timeout_s = {}; // the longest wait for one answer
 };
 

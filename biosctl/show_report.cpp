@@ -99,8 +99,7 @@ std::string version_table(const std::vector<card_report> &cards)
     for (const card_report &card : cards) {
         for (const flash_report &flash : card.flashes)
             text += "\n" + table_line(std::to_string(card.module), cell(flash.facts.source),
-                                      cell(flash.facts.flash), cell(flash.facts.running),
-                                      verdict_name(flash.kind));
+                                      cell(flash.facts.flash), cell(flash.facts.running), verdict_name(flash.kind));
     }
     return text;
 }
@@ -128,7 +127,8 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
         told.json["cards"].push_back(json_of_card(card));
     if (kind == show_kind::audit) {
         told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
-        told.message = told.exit == EXIT_DONE ? "all in step" : "not in step (" + summary_text(versions.cards) + ")";
+        told.message =
+            told.exit == EXIT_DONE ? "all in step" : "not in step (" + summary_text(versions.cards) + ")";
     }
     if (told.exit != EXIT_DONE)
         told.json["error"] = told.message;

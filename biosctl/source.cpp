@@ -83,10 +83,10 @@ outcome report_no_versions(const source_options &options, unsigned slot)
 {
     const std::string what = slot_text(slot) + ": no BIOS image for this card in " +
                              (options.image_path ? *options.image_path : "its image tree");
-    const std::string reason = options.image_path
-                                   ? "there is no such file on the card, it is no system image, or it holds no BIOS "
-                                     "for this type of card"
-                                   : "the image tree holds no BIOS for this type of card, or it holds no version";
+    const std::string reason =
+        options.image_path ? "there is no such file on the card, it is no system image, or it holds no BIOS "
+                             "for this type of card"
+                           : "the image tree holds no BIOS for this type of card, or it holds no version";
     const std::string next = "look at the card's log (chassis log " + std::to_string(slot) + ")";
     outcome told = failure(EXIT_FAILED, what, next);
     told.message = what + "\n  likely: " + reason + "\n  next: " + next;

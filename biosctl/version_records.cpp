@@ -28,7 +28,8 @@ template<std::size_t SIZE>
 std::string text_of(const char (&field)[SIZE])
 {
     std::string text(field, ::strnlen(field, SIZE));
-    std::ranges::replace_if(text, [](char c) { return c < 0x20 || c > 0x7e; }, '?');
+    std::ranges::replace_if(
+        text, [](char c) { return c < 0x20 || c > 0x7e; }, '?');
     const std::size_t begin = text.find_first_not_of(' ');
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(' ') - begin + 1);
 }
@@ -98,8 +99,8 @@ std::optional<source_versions_answer> decode_source_versions(std::span<const std
         return std::nullopt;
     source_versions_answer answer{.status = header.status.load()};
     for (std::uint32_t k = 0; k < count; ++k) {
-        const auto entry = record_at<bios_src_version_entry>(
-            payload, sizeof(bios_src_version_reply) + k * sizeof(bios_src_version_entry));
+        const auto entry = record_at<bios_src_version_entry>(payload, sizeof(bios_src_version_reply) +
+                                                                          k * sizeof(bios_src_version_entry));
         answer.entries.push_back({text_of(entry.swid_str), text_of(entry.ver), entry.src_id.load()});
     }
     return answer;

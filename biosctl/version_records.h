@@ -15,7 +15,8 @@
 constexpr std::size_t VERSION_ENTRIES_MAX = 32; // of one card; an answer that tells of more is not understood
 constexpr std::size_t SOURCE_ANSWER_BYTES_MAX =
     sizeof(bios_src_version_reply) + VERSION_ENTRIES_MAX * sizeof(bios_src_version_entry);
-constexpr std::size_t IMAGE_PATH_BYTES_MAX = sizeof(bios_src_version_req::image_path) - 1; // the terminator is needed
+constexpr std::size_t IMAGE_PATH_BYTES_MAX =
+    sizeof(bios_src_version_req::image_path) - 1; // the terminator is needed
 constexpr mts_address_t NO_PROGRESS_NOTICES{MTS_NODE_LISTENERS, 0};
 
 // Body of MTS_OPC_BIOS_GET_MOD_BIOS_VERSION.
@@ -43,9 +44,9 @@ enum class module_answer_kind {
 
 struct module_versions_answer {
     module_answer_kind kind = module_answer_kind::not_understood;
-    std::uint32_t described_module = 0;      // unless not understood
+    std::uint32_t described_module = 0;       // unless not understood
     std::vector<flash_versions> entries = {}; // of versions
-    unsigned empty_entries = 0;              // of versions: left out, the daemon did not understand the module's own
+    unsigned empty_entries = 0; // of versions: left out, the daemon did not understand the module's own
 };
 
 // Answer to encode_module_version_request(module).

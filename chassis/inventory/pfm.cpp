@@ -2,13 +2,18 @@
 #include "pfm.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <exception>
 #include <fcntl.h>
+#include <memory>
+#include <string>
 #include <unistd.h>
 
 #include "chassis_dir.h"
 #include "inventory_value.h"
+#include "unique_fd.h"
 
 namespace
 {
@@ -20,6 +25,31 @@ int32_t failure(int error)
 {
     errno = error;
     return -1;
+}
+
+struct close_directory {
+    void operator()(DIR *directory) const { ::closedir(directory); }
+};
+
+// The inventory's folder, or null with errno.
+std::unique_ptr<DIR, close_directory> open_inventory()
+{
+    unique_fd fd(::openat(chassis_dir_fd(), "inventory", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd)
+        return nullptr;
+    std::unique_ptr<DIR, close_directory> directory(::fdopendir(fd.get()));
+    if (directory)
+        (void)fd.release();
+    return directory;
+}
+
+// 0 for a name that is no slot's.
+unsigned slot_of(const char *name)
+{
+    char *end = nullptr;
+    const unsigned long slot = std::strtoul(name, &end, 10);
+    const bool is_slot = slot >= 1 && slot <= PFM_MODULE_COUNT && std::to_string(slot) == name;
+    return is_slot ? static_cast<unsigned>(slot) : 0;
 }
 
 pfm_module_record_t module_record(unsigned slot)
@@ -48,10 +78,14 @@ int32_t pfm_get_all_modules_in_chassis(int32_t, pfm_module_record_t *records, ui
 try {
     if (records == nullptr || count > PFM_MODULE_COUNT)
         return failure(EINVAL);
-    if (::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) != 0)
+    const auto inventory = open_inventory();
+    if (!inventory)
         return -1;
-    for (uint32_t index = 0; index < count; ++index)
-        records[index] = module_record(index + 1);
+    std::memset(records, 0, count * sizeof *records);
+    while (const dirent *entry = ::readdir(inventory.get())) {
+        if (const unsigned slot = slot_of(entry->d_name); slot != 0 && slot <= count)
+            records[slot - 1] = module_record(slot);
+    }
     return 0;
 } catch (const std::exception &) {
     return failure(ENOMEM);

@@ -81,8 +81,8 @@ private:
     unique_fd reports_; // of the present session
     phase phase_ = phase::starting;
     wish wish_ = wish::none;
-    pid_t session_ = 0; // 0: none
-    pid_t daemon_ = 0;  // 0: none
+    pid_t session_ = 0;        // 0: none
+    pid_t daemon_ = 0;         // 0: none
     unique_fd daemon_process_; // the same; its number may become another's before its end is known here
     endpoint_probe probe_;
     std::optional<int> daemon_status_;
@@ -237,10 +237,18 @@ void card_keeper::take_signals()
     signalfd_siginfo info;
     while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         switch (info.ssi_signo) {
-        case SIGTERM: request(wish::down); break;
-        case SIGHUP: request(wish::reboot); break;
-        case SIGUSR1: request(wish::software_restart); break;
-        default: reap(); break;
+        case SIGTERM:
+            request(wish::down);
+            break;
+        case SIGHUP:
+            request(wish::reboot);
+            break;
+        case SIGUSR1:
+            request(wish::software_restart);
+            break;
+        default:
+            reap();
+            break;
         }
     }
 }
@@ -341,8 +349,12 @@ void card_keeper::session_ended()
     if (wanted != wish::down)
         wish_ = wish::none;
     switch (wanted) {
-    case wish::none: daemon_failed(describe_status(daemon_status_)); break;
-    case wish::down: note("goes down"); break;
+    case wish::none:
+        daemon_failed(describe_status(daemon_status_));
+        break;
+    case wish::down:
+        note("goes down");
+        break;
     case wish::reboot:
         note("is rebooted");
         boot();

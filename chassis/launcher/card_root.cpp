@@ -22,8 +22,9 @@ namespace
 constexpr std::array<const char *, 7> MACHINE_FOLDERS = {"usr", "bin", "sbin", "lib", "lib32", "lib64", "libx32"};
 
 // What the daemon and its tools run; the card that has copies gets these.
-constexpr std::array<const char *, 17> PROGRAMS = {"sh",    "gunzip", "gzip",   "cp",    "mv", "mkdir", "rm",    "touch", "cat",
-                                                   "unlink", "md5sum", "pgrep", "ls", "sleep", "chmod", "mount", "umount"};
+constexpr std::array<const char *, 17> PROGRAMS = {"sh", "gunzip", "gzip",  "cp",     "mv",     "mkdir",
+                                                   "rm", "touch",  "cat",   "unlink", "md5sum", "pgrep",
+                                                   "ls", "sleep",  "chmod", "mount",  "umount"};
 
 struct device {
     const char *name;
@@ -113,7 +114,8 @@ void card_root::make_folders() const
 void card_root::copy_image_tree(const std::string &image_tree) const
 {
     const std::filesystem::path top = image_tree;
-    for (const std::filesystem::directory_entry &entry : std::filesystem::recursive_directory_iterator(top / "vesk")) {
+    for (const std::filesystem::directory_entry &entry :
+         std::filesystem::recursive_directory_iterator(top / "vesk")) {
         const std::string place = std::filesystem::relative(entry.path(), top).string();
         if (entry.is_directory())
             tree_.make_folder(place, 0755);

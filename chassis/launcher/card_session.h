@@ -15,7 +15,8 @@
 // What the keeper is told, one message each, in this order.
 struct session_report {
     enum class event : int {
-        daemon_started, // sent by the daemon's process before it becomes the daemon; its credentials tell the number
+        daemon_started, // sent by the daemon's process before it becomes the daemon; its credentials tell the
+                        // number
         daemon_ended,   // value: its wait status
     };
     event what;
@@ -30,5 +31,6 @@ struct session_options {
     int report_fd = -1; // socket to the keeper
 };
 
-// Runs the session in the calling process, a child that fork_into_isolation() made. The chassis is opened anew in it.
+// Runs the session in the calling process, a child that fork_into_isolation() made. The chassis is opened anew in
+// it.
 [[noreturn]] void run_session(const session_options &options);

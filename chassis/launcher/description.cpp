@@ -107,7 +107,8 @@ public:
         const bool right = folder ? std::filesystem::is_directory(found, problem)
                                   : std::filesystem::is_regular_file(found, problem);
         if (!right)
-            fail(*find(key), std::string(key) + ": " + found.string() + " is not a " + (folder ? "folder" : "file"));
+            fail(*find(key),
+                 std::string(key) + ": " + found.string() + " is not a " + (folder ? "folder" : "file"));
         return found.string();
     }
 
@@ -258,7 +259,8 @@ void check_together(const section &card, const card_description &added, const ch
         if (other.slot == added.slot)
             card.fail(*card.find("slot"), "slot " + std::to_string(added.slot) + " has a card already");
         if (other.sup_state == SYSMGR_SUP_STATE_ACTIVE && added.sup_state == SYSMGR_SUP_STATE_ACTIVE)
-            card.fail(*card.find("role"), "slot " + std::to_string(other.slot) + " is the active supervisor already");
+            card.fail(*card.find("role"),
+                      "slot " + std::to_string(other.slot) + " is the active supervisor already");
     }
     if (added.bootflash_mib != 0 && so_far.way == isolation::plain)
         card.fail(*card.find("bootflash_mib"), "bootflash_mib needs mounts, which isolation \"plain\" is without");

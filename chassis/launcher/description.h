@@ -45,8 +45,8 @@ struct card_description {
     std::string image_tree; // empty: none
     std::uint32_t flash_bytes = 0;
     std::uint32_t sector_bytes = 0;
-    std::string flash_image;     // empty: erased
-    std::string alternate_image; // empty: erased
+    std::string flash_image;         // empty: erased
+    std::string alternate_image;     // empty: erased
     std::uint32_t bootflash_mib = 0; // 0: a folder of the card's root
     bool serves = true;
     answer_form answers = answer_form::daemon;

@@ -1,8 +1,8 @@
 // Tells when a card's daemon serves: when it has taken a message from its endpoint.
 //
-// That the endpoint is there says less: a daemon binds it early in its start, before it has looked at the inventory,
-// and what is changed in the inventory then may or may not be seen by it. So a message is sent that is none (one
-// byte, which every endpoint drops without a word), and the kernel is asked whether it still waits.
+// That the endpoint is there says less: a daemon binds it early in its start, before it has looked at the
+// inventory, and what is changed in the inventory then may or may not be seen by it. So a message is sent that is
+// none (one byte, which every endpoint drops without a word), and the kernel is asked whether it still waits.
 #pragma once
 
 #include "unique_fd.h"

@@ -50,14 +50,14 @@ void copy_all(int from, int to, const std::string &name)
 }
 
 // Creates a file under a temporary name, lets fill write it, and puts it in the place of the old one.
-template <class Fill>
+template<class Fill>
 void replace(const unique_fd &folder, const std::string &file, mode_t mode, Fill fill)
 {
     const std::string fresh = "." + file + ".new";
     (void)::unlinkat(folder.get(), fresh.c_str(), 0); // of a process that was killed
     try {
-        const unique_fd output(::openat(folder.get(), fresh.c_str(),
-                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        const unique_fd output(
+            ::openat(folder.get(), fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!output)
             throw system_error_of(file);
         fill(output.get());

@@ -29,7 +29,8 @@ class new_directory
 {
 public:
     explicit new_directory(const std::string &final_path)
-        : final_path_(final_path), path_(final_path + ".new." + std::to_string(::getpid()))
+        : final_path_(final_path),
+          path_(final_path + ".new." + std::to_string(::getpid()))
     {
         if (::mkdir(path_.c_str(), PRIVATE_MODE) != 0)
             throw system_error_of(path_);

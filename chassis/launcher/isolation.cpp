@@ -132,5 +132,6 @@ int fork_into_isolation(isolation way)
         return ::fork();
     // The call itself, as the library's fork cannot ask for namespaces; there are no threads whose locks would be
     // left behind. The own mount namespace of the child takes its /proc away again with it.
-    return static_cast<int>(::syscall(SYS_clone, CLONE_NEWPID | CLONE_NEWNS | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    return static_cast<int>(
+        ::syscall(SYS_clone, CLONE_NEWPID | CLONE_NEWNS | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
 }

@@ -95,7 +95,8 @@ void add_starting_commands(CLI::App &app, command_line &line)
     command->callback([&line] { init_chassis(absolute_directory(line), line.description); });
 
     command = app.add_subcommand("up", "Start every card; returns when all of them serve");
-    command->add_option("--daemon", line.daemon, "The daemon's executable; else BIOS_DAEMON, or the one beside chassis");
+    command->add_option("--daemon", line.daemon,
+                        "The daemon's executable; else BIOS_DAEMON, or the one beside chassis");
     add_patience(command, line);
     command->callback([&line] {
         open_chassis(line.directory);

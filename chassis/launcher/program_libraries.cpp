@@ -58,7 +58,8 @@ std::string run_ldd(const std::string &program)
     char path[] = "PATH=/usr/bin:/bin";
     char *const environment[] = {language, path, nullptr};
     pid_t child = 0;
-    if (const int failure = ::posix_spawnp(&child, name, actions.get(), nullptr, arguments, environment); failure != 0) {
+    if (const int failure = ::posix_spawnp(&child, name, actions.get(), nullptr, arguments, environment);
+        failure != 0) {
         errno = failure;
         throw system_error_of("ldd");
     }

@@ -101,9 +101,9 @@ public:
     void start(unsigned slot)
     {
         write_line(chassis_slot_path(slot, "state"), STATE_STARTING);
-        const std::vector<std::string> arguments = {"chassis", "--dir", options_.directory, "card",
-                                                    std::to_string(slot), "--daemon", options_.daemon,
-                                                    "--isolation", isolation_name(way_)};
+        const std::vector<std::string> arguments = {
+            "chassis",       "--dir",       options_.directory,  "card", std::to_string(slot), "--daemon",
+            options_.daemon, "--isolation", isolation_name(way_)};
         const pid_t child = ::fork();
         if (child < 0)
             throw system_error_of("start of card " + std::to_string(slot));
@@ -200,8 +200,10 @@ void wait_for_restart(unsigned slot, unsigned starts_before, std::chrono::second
             return;
         const bool lost = !keeper_of(slot);
         if (lost || steady::now() > deadline || (starts > starts_before && state == STATE_FAILED))
-            throw launcher_error("card " + std::to_string(slot) + " does not serve after its restart; the end of its "
-                                 "log:\n" + log_tail(slot, TAIL_LINES));
+            throw launcher_error("card " + std::to_string(slot) +
+                                 " does not serve after its restart; the end of its "
+                                 "log:\n" +
+                                 log_tail(slot, TAIL_LINES));
         std::this_thread::sleep_for(LOOK_INTERVAL);
     }
 }

@@ -22,7 +22,8 @@ class temporary_file
 {
 public:
     explicit temporary_file(const std::string &output)
-        : output_(output), name_(output + ".new." + std::to_string(::getpid()))
+        : output_(output),
+          name_(output + ".new." + std::to_string(::getpid()))
     {
     }
     temporary_file(const temporary_file &) = delete;
@@ -96,7 +97,8 @@ void build_system_image(const std::string &output, const std::vector<shipped_bio
     const temporary_file plugin_file(output + ".core_plugin");
     archive_writer plugin = create_gzip_tar(plugin_file.name());
     for (const shipped_bios &image : images)
-        write_member(plugin.get(), IMAGE_FOLDER + image.name, compressed(read_whole_file(image.path), output + ".gz"));
+        write_member(plugin.get(), IMAGE_FOLDER + image.name,
+                     compressed(read_whole_file(image.path), output + ".gz"));
     finish_archive(std::move(plugin), output);
 
     temporary_file system_file(output);

@@ -29,6 +29,13 @@ std::string content_if_any(const std::string &path)
     return files::exists(path) ? file_content(path) : std::string();
 }
 
+// After a hundred thousand requests the whole log would bury what failed.
+std::string end_of(const std::string &log)
+{
+    constexpr std::size_t PRINTED_BYTES = 256 * 1024;
+    return log.size() <= PRINTED_BYTES ? log : "...\n" + log.substr(log.size() - PRINTED_BYTES);
+}
+
 // Fields of /proc/PID/stat that tell the parent; 0 when there is no such process.
 pid_t parent_of(pid_t process)
 {
@@ -82,7 +89,7 @@ void chassis_test::TearDown()
 {
     if (HasFailure()) {
         for (const auto &[slot, card] : cards_)
-            std::cerr << "---- log of slot " << slot << "\n" << log_of(slot) << "----\n";
+            std::cerr << "---- log of slot " << slot << "\n" << end_of(log_of(slot)) << "----\n";
     }
     if (!made_)
         return;
@@ -143,8 +150,8 @@ finished_program chassis_test::biosctl(const std::vector<std::string> &words) co
 std::string chassis_test::describe(const card_plan &card)
 {
     std::ostringstream text;
-    text << "\n[[card]]\nslot = " << card.slot << "\ncard_id = " << card.card_id
-         << "\nkind = \"supervisor\"\nrole = \"" << card.role << "\"\nflash_kib = " << card.flash_kib
+    text << "\n[[card]]\nslot = " << card.slot << "\ncard_id = " << card.card_id << "\nkind = \"" << card.kind
+         << "\"\nrole = \"" << card.role << "\"\nflash_kib = " << card.flash_kib
          << "\nsector_kib = " << card.sector_kib << "\n";
     if (card.in_flash != nullptr)
         text << "flash_image = \"" << card.in_flash->path << "\"\n";
@@ -157,12 +164,19 @@ std::string chassis_test::describe(const card_plan &card)
         text << "bootflash_mib = " << card.bootflash_mib << "\n";
     if (!card.serves)
         text << "serves = false\n";
+    text << "answers = \"" << card.answers << "\"\n";
+    if (card.answer_rows)
+        text << "answer_rows = " << *card.answer_rows << "\n";
+    if (card.answer_seed)
+        text << "answer_seed = " << *card.answer_seed << "\n";
     return text.str();
 }
 
 void chassis_test::write_description(const std::string &isolation)
 {
     std::string text = "[chassis]\nname = \"test\"\nisolation = \"" + isolation + "\"\n";
+    if (wait_limit_s_)
+        text += "wait_limit_s = " + std::to_string(*wait_limit_s_) + "\n";
     for (const auto &[slot, card] : cards_)
         text += describe(card);
     write_file(workspace_ + "/description.toml", text);
@@ -196,7 +210,19 @@ void chassis_test::start_guard()
 void chassis_test::up(const std::string &isolation)
 {
     write_description(isolation);
-    const finished_program init = chassis({"init", workspace_ + "/description.toml"});
+    start(workspace_ + "/description.toml");
+}
+
+void chassis_test::up_from(const std::string &description, const std::vector<unsigned> &slots)
+{
+    for (const unsigned slot : slots)
+        insert({.slot = slot});
+    start(description);
+}
+
+void chassis_test::start(const std::string &description)
+{
+    const finished_program init = chassis({"init", description});
     if (init.exit_code != 0)
         throw std::runtime_error("chassis init: " + init.errors);
     made_ = true;

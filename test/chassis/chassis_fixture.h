@@ -29,6 +29,10 @@ struct card_plan {
     unsigned sector_kib = 16;
     unsigned bootflash_mib = 0; // 0: not limited
     bool serves = true;
+    std::string kind = "supervisor"; // of another kind: with role "none"
+    std::string answers = "daemon";  // another form: a stand-in answers in the daemon's place
+    std::optional<unsigned> answer_rows = {};
+    std::optional<unsigned> answer_seed = {};
 };
 
 class chassis_test : public testing::Test
@@ -39,10 +43,13 @@ protected:
 
     // Before up().
     void insert(const card_plan &card) { cards_[card.slot] = card; }
-    void run_as_ordinary_user(); // all programs; REQUIRES root
+    void run_as_ordinary_user();                                              // all programs; REQUIRES root
+    void limit_waits(unsigned wait_limit_s) { wait_limit_s_ = wait_limit_s; } // of all requests
 
     // Makes the chassis and starts it. Throws with the launcher's words when that fails.
     void up(const std::string &isolation = "auto");
+    // Likewise a chassis whose description there is already; slots: all that it has.
+    void up_from(const std::string &description, const std::vector<unsigned> &slots);
     finished_program chassis(const std::vector<std::string> &words) const; // "chassis --dir ... words"
     finished_program biosctl(const std::vector<std::string> &words) const;
     std::vector<std::string> biosctl_words(const std::vector<std::string> &words) const;
@@ -85,6 +92,7 @@ protected:
 private:
     void TearDown() override;
     void write_description(const std::string &isolation);
+    void start(const std::string &description);
     std::string describe(const card_plan &card);
     std::vector<std::string> with_user(std::vector<std::string> words) const;
     void start_guard();
@@ -95,6 +103,7 @@ private:
     std::string biosctl_program_ = BIOSCTL_PROGRAM;
     bool ordinary_user_ = false;
     bool made_ = false;
+    std::optional<unsigned> wait_limit_s_;
     std::map<unsigned, card_plan> cards_;
     std::map<unsigned, std::string> alternate_before_;
     std::set<std::string> own_files_; // names on boot flashes

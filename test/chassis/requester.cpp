@@ -105,6 +105,12 @@ void requester::await_end(programming &seen, std::chrono::seconds patience)
     seen.elapsed = std::chrono::steady_clock::now() - asked_;
 }
 
+void requester::take_progress(programming &seen)
+{
+    while (receive_one(seen, 0)) {
+    }
+}
+
 bool requester::receive_one(programming &seen, unsigned wait_limit_s)
 {
     std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
@@ -118,19 +124,50 @@ bool requester::receive_one(programming &seen, unsigned wait_limit_s)
     return true;
 }
 
-std::optional<std::uint32_t> requester::request(unsigned slot, std::uint32_t opcode, const std::string &body,
-                                                int &error, unsigned wait_limit_s)
+request_reply requester::ask(unsigned slot, std::uint32_t opcode, const std::string &body, unsigned wait_limit_s)
 {
     void *answer = nullptr;
     auto length = static_cast<std::uint32_t>(body.size());
     const std::int32_t status =
         cmi_remote_req_resp(opcode, REQUEST_TYPE, body.data(), &answer, &length, "test", "test", BIOS_DAEMON_SAP,
                             chassis_mts_node_of_slot(slot), handle_, wait_limit_s);
-    error = status == -1 ? errno : 0;
+    request_reply reply;
+    reply.error = status == -1 ? errno : 0;
+    if (status != -1)
+        reply.status = static_cast<std::uint32_t>(status);
+    if (answer != nullptr)
+        reply.payload.assign(static_cast<const char *>(answer), length);
     std::free(answer);
-    if (status == -1)
-        return std::nullopt;
-    return static_cast<std::uint32_t>(status);
+    return reply;
+}
+
+std::optional<std::uint32_t> requester::request(unsigned slot, std::uint32_t opcode, const std::string &body,
+                                                int &error, unsigned wait_limit_s)
+{
+    const request_reply reply = ask(slot, opcode, body, wait_limit_s);
+    error = reply.error;
+    return error == 0 ? std::optional(reply.status) : std::nullopt;
+}
+
+mts_address_t requester::address() const
+{
+    mts_address_t own = {};
+    if (chassis_mts_address(handle_, &own) != 0)
+        throw std::runtime_error("address of the test's endpoint");
+    return own;
+}
+
+unsigned requester::take_waiting(std::uint32_t opcode)
+{
+    std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
+    options[MTS_RECV_OPTION_MODE] = 1;
+    unsigned count = 0;
+    mts_message_t *message = nullptr;
+    while (mts_recv(handle_, &message, options) == 0) {
+        count += mts_opc_get(message) == opcode ? 1U : 0U;
+        (void)mts_drop(handle_, message);
+    }
+    return count;
 }
 
 bool requester::send(unsigned slot, std::uint32_t opcode, const void *payload, std::uint32_t length)

@@ -40,6 +40,13 @@ std::ostream &operator<<(std::ostream &out, const programming &seen);
 
 bios_programming_req_t programming_request(std::uint32_t module, const programming_options &options);
 
+// What came back for a request.
+struct request_reply {
+    int error = 0;            // 0: it was answered; else the errno of cmi_remote_req_resp
+    std::uint32_t status = 0; // of the answer
+    std::string payload;
+};
+
 // An endpoint of the test, which has to be attached to the chassis.
 class requester
 {
@@ -55,6 +62,9 @@ public:
     // Receives until the end is reported; the result stays none when it was not in time.
     void await_end(programming &seen, std::chrono::seconds patience = std::chrono::seconds(120));
 
+    // Takes what is there, and does not wait. What comes when the endpoint's queue is full is lost.
+    void take_progress(programming &seen);
+
     // Receives until the event or the deadline; false at the deadline or when the end was reported before.
     template<class predicate>
     bool await_progress(programming &seen, predicate &&event, std::chrono::seconds patience);
@@ -62,6 +72,14 @@ public:
     // Any request; the answer's status, none with the errno of cmi_remote_req_resp when no answer came.
     std::optional<std::uint32_t> request(unsigned slot, std::uint32_t opcode, const std::string &body, int &error,
                                          unsigned wait_limit_s = 60);
+
+    // Any request, with what came back whole.
+    request_reply ask(unsigned slot, std::uint32_t opcode, const std::string &body, unsigned wait_limit_s = 60);
+
+    mts_address_t address() const;
+
+    // Takes all messages that are there; the number of those with the opcode.
+    unsigned take_waiting(std::uint32_t opcode);
 
     // Any message, with exactly this payload. false with errno.
     bool send(unsigned slot, std::uint32_t opcode, const void *payload, std::uint32_t length);

@@ -106,10 +106,18 @@ std::string shipped_name(unsigned card_id)
     return names.at(card_id);
 }
 
-void make_image_tree(const std::string &folder, unsigned card_id, const test_image &shipped)
+void make_image_tree(const std::string &folder, const std::vector<shipped_image> &shipped)
 {
     std::filesystem::create_directories(folder);
-    run_bios_image({"tree", "--root", folder, "--bios", shipped_name(card_id) + "=" + shipped.path});
+    std::vector<std::string> words = {"tree", "--root", folder, "--bios"};
+    for (const shipped_image &each : shipped)
+        words.push_back(each.name + "=" + each.image->path);
+    run_bios_image(words);
+}
+
+void make_image_tree(const std::string &folder, unsigned card_id, const test_image &shipped)
+{
+    make_image_tree(folder, {{shipped_name(card_id), &shipped}});
 }
 
 void make_system_image(const std::string &path, unsigned card_id, const test_image &shipped)

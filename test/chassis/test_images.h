@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 struct test_image {
     std::string path;
@@ -24,6 +25,13 @@ std::string shipped_name(unsigned card_id);
 
 // Makes FOLDER/vesk/bin with an image for a card id.
 void make_image_tree(const std::string &folder, unsigned card_id, const test_image &shipped);
+
+// Likewise with several images, by their names in the tree.
+struct shipped_image {
+    std::string name;
+    const test_image *image;
+};
+void make_image_tree(const std::string &folder, const std::vector<shipped_image> &shipped);
 
 // Makes a system image that carries an image for a card id.
 void make_system_image(const std::string &path, unsigned card_id, const test_image &shipped);

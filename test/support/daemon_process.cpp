@@ -53,7 +53,10 @@ bool is_daemon_process;
 
 } // namespace
 
-bool in_daemon_process() { return is_daemon_process; }
+bool in_daemon_process()
+{
+    return is_daemon_process;
+}
 
 void end_daemon_process(int status)
 {

@@ -68,4 +68,7 @@ inline std::string line_of(std::string_view name, const std::string &message)
     return std::string(name) + "(" + message + ")";
 }
 
-inline std::string log_of(const std::string &message) { return line_of("log", message); }
+inline std::string log_of(const std::string &message)
+{
+    return line_of("log", message);
+}

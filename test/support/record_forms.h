@@ -6,9 +6,15 @@
 
 #include "recording_platform.h"
 
-inline std::int32_t status(const scripted_result &result) { return static_cast<std::int32_t>(result.value); }
+inline std::int32_t status(const scripted_result &result)
+{
+    return static_cast<std::int32_t>(result.value);
+}
 
-inline std::string text(std::int64_t number) { return std::to_string(number); }
+inline std::string text(std::int64_t number)
+{
+    return std::to_string(number);
+}
 
 inline std::string words(const std::uint32_t *word, std::size_t count)
 {

@@ -43,8 +43,7 @@ bool is_call_of(const std::string &line, std::string_view name)
 
 } // namespace
 
-recording_platform::recording_platform()
-    : record_fd_(::memfd_create("record", MFD_CLOEXEC)), root_(made_root())
+recording_platform::recording_platform() : record_fd_(::memfd_create("record", MFD_CLOEXEC)), root_(made_root())
 {
     if (!record_fd_ || ::fcntl(record_fd_.get(), F_SETFL, O_APPEND) != 0)
         throw std::runtime_error("cannot make the record");
@@ -253,7 +252,10 @@ int recording_platform::progress_area_use(void *area) const
     return static_cast<int>(words[0]++);
 }
 
-std::string quoted(const char *text) { return text == nullptr ? "null" : '"' + std::string(text) + '"'; }
+std::string quoted(const char *text)
+{
+    return text == nullptr ? "null" : '"' + std::string(text) + '"';
+}
 
 std::string hexed(std::uint32_t number)
 {
@@ -264,15 +266,18 @@ std::string hexed(std::uint32_t number)
 
 std::string dumped(const void *data, std::size_t length)
 {
+    static constexpr std::size_t longest_dump = 16384;
+    static constexpr char digits[] = "0123456789abcdef";
     const auto *byte = static_cast<const std::uint8_t *>(data);
+    const std::size_t shown = length > longest_dump ? 16 : length;
     std::string text = "[";
-    for (std::size_t i = 0; i < length; ++i) {
-        std::array<char, 3> digits;
-        (void)std::snprintf(digits.data(), digits.size(), "%02x", byte[i]);
-        text += (i > 0 && i % 4 == 0 ? " " : "");
-        text += digits.data();
+    for (std::size_t i = 0; i < shown; ++i) {
+        if (i > 0 && i % 4 == 0)
+            text += ' ';
+        text += digits[byte[i] >> 4];
+        text += digits[byte[i] & 0xf];
     }
-    return text + "]";
+    return text + (shown < length ? " and so on]" : "]");
 }
 
 std::string escaped(std::string_view text)

@@ -72,14 +72,14 @@ public:
     bool allocation_fails(std::size_t byte_count);
 
     // What the calls find.
-    std::uint8_t module_number = 5;                  // get_platform_info
-    std::uint16_t module_info_card_id = 0;           // get_card_module_info
-    std::uint32_t hw_change_bit = 0;                 // word at byte 174 of SPROM device 3
-    pfm_module_record_t modules[PFM_MODULE_COUNT]{}; // module m at index m - 1
-    std::map<std::string, std::string> mapped_uris;  // URI to local path; any other cannot be mapped
-    std::map<std::string, std::string> version_texts; // "call" or "call, flash" to the text it finds
-    std::deque<bytes> responses;                     // answers to cmi_remote_req_resp, oldest first
-    std::deque<std::string> command_outputs;         // what the commands given to popen print
+    std::uint8_t module_number = 5;                      // get_platform_info
+    std::uint16_t module_info_card_id = 0;               // get_card_module_info
+    std::uint32_t hw_change_bit = 0;                     // word at byte 174 of SPROM device 3
+    pfm_module_record_t modules[PFM_MODULE_COUNT]{};     // module m at index m - 1
+    std::map<std::string, std::string> mapped_uris;      // URI to local path; any other cannot be mapped
+    std::map<std::string, std::string> version_texts;    // "call" or "call, flash" to the text it finds
+    std::deque<bytes> responses;                         // answers to cmi_remote_req_resp, oldest first
+    std::deque<std::string> command_outputs;             // what the commands given to popen print
     std::vector<std::optional<std::string>> frame_texts; // when not empty: what backtrace_symbols makes
     void insert_module(std::uint32_t module, std::uint8_t kind, std::uint16_t card_id);
 
@@ -96,7 +96,7 @@ public:
     lines record() const;
     lines story(std::initializer_list<std::string_view> names) const; // only the lines of these calls
     lines calls(std::string_view name) const { return story({name}); }
-    lines logs() const;                                               // the messages alone
+    lines logs() const; // the messages alone
     bool logged(const std::string &message) const;
     void note(const std::string &line);
 
@@ -141,11 +141,14 @@ private:
 
 // The platform of the running test; null between tests.
 extern recording_platform *current_platform;
-inline recording_platform &platform() { return *current_platform; }
+inline recording_platform &platform()
+{
+    return *current_platform;
+}
 
 // Arguments as they stand in the record.
-std::string quoted(const char *text);                      // "text", or null
-std::string hexed(std::uint32_t number);                   // 0x1f
-std::string dumped(const void *data, std::size_t length);  // [00000002 ff]
-std::string escaped(std::string_view text);                // line breaks as \n
+std::string quoted(const char *text);                     // "text", or null
+std::string hexed(std::uint32_t number);                  // 0x1f
+std::string dumped(const void *data, std::size_t length); // [00000002 ff]; only the start of more than 16 KiB
+std::string escaped(std::string_view text);               // line breaks as \n
 std::string joined(std::initializer_list<std::string> arguments);

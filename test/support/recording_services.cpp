@@ -46,7 +46,10 @@ std::int32_t image_version(const char *call, const char *path, std::uint32_t off
     return found_version(call, joined({quoted(path), text(offset)}), call, version_out);
 }
 
-std::string progress_use(void *area) { return "area use " + text(platform().progress_area_use(area)); }
+std::string progress_use(void *area)
+{
+    return "area use " + text(platform().progress_area_use(area));
+}
 
 } // namespace
 
@@ -57,7 +60,10 @@ std::int32_t sysmgr_cli_supstate_get(std::int32_t handle)
     return status(platform().called("sysmgr_cli_supstate_get", text(handle)));
 }
 
-std::int32_t sysmgr_is_upgrade_restart() { return status(platform().called("sysmgr_is_upgrade_restart", "")); }
+std::int32_t sysmgr_is_upgrade_restart()
+{
+    return status(platform().called("sysmgr_is_upgrade_restart", ""));
+}
 
 std::int32_t sysmgr_cli_gsync_file(std::int32_t handle, std::uint32_t kind, const char *source,
                                    const char *destination, std::uint32_t flags)
@@ -74,8 +80,7 @@ std::int32_t get_platform_info(platform_info_t *info)
     return status(result);
 }
 
-std::int32_t pfm_get_all_modules_in_chassis(std::int32_t handle, pfm_module_record_t *records,
-                                            std::uint32_t count)
+std::int32_t pfm_get_all_modules_in_chassis(std::int32_t handle, pfm_module_record_t *records, std::uint32_t count)
 {
     const scripted_result result =
         platform().called("pfm_get_all_modules_in_chassis", joined({text(handle), text(count)}));
@@ -97,12 +102,15 @@ std::int32_t get_card_module_info(card_module_info_t *info)
 
 // Module lock.
 
-std::int32_t modlock_init() { return status(platform().called("modlock_init", "")); }
+std::int32_t modlock_init()
+{
+    return status(platform().called("modlock_init", ""));
+}
 
 std::int32_t modlock_module_lock(std::uint32_t owner, std::uint32_t node_id, const std::uint32_t request[4])
 {
-    return status(platform().called("modlock_module_lock",
-                                    joined({text(owner), hexed(node_id), words(request, 4)})));
+    return status(
+        platform().called("modlock_module_lock", joined({text(owner), hexed(node_id), words(request, 4)})));
 }
 
 std::int32_t modlock_module_unlock(std::uint32_t owner, std::uint32_t node_id)
@@ -146,17 +154,18 @@ std::int32_t program_bios_flash(std::int32_t handle, std::uint32_t requester_nod
                                 std::uint32_t own_module, const char *path, std::uint32_t attempt,
                                 void *progress_area, std::uint32_t image_type)
 {
-    return status(platform().called(
-        "program_bios_flash", joined({text(handle), hexed(requester_node), text(requester_sap), text(own_module),
-                                      quoted(path), text(attempt), progress_use(progress_area),
-                                      text(image_type)})));
+    return status(
+        platform().called("program_bios_flash",
+                          joined({text(handle), hexed(requester_node), text(requester_sap), text(own_module),
+                                  quoted(path), text(attempt), progress_use(progress_area), text(image_type)})));
 }
 
 std::uint32_t ibexpeak_bios_which_flash(const char *name, std::uint32_t variant)
 {
     // Bits above the low 8 are set, so that a caller that passes them on is noticed.
     return static_cast<std::uint32_t>(
-        platform().called("ibexpeak_bios_which_flash", joined({quoted(name), text(variant)}), {0xab20 + variant})
+        platform()
+            .called("ibexpeak_bios_which_flash", joined({quoted(name), text(variant)}), {0xab20 + variant})
             .value);
 }
 
@@ -167,8 +176,7 @@ std::int32_t ibexpeak_bios_flash_erase(std::uint32_t selector)
 
 std::int32_t ibexpeak_program_bios_command_ex(const char *path, std::uint32_t selector, std::int32_t handle,
                                               std::uint32_t requester_node, std::uint32_t requester_sap,
-                                              std::uint32_t own_module, std::uint32_t attempt,
-                                              void *progress_area)
+                                              std::uint32_t own_module, std::uint32_t attempt, void *progress_area)
 {
     return status(platform().called(
         "ibexpeak_program_bios_command_ex",
@@ -184,15 +192,15 @@ std::int32_t cctrl_write_reg3(std::uint32_t reg, std::uint32_t value)
 std::int32_t sprom_init_dev(std::uint32_t device, std::uint32_t offset, std::uint32_t length,
                             std::uint32_t reserved)
 {
-    return status(platform().called("sprom_init_dev",
-                                    joined({text(device), text(offset), text(length), text(reserved)})));
+    return status(
+        platform().called("sprom_init_dev", joined({text(device), text(offset), text(length), text(reserved)})));
 }
 
 std::int32_t sprom_cleanup_dev(std::uint32_t device, std::uint32_t offset, std::uint32_t length,
                                std::uint32_t reserved)
 {
-    return status(platform().called("sprom_cleanup_dev",
-                                    joined({text(device), text(offset), text(length), text(reserved)})));
+    return status(
+        platform().called("sprom_cleanup_dev", joined({text(device), text(offset), text(length), text(reserved)})));
 }
 
 std::int32_t sse_call(std::uint32_t call, void *request)
@@ -200,10 +208,9 @@ std::int32_t sse_call(std::uint32_t call, void *request)
     auto *read = static_cast<sse_sprom_read_request_t *>(request);
     const std::string destination = read->destination == nullptr ? "null" : "destination";
     const scripted_result result = platform().called(
-        "sse_call",
-        joined({text(call), text(read->device), text(read->reserved_1), text(read->reserved_2), text(read->offset),
-                text(read->length), text(read->reserved_3), text(read->reserved_4), destination,
-                text(read->reserved_5)}));
+        "sse_call", joined({text(call), text(read->device), text(read->reserved_1), text(read->reserved_2),
+                            text(read->offset), text(read->length), text(read->reserved_3), text(read->reserved_4),
+                            destination, text(read->reserved_5)}));
     if (result.value < 0)
         return status(result);
     static constexpr std::size_t hw_change_bit_at = 174;
@@ -246,15 +253,15 @@ std::int32_t srg_file_clone(void *destination, const char *path, std::uint32_t l
 std::int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, FILE *error,
                                     std::uint32_t reserved)
 {
-    return status(platform().called("exec_cmd_with_io_print",
-                                    joined({quoted(command), stream(input), stream(output), stream(error),
-                                            text(reserved)})));
+    return status(
+        platform().called("exec_cmd_with_io_print",
+                          joined({quoted(command), stream(input), stream(output), stream(error), text(reserved)})));
 }
 
 std::int32_t exec_cmd_with_files_print(const char *command, const char *input, const char *output,
                                        const char *error, std::uint32_t reserved)
 {
-    return status(platform().called("exec_cmd_with_files_print",
-                                    joined({quoted(command), quoted(input), quoted(output), quoted(error),
-                                            text(reserved)})));
+    return status(
+        platform().called("exec_cmd_with_files_print",
+                          joined({quoted(command), quoted(input), quoted(output), quoted(error), text(reserved)})));
 }

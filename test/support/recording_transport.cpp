@@ -66,8 +66,8 @@ std::int32_t mts_saddr_get(const mts_message_t *message, mts_address_t *address_
 }
 
 std::int32_t mts_send(std::int32_t handle, std::uint32_t node, std::uint32_t sap, std::uint32_t opcode,
-                      const void *payload, std::uint32_t length, std::uint32_t reserved_1,
-                      std::uint32_t reserved_2, std::uint32_t reserved_3)
+                      const void *payload, std::uint32_t length, std::uint32_t reserved_1, std::uint32_t reserved_2,
+                      std::uint32_t reserved_3)
 {
     return status(platform().called(
         "mts_send", joined({text(handle), hexed(node), text(sap), text(opcode), dumped(payload, length),
@@ -77,9 +77,9 @@ std::int32_t mts_send(std::int32_t handle, std::uint32_t node, std::uint32_t sap
 std::int32_t mts_respond_reject(std::int32_t handle, std::uint32_t reserved_1, std::uint32_t reserved_2,
                                 mts_message_t *message, std::uint32_t reserved_3, std::uint32_t reserved_4)
 {
-    return status(platform().called("mts_respond_reject",
-                                    joined({text(handle), text(reserved_1), text(reserved_2), numbered(message),
-                                            text(reserved_3), text(reserved_4)})));
+    return status(
+        platform().called("mts_respond_reject", joined({text(handle), text(reserved_1), text(reserved_2),
+                                                        numbered(message), text(reserved_3), text(reserved_4)})));
 }
 
 std::int32_t mts_drop(std::int32_t handle, mts_message_t *message)
@@ -104,16 +104,16 @@ std::int32_t cmi_remote_req_resp(std::uint32_t opcode, std::uint32_t request_typ
 {
     const std::string body = request == length ? "length" : dumped(request, *length);
     const scripted_result result = platform().called(
-        "cmi_remote_req_resp",
-        joined({text(opcode), text(request_type), body, text(*length), quoted(tag_1), quoted(tag_2), text(sap),
-                hexed(node), text(handle), text(wait_limit)}));
+        "cmi_remote_req_resp", joined({text(opcode), text(request_type), body, text(*length), quoted(tag_1),
+                                       quoted(tag_2), text(sap), hexed(node), text(handle), text(wait_limit)}));
     *response_out = nullptr;
     *length = 0;
     if (result.value != 0 || platform().responses.empty())
         return status(result);
     const bytes response = platform().responses.front();
     platform().responses.pop_front();
-    *response_out = std::malloc(response.size() + (response.empty() ? 1 : 0));
+    // Readable beyond its end, as promised, and not a byte further.
+    *response_out = std::calloc(1, std::max<std::size_t>(response.size(), MTS_READABLE_PAYLOAD_BYTES));
     std::copy(response.begin(), response.end(), static_cast<std::uint8_t *>(*response_out));
     *length = static_cast<std::uint32_t>(response.size());
     answer_end = static_cast<const std::uint8_t *>(*response_out) + response.size();
@@ -171,9 +171,9 @@ std::int32_t sdwrap_sys_init_helper(std::int32_t handle, const char *name, const
                                     std::uint32_t reserved_2, std::uint32_t reserved_3)
 {
     const std::string facility = sdwrap_sys_facility == nullptr ? "no facility" : sdwrap_sys_facility->name;
-    return status(platform().called(
-        "sdwrap_sys_init_helper", joined({text(handle), quoted(name), quoted(title), text(facility_number),
-                                          text(reserved_1), text(reserved_2), text(reserved_3), facility})));
+    return status(platform().called("sdwrap_sys_init_helper",
+                                    joined({text(handle), quoted(name), quoted(title), text(facility_number),
+                                            text(reserved_1), text(reserved_2), text(reserved_3), facility})));
 }
 
 std::int32_t sdwrap_process_msg(std::int32_t handle, mts_message_t *message)
@@ -183,8 +183,7 @@ std::int32_t sdwrap_process_msg(std::int32_t handle, mts_message_t *message)
 
 std::int32_t sdwrap_hist_event_subtype_check(std::uint32_t event_type, std::uint32_t subtype)
 {
-    return status(
-        platform().called("sdwrap_hist_event_subtype_check", joined({hexed(event_type), text(subtype)})));
+    return status(platform().called("sdwrap_hist_event_subtype_check", joined({hexed(event_type), text(subtype)})));
 }
 
 std::int32_t sdwrap_hist_event(std::uint32_t event_type, std::uint32_t length, const char *event)
@@ -199,8 +198,8 @@ std::int32_t sdwrap_hist_event(std::uint32_t event_type, std::uint32_t length, c
 std::int32_t sdwrap_chk_int(std::uint32_t category, std::uint32_t reserved_1, std::uint32_t reserved_2,
                             std::uint32_t reserved_3)
 {
-    return status(platform().called("sdwrap_chk_int", joined({text(category), text(reserved_1),
-                                                              text(reserved_2), text(reserved_3)})));
+    return status(platform().called(
+        "sdwrap_chk_int", joined({text(category), text(reserved_1), text(reserved_2), text(reserved_3)})));
 }
 
 void buginf(const char *format, ...)
@@ -216,6 +215,6 @@ void buginf(const char *format, ...)
 void vesk_syslog(std::uint32_t severity, const char *format, const char *facility_name,
                  std::uint32_t message_severity)
 {
-    (void)platform().called("vesk_syslog", joined({text(severity), quoted(format), quoted(facility_name),
-                                                   text(message_severity)}));
+    (void)platform().called(
+        "vesk_syslog", joined({text(severity), quoted(format), quoted(facility_name), text(message_severity)}));
 }

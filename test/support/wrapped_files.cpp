@@ -15,10 +15,10 @@
 namespace
 {
 
-constexpr std::array<const char *, 5> redirected_folders = {"/bootflash", "/mnt/pss", "/mnt/bootloader",
-                                                            "/var/tmp", "/vesk"};
-constexpr std::array<const char *, 4> redirected_files = {"/tmp/new_bios", "/tmp/chksum",
-                                                          "/tmp/install_loader.log", "/etc/srg-ks.sro"};
+constexpr std::array<const char *, 5> redirected_folders = {"/bootflash", "/mnt/pss", "/mnt/bootloader", "/var/tmp",
+                                                            "/vesk"};
+constexpr std::array<const char *, 4> redirected_files = {"/tmp/new_bios", "/tmp/chksum", "/tmp/install_loader.log",
+                                                          "/etc/srg-ks.sro"};
 
 bool begins_with_folder(const std::string &path, const std::string &folder)
 {
@@ -44,7 +44,8 @@ class file_use
 {
 public:
     file_use(const char *call, const char *path, const std::string &more = "")
-        : redirected_(is_redirected(path)), real_(redirected_ ? platform().path(path) : path)
+        : redirected_(is_redirected(path)),
+          real_(redirected_ ? platform().path(path) : path)
     {
         if (!redirected_)
             return;
@@ -126,7 +127,10 @@ int __wrap_openat(int folder, const char *path, int flags, ...)
     return path[0] == '/' ? open_with(path, flags, mode) : __real_openat(folder, path, flags, mode);
 }
 
-int __wrap_creat(const char *path, mode_t mode) { return open_with(path, O_WRONLY | O_CREAT | O_TRUNC, mode); }
+int __wrap_creat(const char *path, mode_t mode)
+{
+    return open_with(path, O_WRONLY | O_CREAT | O_TRUNC, mode);
+}
 
 int __wrap_stat(const char *path, struct stat *out)
 {
@@ -206,6 +210,9 @@ char *__wrap_getcwd(char *buffer, std::size_t length)
     return std::strcpy(buffer, path.c_str());
 }
 
-char *__wrap_get_current_dir_name() { return __wrap_getcwd(nullptr, 0); }
+char *__wrap_get_current_dir_name()
+{
+    return __wrap_getcwd(nullptr, 0);
+}
 
 } // extern "C"

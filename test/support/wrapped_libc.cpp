@@ -36,7 +36,10 @@ unsigned __wrap_sleep(unsigned seconds)
     return static_cast<unsigned>(status(platform().called("sleep", text(seconds))));
 }
 
-int __wrap_system(const char *command) { return status(platform().called("system", quoted(command))); }
+int __wrap_system(const char *command)
+{
+    return status(platform().called("system", quoted(command)));
+}
 
 pid_t __wrap_fork()
 {
@@ -52,8 +55,7 @@ pid_t __wrap_fork()
 pid_t __wrap_waitpid(pid_t pid, int *status_out, int options)
 {
     const std::string option = options == WNOHANG ? "WNOHANG" : text(options);
-    const scripted_result result =
-        platform().called("waitpid", joined({text(pid), option}), {-1, ECHILD});
+    const scripted_result result = platform().called("waitpid", joined({text(pid), option}), {-1, ECHILD});
     if (const auto ended = platform().take_ended_process()) {
         *status_out = ended->status;
         return ended->pid;

@@ -33,9 +33,15 @@ constexpr std::array<expected_row, 15> expected_rows = {{
     {37, "/vesk/bin/bios-x86n-tarvik-h.bin.gz"},
 }};
 
-const bios_flash_entry &row(std::size_t index) { return bios_flash_entry_tbl[index]; }
+const bios_flash_entry &row(std::size_t index)
+{
+    return bios_flash_entry_tbl[index];
+}
 
-TEST(BiosFlashEntryTbl, Has15Rows) { ASSERT_EQ(max_bios_id_entries, 15u); }
+TEST(BiosFlashEntryTbl, Has15Rows)
+{
+    ASSERT_EQ(max_bios_id_entries, 15u);
+}
 
 TEST(BiosFlashEntryTbl, HasTheFamiliesAndImagesInOrder)
 {

@@ -200,7 +200,8 @@ TEST(ModuleVersions, RandomBytesNeverTellOfMoreThanTheyHold)
             answer[7] = 5;
             answer[11] = static_cast<std::uint8_t>(random() % 8);
         }
-        EXPECT_LE(16 + 392 * decode_module_versions(answer, 5).entries.size(), std::max<std::size_t>(answer.size(), 16));
+        EXPECT_LE(16 + 392 * decode_module_versions(answer, 5).entries.size(),
+                  std::max<std::size_t>(answer.size(), 16));
         const auto sources = decode_source_versions(answer);
         EXPECT_LE(268 * (sources ? sources->entries.size() : 0), answer.size());
     }
@@ -284,11 +285,10 @@ TEST(ProgrammingLocks, ALockWithoutARecordMayBecomeAProgramming)
 
 TEST(VersionTable, IsAligned)
 {
-    const std::string expected =
-        "SLOT  SOURCE            FLASH             RUNNING           VERDICT\n"
-        "5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown\n"
-        "27    v3.5.0(09/17/12)  v3.1.0(02/11/11)  v3.1.0(02/11/11)  update available\n"
-        "232   -                 -                 -                 unreachable";
+    const std::string expected = "SLOT  SOURCE            FLASH             RUNNING           VERDICT\n"
+                                 "5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown\n"
+                                 "27    v3.5.0(09/17/12)  v3.1.0(02/11/11)  v3.1.0(02/11/11)  update available\n"
+                                 "232   -                 -                 -                 unreachable";
     EXPECT_EQ(version_table({card_of(5, {.flash = OLD, .running = OLD}),
                              card_of(27, {.flash = OLD, .running = OLD, .source = NEW}),
                              card_of(232, {.reachable = false})}),
@@ -298,9 +298,9 @@ TEST(VersionTable, IsAligned)
 TEST(VersionTable, NoLineIsLongerThanATerminalWhateverTheTexts)
 {
     const std::string longest(128, 'x');
-    const std::string table =
-        version_table({card_of(232, {.being_programmed = true, .flash = longest, .running = longest, .source = longest}),
-                       card_of(232, {.flash = OLD, .running = OLD, .source = "v2.0.0(02/11/11)"})});
+    const std::string table = version_table(
+        {card_of(232, {.being_programmed = true, .flash = longest, .running = longest, .source = longest}),
+         card_of(232, {.flash = OLD, .running = OLD, .source = "v2.0.0(02/11/11)"})});
     for (const std::string &line : lines_of(table))
         EXPECT_LE(line.size(), SHOW_TABLE_COLUMNS) << line;
     EXPECT_NE(table.find(" xxxxxxxxxxxxxxx~  "), std::string::npos) << table;
@@ -405,8 +405,11 @@ protected:
 TEST_F(Show, TellsEveryCardAndGivesEachItsVerdict)
 {
     serve(27, [](daemon_side &side) {
-        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, NEW, NEW)},
-                              {28, versions_answer(28, NEW, OLD)}}, 3);
+        serve_versions(side,
+                       {{5, versions_answer(5, OLD, OLD)},
+                        {27, versions_answer(27, NEW, NEW)},
+                        {28, versions_answer(28, NEW, OLD)}},
+                       3);
         serve_source(side, source_answer(NEW));
     });
     serve(28, source_of(NEW));
@@ -527,8 +530,11 @@ TEST_F(Show, GarbageIsUnknownAndNeverAnUpdate)
 TEST_F(Show, GarbageAboutTheImageIsUnknown)
 {
     serve(27, [](daemon_side &side) {
-        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, OLD, OLD)},
-                              {28, versions_answer(28, OLD, OLD)}}, 3);
+        serve_versions(side,
+                       {{5, versions_answer(5, OLD, OLD)},
+                        {27, versions_answer(27, OLD, OLD)},
+                        {28, versions_answer(28, OLD, OLD)}},
+                       3);
         serve_source(side, bytes(8, 0xff));
     });
     serve(28, [](daemon_side &side) {
@@ -549,8 +555,11 @@ TEST_F(Show, DuringAProgrammingNoImageIsReadAnywhere)
         (void)modlock_init();
         (void)modlock_module_lock(129, 27 * 256 + 1, request);
         (void)modlock_module_lock(129, 5 * 256 + 2, request);
-        serve_versions(side, {{5, versions_answer(5, OLD, OLD)}, {27, versions_answer(27, NEW, NEW)},
-                              {28, versions_answer(28, NEW, OLD)}}, 3);
+        serve_versions(side,
+                       {{5, versions_answer(5, OLD, OLD)},
+                        {27, versions_answer(27, NEW, NEW)},
+                        {28, versions_answer(28, NEW, OLD)}},
+                       3);
         (void)side.receive(4703); // anything else ends the script's process
     });
     serve(28, source_of(NEW));
@@ -559,7 +568,9 @@ TEST_F(Show, DuringAProgrammingNoImageIsReadAnywhere)
     EXPECT_EQ(verdict_of(5), "being programmed") << run_->out();
     EXPECT_EQ(verdict_of(27), "unknown");
     EXPECT_EQ(verdict_of(28), "reboot pending");
-    for (const auto &card : nlohmann::json::parse(run_->out())["cards"])
+    const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
+    ASSERT_EQ(told["cards"].size(), 3u);
+    for (const auto &card : told["cards"])
         EXPECT_TRUE(card["flashes"][0]["source"].is_null()) << card;
 }
 
@@ -608,9 +619,7 @@ TEST_F(Show, ManyCardsAreAskedForTheirImagesAtTheSameTime)
 TEST_F(Show, ASupervisorThatTellsOfOneModuleOnlyIsPointedOut)
 {
     chassis_.insert(27, 1, 183, 1);
-    serve(27, [](daemon_side &side) {
-        serve_versions(side, {{5, versions_answer(18, OLD, OLD)}}, 1);
-    });
+    serve(27, [](daemon_side &side) { serve_versions(side, {{5, versions_answer(18, OLD, OLD)}}, 1); });
     serve(5, source_of(NEW));
     EXPECT_EQ(run({"show", "5"}), 0);
     EXPECT_TRUE(has_line("note: slot 27 tells of module 18 whatever module it is asked for")) << run_->out();

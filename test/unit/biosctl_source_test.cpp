@@ -70,8 +70,8 @@ TEST(ImagePath, OfTheBootFlashAndAbsolute)
 
 TEST(ImagePath, EverythingElseIsRefused)
 {
-    for (const char *image : {"", "a.img", "bootflash:", "bootflash:/", "bootflash:///", "tftp:a", "/", "/a/", "./a",
-                              "/a b", "/a;b", "/$(x)", "/a\n", "/\xc3\xa4", "bootflash:a'b"})
+    for (const char *image : {"", "a.img", "bootflash:", "bootflash:/", "bootflash:///", "tftp:a", "/", "/a/",
+                              "./a", "/a b", "/a;b", "/$(x)", "/a\n", "/\xc3\xa4", "bootflash:a'b"})
         EXPECT_TRUE(path_of(image).starts_with("refused: ")) << "'" << image << "'";
 }
 
@@ -106,7 +106,8 @@ TEST_F(Source, TheRequestNamesTheImageAndWhereNoticesGo)
                       std::uint32_t sap = 0;
                       std::memcpy(&sap, &body.at(264), 4);
                       std::memcpy(&expected[264], &sap, 4);
-                      answer(side, source_answer({"v3.5.0(09/17/12)"}, 1, body == expected && sap >= 0x10000 ? 0 : 1));
+                      answer(side,
+                             source_answer({"v3.5.0(09/17/12)"}, 1, body == expected && sap >= 0x10000 ? 0 : 1));
                   },
                   {"--image", "bootflash:a.img"}),
               0)

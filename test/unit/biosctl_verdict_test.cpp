@@ -50,14 +50,12 @@ TEST(Judge, EveryPairOfImageAndFlash)
         const char *source;
         const char *expected;
     } const pairs[] = {
-        {NONE, NONE, "unknown"},         {NONE, GARBAGE, "unknown"},
-        {NONE, OLD, "unknown"},          {NONE, NEW, "unknown"},
-        {GARBAGE, NONE, "unknown"},      {GARBAGE, GARBAGE, "unknown"},
-        {GARBAGE, OLD, "unknown"},       {GARBAGE, NEW, "unknown"},
-        {OLD, NONE, "unknown"},          {OLD, GARBAGE, "unknown"},
-        {OLD, OLD, "in step"},           {OLD, NEW, "update available"},
-        {NEW, NONE, "unknown"},          {NEW, GARBAGE, "unknown"},
-        {NEW, OLD, "newer than shipped"}, {NEW, NEW, "in step"},
+        {NONE, NONE, "unknown"},   {NONE, GARBAGE, "unknown"}, {NONE, OLD, "unknown"},
+        {NONE, NEW, "unknown"},    {GARBAGE, NONE, "unknown"}, {GARBAGE, GARBAGE, "unknown"},
+        {GARBAGE, OLD, "unknown"}, {GARBAGE, NEW, "unknown"},  {OLD, NONE, "unknown"},
+        {OLD, GARBAGE, "unknown"}, {OLD, OLD, "in step"},      {OLD, NEW, "update available"},
+        {NEW, NONE, "unknown"},    {NEW, GARBAGE, "unknown"},  {NEW, OLD, "newer than shipped"},
+        {NEW, NEW, "in step"},
     };
     for (const auto &pair : pairs)
         EXPECT_EQ(judged({.flash = pair.flash, .running = pair.flash, .source = pair.source}), pair.expected)
@@ -71,14 +69,12 @@ TEST(Judge, EveryPairOfFlashAndRunning)
         const char *running;
         const char *expected; // with the new image
     } const pairs[] = {
-        {NONE, NONE, "unknown"},       {NONE, GARBAGE, "unknown"},
-        {NONE, OLD, "unknown"},        {NONE, NEW, "unknown"},
-        {GARBAGE, NONE, "unknown"},    {GARBAGE, GARBAGE, "unknown"},
-        {GARBAGE, OLD, "unknown"},     {GARBAGE, NEW, "unknown"},
-        {OLD, NONE, "unknown"},        {OLD, GARBAGE, "unknown"},
-        {OLD, OLD, "update available"}, {OLD, NEW, "reboot pending"},
-        {NEW, NONE, "unknown"},        {NEW, GARBAGE, "unknown"},
-        {NEW, OLD, "reboot pending"},  {NEW, NEW, "in step"},
+        {NONE, NONE, "unknown"},   {NONE, GARBAGE, "unknown"},     {NONE, OLD, "unknown"},
+        {NONE, NEW, "unknown"},    {GARBAGE, NONE, "unknown"},     {GARBAGE, GARBAGE, "unknown"},
+        {GARBAGE, OLD, "unknown"}, {GARBAGE, NEW, "unknown"},      {OLD, NONE, "unknown"},
+        {OLD, GARBAGE, "unknown"}, {OLD, OLD, "update available"}, {OLD, NEW, "reboot pending"},
+        {NEW, NONE, "unknown"},    {NEW, GARBAGE, "unknown"},      {NEW, OLD, "reboot pending"},
+        {NEW, NEW, "in step"},
     };
     for (const auto &pair : pairs)
         EXPECT_EQ(judged({.flash = pair.flash, .running = pair.running, .source = NEW}), pair.expected)
@@ -95,8 +91,8 @@ TEST(Judge, AProgrammingGoesBeforeEverythingAndUnreachableBeforeTheRest)
 {
     for (const char *flash : {NONE, GARBAGE, OLD, NEW}) {
         for (const char *running : {NONE, GARBAGE, OLD, NEW}) {
-            version_facts facts{.being_programmed = true, .reachable = false, .flash = flash, .running = running,
-                                .source = NEW};
+            version_facts facts{
+                .being_programmed = true, .reachable = false, .flash = flash, .running = running, .source = NEW};
             EXPECT_EQ(judged(facts), "being programmed");
             facts.reachable = true;
             EXPECT_EQ(judged(facts), "being programmed");

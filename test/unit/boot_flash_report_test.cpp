@@ -86,6 +86,9 @@ TEST_F(BootFlashReport, SendsAMessageOfSeverity2AtTheLevelOfTheStart)
                     "Flash\", \"BIOS_DAEMON\", 2)"});
 }
 
-TEST_F(BootFlashReport, NeverSeesABootFailure) { EXPECT_EQ(bios_check_boot_failure(), 0); }
+TEST_F(BootFlashReport, NeverSeesABootFailure)
+{
+    EXPECT_EQ(bios_check_boot_failure(), 0);
+}
 
 } // namespace

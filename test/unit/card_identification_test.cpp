@@ -58,8 +58,7 @@ TEST_F(HwChangeBit, Is0WhenTheSpromCannotBeRead)
     std::uint32_t value = 77;
     EXPECT_EQ(get_hw_change_bit(&value), -7);
     EXPECT_EQ(value, 0u);
-    EXPECT_EQ(platform().logs(),
-              lines{"get_hw_change_bit/154: read from SPROM failed, [Input/output error]\\n"});
+    EXPECT_EQ(platform().logs(), lines{"get_hw_change_bit/154: read from SPROM failed, [Input/output error]\\n"});
 }
 
 TEST_F(HwChangeBit, IsReadEvenWhenTheDeviceCannotBeReset)
@@ -119,9 +118,8 @@ TEST_F(CardFamily, OfCard182IsTheNewestWhenTheSpromCannotBeRead)
 {
     platform().next_result("sse_call", {-1, EIO});
     EXPECT_EQ(get_sw_card_family(182), 33u);
-    EXPECT_EQ(platform().logs(),
-              (lines{"get_hw_change_bit/154: read from SPROM failed, [Input/output error]\\n",
-                     "get_sw_card_family/179: Failed to read hw.change.bit \\n"}));
+    EXPECT_EQ(platform().logs(), (lines{"get_hw_change_bit/154: read from SPROM failed, [Input/output error]\\n",
+                                        "get_sw_card_family/179: Failed to read hw.change.bit \\n"}));
 }
 
 TEST_F(CardFamily, OfCard182IsReadWhenTheServiceCallReturnsAPositiveStatus)

@@ -41,10 +41,7 @@ protected:
     {
         return program_bios_command(7, 0x201, 93, 5, path, 2, area, 1);
     }
-    std::int32_t program(const char *path = image)
-    {
-        return std_bios_program(7, 11, path, 5, 0x201, 93, area, 0);
-    }
+    std::int32_t program(const char *path = image) { return std_bios_program(7, 11, path, 5, 0x201, 93, area, 0); }
     static std::string attempt(int number, int area_use)
     {
         return "program_bios_flash(7, 0x201, 93, 5, \"/bootflash/.tmpbios.bin\", " + std::to_string(number) +
@@ -94,8 +91,8 @@ TEST_F(FlashProgramming, CommandPrintsTheWarningLineByLineUnderOneLineNumber)
 
 TEST_F(FlashProgramming, CommandPrintsNothingForAnyOtherCode)
 {
-    for (const std::int32_t result : {0x40710001, 0x40710004, 0x40710008, 0x4071000a, 0x4071000b, 0x4071000d,
-                                      9, 12, -1}) {
+    for (const std::int32_t result :
+         {0x40710001, 0x40710004, 0x40710008, 0x4071000a, 0x4071000b, 0x4071000d, 9, 12, -1}) {
         flash_answers({result});
         EXPECT_EQ(command(), result);
     }
@@ -122,11 +119,10 @@ TEST_F(FlashProgramming, GivesUpAfterFourAttemptsAndThreePauses)
 {
     flash_answers({erase_failed, erase_failed, erase_failed, erase_failed, 0});
     EXPECT_EQ(program(), erase_failed);
-    EXPECT_EQ(platform().story({"program_bios_flash", "sleep"}),
-              (lines{attempt(1, 0), "sleep(5)", attempt(2, 1), "sleep(5)", attempt(3, 2), "sleep(5)",
-                     attempt(4, 3)}));
-    EXPECT_EQ(platform().logs(),
-              warning + warning + warning + warning + lines{"REMOVE - /bootflash/.tmpbios.bin"});
+    EXPECT_EQ(
+        platform().story({"program_bios_flash", "sleep"}),
+        (lines{attempt(1, 0), "sleep(5)", attempt(2, 1), "sleep(5)", attempt(3, 2), "sleep(5)", attempt(4, 3)}));
+    EXPECT_EQ(platform().logs(), warning + warning + warning + warning + lines{"REMOVE - /bootflash/.tmpbios.bin"});
     EXPECT_FALSE(platform().file_exists(image));
 }
 
@@ -172,7 +168,10 @@ struct chipset {
     int variant;
 };
 
-void PrintTo(const chipset &chosen, std::ostream *out) { *out << chosen.name; }
+void PrintTo(const chipset &chosen, std::ostream *out)
+{
+    *out << chosen.name;
+}
 
 class ChipsetProgramming : public FlashProgramming, public testing::WithParamInterface<chipset>
 {
@@ -188,8 +187,8 @@ protected:
     }
     static lines flash_calls()
     {
-        return platform().story(
-            {"ibexpeak_bios_which_flash", "ibexpeak_bios_flash_erase", "ibexpeak_program_bios_command_ex", "sleep"});
+        return platform().story({"ibexpeak_bios_which_flash", "ibexpeak_bios_flash_erase",
+                                 "ibexpeak_program_bios_command_ex", "sleep"});
     }
     static void fails(const char *call, int times, std::int32_t result)
     {
@@ -203,10 +202,10 @@ TEST_P(ChipsetProgramming, ErasesProgramsAndRemovesTheImage)
 {
     EXPECT_EQ(program_chipset(), 0);
     EXPECT_EQ(flash_calls(), (lines{which(), erase(), which(), write(1)}));
-    EXPECT_EQ(platform().logs(),
-              (lines{source_line, "Flash erase successful on 1 iteration",
-                     "Flash programming successful on 1 iteration",
-                     "my_src = /bootflash/.tmpbios.bin; retcode = 0", "REMOVE - /bootflash/.tmpbios.bin"}));
+    EXPECT_EQ(
+        platform().logs(),
+        (lines{source_line, "Flash erase successful on 1 iteration", "Flash programming successful on 1 iteration",
+               "my_src = /bootflash/.tmpbios.bin; retcode = 0", "REMOVE - /bootflash/.tmpbios.bin"}));
     EXPECT_FALSE(platform().file_exists(image));
 }
 
@@ -235,8 +234,7 @@ TEST_P(ChipsetProgramming, AsksForTheFlashBeforeEveryWrite)
 {
     fails("ibexpeak_program_bios_command_ex", 2, -9);
     EXPECT_EQ(program_chipset(), 0);
-    EXPECT_EQ(flash_calls(),
-              (lines{which(), erase(), which(), write(1), which(), write(2), which(), write(3)}));
+    EXPECT_EQ(flash_calls(), (lines{which(), erase(), which(), write(1), which(), write(2), which(), write(3)}));
     EXPECT_TRUE(platform().logged("Flash programming successful on 3 iteration"));
 }
 

@@ -17,11 +17,11 @@ constexpr char second_image[] = "/bootflash/.second.bin";
 std::int32_t program(std::int32_t handle, std::uint32_t flash_type, const char *path, std::uint32_t own_module,
                      std::uint32_t node, std::uint32_t sap, void *area, std::uint8_t image_type)
 {
-    const scripted_result result = platform().called(
-        "program", joined({std::to_string(handle), std::to_string(flash_type), quoted(path),
-                           std::to_string(own_module), hexed(node), std::to_string(sap),
-                           "area use " + std::to_string(platform().progress_area_use(area)),
-                           std::to_string(image_type)}));
+    const scripted_result result =
+        platform().called("program", joined({std::to_string(handle), std::to_string(flash_type), quoted(path),
+                                             std::to_string(own_module), hexed(node), std::to_string(sap),
+                                             "area use " + std::to_string(platform().progress_area_use(area)),
+                                             std::to_string(image_type)}));
     return static_cast<std::int32_t>(result.value);
 }
 
@@ -29,8 +29,7 @@ std::int32_t compare_versions(std::int32_t handle, std::uint32_t flash_type, con
 {
     return static_cast<std::int32_t>(
         platform()
-            .called("version_compare",
-                    joined({std::to_string(handle), std::to_string(flash_type), quoted(path)}))
+            .called("version_compare", joined({std::to_string(handle), std::to_string(flash_type), quoted(path)}))
             .value);
 }
 
@@ -105,8 +104,9 @@ TEST_F(FlashWalk, GoesThroughAllRowsWithOneProgressArea)
 TEST_F(FlashWalk, SkipsARowWhoseImageIsMissing)
 {
     EXPECT_EQ(walk({row("/bootflash/none.bin"), row()}), 0);
-    EXPECT_EQ(story(), (lines{row_log(0), "log(ERROR: SUP BIOS source file (/bootflash/none.bin) not found .. "
-                                          "skipping)",
+    EXPECT_EQ(story(), (lines{row_log(0),
+                              "log(ERROR: SUP BIOS source file (/bootflash/none.bin) not found .. "
+                              "skipping)",
                               row_log(1), not_compared, programmed, "log( programming result 0x0)"}));
 }
 

@@ -33,6 +33,9 @@ TEST(HarmlessPath, DoesNotBeginWithADash)
     EXPECT_TRUE(is_harmless_path("/-rf"));
 }
 
-TEST(HarmlessPath, IsNotEmpty) { EXPECT_FALSE(is_harmless_path("")); }
+TEST(HarmlessPath, IsNotEmpty)
+{
+    EXPECT_FALSE(is_harmless_path(""));
+}
 
 } // namespace

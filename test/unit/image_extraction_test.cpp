@@ -54,17 +54,16 @@ TEST_F(ImageExtraction, CopiesAndUnpacksTheRunningSystemsImage)
 {
     unpacks("the image");
     EXPECT_EQ(extract(nullptr), 0);
-    EXPECT_EQ(story(),
-              (lines{"system(\"rm -rf /var/tmp/core_plugin\")",
-                     "log(source path is = (null), /vesk/bin/bios-x86n.bin.gz, /bootflash/.tmpbios.bin)",
-                     run("/bin/mkdir -p /bootflash"), "log(executing /bin/mkdir -p /bootflash)",
-                     "chdir(\"/bootflash\")", "log(dest path=/bootflash/.tmpbios.bin)",
-                     "log(current dir=/bootflash)",
-                     run_quietly("/bin/cp /vesk/bin/bios-x86n.bin.gz /bootflash/.tmpbios.bin.gz"),
-                     "log(performing /bin/cp /vesk/bin/bios-x86n.bin.gz /bootflash/.tmpbios.bin.gz)", removal,
-                     "log( **** REMOVE **** - /bootflash/.tmpbios.bin)",
-                     run("/bin/gunzip /bootflash/.tmpbios.bin.gz"), "sleep(2)",
-                     "log(performing - /bin/gunzip /bootflash/.tmpbios.bin.gz)", "chdir(\"/\")", hand_over}));
+    EXPECT_EQ(
+        story(),
+        (lines{"system(\"rm -rf /var/tmp/core_plugin\")",
+               "log(source path is = (null), /vesk/bin/bios-x86n.bin.gz, /bootflash/.tmpbios.bin)",
+               run("/bin/mkdir -p /bootflash"), "log(executing /bin/mkdir -p /bootflash)", "chdir(\"/bootflash\")",
+               "log(dest path=/bootflash/.tmpbios.bin)", "log(current dir=/bootflash)",
+               run_quietly("/bin/cp /vesk/bin/bios-x86n.bin.gz /bootflash/.tmpbios.bin.gz"),
+               "log(performing /bin/cp /vesk/bin/bios-x86n.bin.gz /bootflash/.tmpbios.bin.gz)", removal,
+               "log( **** REMOVE **** - /bootflash/.tmpbios.bin)", run("/bin/gunzip /bootflash/.tmpbios.bin.gz"),
+               "sleep(2)", "log(performing - /bin/gunzip /bootflash/.tmpbios.bin.gz)", "chdir(\"/\")", hand_over}));
     EXPECT_EQ(platform().read_file(temporary), "the image");
     EXPECT_EQ(std::filesystem::current_path(), "/");
 }
@@ -75,21 +74,31 @@ TEST_F(ImageExtraction, TakesTheImageOutOfTheNamedSystemImage)
     EXPECT_EQ(extract("/bootflash/system-6.2_1.bin"), 0);
     const std::string take_plugin =
         "/vesk/sbin/veskadd -x /bootflash/system-6.2_1.bin . /vesk/plugin_img/core_plugin";
-    const std::string take_image =
-        "/vesk/sbin/veskadd -x vesk/plugin_img/core_plugin . /vesk/bin/bios-x86n.bin.gz";
+    const std::string take_image = "/vesk/sbin/veskadd -x vesk/plugin_img/core_plugin . /vesk/bin/bios-x86n.bin.gz";
     const std::string move = "/bin/mv ./vesk/bin/bios-x86n.bin.gz /bootflash/.tmpbios.bin.gz";
-    EXPECT_EQ(story(),
-              (lines{"system(\"rm -rf /var/tmp/core_plugin\")",
-                     "log(source path is = /bootflash/system-6.2_1.bin, /vesk/bin/bios-x86n.bin.gz, "
-                     "/bootflash/.tmpbios.bin)",
-                     run("/bin/mkdir -p /bootflash"), "log(executing /bin/mkdir -p /bootflash)",
-                     "chdir(\"/bootflash\")", "log(dest path=/bootflash/.tmpbios.bin)",
-                     "log(current dir=/bootflash)", run_quietly(take_plugin), "sleep(3)",
-                     "log(performing " + take_plugin + ")", run_quietly(take_image), "sleep(3)",
-                     "log(performing " + take_image + ")", run_quietly(move), "log(performing " + move + ")",
-                     removal, "log( **REMOVE  **- /bootflash/.tmpbios.bin)",
-                     run("/bin/gunzip /bootflash/.tmpbios.bin.gz"), "sleep(3)",
-                     "log(performing /bin/gunzip /bootflash/.tmpbios.bin.gz)", "chdir(\"/\")", hand_over}));
+    EXPECT_EQ(story(), (lines{"system(\"rm -rf /var/tmp/core_plugin\")",
+                              "log(source path is = /bootflash/system-6.2_1.bin, /vesk/bin/bios-x86n.bin.gz, "
+                              "/bootflash/.tmpbios.bin)",
+                              run("/bin/mkdir -p /bootflash"),
+                              "log(executing /bin/mkdir -p /bootflash)",
+                              "chdir(\"/bootflash\")",
+                              "log(dest path=/bootflash/.tmpbios.bin)",
+                              "log(current dir=/bootflash)",
+                              run_quietly(take_plugin),
+                              "sleep(3)",
+                              "log(performing " + take_plugin + ")",
+                              run_quietly(take_image),
+                              "sleep(3)",
+                              "log(performing " + take_image + ")",
+                              run_quietly(move),
+                              "log(performing " + move + ")",
+                              removal,
+                              "log( **REMOVE  **- /bootflash/.tmpbios.bin)",
+                              run("/bin/gunzip /bootflash/.tmpbios.bin.gz"),
+                              "sleep(3)",
+                              "log(performing /bin/gunzip /bootflash/.tmpbios.bin.gz)",
+                              "chdir(\"/\")",
+                              hand_over}));
 }
 
 TEST_F(ImageExtraction, FailsWhenNothingWasProduced)
@@ -220,12 +229,11 @@ TEST_F(ImageExtraction, CleansUpHereAndOnTheStandby)
 {
     platform().write_file(temporary, "the image");
     EXPECT_EQ(clean_up(), 0);
-    EXPECT_EQ(story(), (lines{removal, "log(REMOVE - /bootflash/.tmpbios.bin)",
-                              run_quietly("/bin/rm -rf /bootflash/vesk"),
-                              "log(REMOVE - /bin/rm -rf /bootflash/vesk)",
-                              run_quietly("/bin/touch /bootflash/.tmpbios.bin"),
-                              "log(cleanup - /bin/touch /bootflash/.tmpbios.bin)", hand_over, removal,
-                              "log(REMOVE - /bootflash/.tmpbios.bin)"}));
+    EXPECT_EQ(story(),
+              (lines{removal, "log(REMOVE - /bootflash/.tmpbios.bin)", run_quietly("/bin/rm -rf /bootflash/vesk"),
+                     "log(REMOVE - /bin/rm -rf /bootflash/vesk)", run_quietly("/bin/touch /bootflash/.tmpbios.bin"),
+                     "log(cleanup - /bin/touch /bootflash/.tmpbios.bin)", hand_over, removal,
+                     "log(REMOVE - /bootflash/.tmpbios.bin)"}));
     EXPECT_FALSE(platform().file_exists(temporary));
 }
 

@@ -59,8 +59,8 @@ TEST_F(ImageMapping, HoldsNothingAfterAFailure)
     image_mapping image;
     EXPECT_EQ(image.map("/bootflash/none", 128, 0), -22);
     EXPECT_EQ(image.map(path, 128, 1), -22) << "not a valid mapping offset";
-    EXPECT_EQ(platform().logs(), (lines{"ERROR: could not open the flash err=2 \\n",
-                                        "ERROR: could not mmap the flash err=22 \\n"}));
+    EXPECT_EQ(platform().logs(),
+              (lines{"ERROR: could not open the flash err=2 \\n", "ERROR: could not mmap the flash err=22 \\n"}));
     EXPECT_EQ(image.readable_bytes(), 0u);
     EXPECT_EQ(platform().calls("munmap"), lines{});
 }

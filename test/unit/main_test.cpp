@@ -48,17 +48,18 @@ protected:
 TEST_F(StartUp, TakesItsStepsInOrder)
 {
     run_to_the_end();
-    EXPECT_EQ(platform().story({"on_exit", "get_platform_info", "modlock_init", "mts_bind",
-                                "pfm_get_all_modules_in_chassis", "get_card_module_info",
-                                "get_ibexpeak_tarvik_a_bios_flash_version", "sdwrap_dbg_init",
-                                "sdwrap_sys_init_helper", "vesk_syslog", "mts_recv"}),
-              (lines{"on_exit(handler, null)", "get_platform_info()", "modlock_init()",
-                     "mts_bind(1, 1010, {1, 0, 1024, 0, 0, 15}, \"BIOS upgrade daemon\")",
-                     "pfm_get_all_modules_in_chassis(7, 232)", "get_ibexpeak_tarvik_a_bios_flash_version(0)",
-                     "sdwrap_dbg_init(7, \"bios_daemon\", \"BIOS Daemon\", 3, {\"Bios Daemon Errors\", \"Bios Daemon "
-                     "Warnings\", \"Bios Daemon Info\"}, 0, 0, 0)",
-                     "sdwrap_sys_init_helper(7, \"bios_daemon\", \"BIOS Daemon\", 904, 0, 0, 0, bios_daemon)",
-                     "mts_recv(7, {1, 0, 5, 0, 0, 0, 0, 0, 0, 0})"}));
+    EXPECT_EQ(
+        platform().story({"on_exit", "get_platform_info", "modlock_init", "mts_bind",
+                          "pfm_get_all_modules_in_chassis", "get_card_module_info",
+                          "get_ibexpeak_tarvik_a_bios_flash_version", "sdwrap_dbg_init", "sdwrap_sys_init_helper",
+                          "vesk_syslog", "mts_recv"}),
+        (lines{"on_exit(handler, null)", "get_platform_info()", "modlock_init()",
+               "mts_bind(1, 1010, {1, 0, 1024, 0, 0, 15}, \"BIOS upgrade daemon\")",
+               "pfm_get_all_modules_in_chassis(7, 232)", "get_ibexpeak_tarvik_a_bios_flash_version(0)",
+               "sdwrap_dbg_init(7, \"bios_daemon\", \"BIOS Daemon\", 3, {\"Bios Daemon Errors\", \"Bios Daemon "
+               "Warnings\", \"Bios Daemon Info\"}, 0, 0, 0)",
+               "sdwrap_sys_init_helper(7, \"bios_daemon\", \"BIOS Daemon\", 904, 0, 0, 0, bios_daemon)",
+               "mts_recv(7, {1, 0, 5, 0, 0, 0, 0, 0, 0, 0})"}));
 }
 
 TEST_F(StartUp, LogsItsSteps)

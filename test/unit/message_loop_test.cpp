@@ -1,10 +1,10 @@
 // The daemon's loop: receiving, reaping the programming child, dispatching.
 #include <cerrno>
 #include <iterator>
-#include <random>
 #include <sys/wait.h>
 
 #include "daemon_requests.h"
+#include "random_input.h"
 
 extern "C" std::int32_t __wrap_bios_daemon_child_process(std::int32_t, std::uint32_t, std::uint32_t, const void *,
                                                          std::int32_t, const char *, std::uint32_t, std::uint32_t,
@@ -140,25 +140,23 @@ TEST_F(MessageLoop, EndsWhenAModulesVersionIsAskedForAndTheOwnCardIsUnknown)
 // Nothing that another card sends ends the daemon.
 TEST_F(MessageLoop, SurvivesRandomMessages)
 {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto below = [&random](std::size_t limit) { return random() % limit; };
+    random_input random;
+    SCOPED_TRACE(random.trace());
     constexpr std::uint32_t opcodes[] = {4703, 4789, 4790, 4791, 4794, 4795};
     constexpr std::uint8_t telling_bytes[] = {0, 1, 2, 3, 5, 9, 18, 233, 0x7f, 0x80, 0xff, '/', ';'};
     const auto random_bytes = [&](std::size_t length) {
         bytes content(length);
         for (std::uint8_t &byte : content)
-            byte = below(2) == 0 ? telling_bytes[below(std::size(telling_bytes))]
-                                 : static_cast<std::uint8_t>(below(256));
+            byte = random.below(2) == 0 ? telling_bytes[random.below(std::size(telling_bytes))]
+                                        : static_cast<std::uint8_t>(random.below(256));
         return content;
     };
     constexpr int messages = 150;
     for (int i = 0; i < messages; ++i) {
-        platform().deliver(opcodes[below(std::size(opcodes))], random_bytes(below(700)));
-        platform().responses.push_back(random_bytes(below(1600)));
-        if (below(3) == 0)
-            platform().child_ends(child, static_cast<int>(below(0x10000)));
+        platform().deliver(opcodes[random.below(std::size(opcodes))], random_bytes(random.below(700)));
+        platform().responses.push_back(random_bytes(random.below(1600)));
+        if (random.below(3) == 0)
+            platform().child_ends(child, static_cast<int>(random.below(0x10000)));
     }
     platform().every_result("fork", {child, 0});
     run_to_the_end();

@@ -81,8 +81,7 @@ TEST_F(ModuleLock, LocksNodeZeroForAModuleThatCannotExist)
 {
     for (const std::uint32_t module : {0u, 233u, 0xffffffffu})
         EXPECT_EQ(acquire(module), 0) << module;
-    EXPECT_EQ(platform().calls("modlock_module_lock")[1],
-              "modlock_module_lock(129, 0x0, {1, 0, 0, 0x4071000a})");
+    EXPECT_EQ(platform().calls("modlock_module_lock")[1], "modlock_module_lock(129, 0x0, {1, 0, 0, 0x4071000a})");
 }
 
 TEST_F(ModuleLock, ReleasesNothingWhenNothingIsHeld)
@@ -98,8 +97,7 @@ TEST_F(ModuleLock, ReleasesTheTargetThenTheOwnLock)
     held = 1;
     EXPECT_EQ(bios_daemon_release_lock(7, 5, 9, &held), 0);
     EXPECT_EQ(held, 0u);
-    EXPECT_EQ(locks(),
-              (lines{"log(Unlocking module now)", "modlock_module_unlock(129, 0x902)", own_unlock}));
+    EXPECT_EQ(locks(), (lines{"log(Unlocking module now)", "modlock_module_unlock(129, 0x902)", own_unlock}));
 }
 
 TEST_F(ModuleLock, ReleasesTheOwnModuleTwiceWhenItWasTheTarget)

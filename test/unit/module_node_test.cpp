@@ -29,8 +29,7 @@ TEST_F(ModuleNode, IsTimes256Plus2OnEveryOtherKind)
 TEST_F(ModuleNode, AsksForTheRecordsOfAll232Modules)
 {
     (void)get_nodeid_for_module(7, 5);
-    EXPECT_EQ(platform().calls("pfm_get_all_modules_in_chassis"),
-              lines{"pfm_get_all_modules_in_chassis(7, 232)"});
+    EXPECT_EQ(platform().calls("pfm_get_all_modules_in_chassis"), lines{"pfm_get_all_modules_in_chassis(7, 232)"});
 }
 
 TEST_F(ModuleNode, Is0WhenTheRecordsCannotBeRead)

@@ -162,9 +162,8 @@ TEST_F(ForwardedRequest, EndsWhenItCannotBeSent)
 {
     platform().next_result("cmi_remote_req_resp", {-1, ECONNREFUSED});
     EXPECT_EQ(forward(), 0x40710007);
-    EXPECT_EQ(platform().logs(),
-              (lines{"mod=9 dest_node=902", "resp = -1",
-                     "Could not send bios upgrade cmd to the modules err=111 ret=-1"}));
+    EXPECT_EQ(platform().logs(), (lines{"mod=9 dest_node=902", "resp = -1",
+                                        "Could not send bios upgrade cmd to the modules err=111 ret=-1"}));
     EXPECT_EQ(platform().calls("mts_recv"), lines{});
 }
 

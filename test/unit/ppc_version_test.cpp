@@ -52,8 +52,13 @@ bios_image intact_image(bios_image image)
 bios_image ppc_fields()
 {
     bios_image image(image_bytes, ' ');
-    return image.put(0, image_header_magic).put(38, "1").put(41, "2").put(44, "3").put(48, "Sep").put(52, "17").put(
-        56, "12");
+    return image.put(0, image_header_magic)
+        .put(38, "1")
+        .put(41, "2")
+        .put(44, "3")
+        .put(48, "Sep")
+        .put(52, "17")
+        .put(56, "12");
 }
 
 bios_image lc2dc3_fields()
@@ -73,7 +78,8 @@ protected:
 
     void run_md5sum()
     {
-        struct stat file{};
+        struct stat file {
+        };
         if (::stat(platform().path("/tmp/new_bios").c_str(), &file) == 0)
             mode_of_new_bios = file.st_mode & 07777;
         digested = platform().read_file("/tmp/new_bios").value_or("no file");

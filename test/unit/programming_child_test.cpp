@@ -38,8 +38,8 @@ std::int32_t __wrap_bios_prog_in_modules(std::int32_t handle, const pfm_module_r
                                          const bios_programming_req_t *body, std::uint32_t node, std::uint32_t sap)
 {
     return scripted("bios_prog_in_modules",
-                    {std::to_string(handle), records == pfm_info ? "pfm_info" : "other records",
-                     dumped(body, 4), hexed(node), std::to_string(sap)});
+                    {std::to_string(handle), records == pfm_info ? "pfm_info" : "other records", dumped(body, 4),
+                     hexed(node), std::to_string(sap)});
 }
 
 std::int32_t __wrap_bios_prog_all_bios_flashes(std::int32_t handle, const bios_card_table *list, std::uint32_t node,
@@ -137,15 +137,15 @@ protected:
 TEST_F(ProgrammingChild, ExtractsForwardsAndCleansUpForAnotherModule)
 {
     EXPECT_EQ(run(9), 0);
-    EXPECT_EQ(story({"log", "pfm_get_all_modules_in_chassis", "get_card_module_info", "bios_get_card_id_ent",
-                     "extract", "bios_prog_in_modules", "bios_prog_all_bios_flashes", "cleanup"}),
-              (lines{trace, "pfm_get_all_modules_in_chassis(8, 232)", "get_card_module_info(cleared)",
-                     "bios_get_card_id_ent(30, 0)", "log(bios_daemon_child_process:N: Module=8 CardId=30)", trace,
-                     "log(--- starting extraction in active 0 out of 1)",
-                     "log(pathname=/vesk/bin/bios.gz, bios_temp_file=/bootflash/.tmpbios.bin)", extracted,
-                     "bios_prog_in_modules(8, pfm_info, [00000009], 0x201, 93)",
-                     "log(Got ret=0 from prog modules call)", "log(Got retcode = 0 from programming request)",
-                     cleaned}));
+    EXPECT_EQ(
+        story({"log", "pfm_get_all_modules_in_chassis", "get_card_module_info", "bios_get_card_id_ent", "extract",
+               "bios_prog_in_modules", "bios_prog_all_bios_flashes", "cleanup"}),
+        (lines{trace, "pfm_get_all_modules_in_chassis(8, 232)", "get_card_module_info(cleared)",
+               "bios_get_card_id_ent(30, 0)", "log(bios_daemon_child_process:N: Module=8 CardId=30)", trace,
+               "log(--- starting extraction in active 0 out of 1)",
+               "log(pathname=/vesk/bin/bios.gz, bios_temp_file=/bootflash/.tmpbios.bin)", extracted,
+               "bios_prog_in_modules(8, pfm_info, [00000009], 0x201, 93)", "log(Got ret=0 from prog modules call)",
+               "log(Got retcode = 0 from programming request)", cleaned}));
     EXPECT_EQ(pfm_info[8].card_id, 30);
 }
 
@@ -156,9 +156,8 @@ TEST_F(ProgrammingChild, ProgramsItsOwnFlashesForTheOwnModule)
     EXPECT_EQ(story({"bios_get_card_id_ent", "bios_prog_in_modules", "bios_prog_all_bios_flashes", "cleanup"}),
               (lines{"bios_get_card_id_ent(200, 0)", own_flashes, cleaned}));
     const lines told = messages();
-    EXPECT_EQ(lines(told.end() - 2, told.end()),
-              (lines{"log(Got ret=40710004 from prog self bios call)",
-                     "log(Got retcode = 40710004 from programming request)"}));
+    EXPECT_EQ(lines(told.end() - 2, told.end()), (lines{"log(Got ret=40710004 from prog self bios call)",
+                                                        "log(Got retcode = 40710004 from programming request)"}));
 }
 
 TEST_F(ProgrammingChild, PassesNoImagePathWhenNoneIsNamed)
@@ -238,13 +237,14 @@ TEST_F(ProgrammingChild, ExtractsOnlyRowsOfTheImageTypeAndCleansAll)
 {
     insert_table(200, {row(), row(12, 1), row(13, 1)});
     EXPECT_EQ(run(5, 1, 1), 0);
-    EXPECT_EQ(story({"extract", "cleanup"}),
-              (lines{"extract(8, 12, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
-                     "extract(8, 13, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
-                     "cleanup(8, 11, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
-                     "cleanup(8, 12, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
-                     "cleanup(8, 13, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", "
-                     "\"/bootflash/.tmpbios.bin\")"}));
+    EXPECT_EQ(
+        story({"extract", "cleanup"}),
+        (lines{"extract(8, 12, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
+               "extract(8, 13, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
+               "cleanup(8, 11, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
+               "cleanup(8, 12, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", \"/bootflash/.tmpbios.bin\")",
+               "cleanup(8, 13, \"/bootflash/system.bin\", \"/vesk/bin/bios.gz\", "
+               "\"/bootflash/.tmpbios.bin\")"}));
     EXPECT_TRUE(platform().logged("--- starting extraction in active 0 out of 3"));
     EXPECT_TRUE(platform().logged("--- starting extraction in active 2 out of 3"));
 }
@@ -255,13 +255,13 @@ TEST_F(ProgrammingChild, ReportsAnInvalidRowInBothLoops)
     EXPECT_EQ(run(5), 0);
     lines told = story({"log", "extract", "bios_prog_all_bios_flashes", "cleanup"});
     told.erase(told.begin(), told.begin() + 3);
-    EXPECT_EQ(told, (lines{"log(--- starting extraction in active 0 out of 2)",
-                           "log(SKIPPING entry 0 bios id invalid)",
-                           "log(--- starting extraction in active 1 out of 2)",
-                           "log(pathname=/vesk/bin/bios.gz, bios_temp_file=/bootflash/.tmpbios.bin)", extracted,
-                           own_flashes, "log(Got ret=0 from prog self bios call)",
-                           "log(Got retcode = 0 from programming request)", "log(SKIPPING entry 0 bios id invalid)",
-                           cleaned}));
+    EXPECT_EQ(
+        told,
+        (lines{"log(--- starting extraction in active 0 out of 2)", "log(SKIPPING entry 0 bios id invalid)",
+               "log(--- starting extraction in active 1 out of 2)",
+               "log(pathname=/vesk/bin/bios.gz, bios_temp_file=/bootflash/.tmpbios.bin)", extracted, own_flashes,
+               "log(Got ret=0 from prog self bios call)", "log(Got retcode = 0 from programming request)",
+               "log(SKIPPING entry 0 bios id invalid)", cleaned}));
 }
 
 TEST_F(ProgrammingChild, GoesOnAfterAFailedExtraction)

@@ -6,9 +6,9 @@
 #include "daemon_requests.h"
 
 extern "C" std::int32_t __wrap_bios_daemon_child_process(std::int32_t handle, std::uint32_t node, std::uint32_t sap,
-                                                         const void *body, std::int32_t sup_state, const char *image,
-                                                         std::uint32_t module, std::uint32_t own_module,
-                                                         std::uint8_t image_type)
+                                                         const void *body, std::int32_t sup_state,
+                                                         const char *image, std::uint32_t module,
+                                                         std::uint32_t own_module, std::uint8_t image_type)
 {
     platform().note("body(" + dumped(body, 240) + ")");
     platform().note("last_byte(" + dumped(static_cast<const char *>(body) + 528, 1) + ")");
@@ -44,9 +44,8 @@ protected:
     static lines messages_of_the_request()
     {
         lines told = platform().logs();
-        const auto start = std::find_if(told.begin(), told.end(), [](const std::string &message) {
-            return message.compare(0, 3, "got") == 0;
-        });
+        const auto start = std::find_if(
+            told.begin(), told.end(), [](const std::string &message) { return message.compare(0, 3, "got") == 0; });
         return {start, told.end()};
     }
 };
@@ -58,14 +57,14 @@ TEST_F(ProgrammingStart, IsAnsweredThenRecordedThenForked)
     lines told = platform().story({"log", "sysmgr_cli_supstate_get", "mts_payload_get", "mts_saddr_get",
                                    "modlock_module_lock", "cmi_response", "open", "fork", "dropped"});
     told.erase(told.begin(), std::find(told.begin(), told.end(), "sysmgr_cli_supstate_get(7)"));
-    EXPECT_EQ(told, (lines{"sysmgr_cli_supstate_get(7)", "mts_payload_get(#1)",
-                           "log(got MTS_OPC_BIOS_PROGRAMMING_START type(3))", "mts_saddr_get(#1)",
-                           "log(uri_name=(null) def=1 rc=0)", "log(locking module here ...)",
-                           "modlock_module_lock(129, 0x501, {1, 0, 0, 0x4071000a})",
-                           "modlock_module_lock(129, 0x902, {1, 0, 0, 0x4071000a})", accepted,
-                           "log(Mark in-progress here mod=9)",
-                           "open(\"/mnt/pss/bios_run_ver\", O_RDWR|O_CREAT|O_TRUNC)",
-                           "log( file /mnt/pss/bios_run_ver Written successfully)", "fork()", "dropped(#1)"}));
+    EXPECT_EQ(told,
+              (lines{"sysmgr_cli_supstate_get(7)", "mts_payload_get(#1)",
+                     "log(got MTS_OPC_BIOS_PROGRAMMING_START type(3))", "mts_saddr_get(#1)",
+                     "log(uri_name=(null) def=1 rc=0)", "log(locking module here ...)",
+                     "modlock_module_lock(129, 0x501, {1, 0, 0, 0x4071000a})",
+                     "modlock_module_lock(129, 0x902, {1, 0, 0, 0x4071000a})", accepted,
+                     "log(Mark in-progress here mod=9)", "open(\"/mnt/pss/bios_run_ver\", O_RDWR|O_CREAT|O_TRUNC)",
+                     "log( file /mnt/pss/bios_run_ver Written successfully)", "fork()", "dropped(#1)"}));
 }
 
 TEST_F(ProgrammingStart, RecordsTheRunningVersion)
@@ -93,11 +92,12 @@ TEST_F(ProgrammingStart, RemovesARecordThatCouldNotBeWritten)
     start_request();
     run_to_the_end();
     const lines told = platform().story({"write", "system", "log", "fork"});
-    EXPECT_EQ(lines(told.end() - 4, told.end()),
-              (lines{"write(128)", "system(\"unlink /mnt/pss/bios_run_ver\")",
-                     "log( Error  writing to file /mnt/pss/bios_run_ver  .. Running version will not be recorded for "
-                     "ISSU)",
-                     "fork()"}));
+    EXPECT_EQ(
+        lines(told.end() - 4, told.end()),
+        (lines{"write(128)", "system(\"unlink /mnt/pss/bios_run_ver\")",
+               "log( Error  writing to file /mnt/pss/bios_run_ver  .. Running version will not be recorded for "
+               "ISSU)",
+               "fork()"}));
 }
 
 TEST_F(ProgrammingStart, MapsTheUriWhenAnImageIsNamed)

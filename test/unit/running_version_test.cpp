@@ -16,7 +16,8 @@ namespace
 constexpr char record_file[] = "/mnt/pss/bios_run_ver";
 
 // The flash's text is version_texts["flash"], or that of the queue of a test.
-std::int32_t read_flash(std::int32_t handle, std::uint32_t flash_type, std::uint32_t flash_select, char *version_out)
+std::int32_t read_flash(std::int32_t handle, std::uint32_t flash_type, std::uint32_t flash_select,
+                        char *version_out)
 {
     const scripted_result result = platform().called(
         "read_flash", joined({std::to_string(handle), std::to_string(flash_type), std::to_string(flash_select)}));
@@ -73,8 +74,8 @@ protected:
         lines told = platform().logs();
         for (std::string &message : told) {
             message = std::regex_replace(message, std::regex("0x0x[0-9a-f]+"), "0xPOINTER");
-            message = std::regex_replace(message, std::regex(R"(mod_get_bios_version:\d+:)"),
-                                         "mod_get_bios_version:N:");
+            message =
+                std::regex_replace(message, std::regex(R"(mod_get_bios_version:\d+:)"), "mod_get_bios_version:N:");
         }
         return told;
     }
@@ -101,9 +102,8 @@ TEST_F(RunningVersion, IsTheLastRowsOverTheTailOfALongerEarlierOne)
     EXPECT_STREQ(running_version, "v9.8.0(09/17/12)");
     EXPECT_STREQ(bios_flash_instance, "v3.5.0(09/17/12)");
     EXPECT_STREQ(bios_flash_instance + 128, "v9.8");
-    EXPECT_EQ(messages(),
-              (lines{first_flash_log,
-                     "iter[1], after get_flash_version_func = 0xPOINTER, swid = 11, ver = v9.8\\n"}));
+    EXPECT_EQ(messages(), (lines{first_flash_log,
+                                 "iter[1], after get_flash_version_func = 0xPOINTER, swid = 11, ver = v9.8\\n"}));
 }
 
 TEST_F(RunningVersion, StaysAsItWasOnACardWithoutRows)
@@ -194,7 +194,8 @@ TEST_F(RunningVersion, IsRecordedAsItsWholeBuffer)
     EXPECT_EQ(platform().read_file(record_file), std::string(running_version, 128));
     EXPECT_EQ(messages(), lines{" file /mnt/pss/bios_run_ver Written successfully"});
     EXPECT_EQ(platform().calls("open"), lines{"open(\"/mnt/pss/bios_run_ver\", O_RDWR|O_CREAT|O_TRUNC)"});
-    struct stat file{};
+    struct stat file {
+    };
     ASSERT_EQ(::stat(platform().path(record_file).c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777u & ~0644u, 0u);
 }
@@ -221,8 +222,9 @@ TEST_F(RunningVersion, IsNotRecordedWhenTheFileCannotBeWritten)
         platform().next_result("write", {written, ENOSPC});
         record_running_version();
         EXPECT_EQ(platform().calls("system").back(), "system(\"unlink /mnt/pss/bios_run_ver\")");
-        EXPECT_EQ(messages().back(), " Error  writing to file /mnt/pss/bios_run_ver  .. Running version will not be "
-                                     "recorded for ISSU");
+        EXPECT_EQ(messages().back(),
+                  " Error  writing to file /mnt/pss/bios_run_ver  .. Running version will not be "
+                  "recorded for ISSU");
     }
     EXPECT_FALSE(platform().logged(" file /mnt/pss/bios_run_ver Written successfully"));
 }

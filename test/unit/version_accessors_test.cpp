@@ -54,16 +54,15 @@ TEST_P(FlashVersion, PassesThePlatformsStatusOn)
 
 INSTANTIATE_TEST_SUITE_P(
     EveryGetter, FlashVersion,
-    testing::Values(getter_case{std_get_flash_version_func, "get_bios_flash_version", 0},
-                    getter_case{alt_get_flash_version_func, "get_bios_flash_version", 1},
-                    getter_case{std_get_ibexpeak_flash_version_func, "get_ibexpeak_bios_flash_version", 0},
-                    getter_case{alt_get_ibexpeak_flash_version_func, "get_ibexpeak_bios_flash_version", 1},
-                    getter_case{std_get_ibexpeak_qel_flash_version_func, "get_ibexpeak_qel_bios_flash_version", 0},
-                    getter_case{alt_get_ibexpeak_qel_flash_version_func, "get_ibexpeak_qel_bios_flash_version", 1},
-                    getter_case{std_get_ibexpeak_tarvik_a_flash_version_func,
-                                "get_ibexpeak_tarvik_a_bios_flash_version", 0},
-                    getter_case{alt_get_ibexpeak_tarvik_a_flash_version_func,
-                                "get_ibexpeak_tarvik_a_bios_flash_version", 1}));
+    testing::Values(
+        getter_case{std_get_flash_version_func, "get_bios_flash_version", 0},
+        getter_case{alt_get_flash_version_func, "get_bios_flash_version", 1},
+        getter_case{std_get_ibexpeak_flash_version_func, "get_ibexpeak_bios_flash_version", 0},
+        getter_case{alt_get_ibexpeak_flash_version_func, "get_ibexpeak_bios_flash_version", 1},
+        getter_case{std_get_ibexpeak_qel_flash_version_func, "get_ibexpeak_qel_bios_flash_version", 0},
+        getter_case{alt_get_ibexpeak_qel_flash_version_func, "get_ibexpeak_qel_bios_flash_version", 1},
+        getter_case{std_get_ibexpeak_tarvik_a_flash_version_func, "get_ibexpeak_tarvik_a_bios_flash_version", 0},
+        getter_case{alt_get_ibexpeak_tarvik_a_flash_version_func, "get_ibexpeak_tarvik_a_bios_flash_version", 1}));
 
 class ImageVersion : public daemon_test
 {
@@ -108,8 +107,7 @@ TEST_F(ImageVersion, OfTheIbexpeakReadersPassesTheStatusOn)
 // The readers of image formats, in place of the daemon's own.
 int answer_reader(const char *name, const char *path, std::uint32_t offset, char *version_out)
 {
-    const scripted_result result =
-        platform().called(name, joined({quoted(path), std::to_string(offset)}));
+    const scripted_result result = platform().called(name, joined({quoted(path), std::to_string(offset)}));
     std::strcpy(version_out, name);
     return static_cast<int>(result.value);
 }
@@ -145,11 +143,9 @@ namespace
 TEST_F(ImageVersion, IsReadByTheReaderOfTheImageFormat)
 {
     const std::map<std::uint32_t, std::string> readers{
-        {11, "get_x86_bios_version"},    {15, "get_x86s_bios_version"},
-        {19, "get_x86n_bios_version"},   {17, "get_ppc_lc2dc3_bios_version"},
-        {0, "get_ppc_bios_version"},     {12, "get_ppc_bios_version"},
-        {16, "get_ppc_bios_version"},    {20, "get_ppc_bios_version"},
-        {0xffffffff, "get_ppc_bios_version"}};
+        {11, "get_x86_bios_version"},        {15, "get_x86s_bios_version"}, {19, "get_x86n_bios_version"},
+        {17, "get_ppc_lc2dc3_bios_version"}, {0, "get_ppc_bios_version"},   {12, "get_ppc_bios_version"},
+        {16, "get_ppc_bios_version"},        {20, "get_ppc_bios_version"},  {0xffffffff, "get_ppc_bios_version"}};
     for (const auto &[format, reader] : readers) {
         platform().next_result(reader, {-61, 0});
         EXPECT_EQ(std_image_src_version_func("/image", version, format), -61) << format;

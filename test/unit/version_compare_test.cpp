@@ -2,9 +2,9 @@
 #include "version_compare.h"
 
 #include <cerrno>
-#include <random>
 
 #include "daemon_test.h"
+#include "random_input.h"
 
 namespace
 {
@@ -70,16 +70,13 @@ TEST(StrToVer, KeepsFourDigitsOfALongNumber)
 
 TEST(StrToVer, ReadsNoFurtherThanTheTextForRandomTexts)
 {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
+    random_input random;
+    SCOPED_TRACE(random.trace());
     const std::string alphabet = "v.(0123456789 -x)";
-    std::uniform_int_distribution<std::size_t> letter(0, alphabet.size() - 1);
-    std::uniform_int_distribution<std::size_t> length(0, 40);
     for (int round = 0; round < 20000; ++round) {
-        std::string text(length(random), ' ');
+        std::string text(random.below(41), ' ');
         for (char &character : text)
-            character = alphabet[letter(random)];
+            character = alphabet[random.below(alphabet.size())];
         const std::size_t v = text.find('v');
         const std::size_t first = v == std::string::npos ? v : text.find('.', v + 1);
         const std::size_t second = first == std::string::npos ? first : text.find('.', first + 1);
@@ -103,7 +100,10 @@ TEST(CompareBiosVersion, IsDecidedByTheFirstNumberThatDiffers)
     EXPECT_EQ(compare({1, 2, 3}, {1, 2, 4}), -1);
 }
 
-TEST(CompareBiosVersion, TakesEqualForNotNewer) { EXPECT_EQ(compare({1, 2, 3}, {1, 2, 3}), -1); }
+TEST(CompareBiosVersion, TakesEqualForNotNewer)
+{
+    EXPECT_EQ(compare({1, 2, 3}, {1, 2, 3}), -1);
+}
 
 TEST(CompareBiosVersion, ComparesSigned)
 {
@@ -138,7 +138,10 @@ struct compare_case {
     std::string flash;
 };
 
-void PrintTo(const compare_case &chosen, std::ostream *out) { *out << chosen.prefix; }
+void PrintTo(const compare_case &chosen, std::ostream *out)
+{
+    *out << chosen.prefix;
+}
 
 class VersionCompare : public daemon_test, public testing::WithParamInterface<compare_case>
 {
@@ -155,11 +158,12 @@ protected:
 TEST_P(VersionCompare, LetsANewerImageBeProgrammed)
 {
     EXPECT_EQ(compare("v3.6.0(01/01/13)", "v3.5.0(09/17/12)"), 0);
-    EXPECT_EQ(platform().story({"get_bios_src_version", "get_bios_flash_version", "log"}),
-              (lines{"get_bios_src_version(\"/bootflash/.tmpbios.bin\", 0)",
-                     "log( bios image src version = v3.6.0(01/01/13)\\n)",
-                     "get_bios_flash_version(" + GetParam().flash + ")",
-                     "log(" + GetParam().prefix + ": img=v3.6.0(01/01/13)= bios=v3.5.0(09/17/12)= comp-val=1\\n)"}));
+    EXPECT_EQ(
+        platform().story({"get_bios_src_version", "get_bios_flash_version", "log"}),
+        (lines{"get_bios_src_version(\"/bootflash/.tmpbios.bin\", 0)",
+               "log( bios image src version = v3.6.0(01/01/13)\\n)",
+               "get_bios_flash_version(" + GetParam().flash + ")",
+               "log(" + GetParam().prefix + ": img=v3.6.0(01/01/13)= bios=v3.5.0(09/17/12)= comp-val=1\\n)"}));
 }
 
 TEST_P(VersionCompare, FindsAnEqualOlderOrMalformedImageNotNewer)

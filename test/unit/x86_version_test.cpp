@@ -34,8 +34,8 @@ protected:
 lines without_line_numbers(lines messages)
 {
     for (std::string &message : messages)
-        if (const std::size_t first = message.find(':'); message.find("_check:") + 6 == first ||
-                                                         message.find("asc_to_") == 0)
+        if (const std::size_t first = message.find(':');
+            message.find("_check:") + 6 == first || message.find("asc_to_") == 0)
             message = message.substr(0, first) + ":N:\\n";
     return messages;
 }
@@ -121,9 +121,9 @@ TEST_F(X86Version, OfAnX86nImageIsDecodedFromItsHeader)
     EXPECT_EQ(read(get_x86n_bios_version, x86n_image()), 0);
     EXPECT_STREQ(version, "  v3.5.0(09/17/12)");
     EXPECT_EQ(version[128], 'z');
-    EXPECT_EQ(platform().story({"open", "mmap", "munmap"}),
-              (lines{"open(\"/bootflash/.tmpbios.bin\", O_RDWR)", "mmap(0x80, read write shared, 0)",
-                     "munmap(0x80)"}));
+    EXPECT_EQ(
+        platform().story({"open", "mmap", "munmap"}),
+        (lines{"open(\"/bootflash/.tmpbios.bin\", O_RDWR)", "mmap(0x80, read write shared, 0)", "munmap(0x80)"}));
 }
 
 TEST_F(X86Version, OfAnX86nImageLogsEachStep)
@@ -219,7 +219,10 @@ struct named_reader {
     reader read_version;
 };
 
-void PrintTo(const named_reader &chosen, std::ostream *out) { *out << chosen.name; }
+void PrintTo(const named_reader &chosen, std::ostream *out)
+{
+    *out << chosen.name;
+}
 
 class EveryX86Version : public X86Version, public testing::WithParamInterface<named_reader>
 {
