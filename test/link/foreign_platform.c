@@ -115,7 +115,10 @@ int32_t sdwrap_chk_int(uint32_t c, uint32_t x, uint32_t y, uint32_t z)
     UNUSED(c), UNUSED(x), UNUSED(y), UNUSED(z);
     return 0;
 }
-void buginf(const char *f, ...) { UNUSED(f); }
+void buginf(const char *f, ...)
+{
+    UNUSED(f);
+}
 void vesk_syslog(uint32_t s, const char *f, const char *n, uint32_t m)
 {
     UNUSED(s), UNUSED(f), UNUSED(n), UNUSED(m);
@@ -126,7 +129,10 @@ int32_t sysmgr_cli_supstate_get(int32_t h)
     UNUSED(h);
     return 0;
 }
-int32_t sysmgr_is_upgrade_restart(void) { return 0; }
+int32_t sysmgr_is_upgrade_restart(void)
+{
+    return 0;
+}
 int32_t sysmgr_cli_gsync_file(int32_t h, uint32_t k, const char *s, const char *d, uint32_t f)
 {
     UNUSED(h), UNUSED(k), UNUSED(s), UNUSED(d), UNUSED(f);
@@ -147,7 +153,10 @@ int32_t get_card_module_info(card_module_info_t *i)
     UNUSED(i);
     return FAILURE;
 }
-int32_t modlock_init(void) { return FAILURE; }
+int32_t modlock_init(void)
+{
+    return FAILURE;
+}
 int32_t modlock_module_lock(uint32_t o, uint32_t n, const uint32_t r[4])
 {
     UNUSED(o), UNUSED(n), UNUSED(r);
@@ -179,11 +188,11 @@ int32_t sse_call(uint32_t c, void *r)
     return FAILURE;
 }
 
-#define FLASH_VERSION(name)                                                                                            \
-    int32_t name(char *v, uint32_t s)                                                                                  \
-    {                                                                                                                  \
-        UNUSED(v), UNUSED(s);                                                                                          \
-        return FAILURE;                                                                                                \
+#define FLASH_VERSION(name)                                                                                        \
+    int32_t name(char *v, uint32_t s)                                                                              \
+    {                                                                                                              \
+        UNUSED(v), UNUSED(s);                                                                                      \
+        return FAILURE;                                                                                            \
     }
 FLASH_VERSION(get_bios_flash_version)
 FLASH_VERSION(get_ibexpeak_bios_flash_version)
@@ -194,7 +203,10 @@ int32_t get_bios_src_version(const char *p, uint32_t o, char *v)
     UNUSED(p), UNUSED(o), UNUSED(v);
     return FAILURE;
 }
-int32_t get_ibexpeak_bios_src_version(const char *p, uint32_t o, char *v) { return get_bios_src_version(p, o, v); }
+int32_t get_ibexpeak_bios_src_version(const char *p, uint32_t o, char *v)
+{
+    return get_bios_src_version(p, o, v);
+}
 int32_t program_bios_flash(int32_t h, uint32_t n, uint32_t s, uint32_t o, const char *p, uint32_t a, void *g,
                            uint32_t t)
 {
