@@ -8,23 +8,43 @@
 namespace
 {
 
-constexpr int SLOT_COLUMNS = 4;
-constexpr int VERSION_COLUMNS = 16; // "v3.5.0(09/17/12)"
+// Columns of the table, gaps included where they follow a column. Versions of two digits need one more, which the
+// gap behind the slot gives.
+struct table_layout {
+    int slot_and_gap;
+    std::size_t version;
+};
+constexpr table_layout USUAL_LAYOUT = {.slot_and_gap = 6, .version = 16}; // "v3.5.0(09/17/12)"
+constexpr table_layout WIDE_LAYOUT = {.slot_and_gap = 5, .version = 17};  // "v10.5.0(09/17/12)"
 
-std::string cell(const std::string &text)
+table_layout layout_for(const std::vector<card_report> &cards)
+{
+    for (const card_report &card : cards) {
+        for (const flash_report &flash : card.flashes) {
+            for (const std::string *text : {&flash.facts.source, &flash.facts.flash, &flash.facts.running}) {
+                if (text->size() > USUAL_LAYOUT.version)
+                    return WIDE_LAYOUT;
+            }
+        }
+    }
+    return USUAL_LAYOUT;
+}
+
+std::string cell(const std::string &text, const table_layout &layout)
 {
     if (text.empty())
         return "-";
-    return text.size() <= VERSION_COLUMNS ? text : text.substr(0, VERSION_COLUMNS - 1) + "~";
+    return text.size() <= layout.version ? text : text.substr(0, layout.version - 1) + "~";
 }
 
-std::string table_line(const std::string &slot, const std::string &source, const std::string &flash,
-                       const std::string &running, const std::string &judged)
+std::string table_line(const table_layout &layout, const std::string &slot, const std::string &source,
+                       const std::string &flash, const std::string &running, const std::string &judged)
 {
+    const int width = static_cast<int>(layout.version);
     char line[SHOW_TABLE_COLUMNS + 1];
-    (void)std::snprintf(line, sizeof line, "%-*s  %-*s  %-*s  %-*s  %s", SLOT_COLUMNS, slot.c_str(),
-                        VERSION_COLUMNS, source.c_str(), VERSION_COLUMNS, flash.c_str(), VERSION_COLUMNS,
-                        running.c_str(), judged.c_str());
+    (void)std::snprintf(line, sizeof line, "%-*s%-*s  %-*s  %-*s  %s", layout.slot_and_gap, slot.c_str(), width,
+                        cell(source, layout).c_str(), width, cell(flash, layout).c_str(), width,
+                        cell(running, layout).c_str(), judged.c_str());
     return line;
 }
 
@@ -95,11 +115,12 @@ nlohmann::ordered_json json_of_card(const card_report &card)
 
 std::string version_table(const std::vector<card_report> &cards)
 {
-    std::string text = table_line("SLOT", "SOURCE", "FLASH", "RUNNING", "VERDICT");
+    const table_layout layout = layout_for(cards);
+    std::string text = table_line(layout, "SLOT", "SOURCE", "FLASH", "RUNNING", "VERDICT");
     for (const card_report &card : cards) {
         for (const flash_report &flash : card.flashes)
-            text += "\n" + table_line(std::to_string(card.module), cell(flash.facts.source),
-                                      cell(flash.facts.flash), cell(flash.facts.running), verdict_name(flash.kind));
+            text += "\n" + table_line(layout, std::to_string(card.module), flash.facts.source, flash.facts.flash,
+                                      flash.facts.running, verdict_name(flash.kind));
     }
     return text;
 }

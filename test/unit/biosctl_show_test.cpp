@@ -295,6 +295,15 @@ TEST(VersionTable, IsAligned)
               expected);
 }
 
+TEST(VersionTable, ShowsVersionsOfTwoDigitsWhole)
+{
+    const std::string expected = "SLOT SOURCE             FLASH              RUNNING            VERDICT\n"
+                                 "9    v10.5.0(09/17/12)  v10.1.0(02/11/11)  v3.1.0(02/11/11)   reboot pending";
+    EXPECT_EQ(
+        version_table({card_of(9, {.flash = "v10.1.0(02/11/11)", .running = OLD, .source = "v10.5.0(09/17/12)"})}),
+        expected);
+}
+
 TEST(VersionTable, NoLineIsLongerThanATerminalWhateverTheTexts)
 {
     const std::string longest(128, 'x');
@@ -303,7 +312,7 @@ TEST(VersionTable, NoLineIsLongerThanATerminalWhateverTheTexts)
          card_of(232, {.flash = OLD, .running = OLD, .source = "v2.0.0(02/11/11)"})});
     for (const std::string &line : lines_of(table))
         EXPECT_LE(line.size(), SHOW_TABLE_COLUMNS) << line;
-    EXPECT_NE(table.find(" xxxxxxxxxxxxxxx~  "), std::string::npos) << table;
+    EXPECT_NE(table.find(" xxxxxxxxxxxxxxxx~  "), std::string::npos) << table;
     EXPECT_NE(table.find("newer than shipped"), std::string::npos);
 }
 
