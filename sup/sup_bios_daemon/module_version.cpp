@@ -41,8 +41,10 @@ void answer_failure(const answer_to &to)
 owned_block<bios_new_vers_message> new_answer(const answer_to &to, std::uint64_t total, std::uint32_t num_entries,
                                               be32 bios_id)
 {
-    if (total > MTS_MAX_PAYLOAD_BYTES)
+    if (total > MTS_MAX_PAYLOAD_BYTES) {
+        errno = ENOMEM; // answered and logged like an allocation that failed
         return nullptr;
+    }
     owned_block<bios_new_vers_message> message(
         static_cast<bios_new_vers_message *>(std::calloc(1, static_cast<std::size_t>(total))));
     if (message == nullptr)

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,7 +31,7 @@ bool is_daemon_process;
 [[noreturn]] void leave(int status)
 {
     if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0)
-        platform().note("leak");
+        platform().note("memory leak");
     (void)std::fflush(nullptr);
     ::_exit(status & 0xff);
 }
@@ -40,8 +42,14 @@ bool is_daemon_process;
     (void)::alarm(daemon_deadline_s);
     if (std::freopen(output_path.c_str(), "w", stdout) == nullptr)
         ::_exit(EXIT_FAILURE);
-    platform().end_of_script = [] {
-        platform().note("end of script");
+    std::ptrdiff_t descriptors_at_first = 0;
+    platform().when("mts_recv(", [&descriptors_at_first] {
+        if (descriptors_at_first == 0)
+            descriptors_at_first = open_descriptors();
+    });
+    platform().end_of_script = [&descriptors_at_first] {
+        if (open_descriptors() != descriptors_at_first)
+            platform().note("descriptor leak");
         leave(script_end_status);
     };
     std::array<char, 12> name{"bios_daemon"};
@@ -52,6 +60,11 @@ bool is_daemon_process;
 }
 
 } // namespace
+
+std::ptrdiff_t open_descriptors()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 bool in_daemon_process()
 {

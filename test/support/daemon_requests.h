@@ -41,13 +41,16 @@ protected:
         platform().version_texts["get_ibexpeak_tarvik_a_bios_flash_version, 0"] = "v3.5.0(09/17/12)";
     }
 
+    ~whole_daemon_test() override
+    {
+        EXPECT_THAT(platform().record(), testing::Not(testing::Contains(testing::HasSubstr(" leak"))));
+    }
+
     // Runs the daemon to the end of the script; what it printed.
     std::string run_to_the_end()
     {
         const daemon_end end = run_daemon();
         EXPECT_TRUE(end.script_ended) << "exit status " << end.exit_status << end.killed_by << "\n" << end.output;
-        for (const std::string &line : platform().record())
-            EXPECT_NE(line, "leak");
         return end.output;
     }
     static void start_request(const programming_request &wanted = {}, mts_address_t source = {0x202, 94})

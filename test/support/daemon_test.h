@@ -7,15 +7,10 @@
 
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <string>
 
+#include "daemon_process.h"
 #include "recording_platform.h"
-
-inline std::ptrdiff_t open_descriptors()
-{
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 
 class daemon_test : public testing::Test
 {
