@@ -23,7 +23,7 @@ constexpr ssize_t RECORD_BYTES = BIOS_VERSION_TEXT_BYTES;
 
 char *version_slot(std::uint32_t row_index)
 {
-    return bios_flash_instance + row_index * BIOS_VERSION_TEXT_BYTES;
+    return bios_flash_instance + std::size_t{row_index} * BIOS_VERSION_TEXT_BYTES;
 }
 
 // No terminator is copied: the tail of a longer text that stood there stays, as it always has.
@@ -61,7 +61,7 @@ void take_over_record()
     }
     text[RECORD_BYTES - 1] = '\0';
     std::memset(running_version, 0, sizeof running_version);
-    std::memcpy(running_version, text, std::strlen(text));
+    std::memcpy(running_version, text, std::strlen(text) + 1);
     BIOS_LOG("running version read from file = %s", running_version);
 }
 
