@@ -7,6 +7,33 @@
 
 #include "big_endian.h"
 
+// MTS_OPC_BIOS_INSTALL_LOADER, request body.
+struct bios_install_loader_req_t {
+    char image_path[200]; // system image file, NUL-terminated
+    be32 remove_image;    // not 0: the file is removed when done
+};
+static_assert(sizeof(bios_install_loader_req_t) == 204);
+static_assert(offsetof(bios_install_loader_req_t, remove_image) == 200);
+
+// MTS_OPC_BIOS_INSTALL_LOADER, answer; the result travels as the answer's status.
+struct bios_install_loader_reply_t {
+    be32 reserved;
+};
+static_assert(sizeof(bios_install_loader_reply_t) == 4);
+
+// MTS_OPC_BIOS_GET_LOADER_IMAGE and MTS_OPC_BIOS_GET_KS_IMAGE, request body.
+struct bios_loader_file_req_t {
+    be32 length; // bytes of the file wanted
+};
+static_assert(sizeof(bios_loader_file_req_t) == 4);
+
+// Their answer; with status 0 length bytes of the file follow.
+struct bios_loader_file_reply_t {
+    be32 status; // 0, BIOS_LOADER_ERR_MOUNT, BIOS_LOADER_FILE_NO_MEMORY, or why the file could not be read
+    be32 length; // as asked for; 0 on failure
+};
+static_assert(sizeof(bios_loader_file_reply_t) == 8);
+
 // MTS_OPC_BIOS_MODULE_LOCK, request body.
 enum bios_module_lock_operation : std::uint32_t {
     BIOS_MODULE_LOCK_TAKE = 2,

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 
 #include "unique_fd.h"
 
@@ -19,7 +20,15 @@ public:
     // 0, or BIOS_READER_NO_ACCESS.
     [[nodiscard]] std::int32_t map(const char *path, std::size_t length, std::uint32_t offset);
 
-    // Unmaps and closes; the address is not valid afterwards.
+    // The two halves of map: opening, which tells of a failure by its result alone, and mapping what is open, which
+    // logs a failure and closes.
+    [[nodiscard]] bool open(const char *path);
+    [[nodiscard]] std::int32_t map_opened(std::size_t length, off_t offset);
+
+    // Unmaps and stays open; the address is not valid afterwards.
+    void unmap();
+
+    // Unmaps and closes.
     void release();
 
     const std::uint8_t *bytes() const { return static_cast<const std::uint8_t *>(address_); }

@@ -1,6 +1,5 @@
 #include "image_extraction.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +8,7 @@
 
 #include "bios_log.h"
 #include "bios_results.h"
+#include "command_line.h"
 #include "exec_cmd.h"
 #include "file_exists.h"
 #include "harmless_path.h"
@@ -18,7 +18,6 @@ namespace
 {
 
 constexpr std::size_t PATH_BYTES = 256;
-constexpr std::size_t COMMAND_BYTES = 256;
 constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // inside a system image, and where it lands
 constexpr const char *NO_OUTPUT = "/dev/null";
 
@@ -40,19 +39,6 @@ struct image_paths {
         char duplicate[PATH_BYTES]; // dirname writes into its argument
         std::memcpy(duplicate, temporary, sizeof duplicate);
         (void)std::snprintf(work_directory, sizeof work_directory, "%s", ::dirname(duplicate));
-    }
-};
-
-// One command line; cut at its buffer's end like every command of the daemon.
-struct command_line {
-    char text[COMMAND_BYTES];
-
-    [[gnu::format(printf, 2, 3)]] explicit command_line(const char *format, ...)
-    {
-        std::va_list arguments;
-        va_start(arguments, format);
-        (void)std::vsnprintf(text, sizeof text, format, arguments);
-        va_end(arguments);
     }
 };
 

@@ -8,6 +8,8 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "bios_results.h"
+#include "loader_files.h"
+#include "loader_install.h"
 #include "module_lock.h"
 #include "mts.h"
 #include "programming_start.h"
@@ -39,6 +41,9 @@ struct served_opcode {
 };
 
 constexpr served_opcode SERVED_OPCODES[] = {
+    {MTS_OPC_BIOS_INSTALL_LOADER, handle_install_loader},
+    {MTS_OPC_BIOS_GET_LOADER_IMAGE, handle_get_loader_image},
+    {MTS_OPC_BIOS_GET_KS_IMAGE, handle_get_ks_image},
     {MTS_OPC_BIOS_MODULE_LOCK, handle_module_lock},
     {MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, handle_get_src_bios_version},
     {MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, handle_get_mod_bios_version},

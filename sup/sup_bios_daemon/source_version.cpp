@@ -149,7 +149,7 @@ std::int32_t bios_return_src_version(std::int32_t handle, const bios_src_version
     BIOS_LOG("sw card id = %d", info.card_id);
     const bool first_generation = info.card_id == 39 || info.card_id == 44 || info.card_id == 40;
     BIOS_LOG("%s", first_generation ? "case 1" : "case 2"); // told apart in the log alone
-    const owned_card_table table(bios_get_card_id_ent(info.card_id, 0));
+    owned_card_table table(bios_get_card_id_ent(info.card_id, 0));
     if (table == nullptr)
         return report_without_entries(handle, msg, sizeof(bios_src_version_reply),
                                       bios_signed(BIOS_ERR_NO_ENTRIES));
@@ -157,8 +157,10 @@ std::int32_t bios_return_src_version(std::int32_t handle, const bios_src_version
     const std::uint32_t rows = table->count;
     const std::size_t length = sizeof(bios_src_version_reply) + rows * sizeof(bios_src_version_entry);
     const owned_block<std::uint8_t> reply(static_cast<std::uint8_t *>(std::calloc(1, length)));
-    if (reply == nullptr)
+    if (reply == nullptr) {
+        table.reset();
         return report_without_entries(handle, msg, static_cast<std::uint32_t>(length), NO_MEMORY);
+    }
 
     auto *entries = reinterpret_cast<bios_src_version_entry *>(reply.get() + sizeof(bios_src_version_reply));
     walk w = {handle, *request, image_path, entries, 0, 0};
@@ -171,6 +173,7 @@ std::int32_t bios_return_src_version(std::int32_t handle, const bios_src_version
     auto *header = reinterpret_cast<bios_src_version_reply *>(reply.get());
     header->status.store(static_cast<std::uint32_t>(w.status));
     header->count.store(w.filled);
+    table.reset();
     (void)cmi_response(reply.get(), static_cast<std::uint32_t>(length), handle, msg, 0);
     return w.status;
 }
