@@ -20,8 +20,8 @@ recording_platform *current_platform;
 namespace
 {
 
-constexpr std::array<const char *, 6> daemon_folders = {"/bootflash", "/mnt/pss", "/vesk/bin",
-                                                        "/var/tmp",   "/tmp",     "/etc"};
+constexpr std::array<const char *, 7> daemon_folders = {"/bootflash", "/mnt/pss", "/vesk/bin",      "/var/tmp",
+                                                        "/tmp",       "/etc",     "/mnt/bootloader"};
 
 std::string made_root()
 {

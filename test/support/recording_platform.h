@@ -77,7 +77,7 @@ public:
     std::uint32_t hw_change_bit = 0;                     // word at byte 174 of SPROM device 3
     pfm_module_record_t modules[PFM_MODULE_COUNT]{};     // module m at index m - 1
     std::map<std::string, std::string> mapped_uris;      // URI to local path; any other cannot be mapped
-    std::map<std::string, std::string> version_texts;    // "call" or "call, flash" to the text it finds
+    std::map<std::string, std::string> version_texts;    // "call, flash or path" to the text it finds
     std::deque<bytes> responses;                         // answers to cmi_remote_req_resp, oldest first
     std::deque<std::string> command_outputs;             // what the commands given to popen print
     std::vector<std::optional<std::string>> frame_texts; // when not empty: what backtrace_symbols makes

@@ -237,7 +237,7 @@ const char *srg_sw_interim_ver_file_get(const char *path)
 {
     static std::string version;
     const scripted_result result = platform().called("srg_sw_interim_ver_file_get", quoted(path));
-    version = platform().version_texts["srg_sw_interim_ver_file_get"];
+    version = platform().version_texts["srg_sw_interim_ver_file_get, " + std::string(path)];
     return result.value != 0 || version.empty() ? nullptr : version.c_str();
 }
 

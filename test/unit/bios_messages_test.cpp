@@ -63,14 +63,14 @@ TEST(SourceVersionRequest, Has268Bytes)
     EXPECT_EQ(request.def, 1u);
     EXPECT_STREQ(request.image_path, "/bootflash/system.bin");
     EXPECT_EQ(sizeof request.image_path, 256u);
-    EXPECT_EQ(request.progress_node, 0x501u);
-    EXPECT_EQ(request.progress_sap, 93u);
+    EXPECT_EQ(request.progress_addr.node, 0x501u);
+    EXPECT_EQ(request.progress_addr.sap, 93u);
 
     bios_src_version_req written{};
     written.def = 1;
     fill(written.image_path, "/bootflash/system.bin");
-    written.progress_node = 0x501;
-    written.progress_sap = 93;
+    written.progress_addr.node = 0x501;
+    written.progress_addr.sap = 93;
     EXPECT_EQ(hex_dump(bytes_of(written)), hex_dump(source_request));
 }
 
@@ -78,8 +78,8 @@ TEST(SourceVersionRequest, WantsNoNoticesWithTheseEightBytes)
 {
     const auto request =
         record_of<bios_src_version_req>(message_bytes(268).put(260, {0, 0, 0, 0xfe, 0, 0, 0, 0}).content());
-    EXPECT_EQ(request.progress_node, 0xfe000000u);
-    EXPECT_EQ(request.progress_sap, 0u);
+    EXPECT_EQ(request.progress_addr.node, 0xfe000000u);
+    EXPECT_EQ(request.progress_addr.sap, 0u);
 }
 
 const bytes source_header = {0x40, 0x71, 0x00, 0x13, 0, 0, 0, 2};

@@ -513,12 +513,18 @@ TEST_F(Show, AModuleThatNeverAnswersIsUnreachableAndTheRestIsNotWaitedFor)
     EXPECT_NE(run_->out().find("still waits for a module"), std::string::npos) << run_->out();
 }
 
-TEST_F(Show, TheChassisLimitOnWaitingShortensItToo)
+TEST_F(Show, TheLimitOnTheCardsWaitsLeavesTheDaemonTimeForItsOwnFailure)
 {
     std::ofstream(chassis_.path() + "/transport/wait_limit_s") << "1\n";
-    serve(27, [](daemon_side &side) { (void)side.receive(4790); });
+    serve(27, [](daemon_side &side) {
+        (void)side.receive(4790);
+        (void)::usleep(2'500'000); // two looks at the limit later
+        const bytes failure = failure_answer(5);
+        side.answer(0, failure.data(), static_cast<std::uint32_t>(failure.size()));
+    });
     EXPECT_EQ(run({"--json", "show", "5"}), 0);
     EXPECT_EQ(verdict_of(5), "unreachable") << run_->out();
+    EXPECT_NE(run_->out().find("slot 27 got no versions from it"), std::string::npos) << run_->out();
 }
 
 TEST_F(Show, GarbageIsUnknownAndNeverAnUpdate)

@@ -13,13 +13,16 @@
 #include <random>
 #include <set>
 #include <string>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
+#include "line_file.h"
 #include "sdwrap.h"
+#include "unique_fd.h"
 
 // The debug framework looks at nothing of a message but its opcode; the transport is not part of these tests.
 struct mts_message {
@@ -220,6 +223,97 @@ TEST_F(Diagnostics, DebugPrintFailsSoftly)
     put("debug", "a file where the folder belongs");
     buginf("lost");
     EXPECT_EQ("a file where the folder belongs", content_of("debug"));
+}
+
+// Files that are turned over
+
+class TurnedOver : public Diagnostics
+{
+protected:
+    // As if that many bytes were written already.
+    void fill(const std::string &name, std::uint64_t bytes) const
+    {
+        put(name, "the oldest line\n");
+        fs::resize_file(slot_file(name), bytes);
+    }
+    bool has(const std::string &name) const { return fs::exists(slot_file(name)); }
+};
+
+TEST_F(TurnedOver, FullFileBecomesTheOlderOneInThePlaceOfAnEarlierOne)
+{
+    fill("debug/output", LINE_FILE_LIMIT_BYTES - 10);
+    put("debug/output.1", "from an earlier time");
+    buginf("the next line");
+    EXPECT_EQ(fs::file_size(slot_file("debug/output.1")), LINE_FILE_LIMIT_BYTES - 10);
+    const auto lines = lines_of("debug/output");
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ("the next line", after_time(lines[0]));
+    fill("syslog", LINE_FILE_LIMIT_BYTES);
+    vesk_syslog(2, "the next message", "X", 2);
+    EXPECT_EQ(1U, lines_of("syslog").size());
+    EXPECT_EQ(fs::file_size(slot_file("syslog.1")), LINE_FILE_LIMIT_BYTES);
+}
+
+TEST_F(TurnedOver, FileIsFilledToTheLimitFirst)
+{
+    const std::string line = "0000-00-00T00:00:00.000000Z x\n";
+    fill("debug/output", LINE_FILE_LIMIT_BYTES - line.size());
+    buginf("x");
+    EXPECT_EQ(fs::file_size(slot_file("debug/output")), LINE_FILE_LIMIT_BYTES);
+    EXPECT_FALSE(has("debug/output.1"));
+    buginf("x");
+    EXPECT_EQ(fs::file_size(slot_file("debug/output")), line.size());
+    EXPECT_TRUE(has("debug/output.1"));
+}
+
+TEST_F(TurnedOver, ProcessesThatFindItFullTogetherLoseNoLine)
+{
+    constexpr unsigned CHILDREN = 4;
+    constexpr unsigned LINES = 200;
+    fill("debug/output", LINE_FILE_LIMIT_BYTES - 64 * CHILDREN * LINES / 2); // turned over in the midst of them
+    std::vector<pid_t> children;
+    for (unsigned child = 0; child < CHILDREN; ++child) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            for (unsigned number = 0; number < LINES; ++number)
+                buginf("line %3u of %u, long enough to fill it", number, child);
+            ::_exit(0);
+        }
+    }
+    for (const pid_t child : children)
+        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+    std::set<std::string> found;
+    for (const char *name : {"debug/output", "debug/output.1"}) {
+        for (const std::string &line : lines_of(name)) {
+            if (line.find("long enough") != std::string::npos)
+                found.insert(line.substr(line.find("line ")));
+        }
+    }
+    EXPECT_TRUE(has("debug/output.1"));
+    EXPECT_EQ(found.size(), CHILDREN * LINES);
+}
+
+TEST_F(TurnedOver, FileThatCannotBeTurnedOverGoesOn)
+{
+    fill("debug/output", LINE_FILE_LIMIT_BYTES);
+    fs::create_directories(slot_file("debug/output.1/in the way"));
+    buginf("the next line");
+    EXPECT_GT(fs::file_size(slot_file("debug/output")), LINE_FILE_LIMIT_BYTES);
+    EXPECT_TRUE(content_of("debug/output").ends_with("the next line\n"));
+}
+
+TEST_F(TurnedOver, ProcessThatWasStoppedWithTheLockStopsNobody)
+{
+    fill("debug/output", LINE_FILE_LIMIT_BYTES);
+    const unique_fd holder(::open(slot_file("debug/output").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(0, ::flock(holder.get(), LOCK_EX));
+    EXPECT_EQ(0, in_child([] {
+                  ::alarm(10);
+                  buginf("goes to the full file");
+                  return 0;
+              }));
+    EXPECT_TRUE(content_of("debug/output").ends_with("goes to the full file\n"));
+    EXPECT_FALSE(has("debug/output.1"));
 }
 
 // History

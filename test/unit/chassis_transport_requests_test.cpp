@@ -167,6 +167,21 @@ TEST_F(TransportRequests, WaitsNoLongerThanTheChassisAllows)
     EXPECT_LT(steady::now() - start, 1900ms);
 }
 
+TEST_F(TransportRequests, ToolsWaitAsLongAsTheyWantWhateverTheChassisAllows)
+{
+    fs::create_directories(chassis_ + "/transport");
+    std::ofstream(chassis_ + "/transport/wait_limit_s") << "1\n";
+    const card_process card(chassis_, 2, DAEMON_SAP, [](std::int32_t handle) {
+        const held_message message = received(handle);
+        ::usleep(2'500'000); // two looks at the limit later
+        return cmi_response("in the end", 10, handle, message.get(), 0);
+    });
+    attach(0);
+    std::string text = "x";
+    EXPECT_EQ(request(CARD_2, text), 0) << std::strerror(errno);
+    EXPECT_EQ(text, "in the end");
+}
+
 TEST_F(TransportRequests, RefusesARequestWhereNobodyIs)
 {
     std::string text = "x";

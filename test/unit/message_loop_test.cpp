@@ -119,6 +119,35 @@ TEST_F(MessageLoop, HandsEachVersionRequestToItsHandler)
     EXPECT_TRUE(platform().logged("called MTS_OPC_BIOS_GET_LC_BIOS_VERSION"));
 }
 
+TEST_F(MessageLoop, HandsEachLoaderRequestToItsHandlerAndDropsItAfterwards)
+{
+    platform().write_file("/etc/srg-ks.sro", "ks");
+    platform().deliver(4700, request({'/', 'x'}));
+    platform().deliver(4701, request({0, 0, 0, 0}));
+    platform().deliver(4702, request({0, 0, 0, 2}));
+    run_to_the_end();
+    EXPECT_EQ(platform().calls("mts_respond_reject"), lines{});
+    EXPECT_EQ(platform().story({"cmi_response", "dropped"}),
+              (lines{"cmi_response([00000000], 4, 7, #1, 0x40530005)", "dropped(#1)",
+                     "cmi_response([00000000 00000000], 8, 7, #2, 0x0)", "dropped(#2)",
+                     "cmi_response([00000000 00000002 6b73], 10, 7, #3, 0x0)", "dropped(#3)"}));
+}
+
+// An install request can take long: the end of a programming is noticed only afterwards.
+TEST_F(MessageLoop, ReapsTheChildOnlyAfterAnInstallation)
+{
+    fork_gives(child);
+    start_request();
+    platform().deliver(4700, request({'/', 'x'}));
+    platform().receive_times_out();
+    platform().child_ends(child, 0);
+    run_to_the_end();
+    const lines story = platform().story({"system", "cmi_response", "mts_send"});
+    ASSERT_GE(story.size(), 2u);
+    EXPECT_THAT(story[story.size() - 2], testing::StartsWith("cmi_response([00000000], 4, 7, #2"));
+    EXPECT_THAT(story.back(), testing::StartsWith("mts_send(7, 0xfe000000, 0, 4792"));
+}
+
 TEST_F(MessageLoop, FetchesNoPayloadForALineCardsVersionRequest)
 {
     platform().deliver(4794, request({1, 2, 3, 4}));
@@ -142,7 +171,7 @@ TEST_F(MessageLoop, SurvivesRandomMessages)
 {
     random_input random;
     SCOPED_TRACE(random.trace());
-    constexpr std::uint32_t opcodes[] = {4703, 4789, 4790, 4791, 4794, 4795};
+    constexpr std::uint32_t opcodes[] = {4700, 4703, 4789, 4790, 4791, 4794, 4795};
     constexpr std::uint8_t telling_bytes[] = {0, 1, 2, 3, 5, 9, 18, 233, 0x7f, 0x80, 0xff, '/', ';'};
     const auto random_bytes = [&](std::size_t length) {
         bytes content(length);

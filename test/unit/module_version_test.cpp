@@ -434,6 +434,8 @@ TEST_F(ModuleVersion, CutsUnendingTextsOfFurtherRows)
     EXPECT_EQ(collect_from(module_answer().count({0, 0, 0, 1}).row(sent).content()), 0);
     const bytes entry = version_entry({0, 0, 0, 0}, swid_11, cut_text, cut_text, cut_text);
     EXPECT_EQ(the_answered_bytes(), hex_dump(answer({0, 0, 0, 2}, {0, 0, 0, 19}, {first_entry, entry})));
+    // A message has at most 255 characters.
+    EXPECT_EQ(platform().logs().back(), ("swid=19 swid_str=" + unending + " ver=" + unending).substr(0, 255));
 }
 
 TEST_F(ModuleVersion, TakesNoMoreTlvsThanTheCountSays)

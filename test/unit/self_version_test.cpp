@@ -209,6 +209,8 @@ TEST_F(SelfVersion, OfTheOwnModuleHasTextsThatFillTheirFields)
               hex_dump(message_bytes(own_module_header(1))
                            .append(version_entry({0, 0, 0, 0}, {0, 0, 0, 11}, full_field, full_field, full_field))
                            .content()));
+    // A message has at most 255 characters.
+    EXPECT_EQ(platform().logs().back(), ("The versions cur=" + full_field + " run=" + full_field).substr(0, 255));
 }
 
 TEST_F(SelfVersion, OfTheOwnModuleIsNotAnsweredWithoutMemory)
@@ -351,6 +353,10 @@ TEST_F(SelfVersion, ForTheSupervisorHasTextsThatFillTheirFields)
                            .put(396, version_header)
                            .put(400, version_entry({0, 0, 0, 0}, {0, 0, 0, 19}, full_field, full_field, full_field))
                            .content()));
+    const lines told = platform().logs();
+    EXPECT_EQ(lines(told.end() - 2, told.end()),
+              (lines{("The versions cur=" + full_field + " run=" + full_field).substr(0, 255),
+                     ("The versions extra_tlvs = 1 cur=" + full_field + " run=" + full_field).substr(0, 255)}));
 }
 
 TEST_F(SelfVersion, ForTheSupervisorIsNotAnsweredWithoutMemory)

@@ -305,6 +305,33 @@ TEST_F(X86Version, OfAnX86sImageDoesNotTouchTheSecondHeaderOfAFileThatEndsBefore
     EXPECT_TRUE(is_zeroed());
 }
 
+// The mapping shows zeros from the end of the file to the end of its page.
+TEST_F(X86Version, OfAFileThatEndsWithinItsFieldsIsDecodedAsIfZerosFollowed)
+{
+    platform().write_file(path, x86n_image().content().substr(0, 86));
+    EXPECT_EQ(get_x86n_bios_version(path, 0, version), 0);
+    EXPECT_STREQ(version, "  v3.5.0(09/17/12)");
+    platform().write_file(path, x86n_image().content().substr(0, 82));
+    EXPECT_EQ(get_x86n_bios_version(path, 0, version), 0);
+    EXPECT_STREQ(version, "  v0.0.0(09/17/12)");
+    platform().write_file(path, x86s_image().content().substr(0, 0x10000 + 82));
+    EXPECT_EQ(get_x86s_bios_version(path, 0, version), 0);
+    EXPECT_STREQ(version, "  v3.5.0(09/17/12)");
+    platform().write_file(path, x86_image(0x400).content().substr(0, 0x400 + 58));
+    EXPECT_EQ(get_x86_bios_version(path, 0, version), 0);
+    EXPECT_STREQ(version, "      v1(09/17/12)");
+}
+
+TEST_F(X86Version, OfAFileThatEndsWithinItsSignatureIsNotFound)
+{
+    platform().write_file(path, x86n_image().content().substr(0, 48));
+    EXPECT_EQ(get_x86n_bios_version(path, 0, version), -61);
+    EXPECT_EQ(get_x86s_bios_version(path, 0, version), -61);
+    platform().write_file(path, x86_image(0x400).content().substr(0, 0x400 + 30));
+    EXPECT_EQ(get_x86_bios_version(path, 0, version), -61);
+    EXPECT_TRUE(is_zeroed());
+}
+
 TEST_P(EveryX86Version, LeavesTheFileAsItWas)
 {
     const std::string content = x86s_image().content();
