@@ -9,7 +9,7 @@ import sys
 from pathlib import Path
 
 OPCODE = re.compile(r"^\s*(MTS_OPC_\w+) = (\d+)", re.M)
-RESULT = re.compile(r"^\s*(BIOS_\w+) = (0x4071[0-9a-f]{4})", re.M)
+RESULT = re.compile(r"^\s*(BIOS_\w+) = (0x40[57][13][0-9a-f]{4})", re.M)
 RECORD_SIZE = re.compile(r"static_assert\(sizeof\((\w+)\) == (\d+)")
 OFFSET = re.compile(r"static_assert\(offsetof\((\w+), (\w+)\) == (\d+)")
 RECORD_HEADING = re.compile(r"^#+ `(\w+)`, (\d+) bytes$")
@@ -35,7 +35,7 @@ def compare_opcodes(root, document):
 def compare_results(root, document):
     headers = (root / "include/bios_results.h").read_text() + (root / "platform/bios_flash.h").read_text()
     promised = {(name, code) for name, code in RESULT.findall(headers) if name not in NO_RESULTS}
-    shown = numbers_in_table(document, r"\| `(0x4071[0-9a-f]{4})` \| `(\w+)` \|")
+    shown = numbers_in_table(document, r"\| `(0x40[57][13][0-9a-f]{4})` \| `(\w+)` \|")
     by_code = {code for _, code in shown}
     # Two headers may name one code.
     return compare("result", {pair for pair in promised if pair in shown or pair[1] not in by_code}, shown)
