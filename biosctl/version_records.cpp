@@ -49,8 +49,8 @@ std::vector<std::uint8_t> encode_source_version_request(const std::optional<std:
         std::copy_n(image_path->data(), std::min(image_path->size(), IMAGE_PATH_BYTES_MAX), request.image_path);
     else
         request.def = 1;
-    request.progress_node = progress.node;
-    request.progress_sap = progress.sap;
+    request.progress_addr.node = progress.node;
+    request.progress_addr.sap = progress.sap;
     return bytes_of(request);
 }
 

@@ -60,13 +60,15 @@ static_assert(sizeof(bios_module_lock_reply_t) == 12);
 struct bios_src_version_req {
     std::uint32_t def; // not 0: the images of the image tree; 0: image_path names the image
     char image_path[256];
-    std::uint32_t progress_node; // where progress notices go
-    std::uint32_t progress_sap;
+    struct {
+        std::uint32_t node;
+        std::uint32_t sap;
+    } progress_addr; // where progress notices go
 };
 static_assert(sizeof(bios_src_version_req) == 268);
 static_assert(offsetof(bios_src_version_req, image_path) == 4);
-static_assert(offsetof(bios_src_version_req, progress_node) == 260);
-static_assert(offsetof(bios_src_version_req, progress_sap) == 264);
+static_assert(offsetof(bios_src_version_req, progress_addr) == 260);
+static_assert(offsetof(bios_src_version_req, progress_addr.sap) == 264);
 
 // MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, answer: the header and one slot per row of the card, of which the first count
 // are filled.

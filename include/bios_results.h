@@ -31,10 +31,10 @@ enum bios_result : std::uint32_t {
 
 // Results of the boot-loader requests.
 enum bios_loader_result : std::uint32_t {
-    BIOS_LOADER_FILE_NO_MEMORY = 1,          // a file's answer could not be allocated
-    BIOS_LOADER_ERR_INSTALL = 0x40530001,    // the installation command failed
-    BIOS_LOADER_SAME_VERSION = 0x40530002,   // the image's loader has the installed one's version; nothing installed
-    BIOS_LOADER_ERR_IMAGE = 0x40530004,      // the system image could not be opened
+    BIOS_LOADER_FILE_NO_MEMORY = 1,        // a file's answer could not be allocated
+    BIOS_LOADER_ERR_INSTALL = 0x40530001,  // the installation command failed
+    BIOS_LOADER_SAME_VERSION = 0x40530002, // the image's loader has the installed one's version; nothing installed
+    BIOS_LOADER_ERR_IMAGE = 0x40530004,    // the system image could not be opened
     BIOS_LOADER_ERR_NO_VERSION = 0x40530005, // no version in the image's loader file
     BIOS_LOADER_ERR_MOUNT = 0x40530006,      // the boot-loader partition could not be mounted
 };

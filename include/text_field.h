@@ -11,3 +11,15 @@ void store_text(char (&field)[SIZE], const char *text, std::size_t limit = SIZE)
     std::memset(field, 0, SIZE);
     std::memcpy(field, text, ::strnlen(text, limit));
 }
+
+// A field's text with a terminator behind it.
+template<std::size_t SIZE>
+struct field_text {
+    char text[SIZE + 1];
+
+    explicit field_text(const char (&field)[SIZE])
+    {
+        std::memcpy(text, field, SIZE);
+        text[SIZE] = '\0';
+    }
+};

@@ -1,5 +1,6 @@
 #include "x86_version.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -26,6 +27,7 @@ constexpr std::size_t BLOCK_DATE_OFFSET = 31;
 constexpr std::size_t BLOCK_VERSION_OFFSET = 56;
 constexpr std::size_t BLOCK_TEXT_BYTES = 8;
 constexpr std::size_t BLOCK_BYTES = BLOCK_VERSION_OFFSET + BLOCK_TEXT_BYTES;
+constexpr std::size_t NO_BLOCK = SEARCH_BYTES;
 
 // x86n and x86s: a header of fixed offsets.
 constexpr std::size_t HEADER_BYTES = 128;
@@ -48,13 +50,23 @@ constexpr std::size_t MONTHS = 12;
 constexpr char MONTH_NAMES[MONTHS][MONTH_LETTERS + 1] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-const std::uint8_t *find_signature_block(const image_mapping &image)
+std::size_t find_signature_block(const image_mapping &image)
 {
-    for (std::size_t p = 0; p < SEARCH_BYTES && p + BLOCK_BYTES <= image.readable_bytes(); p += SEARCH_STEP) {
+    for (std::size_t p = 0; p < SEARCH_BYTES && p + MAGIC_LEN <= image.readable_bytes(); p += SEARCH_STEP) {
         if (std::memcmp(image.bytes() + p, MAGIC_STR, MAGIC_LEN) == 0)
-            return image.bytes() + p;
+            return p;
     }
-    return nullptr;
+    return NO_BLOCK;
+}
+
+// Copies a stretch of the image and ends it with a NUL. Behind the end of a file are zeros, as the mapping shows
+// them to the end of its page.
+template<std::size_t SIZE>
+void copy_stretch(const image_mapping &image, std::size_t offset, char (&copy)[SIZE])
+{
+    std::memset(copy, 0, SIZE);
+    if (offset < image.readable_bytes())
+        std::memcpy(copy, image.bytes() + offset, std::min(SIZE - 1, image.readable_bytes() - offset));
 }
 
 // The header's text fields have no terminator of their own: header is a copy with one behind it.
@@ -118,16 +130,16 @@ std::int32_t get_x86_bios_version(const char *path, std::uint32_t phys_offset, c
     if (const std::int32_t result = image.map(path, SEARCH_BYTES, phys_offset); result != 0)
         return result;
 
-    const std::uint8_t *block = find_signature_block(image);
-    if (block == nullptr) {
+    const std::size_t block_offset = find_signature_block(image);
+    if (block_offset == NO_BLOCK) {
         image.release();
         BIOS_LOG("ERROR: could not find flash version err=%d \n", errno);
         return BIOS_READER_NO_VERSION;
     }
+    char block[BLOCK_BYTES + 1];
+    copy_stretch(image, block_offset, block);
     char text[BIOS_VERSION_TEXT_BYTES] = {};
-    (void)std::snprintf(text, sizeof text, "%8.8s(%8.8s)",
-                        reinterpret_cast<const char *>(block) + BLOCK_VERSION_OFFSET,
-                        reinterpret_cast<const char *>(block) + BLOCK_DATE_OFFSET);
+    (void)std::snprintf(text, sizeof text, "%8.8s(%8.8s)", block + BLOCK_VERSION_OFFSET, block + BLOCK_DATE_OFFSET);
     image.release();
     std::memcpy(version_out, text, sizeof text);
     return 0;
@@ -142,11 +154,11 @@ std::int32_t get_x86n_bios_version(const char *path, std::uint32_t phys_offset, 
     image_mapping image;
     if (const std::int32_t result = image.map(path, HEADER_BYTES, phys_offset); result != 0)
         return result;
-    if (image.readable_bytes() < HEADER_BYTES)
+    if (image.readable_bytes() == 0)
         return no_version(image, version_out);
 
-    char header[HEADER_BYTES + 1] = {};
-    std::memcpy(header, image.bytes(), HEADER_BYTES);
+    char header[HEADER_BYTES + 1];
+    copy_stretch(image, 0, header);
     BIOS_LOG("base = 0x%p MAGIC_OFFSET = 0x%x, MAGIC_LEN = %d, MAGIC_STR = %s, bios_hdr = %s ===\n",
              static_cast<const void *>(image.bytes()), static_cast<unsigned>(MAGIC_OFFSET),
              static_cast<int>(MAGIC_LEN), MAGIC_STR, header);
@@ -165,12 +177,12 @@ std::int32_t get_x86s_bios_version(const char *path, std::uint32_t phys_offset, 
     image_mapping image;
     if (const std::int32_t result = image.map(path, X86S_MAPPED_BYTES, phys_offset); result != 0)
         return result;
-    if (image.readable_bytes() < HEADER_BYTES || magic_string_check(image.bytes()) < 0 ||
-        image.readable_bytes() < X86S_HEADER_OFFSET + HEADER_BYTES)
+    char header[HEADER_BYTES + 1];
+    copy_stretch(image, 0, header);
+    if (magic_string_check(header) < 0 || image.readable_bytes() <= X86S_HEADER_OFFSET)
         return no_version(image, version_out);
 
-    char header[HEADER_BYTES + 1] = {};
-    std::memcpy(header, image.bytes() + X86S_HEADER_OFFSET, HEADER_BYTES);
+    copy_stretch(image, X86S_HEADER_OFFSET, header);
     format_header_version(header, X86S_LAYOUT, version_out);
     return 0;
 }

@@ -11,7 +11,7 @@ extern "C" {
 //   version_out  128 bytes; zeroed at entry, NUL-terminated text on success
 // 0     the text was found
 // -22   the path could not be opened or mapped
-// -61   no BIOS signature, or the file ends before what is read
+// -61   no BIOS signature, or nothing of the header lies in the file; behind a file's end are zeros
 std::int32_t get_x86_bios_version(const char *path, std::uint32_t phys_offset, char *version_out); // "%8.8s(%8.8s)"
 std::int32_t get_x86n_bios_version(const char *path, std::uint32_t phys_offset,
                                    char *version_out); // "  v3.5.0(09/17/12)"

@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr std::size_t PATH_BYTES = 256;
-constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // inside a system image, and where it lands
+constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // where it lands in the work directory
 constexpr const char *NO_OUTPUT = "/dev/null";
 
 constexpr unsigned UNPACK_PAUSE_S = 3;
@@ -79,12 +79,12 @@ void remove_leftovers(const image_paths &paths, bool in_work_directory)
 
 void unpack_from_system_image(const char *image_path, const image_paths &paths)
 {
-    const command_line take_plugin("/vesk/sbin/veskadd -x %s . /%s", image_path, CORE_PLUGIN);
+    const command_line take_plugin("/vesk/sbin/veskadd -x %s . /vesk/plugin_img/core_plugin", image_path);
     run_silently(take_plugin);
     (void)::sleep(UNPACK_PAUSE_S);
     BIOS_LOG("performing %s", take_plugin.text);
 
-    const command_line take_image("/vesk/sbin/veskadd -x %s . %s", CORE_PLUGIN, paths.source);
+    const command_line take_image("/vesk/sbin/veskadd -x vesk/plugin_img/core_plugin . %s", paths.source);
     run_silently(take_image);
     (void)::sleep(UNPACK_PAUSE_S);
     BIOS_LOG("performing %s", take_image.text);

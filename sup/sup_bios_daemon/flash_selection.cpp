@@ -34,7 +34,7 @@ std::int32_t bios_sel_flash(std::uint32_t flash)
         BIOS_LOG("get sw card id failed");
         return bios_signed(BIOS_ERR_CARD_ID);
     }
-    std::printf("card_id = %u\n", card_id);
+    std::printf("card_id = %d\n", static_cast<int>(card_id));
     if (!has_flash_selection(card_id)) {
         std::puts("error: flash sel not supported on this platform.");
         return 0;

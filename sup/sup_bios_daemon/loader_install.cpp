@@ -18,6 +18,7 @@
 #include "image_files.h"
 #include "loader_partition.h"
 #include "output_redirection.h"
+#include "text_field.h"
 
 namespace
 {
@@ -131,12 +132,10 @@ std::uint32_t handle_install_loader(daemon_context &context, mts_message_t *mess
     bios_install_loader_req_t request;
     std::memcpy(&request, static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES,
                 sizeof request);
-    char image_path[sizeof request.image_path + 1] = {};
-    std::memcpy(image_path, request.image_path, ::strnlen(request.image_path, sizeof request.image_path));
-
-    const std::uint32_t result = install_loader(image_path);
+    const field_text image_path(request.image_path);
+    const std::uint32_t result = install_loader(image_path.text);
     if (request.remove_image.load() != 0)
-        (void)std::remove(image_path);
+        (void)std::remove(image_path.text);
     const bios_install_loader_reply_t reply{};
     (void)cmi_response(&reply, sizeof reply, context.handle, message, result);
     return BIOS_OK;

@@ -89,8 +89,8 @@ void forward_tlv(bios_version_entry &entry, std::uint16_t type, std::uint16_t le
     if (type == BIOS_TLV_VERSION_ENTRY && length == sizeof(bios_version_entry)) {
         const auto *sent = static_cast<const bios_version_entry *>(value);
         fill_entry(entry, sent->stat, sent->swid_str, sent->cur, sent->run);
-        BIOS_LOG("swid=%d swid_str=%.128s ver=%.128s\n", static_cast<int>(sent->swid.load()), sent->swid_str,
-                 sent->cur);
+        BIOS_LOG("swid=%d swid_str=%s ver=%s\n", static_cast<int>(sent->swid.load()),
+                 field_text(sent->swid_str).text, field_text(sent->cur).text);
     } else if (type == BIOS_TLV_VERSION_ENTRY) {
         BIOS_LOG("ERROR: length mismatch %d and %d\n", length, static_cast<int>(sizeof(bios_version_entry)));
     } else if (type == BIOS_TLV_IGNORED && length != 1) {

@@ -81,8 +81,8 @@ std::int32_t bios_get_new_self_version_info(std::int32_t handle, std::uint32_t m
         BIOS_LOG(" instance # %d\n", static_cast<int>(i));
         const bios_flash_entry &row = table->entries()[i];
         entries[i] = version_entry(handle, i, row, row.flash_type);
-        BIOS_LOG("The versions cur=%.128s run=%.128s stat=%d\n", entries[i].cur, entries[i].run,
-                 static_cast<int>(entries[i].stat.load()));
+        BIOS_LOG("The versions cur=%s run=%s stat=%d\n", field_text(entries[i].cur).text,
+                 field_text(entries[i].run).text, static_cast<int>(entries[i].stat.load()));
     }
     (void)cmi_response(message.get(), static_cast<std::uint32_t>(length), handle, msg, 0);
     return 0;
@@ -106,16 +106,16 @@ std::int32_t bios_get_self_version_info(std::int32_t handle, mts_message_t *msg,
     BIOS_LOG("Length of the message is = %d\n", static_cast<int>(length));
 
     const bios_version_entry first = version_entry(handle, 0, table->entries()[0], LINE_CARD_SWID);
-    BIOS_LOG("The versions cur=%.128s run=%.128s stat=%d extra_tlvs= %d\n", first.cur, first.run,
-             static_cast<int>(first.stat.load()), static_cast<int>(further_rows));
+    BIOS_LOG("The versions cur=%s run=%s stat=%d extra_tlvs= %d\n", field_text(first.cur).text,
+             field_text(first.run).text, static_cast<int>(first.stat.load()), static_cast<int>(further_rows));
     put_first_row(message.get(), first, further_rows);
 
     for (std::uint32_t k = 1; k <= further_rows; ++k) {
         const bios_version_entry entry = version_entry(handle, k, table->entries()[k], LINE_CARD_SWID);
         std::uint32_t stat_as_sent = 0;
         std::memcpy(&stat_as_sent, &entry.stat, sizeof stat_as_sent);
-        BIOS_LOG("The versions extra_tlvs = %d cur=%.128s run=%.128s stat=%d\n", static_cast<int>(further_rows),
-                 entry.cur, entry.run, static_cast<int>(stat_as_sent));
+        BIOS_LOG("The versions extra_tlvs = %d cur=%s run=%s stat=%d\n", static_cast<int>(further_rows),
+                 field_text(entry.cur).text, field_text(entry.run).text, static_cast<int>(stat_as_sent));
         put_further_row(message.get(), k, entry);
     }
     (void)cmi_response(message.get(), static_cast<std::uint32_t>(length), handle, msg, 0);

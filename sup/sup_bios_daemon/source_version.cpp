@@ -37,7 +37,7 @@ enum class row_outcome { next_row, end_of_walk };
 
 bool wants_progress(const bios_src_version_req &request)
 {
-    return request.progress_node != MTS_NODE_LISTENERS || request.progress_sap != 0;
+    return request.progress_addr.node != MTS_NODE_LISTENERS || request.progress_addr.sap != 0;
 }
 
 // Sent before a row is worked on: the first row sends none, and 100 is never sent.
@@ -47,8 +47,8 @@ void send_progress(const walk &w, std::uint32_t row, std::uint32_t rows)
         return;
     const std::uint32_t percent = 100 * row / rows;
     if (percent != 0)
-        (void)mts_send(w.handle, w.request.progress_node, w.request.progress_sap, MTS_OPC_BIOS_SRC_VERSION_PROGRESS,
-                       &percent, sizeof percent, 0, 0, 0);
+        (void)mts_send(w.handle, w.request.progress_addr.node, w.request.progress_addr.sap,
+                       MTS_OPC_BIOS_SRC_VERSION_PROGRESS, &percent, sizeof percent, 0, 0, 0);
 }
 
 // The clean-up operation's result, logged when it failed.

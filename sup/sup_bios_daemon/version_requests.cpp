@@ -41,7 +41,7 @@ std::uint32_t handle_get_src_bios_version(daemon_context &context, mts_message_t
     BIOS_LOG("called MTS_OPC_BIOS_GET_SRC_BIOS_VERSION");
     bios_src_version_req request;
     std::memcpy(&request, body, sizeof request);
-    const bool low_priority = request.progress_sap == LOW_PRIORITY_SAP;
+    const bool low_priority = request.progress_addr.sap == LOW_PRIORITY_SAP;
     if (low_priority)
         set_priority(LOW_PRIORITY);
     (void)bios_return_src_version(context.handle, &request, message);

@@ -134,6 +134,19 @@ TEST_F(FlashProgramming, RetriesUntilTheFlashIsProgrammed)
               (lines{attempt(1, 0), "sleep(5)", attempt(2, 1), "sleep(5)", attempt(3, 2)}));
 }
 
+TEST_F(FlashProgramming, EndsAtTheFirstAttemptWithACodeThatMeansSomethingElse)
+{
+    for (const std::int32_t result : {0x40710001, 0x40710008, 0x4071000a, 0x4071000d, -1}) {
+        platform().write_file(image, "image");
+        flash_answers({result});
+        EXPECT_EQ(program(), result) << "a second attempt would succeed";
+        EXPECT_FALSE(platform().file_exists(image));
+    }
+    EXPECT_EQ(platform().calls("program_bios_flash").size(), 5u);
+    EXPECT_EQ(platform().calls("sleep"), lines{});
+    EXPECT_EQ(platform().logs(), lines(5, "REMOVE - /bootflash/.tmpbios.bin"));
+}
+
 TEST_F(FlashProgramming, EndsAtACodeThatMeansSomethingElse)
 {
     flash_answers({program_failed, 0x40710001, 0});
