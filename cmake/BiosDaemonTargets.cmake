@@ -11,8 +11,16 @@ if(BIOS_DAEMON_SANITIZE)
     target_link_options(sanitizers INTERFACE -fsanitize=address,undefined)
 endif()
 
+if(BIOS_DAEMON_FUZZ)
+    target_compile_options(sanitizers INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 add_library(target_build INTERFACE)
 target_link_libraries(target_build INTERFACE project_warnings sanitizers)
+if(BIOS_DAEMON_COVERAGE)
+    # What ends a process without exit() writes its counts down itself.
+    target_link_options(target_build INTERFACE --coverage LINKER:--undefined=__gcov_dump)
+endif()
 if(BIOS_DAEMON_ARCH STREQUAL "i686")
     target_compile_options(target_build INTERFACE -m32 -march=i686 -msse2 -mfpmath=sse)
     target_link_options(target_build INTERFACE -m32)
@@ -29,5 +37,9 @@ function(add_daemon_objects name)
     target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include
                                               ${CMAKE_SOURCE_DIR}/platform)
     target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
+    if(BIOS_DAEMON_COVERAGE)
+        # Else the compiler puts a function of its own in the place of fork.
+        target_compile_options(${name} PRIVATE --coverage -O0 -fno-builtin-fork)
+    endif()
     target_link_libraries(${name} PRIVATE target_build)
 endfunction()

@@ -16,6 +16,7 @@
 extern "C" {
 int daemon_main(int argument_count, char **arguments) __attribute__((weak)); // only linked where it is run
 int __lsan_do_recoverable_leak_check() __attribute__((weak));
+void __gcov_dump() __attribute__((weak)); // only there in a build that counts what is executed
 pid_t __real_fork();
 pid_t __real_waitpid(pid_t pid, int *status, int options);
 }
@@ -33,6 +34,8 @@ bool is_daemon_process;
     if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0)
         platform().note("memory leak");
     (void)std::fflush(nullptr);
+    if (__gcov_dump != nullptr)
+        __gcov_dump();
     ::_exit(status & 0xff);
 }
 
