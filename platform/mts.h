@@ -31,8 +31,8 @@ enum {
     MTS_READABLE_PAYLOAD_BYTES = 112 + 529, // every received payload is readable, zero beyond its end, up to here
 };
 
-// Largest payload that the transport carries, bytes.
-#define MTS_MAX_PAYLOAD_BYTES (64u << 20)
+// Largest payload that the transport carries, bytes: a file of 64 MiB, and a page for the words before it.
+#define MTS_MAX_PAYLOAD_BYTES ((64u << 20) + 4096u)
 
 // Node that stands for "whoever listens for the opcode of the message"; the sap is not looked at.
 #define MTS_NODE_LISTENERS 0xfe000000u

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "unique_fd.h"
@@ -79,6 +81,22 @@ int chassis_attach(const std::string &path, unsigned slot)
         ::close(own.dir_fd);
     own = {dir_fd, slot, true};
     return 0;
+}
+
+std::string chassis_folder_problem(const std::string &path)
+{
+    struct stat status {
+    };
+    if (::fstatat(chassis_dir_fd(), path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::strerror(errno);
+    if (!S_ISDIR(status.st_mode))
+        return "is not a folder";
+    if (status.st_uid != ::geteuid())
+        return "belongs to user " + std::to_string(status.st_uid) + ", and this is user " +
+               std::to_string(::geteuid());
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        return "other users may write to it; take that away with: chmod go-w";
+    return {};
 }
 
 std::string chassis_slot_path(unsigned slot, const std::string &name)

@@ -32,6 +32,10 @@ unsigned chassis_own_slot();
 // the descriptor used so far. 0, or -1 with errno.
 int chassis_attach(const std::string &path, unsigned slot);
 
+// What speaks against using a folder below the chassis directory ("." for itself): it is another user's, or others
+// may write to it, so that what lies in it may be anybody's. Empty when nothing does; a text for a person.
+std::string chassis_folder_problem(const std::string &path);
+
 // Name below the chassis directory of a file of a slot: "slots/3/NAME" and "inventory/3/NAME".
 std::string chassis_slot_path(unsigned slot, const std::string &name);
 std::string chassis_inventory_path(unsigned slot, const std::string &name);

@@ -31,7 +31,7 @@ try {
     if (slot == 0)
         return failure(ENODEV);
     const std::string folder = chassis_slot_path(slot, "registers");
-    if (::mkdirat(chassis_dir_fd(), folder.c_str(), 0755) != 0 && errno != EEXIST)
+    if (::mkdirat(chassis_dir_fd(), folder.c_str(), 0700) != 0 && errno != EEXIST)
         return -1;
     if (::faccessat(chassis_dir_fd(), (folder + FAULT_FILE).c_str(), F_OK, 0) == 0)
         return failure(EIO);

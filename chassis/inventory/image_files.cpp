@@ -3,10 +3,6 @@
 // An image URI is "bootflash:" and a name on the boot flash ("bootflash:NAME", "bootflash:/NAME",
 // "bootflash:///NAME"), or "file://" and an absolute path. Only names in their plain form are mapped: no empty
 // component, no "." or "..", no control characters.
-//
-// A loader file carries its version in its first 4 KiB, between a tag and a closing "$$":
-//
-//     $$SRG-LOADER-VERSION: 1.7.3$$
 #include "image_files.h"
 
 #include <algorithm>
@@ -19,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "loader_file.h"
 #include "unique_fd.h"
 
 namespace
@@ -28,20 +25,10 @@ constexpr std::string_view BOOTFLASH_SCHEME = "bootflash:";
 constexpr std::string_view BOOTFLASH_FOLDER = "/bootflash/";
 constexpr std::string_view FILE_SCHEME = "file:///";
 
-constexpr std::size_t LOADER_HEAD_BYTES = 4096;
-constexpr std::size_t LOADER_VERSION_CHARACTERS = 255;
-constexpr std::string_view LOADER_VERSION_TAG = "$$SRG-LOADER-VERSION: ";
-constexpr std::string_view LOADER_VERSION_END = "$$";
-
 bool is_control(char character)
 {
     const auto code = static_cast<unsigned char>(character);
     return code < 0x20 || code == 0x7f;
-}
-
-bool is_printable(char character)
-{
-    return character >= 0x20 && character <= 0x7e;
 }
 
 // One or more components, parted by single slashes.
@@ -110,19 +97,6 @@ ssize_t read_up_to(int fd, char *destination, std::size_t length)
     return static_cast<ssize_t>(done);
 }
 
-std::string_view version_in(std::string_view head)
-{
-    const std::size_t tag = head.find(LOADER_VERSION_TAG);
-    if (tag == std::string_view::npos)
-        return {};
-    head.remove_prefix(tag + LOADER_VERSION_TAG.size());
-    const std::size_t end = head.find(LOADER_VERSION_END);
-    if (end == std::string_view::npos || end > LOADER_VERSION_CHARACTERS)
-        return {};
-    const std::string_view text = head.substr(0, end);
-    return std::all_of(text.begin(), text.end(), is_printable) ? text : std::string_view();
-}
-
 } // namespace
 
 char *uri_map_targetfs_path_get(const char *uri, char *out_buffer)
@@ -151,7 +125,7 @@ const char *srg_sw_interim_ver_file_get(const char *path)
     const ssize_t head_bytes = read_up_to(file.get(), head, sizeof head);
     if (head_bytes < 0)
         return nullptr;
-    const std::string_view text = version_in({head, static_cast<std::size_t>(head_bytes)});
+    const std::string_view text = loader_version_in({head, static_cast<std::size_t>(head_bytes)});
     if (text.empty())
         return nullptr;
     std::memcpy(version, text.data(), text.size());

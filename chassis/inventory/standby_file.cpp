@@ -20,6 +20,7 @@ namespace
 {
 
 constexpr mode_t PERMISSION_BITS = 0777;
+constexpr std::size_t PIECE_BYTES = std::size_t{64} * 1024;
 constexpr int RESOLVE_ATTEMPTS = 100; // the kernel gives up a resolution while others rename folders
 
 int failure(int error)
@@ -129,7 +130,7 @@ bool write_all(int fd, const char *data, std::size_t length)
 
 bool copy_content(int source, int destination)
 {
-    std::vector<char> piece(64 * 1024);
+    std::vector<char> piece(PIECE_BYTES);
     for (;;) {
         const ssize_t got = ::read(source, piece.data(), piece.size());
         if (got < 0 && errno == EINTR)

@@ -12,7 +12,7 @@
 namespace
 {
 
-constexpr off_t LOG_TAIL_BYTES = 16 * 1024;
+constexpr off_t LOG_TAIL_BYTES = off_t{16} * 1024;
 
 bool exists(const std::string &path)
 {
@@ -23,9 +23,14 @@ bool exists(const std::string &path)
 
 void open_chassis(const std::string &path)
 {
-    if (chassis_attach(path, 0) != 0)
+    if (chassis_attach(path, 0) != 0) {
+        if (errno == EACCES)
+            throw launcher_error(path + ": is closed to this user");
         throw launcher_error(path + ": no chassis there (" + std::strerror(errno) +
                              "); make one with: chassis --dir " + path + " init DESCRIPTION.toml");
+    }
+    if (const std::string problem = chassis_folder_problem("."); !problem.empty())
+        throw launcher_error(path + ": " + problem);
     if (!exists("inventory") || !exists("slots"))
         throw launcher_error(path + ": is not the directory of a chassis");
 }

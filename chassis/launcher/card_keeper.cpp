@@ -40,6 +40,7 @@ constexpr std::chrono::seconds END_WINDOW{60};
 constexpr std::size_t MAX_ENDS_IN_WINDOW = 5;
 constexpr std::chrono::seconds KILL_PATIENCE{3}; // for a session to end after its daemon was killed
 constexpr const char *TOOLS[] = {"veskadd", "nbitool", "init-system"};
+constexpr const char *PLAIN_MOUNT = "fstab_mount"; // mount and umount of a card without mounts
 
 class card_keeper
 {
@@ -56,6 +57,7 @@ private:
     void boot();
     void start();
     void install_programs();
+    void install_tool(const std::string &tool, const std::string &place);
     void start_session();
 
     int wait_limit_ms() const;
@@ -150,6 +152,7 @@ void card_keeper::prepare()
     // Opened anew: what was open before belongs to the mounts outside, where nothing can be mounted from here.
     open_chassis(options_.directory);
     root_ = card_root(options_.slot);
+    root_.end_mounts();
     root_.make_folders();
     root_.attach_machine(options_.way, chassis_read_value(slot_file("bootflash_mib"), 0));
     write_line(slot_file("isolation"), isolation_name(options_.way));
@@ -171,15 +174,24 @@ void card_keeper::start()
     }
 }
 
+// A tool that is not there is not in the card either.
+void card_keeper::install_tool(const std::string &tool, const std::string &place)
+{
+    const std::string program = options_.tools + "/" + tool;
+    if (::access(program.c_str(), X_OK) == 0)
+        root_.install_program(options_.way, program, place);
+}
+
 void card_keeper::install_programs()
 {
     root_.install_program(options_.way, program_file(program_, options_.daemon, options_.tools),
                           place_in_root(program_));
-    for (const char *tool : TOOLS) {
-        const std::string program = options_.tools + "/" + tool;
-        if (::access(program.c_str(), X_OK) == 0)
-            root_.install_program(options_.way, program, PROGRAMS_IN_ROOT + std::string(tool));
-    }
+    for (const char *tool : TOOLS)
+        install_tool(tool, PROGRAMS_IN_ROOT + std::string(tool));
+    if (has_namespaces(options_.way))
+        return;
+    for (const char *place : {"/usr/bin/mount", "/usr/bin/umount"})
+        install_tool(PLAIN_MOUNT, place);
 }
 
 void card_keeper::start_session()
@@ -187,6 +199,7 @@ void card_keeper::start_session()
     enter(phase::starting, STATE_STARTING);
     write_line(slot_file("starts"), std::to_string(++starts_));
     program_ = program_of(options_.slot);
+    root_.end_mounts();
     install_programs();
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)

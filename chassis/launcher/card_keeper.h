@@ -17,7 +17,7 @@ struct keeper_options {
     unsigned slot = 0;
     isolation way = isolation::plain;
     std::string daemon; // the executable; taken anew at each start
-    std::string tools;  // folder with veskadd and, where they are there, the other image tools
+    std::string tools;  // folder with veskadd and, where they are there, the other tools of a card
 };
 
 // Runs until the card is taken down; the chassis is open. The exit status: 0, or 1 when the card could not be

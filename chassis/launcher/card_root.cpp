@@ -22,9 +22,9 @@ namespace
 constexpr std::array<const char *, 7> MACHINE_FOLDERS = {"usr", "bin", "sbin", "lib", "lib32", "lib64", "libx32"};
 
 // What the daemon and its tools run; the card that has copies gets these.
-constexpr std::array<const char *, 17> PROGRAMS = {"sh", "gunzip", "gzip",  "cp",     "mv",     "mkdir",
-                                                   "rm", "touch",  "cat",   "unlink", "md5sum", "pgrep",
-                                                   "ls", "sleep",  "chmod", "mount",  "umount"};
+constexpr std::array<const char *, 15> PROGRAMS = {"sh",     "gunzip", "gzip",  "cp",    "mv",
+                                                   "mkdir",  "rm",     "touch", "cat",   "unlink",
+                                                   "md5sum", "pgrep",  "ls",    "sleep", "chmod"};
 
 struct device {
     const char *name;
@@ -45,15 +45,21 @@ struct own_folder {
     mode_t mode;
 };
 
+constexpr const char *BOOT_LOADER_PARTITION = "var/lib/bootloader";
+constexpr const char *BOOT_LOADER_MOUNT_POINT = "mnt/bootloader";
+constexpr const char *BOOT_LOADER = "var/lib/bootloader/srg-sloader.sro";
+constexpr const char *KS_IMAGE = "etc/srg-ks.sro";
+constexpr const char *OPENED_IMAGES = "tmp/nbitool"; // what nbitool has mounted, or laid there instead
+
 constexpr std::array<own_folder, 17> OWN_FOLDERS = {{
     {.name = "bootflash", .mode = 0755},
     {.name = "mnt/pss", .mode = 0755},
-    {.name = "mnt/bootloader", .mode = 0755},
+    {.name = BOOT_LOADER_MOUNT_POINT, .mode = 0755},
     {.name = "vesk/bin", .mode = 0755},
     {.name = "vesk/sbin", .mode = 0755},
     {.name = "tmp", .mode = 01777},
     {.name = "var/tmp", .mode = 01777},
-    {.name = "var/lib/bootloader", .mode = 0755},
+    {.name = BOOT_LOADER_PARTITION, .mode = 0755},
     {.name = "etc", .mode = 0755},
     {.name = "dev", .mode = 0755},
     {.name = "proc", .mode = 0555},
@@ -67,8 +73,9 @@ constexpr std::array<own_folder, 17> OWN_FOLDERS = {{
 
 constexpr const char *PASSWD = "root:x:0:0:root:/root:/bin/sh\n";
 constexpr const char *GROUP = "root:x:0:\n";
-// The boot-loader partition is a folder of the card; it is not mounted until the daemon asks for it.
-constexpr const char *FSTAB = "/var/lib/bootloader /mnt/bootloader none bind,noauto 0 0\n";
+// The boot-loader partition is a folder of the card; it is not mounted until somebody asks for it. A mount that is
+// made in a user namespace has to keep what its file system was mounted with outside, so all of these are told.
+constexpr const char *FSTAB = "/var/lib/bootloader /mnt/bootloader none bind,noauto,nosuid,nodev,noexec 0 0\n";
 constexpr const char *LIBRARY_CACHE = "/etc/ld.so.cache";
 
 bool is_machine_path(const std::string &path)
@@ -126,6 +133,21 @@ void card_root::copy_image_tree(const std::string &image_tree) const
     }
 }
 
+void card_root::copy_boot_loader(const std::string &file) const
+{
+    tree_.copy_file(file, BOOT_LOADER, 0644);
+}
+
+void card_root::copy_ks_image(const std::string &file) const
+{
+    tree_.copy_file(file, KS_IMAGE, 0644);
+}
+
+std::string card_root::boot_loader_head(std::size_t bytes) const
+{
+    return tree_.read_file(BOOT_LOADER, bytes);
+}
+
 void card_root::attach_machine(isolation way, unsigned bootflash_mib) const
 {
     if (has_namespaces(way))
@@ -180,6 +202,13 @@ void card_root::install_program(isolation way, const std::string &program, const
         if (!has_namespaces(way) || !is_machine_path(library))
             tree_.copy_file(library, place_of_copy(library), 0755);
     }
+}
+
+void card_root::end_mounts() const
+{
+    tree_.remove(OPENED_IMAGES);
+    if (tree_.remove_link(BOOT_LOADER_MOUNT_POINT))
+        tree_.make_folder(BOOT_LOADER_MOUNT_POINT, 0755);
 }
 
 bool card_root::mount_proc() const

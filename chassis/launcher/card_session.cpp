@@ -84,6 +84,7 @@ std::vector<std::string> daemon_environment(unsigned slot)
     (void)::umask(022);
     std::vector<std::string> environment = daemon_environment(options.slot);
     std::vector<char *> variables;
+    variables.reserve(environment.size() + 1);
     for (std::string &variable : environment)
         variables.push_back(variable.data());
     variables.push_back(nullptr);

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -15,17 +12,17 @@
 #include "bios_header.h"
 #include "card_families.h"
 #include "card_files.h"
+#include "card_root.h"
 #include "chassis_dir.h"
 #include "flash_layout.h"
+#include "followed_file.h"
 #include "keeper_lock.h"
 #include "launcher_error.h"
+#include "loader_file.h"
 #include "sysmgr.h"
-#include "unique_fd.h"
 
 namespace
 {
-
-constexpr std::chrono::milliseconds FOLLOW_INTERVAL{100};
 
 struct card_status {
     unsigned slot = 0;
@@ -40,6 +37,7 @@ struct card_status {
     std::string isolation_way;
     std::array<std::string, FLASH_INSTANCE_COUNT> version; // empty: none in the flash
     std::array<bool, FLASH_INSTANCE_COUNT> programming = {};
+    std::string boot_loader_version; // empty: no loader is installed, or it has none
 };
 
 std::string flash_version(unsigned slot, unsigned instance)
@@ -77,6 +75,12 @@ std::string answers_of(unsigned slot)
     return parse_answer_form(name) ? name : "daemon";
 }
 
+std::string boot_loader_version(unsigned slot)
+{
+    const std::string head = card_root(slot).boot_loader_head(LOADER_HEAD_BYTES);
+    return std::string(loader_version_in(head));
+}
+
 card_status status_of(unsigned slot)
 {
     card_status card;
@@ -95,6 +99,7 @@ card_status status_of(unsigned slot)
         card.programming[instance] = ::faccessat(chassis_dir_fd(), marker.c_str(), F_OK, 0) == 0;
         card.version[instance] = flash_version(slot, instance);
     }
+    card.boot_loader_version = boot_loader_version(slot);
     return card;
 }
 
@@ -109,12 +114,15 @@ nlohmann::json json_of(const card_status &card)
                            {"version", version},
                            {"being_programmed", card.programming[instance]}});
     }
+    nlohmann::json boot_loader = nullptr;
+    if (!card.boot_loader_version.empty())
+        boot_loader = card.boot_loader_version;
     return {{"slot", card.slot},       {"name", card.name},
             {"card_id", card.card_id}, {"kind", card.kind},
             {"role", card.role},       {"serves", card.serves},
             {"answers", card.answers}, {"state", card.state},
             {"pid", card.pid},         {"isolation", card.isolation_way},
-            {"flashes", flashes}};
+            {"flashes", flashes},      {"boot_loader_version", boot_loader}};
 }
 
 template<std::size_t COLUMNS>
@@ -145,19 +153,6 @@ std::string table_of(const std::vector<row_of_texts<COLUMNS>> &rows)
         text << each.back() << '\n';
     }
     return std::move(text).str();
-}
-
-// false when the reader of standard output has gone.
-bool print_all(const char *bytes, std::size_t length)
-{
-    while (length > 0) {
-        const ssize_t put = ::write(STDOUT_FILENO, bytes, length);
-        if (put < 0 && errno != EINTR)
-            return false;
-        bytes += std::max<ssize_t>(put, 0);
-        length -= static_cast<std::size_t>(std::max<ssize_t>(put, 0));
-    }
-    return true;
 }
 
 } // namespace
@@ -199,20 +194,6 @@ std::string show_families(bool json)
 void print_log(unsigned slot, bool follow)
 {
     require_serving_slot(slot);
-    const std::string path = chassis_slot_path(slot, "log");
-    const unique_fd log(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!log)
+    if (!print_file(chassis_slot_path(slot, "log"), follow))
         throw launcher_error("card " + std::to_string(slot) + ": has no log yet; it was never up");
-    char piece[16 * 1024];
-    for (;;) {
-        const ssize_t got = ::read(log.get(), piece, sizeof piece);
-        if (got < 0 && errno != EINTR)
-            throw system_error_of(path);
-        if (got > 0 && !print_all(piece, static_cast<std::size_t>(got)))
-            return;
-        if (got == 0 && !follow)
-            return;
-        if (got == 0)
-            std::this_thread::sleep_for(FOLLOW_INTERVAL);
-    }
 }

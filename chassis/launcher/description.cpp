@@ -7,18 +7,13 @@
 #include <iterator>
 #include <optional>
 #include <string_view>
-#define TOML_HEADER_ONLY 1
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wconversion"
-#pragma GCC diagnostic ignored "-Wshadow"
-#include <toml++/toml.h>
-#pragma GCC diagnostic pop
 
 #include "card_families.h"
 #include "flash_layout.h"
 #include "launcher_error.h"
 #include "pfm.h"
 #include "sysmgr.h"
+#include "toml_library.h"
 
 namespace
 {
@@ -29,6 +24,19 @@ constexpr std::uint32_t DEFAULT_SECTOR_KIB = 64;
 constexpr std::uint32_t MAX_BOOTFLASH_MIB = 16 * 1024;
 constexpr std::uint32_t MAX_WAIT_LIMIT_S = 24 * 60 * 60;
 
+bool is_control_character(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+// A key in quotes may have any characters; those that would steer the terminal are not shown.
+std::string printable(std::string_view text)
+{
+    std::string shown(text);
+    std::replace_if(shown.begin(), shown.end(), is_control_character, '?');
+    return shown;
+}
+
 // A table of the file, and how to complain about it.
 class section
 {
@@ -37,7 +45,7 @@ public:
 
     [[noreturn]] void fail(const toml::node &node, const std::string &text) const
     {
-        throw launcher_error(file_ + ":" + std::to_string(node.source().begin.line) + ": " + text);
+        throw launcher_error(file_ + ":" + std::to_string(node.source().begin.line) + ": " + printable(text));
     }
     [[noreturn]] void fail(const std::string &text) const { fail(table_, text); }
 
@@ -60,7 +68,7 @@ public:
         if (!node->is_string())
             fail(*node, std::string(key) + " is a text in quotes");
         const std::string value = node->as_string()->get();
-        if (std::any_of(value.begin(), value.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }))
+        if (std::any_of(value.begin(), value.end(), is_control_character))
             fail(*node, std::string(key) + " has a control character");
         return value;
     }
@@ -213,9 +221,10 @@ void read_answers(const section &card, card_description &result)
 
 card_description read_card(const section &card)
 {
-    card.allow_only({"slot", "name", "card_id", "family", "kind", "role", "hw_change_bit", "image_tree",
-                     "flash_mib", "flash_kib", "sector_kib", "flash_image", "alternate_image", "bootflash_mib",
-                     "serves", "answers", "answer_rows", "answer_seed"});
+    card.allow_only({"slot",          "name",          "card_id",         "family",      "kind",
+                     "role",          "hw_change_bit", "image_tree",      "flash_mib",   "flash_kib",
+                     "sector_kib",    "flash_image",   "alternate_image", "boot_loader", "ks_image",
+                     "bootflash_mib", "serves",        "answers",         "answer_rows", "answer_seed"});
     card_description result;
     result.slot = card.required_number("slot", 1, PFM_MODULE_COUNT);
     result.name = card.text("name").value_or("card " + std::to_string(result.slot));
@@ -226,6 +235,8 @@ card_description read_card(const section &card)
     if (!result.image_tree.empty() && !std::filesystem::is_directory(result.image_tree + "/vesk"))
         card.fail(*card.find("image_tree"), "image_tree: " + result.image_tree + " has no folder vesk");
     read_flash(card, result);
+    result.boot_loader = card.path("boot_loader", false);
+    result.ks_image = card.path("ks_image", false);
     result.bootflash_mib = card.number("bootflash_mib", 1, MAX_BOOTFLASH_MIB).value_or(0);
     result.serves = card.flag("serves").value_or(true);
     read_answers(card, result);
@@ -300,7 +311,7 @@ chassis_description load_description(const std::string &path)
         root = toml::parse(read_text(path), path);
     } catch (const toml::parse_error &problem) {
         throw launcher_error(path + ":" + std::to_string(problem.source().begin.line) + ": " +
-                             std::string(problem.description()));
+                             printable(problem.description()));
     }
     section(root, path).allow_only({"chassis", "card"});
     chassis_description result;

@@ -3,7 +3,7 @@
 //     [chassis]
 //     name = "lab"
 //     isolation = "auto"              # or mount, user, plain
-//     wait_limit_s = 5                # for a request that is not answered; absent: as long as the asker allows
+//     wait_limit_s = 5                # for a card's request that is not answered; absent: as long as it allows
 //
 //     [[card]]
 //     slot = 5                        # 1..232
@@ -18,6 +18,8 @@
 //     sector_kib = 64
 //     flash_image = "old.bin"         # first contents of the primary flash, else erased
 //     alternate_image = "old.bin"
+//     boot_loader = "loader.sro"      # first contents of the boot-loader partition, else empty
+//     ks_image = "ks.sro"             # becomes the card's /etc/srg-ks.sro
 //     bootflash_mib = 64              # /bootflash of a limited size; not with isolation plain
 //     serves = true                   # false: the card is there but runs no daemon
 //     answers = "daemon"              # or short, full, garbage, silent: a stand-in in place of the daemon
@@ -47,6 +49,8 @@ struct card_description {
     std::uint32_t sector_bytes = 0;
     std::string flash_image;         // empty: erased
     std::string alternate_image;     // empty: erased
+    std::string boot_loader;         // empty: none
+    std::string ks_image;            // empty: none
     std::uint32_t bootflash_mib = 0; // 0: a folder of the card's root
     bool serves = true;
     answer_form answers = answer_form::daemon;
@@ -57,7 +61,7 @@ struct card_description {
 struct chassis_description {
     std::string name;
     isolation way = isolation::automatic;
-    std::optional<std::uint32_t> wait_limit_s; // none: requests wait as long as the asker allows
+    std::optional<std::uint32_t> wait_limit_s; // none: a card's requests wait as long as it allows
     std::vector<card_description> cards;
 };
 

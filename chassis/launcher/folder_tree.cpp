@@ -73,7 +73,8 @@ void replace(const unique_fd &folder, const std::string &file, mode_t mode, Fill
 
 } // namespace
 
-unique_fd folder_tree::open_folder(const std::string &name) const
+// Opens a folder; no descriptor with errno when that fails.
+unique_fd folder_tree::walk(const std::string &name, bool make_missing) const
 {
     unique_fd folder(::openat(top_.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (std::size_t begin = 0; folder && begin < name.size();) {
@@ -84,10 +85,16 @@ unique_fd folder_tree::open_folder(const std::string &name) const
             continue;
         if (component == "..")
             throw launcher_error(name + ": leads out of the card's root");
-        if (::mkdirat(folder.get(), component.c_str(), FOLDER_MODE) != 0 && errno != EEXIST)
-            throw system_error_of("folder " + name + " of the card's root");
+        if (make_missing && ::mkdirat(folder.get(), component.c_str(), FOLDER_MODE) != 0 && errno != EEXIST)
+            return unique_fd();
         folder.reset(::openat(folder.get(), component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     }
+    return folder;
+}
+
+unique_fd folder_tree::open_folder(const std::string &name) const
+{
+    unique_fd folder = walk(name, true);
     if (!folder)
         throw system_error_of("folder " + name + " of the card's root");
     return folder;
@@ -157,6 +164,44 @@ void folder_tree::make_device(const std::string &name, dev_t device) const
     }
     if (::fchmodat(folder.get(), where.file.c_str(), 0666, 0) != 0) // not what the umask left of it
         throw system_error_of(name);
+}
+
+std::string folder_tree::read_file(const std::string &name, std::size_t limit) const
+{
+    const split_name where = split(name);
+    const unique_fd folder = walk(where.folder, false);
+    if (!folder)
+        return {};
+    // A FIFO in the file's place must not keep the reader waiting.
+    const unique_fd file(
+        ::openat(folder.get(), where.file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status = {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return {};
+    std::string content(limit, '\0');
+    const ssize_t got = ::pread(file.get(), content.data(), content.size(), 0);
+    content.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return content;
+}
+
+void folder_tree::remove(const std::string &name) const
+{
+    const split_name where = split(name);
+    const unique_fd folder = open_folder(where.folder);
+    std::error_code ignored;
+    (void)std::filesystem::remove_all("/proc/self/fd/" + std::to_string(folder.get()) + "/" + where.file, ignored);
+}
+
+bool folder_tree::remove_link(const std::string &name) const
+{
+    const split_name where = split(name);
+    const unique_fd folder = open_folder(where.folder);
+    struct stat found = {};
+    if (::fstatat(folder.get(), where.file.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(found.st_mode))
+        return false;
+    if (::unlinkat(folder.get(), where.file.c_str(), 0) != 0)
+        throw system_error_of(name);
+    return true;
 }
 
 void folder_tree::empty_folder(const std::string &name) const

@@ -38,9 +38,20 @@ public:
     // Makes a character device, or an empty file for everyone where devices are not allowed.
     void make_device(const std::string &name, dev_t device) const;
 
+    // Up to limit bytes of a regular file; empty when there is none. Makes nothing.
+    std::string read_file(const std::string &name, std::size_t limit) const;
+
+    // Removes a file or a folder with everything in it, if there is one. What cannot be removed stays.
+    void remove(const std::string &name) const;
+
+    // Removes a link; false when there is none of that name, or something else.
+    bool remove_link(const std::string &name) const;
+
     // Removes everything in a folder.
     void empty_folder(const std::string &name) const;
 
 private:
+    unique_fd walk(const std::string &name, bool make_missing) const;
+
     unique_fd top_;
 };

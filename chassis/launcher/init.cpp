@@ -112,6 +112,10 @@ void make_card(const card_description &card)
     root.make_folders();
     if (!card.image_tree.empty())
         root.copy_image_tree(card.image_tree);
+    if (!card.boot_loader.empty())
+        root.copy_boot_loader(card.boot_loader);
+    if (!card.ks_image.empty())
+        root.copy_ks_image(card.ks_image);
 }
 
 } // namespace

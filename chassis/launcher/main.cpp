@@ -3,6 +3,7 @@
 //   chassis [--dir DIR] init DESCRIPTION.toml
 //   chassis families [--json]
 //   chassis [--dir DIR] up | down | status [--json] | restart SLOT [--upgrade] | log SLOT [--follow]
+//   chassis [--dir DIR] debug SLOT [+CATEGORY | -CATEGORY ...] [--follow] | history SLOT [--json] [--last N]
 //
 // DIR is CHASSIS_DIR of the environment or ./chassis.d when it is not given.
 // Exit status: 0 done, 1 failed, 64 wrong usage.
@@ -13,6 +14,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -21,6 +23,8 @@
 #include "card_view.h"
 #include "chassis_commands.h"
 #include "chassis_dir.h"
+#include "debug_view.h"
+#include "history_view.h"
 #include "launcher_error.h"
 
 namespace
@@ -39,6 +43,7 @@ struct command_line {
     bool json = false;
     bool upgrade = false;
     bool follow = false;
+    std::optional<unsigned> last;
     int exit_status = EXIT_SUCCESS;
 };
 
@@ -147,6 +152,37 @@ void add_looking_commands(CLI::App &app, command_line &line)
     });
 }
 
+// The words are taken from what the parser has left over: as an argument of the command "-info" would be an option.
+void switch_debug(const CLI::App &command, const command_line &line)
+{
+    const std::vector<std::string> words = command.remaining();
+    for (const std::string &word : words) {
+        if (const std::string problem = debug_word_problem(word); !problem.empty())
+            throw CLI::ValidationError(problem);
+    }
+    open_chassis(line.directory);
+    debug_card(line.slot, words, line.follow);
+}
+
+void add_diagnostic_commands(CLI::App &app, command_line &line)
+{
+    CLI::App *command = app.add_subcommand("debug", "Switch a card's debug categories and show which are on");
+    add_slot(command, line);
+    command->add_flag("--follow", line.follow, "Go on with the debug lines that come from now on");
+    command->allow_extras()->footer("Behind SLOT, obeyed in their order: +errors, -errors, +warnings, -warnings, "
+                                    "+info, -info, +all, -all.");
+    command->callback([&line, command] { switch_debug(*command, line); });
+
+    command = app.add_subcommand("history", "Show a card's last events, oldest first");
+    add_slot(command, line);
+    command->add_flag("--json", line.json, "For programs");
+    command->add_option("--last", line.last, "Show so many events at most")->check(CLI::Range(1, 1'000'000));
+    command->callback([&line] {
+        open_chassis(line.directory);
+        std::fputs(show_history(line.slot, line.last, line.json).c_str(), stdout);
+    });
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -159,6 +195,7 @@ int main(int argc, char **argv)
     app.add_option("--dir", line.directory, "Directory of the chassis; else CHASSIS_DIR")->capture_default_str();
     add_starting_commands(app, line);
     add_looking_commands(app, line);
+    add_diagnostic_commands(app, line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &problem) {

@@ -84,7 +84,7 @@ std::vector<std::string> libraries_of(const std::string &program)
         if (arrow == "=>")
             words >> file;
         if (arrow == "=>" && file == "not")
-            throw launcher_error(program + ": a shared library is missing: " + line);
+            throw launcher_error((program + ": a shared library is missing: ").append(line));
         if (!file.empty() && file.front() == '/' && file.back() != ':')
             libraries.push_back(file);
     }

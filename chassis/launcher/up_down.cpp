@@ -82,6 +82,7 @@ isolation chosen_isolation()
         ::_exit(EXIT_FAILURE);
     (void)::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     std::vector<char *> values;
+    values.reserve(arguments.size() + 1);
     for (const std::string &argument : arguments)
         values.push_back(const_cast<char *>(argument.c_str()));
     values.push_back(nullptr);

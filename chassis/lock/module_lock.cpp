@@ -192,6 +192,7 @@ std::vector<chassis_module_lock_holder> chassis_module_lock_holders(int &error_o
         return {};
     }
     std::vector<chassis_module_lock_holder> holders;
+    holders.reserve(held.size());
     for (const std::uint16_t node_id : held)
         holders.push_back(module_lock_record_read(node_id));
     return holders;

@@ -1,10 +1,10 @@
 #include "module_lock_record.h"
 
 #include <cstdio>
-#include <ctime>
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "utc_time.h"
 
 namespace
 {
@@ -14,16 +14,6 @@ std::string record_path(std::uint16_t node_id)
     char path[32];
     std::snprintf(path, sizeof path, "locks/%04x", node_id);
     return path;
-}
-
-std::string utc_now()
-{
-    const std::time_t now = std::time(nullptr);
-    std::tm parts{};
-    char text[32] = "";
-    if (::gmtime_r(&now, &parts) != nullptr)
-        (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
 }
 
 } // namespace

@@ -2,7 +2,8 @@
 
 #include <cstdio>
 
-#include "image_archive.h"
+#include "image_error.h"
+#include "loader_file.h"
 
 namespace
 {
@@ -66,4 +67,22 @@ std::string build_bios_image(const bios_header &header, std::size_t image_bytes,
         throw image_error("header: a number does not fit its field");
     image.replace(image_bytes - payload.size(), payload.size(), payload);
     return image;
+}
+
+std::string build_loader_file(const std::string &version, std::size_t file_bytes, const std::string &payload)
+{
+    std::string loader = loader_version_tag(version);
+    if (loader.empty())
+        throw image_error("version " + version +
+                          ": is 1 to 255 printable characters without $$ in them or $ at the end");
+    const std::size_t needed_bytes = LOADER_HEAD_BYTES + payload.size();
+    const std::size_t size_bytes = file_bytes == 0 ? needed_bytes : file_bytes;
+    if (size_bytes < needed_bytes || size_bytes > MAX_IMAGE_BYTES)
+        throw image_error("payload of " + std::to_string(payload.size()) +
+                          " bytes: does not fit a loader file of " +
+                          std::to_string(file_bytes == 0 ? MAX_IMAGE_BYTES : file_bytes) + " bytes with its head");
+    loader.resize(LOADER_HEAD_BYTES);
+    loader += payload;
+    loader.resize(size_bytes);
+    return loader;
 }

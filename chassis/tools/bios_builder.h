@@ -1,4 +1,5 @@
-// BIOS images of the x86n kind: header at the start, firmware at the end, erased flash between them.
+// BIOS images of the x86n kind: header at the start, firmware at the end, erased flash between them. And
+// boot-loader files: a head with the version, and the loader behind it.
 #pragma once
 
 #include <cstddef>
@@ -17,3 +18,7 @@ bios_header parse_bios_header(const std::string &version, const std::string &dat
 // The image: the header in its first bytes, the payload so that it ends with the image (there the processor
 // fetches its first instruction), 0xFF everywhere else. Throws image_error when the payload does not fit.
 std::string build_bios_image(const bios_header &header, std::size_t image_bytes, const std::string &payload);
+
+// The loader file: a head of 4 KiB with the version, the payload, and zeros up to the size. file_bytes 0: no larger
+// than need be. Throws image_error for a version that no reader would find, or when the payload does not fit.
+std::string build_loader_file(const std::string &version, std::size_t file_bytes, const std::string &payload);

@@ -1,9 +1,10 @@
-// bios_image: makes the images that the daemon programs, from any firmware file.
+// bios_image: makes the images that the daemon programs and installs, from any firmware file.
 //
 //   bios_image build   a BIOS image with header and version
-//   bios_image system  a system image that carries BIOS images
+//   bios_image loader  a boot-loader file with its version
+//   bios_image system  a system image that carries BIOS images and a boot loader
 //   bios_image tree    the image tree of a running system
-//   bios_image show    version and size of a BIOS image
+//   bios_image show    version and size of a BIOS image or of a boot-loader file
 //
 // Exit status: 0 done, 1 failed, 64 wrong usage.
 #include <CLI/CLI.hpp>
@@ -14,7 +15,8 @@
 #include <vector>
 
 #include "bios_builder.h"
-#include "image_archive.h"
+#include "image_error.h"
+#include "loader_file.h"
 #include "system_image.h"
 
 namespace
@@ -30,33 +32,62 @@ struct build_options {
     std::string payload;
 };
 
+struct loader_options {
+    std::string output;
+    std::string size;
+    std::string version;
+    std::string payload;
+};
+
 struct ship_options {
     std::string destination;
     std::vector<std::string> images;
+    std::string loader;
 };
 
 std::vector<shipped_bios> parse_images(const std::vector<std::string> &texts)
 {
     std::vector<shipped_bios> images;
+    images.reserve(texts.size());
     for (const std::string &text : texts)
         images.push_back(parse_shipped_bios(text));
     return images;
 }
 
+std::string payload_of(const std::string &path)
+{
+    return path.empty() ? std::string() : read_whole_file(path);
+}
+
 void build(const build_options &options)
 {
-    const std::string payload = options.payload.empty() ? std::string() : read_whole_file(options.payload);
+    const std::string payload = payload_of(options.payload);
     const bios_header header = parse_bios_header(options.version, options.date);
     replace_file(options.output, build_bios_image(header, parse_image_size(options.size), payload));
+}
+
+void build_loader(const loader_options &options)
+{
+    const std::size_t size_bytes = options.size.empty() ? 0 : parse_image_size(options.size);
+    replace_file(options.output, build_loader_file(options.version, size_bytes, payload_of(options.payload)));
+}
+
+// Version as it is shown; throws image_error when there is none.
+std::string version_text(const std::string &image, const std::string &path)
+{
+    bios_header header{};
+    if (image.size() >= BIOS_HEADER_BYTES && bios_header_read(image.data(), header))
+        return bios_header_text(header);
+    const std::string_view loader = loader_version_in(image);
+    if (loader.empty())
+        throw image_error(path + ": has neither a BIOS header nor the version of a boot loader");
+    return "  " + std::string(loader) + " (boot loader)";
 }
 
 void show(const std::string &path)
 {
     const std::string image = read_whole_file(path);
-    bios_header header{};
-    if (image.size() < BIOS_HEADER_BYTES || !bios_header_read(image.data(), header))
-        throw image_error(path + ": has no BIOS header");
-    std::printf("version%s\nsize     %zu bytes\n", bios_header_text(header).c_str(), image.size());
+    std::printf("version%s\nsize     %zu bytes\n", version_text(image, path).c_str(), image.size());
 }
 
 void add_build(CLI::App &app, build_options &options)
@@ -70,12 +101,26 @@ void add_build(CLI::App &app, build_options &options)
     command->callback([&options] { build(options); });
 }
 
+void add_loader(CLI::App &app, loader_options &options)
+{
+    CLI::App *command = app.add_subcommand("loader", "Make a boot-loader file");
+    command->add_option("--output", options.output, "The file to write")->required();
+    command->add_option("--version", options.version, "Version, any text of 255 characters at most")->required();
+    command->add_option("--size", options.size,
+                        "Size in MiB, or in KiB with a K behind it; without it, what the payload needs");
+    command->add_option("--payload", options.payload, "The loader itself");
+    command->callback([&options] { build_loader(options); });
+}
+
 void add_shipping(CLI::App &app, ship_options &system, ship_options &tree)
 {
-    CLI::App *command = app.add_subcommand("system", "Make a system image that carries BIOS images");
+    CLI::App *command =
+        app.add_subcommand("system", "Make a system image that carries BIOS images and a boot loader");
     command->add_option("--output", system.destination, "The system image to write")->required();
-    command->add_option("--bios", system.images, "NAME.gz=FILE, once for each BIOS image")->required();
-    command->callback([&system] { build_system_image(system.destination, parse_images(system.images)); });
+    command->add_option("--bios", system.images, "NAME.gz=FILE, once for each BIOS image");
+    command->add_option("--loader", system.loader, "Boot-loader file");
+    command->callback(
+        [&system] { build_system_image(system.destination, parse_images(system.images), system.loader); });
 
     command = app.add_subcommand("tree", "Put BIOS images into an image tree");
     command->add_option("--root", tree.destination, "Folder that has or gets vesk/bin")->required();
@@ -87,16 +132,19 @@ void add_shipping(CLI::App &app, ship_options &system, ship_options &tree)
 
 int main(int argc, char **argv)
 {
-    CLI::App app("Makes BIOS images, and the system images and image trees that carry them.", "bios_image");
+    CLI::App app("Makes BIOS images and boot loaders, and the system images and image trees that carry them.",
+                 "bios_image");
     app.require_subcommand(1);
     build_options build_line;
+    loader_options loader_line;
     ship_options system_line;
     ship_options tree_line;
     std::string shown;
     add_build(app, build_line);
+    add_loader(app, loader_line);
     add_shipping(app, system_line, tree_line);
-    CLI::App *command = app.add_subcommand("show", "Show version and size of a BIOS image");
-    command->add_option("FILE", shown, "BIOS image")->required();
+    CLI::App *command = app.add_subcommand("show", "Show version and size of a BIOS image or boot-loader file");
+    command->add_option("FILE", shown, "BIOS image or boot-loader file")->required();
     command->callback([&shown] { show(shown); });
 
     try {

@@ -1,15 +1,28 @@
 #include "image_archive.h"
 
+#include <filesystem>
+
 namespace
 {
 
-constexpr std::size_t READ_BLOCK_BYTES = 64 * 1024;
+constexpr std::size_t READ_BLOCK_BYTES = std::size_t{64} * 1024;
 constexpr mode_t MEMBER_MODE = 0644;
 
 [[noreturn]] void fail(const std::string &path, archive *which)
 {
     const char *text = archive_error_string(which);
     throw image_error(path + ": " + (text != nullptr ? text : "unknown error of the archive"));
+}
+
+// Not all that the library has: for some it starts a program, whichever goes by that name.
+int support_compressions(archive *reader)
+{
+    for (const auto support : {archive_read_support_filter_gzip, archive_read_support_filter_bzip2,
+                               archive_read_support_filter_xz, archive_read_support_filter_zstd}) {
+        if (const int result = support(reader); result != ARCHIVE_OK)
+            return result;
+    }
+    return ARCHIVE_OK;
 }
 
 archive_writer create_gzip(const std::string &path, int (*set_format)(archive *))
@@ -30,11 +43,17 @@ archive_writer create_gzip(const std::string &path, int (*set_format)(archive *)
 
 archive_reader open_image(const std::string &path)
 {
+    // The open of a FIFO would wait for its writer, who may never come.
+    std::error_code problem;
+    const std::filesystem::file_status found = std::filesystem::status(path, problem);
+    if (std::filesystem::exists(found) && !std::filesystem::is_regular_file(found))
+        throw image_error(path + ": is not a regular file");
     archive_reader reader(archive_read_new());
     if (!reader)
         throw image_error(path + ": out of memory");
-    (void)archive_read_support_filter_all(reader.get());
-    (void)archive_read_support_format_tar(reader.get());
+    if (support_compressions(reader.get()) != ARCHIVE_OK ||
+        archive_read_support_format_tar(reader.get()) != ARCHIVE_OK)
+        fail(path, reader.get());
     if (archive_read_open_filename(reader.get(), path.c_str(), READ_BLOCK_BYTES) != ARCHIVE_OK)
         fail(path, reader.get());
     return reader;

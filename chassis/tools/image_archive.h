@@ -4,15 +4,9 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
-// A failure with a text for the person at the terminal.
-class image_error : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
+#include "image_error.h"
 
 struct free_archive_reader {
     void operator()(archive *reader) const { (void)archive_read_free(reader); }
@@ -28,7 +22,7 @@ using archive_reader = std::unique_ptr<archive, free_archive_reader>;
 using archive_writer = std::unique_ptr<archive, free_archive_writer>;
 using archive_entry_owner = std::unique_ptr<archive_entry, free_archive_entry>;
 
-// Opens a tar archive, compressed in any way libarchive knows or not at all. Throws image_error.
+// Opens a tar archive, compressed with gzip, bzip2, xz or zstd or not at all. Throws image_error.
 archive_reader open_image(const std::string &path);
 
 // Opens an archive for writing: a gzip-compressed tar, or one file's contents compressed with gzip. Equal input

@@ -52,11 +52,15 @@ std::vector<std::string> member_components(const std::string &name)
 }
 
 member_file::member_file(const std::string &destination)
-    : folder_(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    : member_file(unique_fd(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), destination)
+{
+}
+
+member_file::member_file(unique_fd folder, const std::string &destination) : folder_(std::move(folder))
 {
     if (!folder_)
         fail(destination);
-    const std::string name = ".veskadd." + std::to_string(::getpid());
+    const std::string name = ".member." + std::to_string(::getpid());
     (void)::unlinkat(folder_.get(), name.c_str(), 0); // of an earlier process with this number that was killed
     file_.reset(::openat(folder_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file_)

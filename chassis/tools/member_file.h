@@ -17,6 +17,8 @@ class member_file
 public:
     // Opens the destination folder and creates the temporary file in it. Throws image_error.
     explicit member_file(const std::string &destination);
+    // Likewise in a folder that is open already; destination tells its name in errors.
+    member_file(unique_fd folder, const std::string &destination);
     member_file(const member_file &) = delete;
     member_file &operator=(const member_file &) = delete;
     ~member_file();

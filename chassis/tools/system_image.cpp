@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "image_archive.h"
+#include "opened_image.h"
 
 namespace
 {
@@ -51,6 +52,18 @@ std::string compressed(const std::string &contents, const std::string &scratch)
     return read_whole_file(file.name());
 }
 
+// output: what the temporary files are named after.
+std::string core_plugin(const std::vector<shipped_bios> &images, const std::string &output)
+{
+    const temporary_file file(output + ".core_plugin");
+    archive_writer plugin = create_gzip_tar(file.name());
+    for (const shipped_bios &image : images)
+        write_member(plugin.get(), IMAGE_FOLDER + image.name,
+                     compressed(read_whole_file(image.path), output + ".gz"));
+    finish_archive(std::move(plugin), output);
+    return read_whole_file(file.name());
+}
+
 } // namespace
 
 std::string read_whole_file(const std::string &path)
@@ -86,24 +99,23 @@ shipped_bios parse_shipped_bios(const std::string &text)
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos || equals == 0 || equals + 1 == text.size())
         throw image_error(text + ": expected NAME=FILE");
-    const shipped_bios image = {text.substr(0, equals), text.substr(equals + 1)};
+    shipped_bios image = {text.substr(0, equals), text.substr(equals + 1)};
     if (image.name.find('/') != std::string::npos || image.name == "." || image.name == "..")
         throw image_error(image.name + ": is a name inside /vesk/bin, without a folder");
     return image;
 }
 
-void build_system_image(const std::string &output, const std::vector<shipped_bios> &images)
+void build_system_image(const std::string &output, const std::vector<shipped_bios> &images,
+                        const std::string &loader)
 {
-    const temporary_file plugin_file(output + ".core_plugin");
-    archive_writer plugin = create_gzip_tar(plugin_file.name());
-    for (const shipped_bios &image : images)
-        write_member(plugin.get(), IMAGE_FOLDER + image.name,
-                     compressed(read_whole_file(image.path), output + ".gz"));
-    finish_archive(std::move(plugin), output);
-
+    if (images.empty() && loader.empty())
+        throw image_error(output + ": would be empty; give it BIOS images or a boot loader");
     temporary_file system_file(output);
     archive_writer system = create_gzip_tar(system_file.name());
-    write_member(system.get(), CORE_PLUGIN, read_whole_file(plugin_file.name()));
+    if (!images.empty())
+        write_member(system.get(), CORE_PLUGIN, core_plugin(images, output));
+    if (!loader.empty())
+        write_member(system.get(), LOADER_MEMBER, read_whole_file(loader));
     finish_archive(std::move(system), output);
     system_file.commit();
 }

@@ -1,0 +1,11 @@
+// Points of time as text, UTC in the form of ISO 8601.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+std::string utc_now();              // "2026-01-31T23:59:59Z"
+std::string utc_now_microseconds(); // "2026-01-31T23:59:59.000001Z"
+
+// The longer form of nanoseconds since 1970-01-01.
+std::string utc_microseconds(std::uint64_t time_ns);
