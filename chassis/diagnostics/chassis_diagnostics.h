@@ -3,8 +3,8 @@
 //   slots/SLOT/history            ring of the last events of the card's processes
 //   slots/SLOT/debug/categories   names of the debug categories, one per line, written by the card's daemon
 //   slots/SLOT/debug/flags        categories that are switched on, words of one line; live
-//   slots/SLOT/debug/output       debug messages, one per line with the time
-//   slots/SLOT/syslog             syslog messages, one per line with the time
+//   slots/SLOT/debug/output       debug messages, one per line with the time; older ones in debug/output.1
+//   slots/SLOT/syslog             syslog messages, one per line with the time; older ones in syslog.1
 //   slots/SLOT/syslog_level       0 to 7: level of the syslog facility from the daemon's next start on
 #pragma once
 
@@ -29,6 +29,9 @@ struct chassis_history_event {
 
 // Words that the flags of a card may hold: "errors", "warnings", "info".
 const std::vector<std::string> &chassis_debug_flag_names();
+
+// Name below the chassis directory of the file that the flags of a card are in.
+std::string chassis_debug_flags_path(unsigned slot);
 
 // Reads the categories that are switched on; none when the card has no flags. Unknown words are left out.
 [[nodiscard]] std::vector<std::string> chassis_read_debug_flags(unsigned slot);

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
-#include <sstream>
 #include <sys/stat.h>
 
 #include "chassis_diagnostics.h"
@@ -20,7 +19,6 @@ namespace
 {
 
 constexpr std::uint32_t FIRST_CATEGORY = 100; // the categories have consecutive numbers, in the order of the names
-constexpr std::size_t FLAGS_FILE_LIMIT = 4096;
 constexpr std::size_t DEBUG_MESSAGE_BYTES = 1024;
 
 struct known_flags {
@@ -38,17 +36,6 @@ bool same_file(const struct stat &a, const struct stat &b)
            a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-std::string flags_path(unsigned slot)
-{
-    return chassis_slot_path(slot, "debug/flags");
-}
-
-bool is_flag_name(const std::string &name)
-{
-    const auto &names = chassis_debug_flag_names();
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 std::uint32_t read_mask(unsigned slot)
 {
     const auto &names = chassis_debug_flag_names();
@@ -63,7 +50,7 @@ std::uint32_t current_mask()
     const unsigned slot = chassis_own_slot();
     struct stat file {
     };
-    if (::fstatat(chassis_dir_fd(), flags_path(slot).c_str(), &file, 0) != 0) {
+    if (::fstatat(chassis_dir_fd(), chassis_debug_flags_path(slot).c_str(), &file, 0) != 0) {
         own_flags = {};
         return 0;
     }
@@ -73,39 +60,6 @@ std::uint32_t current_mask()
 }
 
 } // namespace
-
-const std::vector<std::string> &chassis_debug_flag_names()
-{
-    static const std::vector<std::string> names{"errors", "warnings", "info"};
-    return names;
-}
-
-std::vector<std::string> chassis_read_debug_flags(unsigned slot)
-{
-    std::vector<std::string> flags;
-    std::string content;
-    if (!chassis_read_file(flags_path(slot), content, FLAGS_FILE_LIMIT))
-        return flags;
-    std::istringstream words(content);
-    for (std::string word; words >> word;) {
-        if (is_flag_name(word) && std::find(flags.begin(), flags.end(), word) == flags.end())
-            flags.push_back(word);
-    }
-    return flags;
-}
-
-bool chassis_write_debug_flags(unsigned slot, const std::vector<std::string> &names)
-{
-    std::string line;
-    for (const std::string &name : names) {
-        if (!is_flag_name(name)) {
-            errno = EINVAL;
-            return false;
-        }
-        line += (line.empty() ? "" : " ") + name;
-    }
-    return make_slot_folder(slot, "debug") && chassis_write_file(flags_path(slot), line + "\n");
-}
 
 int32_t sdwrap_dbg_init(int32_t, const char *, const char *, uint32_t count, const char *const *names, uint32_t,
                         uint32_t, uint32_t)

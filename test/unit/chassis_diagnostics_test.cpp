@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -268,29 +269,44 @@ TEST_F(TurnedOver, FileIsFilledToTheLimitFirst)
 
 TEST_F(TurnedOver, ProcessesThatFindItFullTogetherLoseNoLine)
 {
+    constexpr unsigned ROUNDS = 25;
     constexpr unsigned CHILDREN = 4;
-    constexpr unsigned LINES = 200;
-    fill("debug/output", LINE_FILE_LIMIT_BYTES - 64 * CHILDREN * LINES / 2); // turned over in the midst of them
-    std::vector<pid_t> children;
-    for (unsigned child = 0; child < CHILDREN; ++child) {
-        children.push_back(::fork());
-        if (children.back() == 0) {
-            for (unsigned number = 0; number < LINES; ++number)
-                buginf("line %3u of %u, long enough to fill it", number, child);
-            ::_exit(0);
+    for (unsigned round = 0; round < ROUNDS; ++round) {
+        fill("debug/output", LINE_FILE_LIMIT_BYTES);
+        int gate[2];
+        ASSERT_EQ(0, ::pipe2(gate, O_CLOEXEC));
+        std::vector<pid_t> children;
+        for (unsigned child = 0; child < CHILDREN; ++child) {
+            children.push_back(::fork());
+            if (children.back() == 0) {
+                char byte = 0;
+                ::close(gate[1]);
+                (void)!::read(gate[0], &byte, 1);
+                buginf("of child");
+                ::_exit(0);
+            }
         }
+        ::close(gate[0]);
+        ::close(gate[1]); // all begin
+        for (const pid_t child : children)
+            ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+        ASSERT_GE(fs::file_size(slot_file("debug/output.1")), LINE_FILE_LIMIT_BYTES) << "the full file is lost";
+        std::uint64_t bytes = fs::file_size(slot_file("debug/output.1")) - LINE_FILE_LIMIT_BYTES;
+        if (has("debug/output"))
+            bytes += fs::file_size(slot_file("debug/output"));
+        ASSERT_EQ(bytes, CHILDREN * std::string("0000-00-00T00:00:00.000000Z of child\n").size());
     }
-    for (const pid_t child : children)
-        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
-    std::set<std::string> found;
-    for (const char *name : {"debug/output", "debug/output.1"}) {
-        for (const std::string &line : lines_of(name)) {
-            if (line.find("long enough") != std::string::npos)
-                found.insert(line.substr(line.find("line ")));
-        }
-    }
-    EXPECT_TRUE(has("debug/output.1"));
-    EXPECT_EQ(found.size(), CHILDREN * LINES);
+}
+
+TEST_F(TurnedOver, FileThatAnotherProcessHasTurnedOverIsLeftAlone)
+{
+    fill("syslog", LINE_FILE_LIMIT_BYTES);
+    const unique_fd full(::open(slot_file("syslog").c_str(), O_WRONLY | O_CLOEXEC));
+    fs::rename(slot_file("syslog"), slot_file("syslog.1"));
+    put("syslog", "fresh");
+    turn_over_line_file("slots/5/syslog", full.get());
+    EXPECT_EQ("fresh", content_of("syslog"));
+    EXPECT_EQ(fs::file_size(slot_file("syslog.1")), LINE_FILE_LIMIT_BYTES);
 }
 
 TEST_F(TurnedOver, FileThatCannotBeTurnedOverGoesOn)
