@@ -99,9 +99,10 @@ const test_image &new_image()
 std::string shipped_name(unsigned card_id)
 {
     static const std::map<unsigned, std::string> names = {
-        {90, "bios-x86n.bin.gz"},           {106, "bios-x86n-o2.bin.gz"},       {107, "bios-x86n-o2-qel.bin.gz"},
-        {183, "bios-x86n-tarvik-a.bin.gz"}, {314, "bios-x86n-tarvik-f.bin.gz"}, {316, "bios-x86n-tarvik-g.bin.gz"},
-        {318, "bios-x86n-tarvik-h.bin.gz"},
+        {90, "bios-x86n.bin.gz"},           {106, "bios-x86n-o2.bin.gz"},
+        {107, "bios-x86n-o2-qel.bin.gz"},   {183, "bios-x86n-tarvik-a.bin.gz"},
+        {314, "bios-x86n-tarvik-f.bin.gz"}, {316, "bios-x86n-tarvik-g.bin.gz"},
+        {318, "bios-x86n-tarvik-h.bin.gz"}, {282, "bios-x86n-tarvik-a_cr.bin.gz"},
     };
     return names.at(card_id);
 }
