@@ -154,6 +154,7 @@ void take_sources(card &asked, const request_answer &answer)
 void ask_for_sources(const std::vector<card *> &cards, unsigned timeout_s)
 {
     std::vector<daemon_query> queries;
+    queries.reserve(cards.size());
     for (const card *asked : cards)
         queries.push_back({asked->node(), MTS_OPC_BIOS_GET_SRC_BIOS_VERSION,
                            encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES), timeout_s,
@@ -228,6 +229,7 @@ std::string source_for(const std::vector<flash_versions> &flashes, std::size_t k
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s)
 {
     std::vector<card> cards;
+    cards.reserve(modules.size());
     for (const unsigned module : modules)
         cards.push_back({.module = module});
 

@@ -24,22 +24,29 @@ bool slot_is_supervisor(unsigned slot)
     return kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
 }
 
-bool has_inventory()
+bool is_usable(std::string &problem_out)
 {
-    return chassis_dir_fd() >= 0 && ::faccessat(chassis_dir_fd(), "inventory", X_OK, 0) == 0;
+    if (chassis_dir_fd() < 0 || ::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) != 0)
+        return false;
+    problem_out = chassis_folder_problem(".");
+    return problem_out.empty();
 }
 
 } // namespace
 
-bool open_chassis(const std::string &dir, std::string &where_out)
+bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out)
 {
     if (dir.empty() && chassis_dir_fd() >= 0) {
         const char *path = std::getenv(CHASSIS_ENV_DIR);
         where_out = path != nullptr ? path : "the directory of this card";
-        return has_inventory();
+        return is_usable(problem_out);
     }
     where_out = dir.empty() ? DEFAULT_CHASSIS_DIR : dir;
-    return chassis_attach(where_out, 0) == 0 && has_inventory();
+    if (chassis_attach(where_out, 0) == 0)
+        return is_usable(problem_out);
+    if (errno == EACCES)
+        problem_out = "it is closed to this user";
+    return false;
 }
 
 bool module_exists(unsigned module)
@@ -56,6 +63,19 @@ std::vector<unsigned> modules_of_chassis()
             modules.push_back(module);
     }
     return modules;
+}
+
+std::vector<unsigned> modules_named(const std::vector<unsigned> &named)
+{
+    std::vector<unsigned> modules = named.empty() ? modules_of_chassis() : named;
+    std::sort(modules.begin(), modules.end());
+    modules.erase(std::unique(modules.begin(), modules.end()), modules.end());
+    return modules;
+}
+
+std::uint32_t card_id_of(unsigned module)
+{
+    return chassis_read_value(chassis_inventory_path(module, "card_id"), 0);
 }
 
 std::uint32_t node_of_module(unsigned module)
@@ -84,6 +104,5 @@ std::optional<unsigned> active_supervisor()
 
 bool slot_programs_one_module_only(unsigned slot)
 {
-    const std::uint32_t card_id = chassis_read_value(chassis_inventory_path(slot, "card_id"), 0);
-    return std::ranges::find(ONE_MODULE_CARD_IDS, card_id) != ONE_MODULE_CARD_IDS.end();
+    return std::ranges::find(ONE_MODULE_CARD_IDS, card_id_of(slot)) != ONE_MODULE_CARD_IDS.end();
 }

@@ -8,14 +8,21 @@
 
 // Makes this process a tool of a chassis.
 //   dir  path of the chassis directory; empty: the environment's, else ./chassis.d
-// false when there is no chassis; where_out tells where it was looked for.
-[[nodiscard]] bool open_chassis(const std::string &dir, std::string &where_out);
+// false when there is no chassis; where_out tells where it was looked for. problem_out is empty then, or says why
+// one that is there is not used: another user has a hand in it.
+[[nodiscard]] bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out);
 
 // Whether a card is entered for a module number (1..232).
 bool module_exists(unsigned module);
 
 // The module numbers that a card is entered for, in order.
 std::vector<unsigned> modules_of_chassis();
+
+// The modules that a command line named, or all of the chassis when it named none: in order, each once.
+std::vector<unsigned> modules_named(const std::vector<unsigned> &named);
+
+// Hardware card id of a module; 0 when none is entered.
+std::uint32_t card_id_of(unsigned module);
 
 // Node of a module's daemon: module * 256 + 1 on a supervisor, module * 256 + 2 on any other card.
 std::uint32_t node_of_module(unsigned module);

@@ -63,10 +63,10 @@ std::string failure_text(const outcome &end, bool json)
 
 int print_outcome(const outcome &end, bool json)
 {
-    if (json)
-        (void)std::fputs(json_text(end).c_str(), stdout);
-    else
+    if (!json)
         print_text(end);
+    else if (!end.json.is_null())
+        (void)std::fputs(json_text(end).c_str(), stdout);
     // Success that could not be told is none.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;

@@ -10,9 +10,9 @@
 
 struct outcome {
     exit_code exit = EXIT_DONE;
-    std::string message;         // for people; lines without the last newline
-    nlohmann::ordered_json json; // for programs; an object
-    std::string report = {};     // for people, on standard output however the command ended; lines as in message
+    std::string message = {};         // for people; lines without the last newline
+    nlohmann::ordered_json json = {}; // for programs; an object, or null when the command has told all while it ran
+    std::string report = {}; // for people, on standard output however the command ended; lines as in message
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.

@@ -75,26 +75,32 @@ outcome report_refused(const program_subject &subject, std::uint32_t node, std::
     return refused;
 }
 
-// Told by the handler of Ctrl-C while the answer to the request is waited for.
-std::string last_words(bool json)
+outcome interrupted_before_answer()
 {
-    const outcome end = failure(EXIT_INTERRUPTED,
-                                "interrupted before the answer came; the card may take the request yet and program",
-                                "look at it with: chassis status");
-    return failure_text(end, json);
+    return failure(EXIT_INTERRUPTED,
+                   "interrupted before the answer came; the card may take the request yet and program",
+                   "look at it with: chassis status");
 }
 
-request_answer send_request(client_endpoint &endpoint, std::uint32_t node, const program_options &options,
-                            bool json)
+// The body names the module that is programmed: the daemon hands it on as it is, and sends it to the module that
+// it names.
+request_answer send_request(client_endpoint &endpoint, const program_subject &subject, program_options options)
 {
-    const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO, last_words(json));
-    return endpoint.request(node, MTS_OPC_BIOS_PROGRAMMING_START, encode_program_request(options),
-                            ANSWER_WAIT_LIMIT_S);
+    options.module = subject.programmed_module;
+    return endpoint.request(node_of_module(subject.serving_slot), MTS_OPC_BIOS_PROGRAMMING_START,
+                            encode_program_request(options), ANSWER_WAIT_LIMIT_S);
 }
 
 } // namespace
 
 outcome run_program(const program_options &options, bool json)
+{
+    catch_interrupt();
+    return program_module(options, json ? STDOUT_FILENO : STDERR_FILENO,
+                          [json](const outcome &end) { return failure_text(end, json); });
+}
+
+outcome program_module(const program_options &options, int fd, const last_words_text &last_words)
 {
     const serving_slot serving = find_serving_slot(options.module, options.via);
     if (!serving.slot)
@@ -107,9 +113,11 @@ outcome run_program(const program_options &options, bool json)
     client_endpoint endpoint;
     if (!endpoint.bound() || !endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY))
         return no_endpoint_failure();
-    catch_interrupt();
     const daemon_probe daemon(node);
-    const request_answer answer = send_request(endpoint, node, options, json);
+    const request_answer answer = [&] {
+        const interrupt_ends_process guard(fd, last_words(interrupted_before_answer()));
+        return send_request(endpoint, subject, options);
+    }();
     if (!answer.answered)
         return no_answer_failure(slot, answer.error);
     if (answer.status != BIOS_OK)

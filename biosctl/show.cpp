@@ -13,22 +13,12 @@ namespace
 // Reading the version in an image takes a few seconds; a daemon may be busy with something else first.
 constexpr unsigned DEFAULT_TIMEOUT_S = 30;
 
-// In order, each once.
-std::vector<unsigned> modules_of(const show_options &options)
-{
-    std::vector<unsigned> modules = options.modules.empty() ? modules_of_chassis() : options.modules;
-    std::ranges::sort(modules);
-    const auto repeated = std::ranges::unique(modules);
-    modules.erase(repeated.begin(), repeated.end());
-    return modules;
-}
-
 } // namespace
 
 outcome run_show(const show_options &options, bool json)
 {
-    const std::vector<unsigned> modules = modules_of(options);
-    const auto missing = std::ranges::find_if_not(modules, module_exists);
+    const std::vector<unsigned> modules = modules_named(options.modules);
+    const auto missing = std::find_if_not(modules.begin(), modules.end(), module_exists);
     if (missing != modules.end())
         return no_module_failure(*missing);
     const serving_slot serving = find_serving_slot(options.via);

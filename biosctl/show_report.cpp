@@ -125,6 +125,14 @@ std::string version_table(const std::vector<card_report> &cards)
     return text;
 }
 
+nlohmann::ordered_json json_of_cards(const std::vector<card_report> &cards)
+{
+    nlohmann::ordered_json array = nlohmann::ordered_json::array();
+    for (const card_report &card : cards)
+        array.push_back(json_of_card(card));
+    return array;
+}
+
 outcome report_versions(const chassis_report &versions, show_kind kind, bool serving_tells_one_module)
 {
     std::size_t flashes = 0;
@@ -142,10 +150,8 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
     told.json = {{"command", kind == show_kind::audit ? "audit" : "show"},
                  {"serving_slot", versions.serving_slot},
                  {"all_in_step", in_step == flashes},
-                 {"cards", nlohmann::ordered_json::array()},
+                 {"cards", json_of_cards(versions.cards)},
                  {"notes", notes}};
-    for (const card_report &card : versions.cards)
-        told.json["cards"].push_back(json_of_card(card));
     if (kind == show_kind::audit) {
         told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
         told.message =

@@ -7,6 +7,8 @@
 #include <thread>
 
 #include "bios_opcodes.h"
+#include "chassis_dir.h"
+#include "flash_progress_file.h"
 #include "mts.h"
 
 namespace
@@ -28,12 +30,14 @@ void flash_progress::report(const flash_progress_span &span, std::uint32_t done,
     const std::uint64_t share = std::uint64_t{span.last_percent - span.first_percent} * done / total;
     const std::uint32_t percent =
         std::min(span.first_percent + static_cast<std::uint32_t>(share), PERCENT_DONE - 1);
+    flash_progress_note(chassis_own_slot(), instance_, span.phase, percent, attempt_);
     if (is_news(percent))
         (void)send(span.phase, percent); // the next percentage comes soon
 }
 
 void flash_progress::report_done()
 {
+    flash_progress_note(chassis_own_slot(), instance_, BIOS_PHASE_VERIFY, PERCENT_DONE, attempt_);
     if (!is_news(PERCENT_DONE))
         return;
     // The requester takes a programming without this message for one that did nothing.

@@ -2,7 +2,8 @@
 //
 // Percentages grow over the whole request, also across attempts: the highest one told is kept in the progress area
 // that the caller lends (word 0: the percentage plus one, 0 for none), and a later attempt is silent until it gets
-// further. 100 is told by report_done() only, when the flash is known to be whole.
+// further. 100 is told by report_done() only, when the flash is known to be whole. What each attempt does is left
+// in the flash's file `progress` as well, for watchers.
 #pragma once
 
 #include <cstdint>
@@ -20,12 +21,14 @@ struct flash_progress_span {
 class flash_progress
 {
 public:
+    //   instance           flash of this card that is programmed; it is open for writing when report is called
     //   handle, node, sap  own endpoint, and whom to tell
     //   area               lent by the caller for the whole request; null: the percentages are those of this
     //                      attempt alone
-    flash_progress(std::int32_t handle, std::uint32_t node, std::uint32_t sap, std::uint32_t attempt,
-                   bios_flash_progress_area_t *area)
-        : handle_(handle),
+    flash_progress(std::uint32_t instance, std::int32_t handle, std::uint32_t node, std::uint32_t sap,
+                   std::uint32_t attempt, bios_flash_progress_area_t *area)
+        : instance_(instance),
+          handle_(handle),
           node_(node),
           sap_(sap),
           attempt_(attempt),
@@ -46,6 +49,7 @@ private:
     bool is_news(std::uint32_t percent) const { return percent + 1 > area_->word[0]; }
     bool send(bios_programming_phase phase, std::uint32_t percent);
 
+    std::uint32_t instance_;
     std::int32_t handle_;
     std::uint32_t node_;
     std::uint32_t sap_;

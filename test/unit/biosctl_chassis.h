@@ -91,6 +91,17 @@ public:
         const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(msg_));
         return {payload + MTS_REQUEST_HEADER_BYTES, payload + chassis_mts_payload_length(msg_)};
     }
+    // Any request; its opcode.
+    std::uint32_t receive_any(std::vector<std::uint8_t> &body_out)
+    {
+        std::uint32_t options[MTS_RECV_OPTION_WORDS] = {1, 0, 60};
+        if (mts_recv(handle_, &msg_, options) != 0)
+            ::_exit(73);
+        (void)mts_saddr_get(msg_, &requester_);
+        const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(msg_));
+        body_out.assign(payload + MTS_REQUEST_HEADER_BYTES, payload + chassis_mts_payload_length(msg_));
+        return mts_opc_get(msg_);
+    }
     void answer(std::uint32_t status, const void *payload = "\0\0\0", std::uint32_t length = 4)
     {
         (void)cmi_response(payload, length, handle_, msg_, status);
@@ -229,6 +240,16 @@ public:
     {
         return read_until([&] { return text_[1].find(text) != std::string::npos; });
     }
+    // The same for standard output.
+    bool wait_for_output(const std::string &text)
+    {
+        return wait_for_output([&](const std::string &output) { return output.find(text) != std::string::npos; });
+    }
+    bool wait_for_output(const std::function<bool(const std::string &)> &enough)
+    {
+        return read_until([&] { return enough(text_[0]); });
+    }
+    void close_output() { streams_[0].reset(); }
     void signal(int number) const { ::kill(pid_, number); }
 
     // Waits for the end; the exit code, or -1 when it did not end in time or not by itself.

@@ -1,0 +1,235 @@
+#include "sync.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <unistd.h>
+
+#include "interrupt.h"
+#include "inventory.h"
+#include "lock_holders.h"
+#include "serving_slot.h"
+#include "show_report.h"
+
+namespace
+{
+
+// As in show: reading the version in an image takes a few seconds.
+constexpr unsigned DEFAULT_TIMEOUT_S = 30;
+
+struct subject {
+    unsigned serving_slot;
+    std::vector<unsigned> modules; // in order, each once
+};
+
+sync_role role_of(unsigned module, unsigned serving_slot)
+{
+    if (module == serving_slot)
+        return sync_role::active;
+    return slot_is_standby(module) ? sync_role::standby : sync_role::other;
+}
+
+// What a standby supervisor gets depends on the active one's image: that one is asked, too.
+std::vector<unsigned> modules_to_ask(const subject &of)
+{
+    std::vector<unsigned> modules = of.modules;
+    const bool standby = std::any_of(modules.begin(), modules.end(), slot_is_standby);
+    if (standby && std::find(modules.begin(), modules.end(), of.serving_slot) == modules.end())
+        modules.push_back(of.serving_slot);
+    return modules;
+}
+
+std::string interrupted_text(const std::string &what, bool json)
+{
+    return failure_text(failure(EXIT_INTERRUPTED, what, "look at the cards with: biosctl show"), json);
+}
+
+bool is_named(const subject &of, unsigned module)
+{
+    return std::find(of.modules.begin(), of.modules.end(), module) != of.modules.end();
+}
+
+//   error_out  0, or why the serving daemon could not be asked at all; then nothing is seen
+sync_view look(const subject &of, const sync_options &options, int &error_out)
+{
+    const chassis_report versions =
+        collect_versions(of.serving_slot, modules_to_ask(of), options.timeout_s.value_or(DEFAULT_TIMEOUT_S));
+    error_out = versions.serving_error;
+    if (error_out != 0)
+        return {};
+    std::vector<sync_card> cards;
+    cards.reserve(versions.cards.size());
+    for (const card_report &card : versions.cards)
+        cards.push_back({card, role_of(card.module, of.serving_slot), card_id_of(card.module)});
+    sync_rules rules{.allow_older = options.allow_older};
+    if (slot_programs_one_module_only(of.serving_slot))
+        rules.only_module = ONLY_MODULE_OF_SUCH_SLOTS;
+    sync_view view{.plan = plan_sync(std::move(cards), rules), .cards = versions.cards};
+    std::erase_if(view.plan, [&](const sync_step &step) { return !is_named(of, step.module); });
+    std::erase_if(view.cards, [&](const card_report &card) { return !is_named(of, card.module); });
+    return view;
+}
+
+std::size_t count_of(const std::vector<sync_step> &plan, sync_action action)
+{
+    return static_cast<std::size_t>(
+        std::count_if(plan.begin(), plan.end(), [&](const sync_step &step) { return step.action == action; }));
+}
+
+bool any_to_program(const std::vector<sync_step> &plan)
+{
+    return std::any_of(plan.begin(), plan.end(),
+                       [](const sync_step &step) { return has_to_be_programmed(step.action); });
+}
+
+bool all_in_step(const std::vector<sync_step> &plan)
+{
+    return std::all_of(plan.begin(), plan.end(), [](const sync_step &step) { return is_in_step(step.action); });
+}
+
+std::string in_step_text(const std::vector<sync_step> &plan)
+{
+    const std::size_t pending = count_of(plan, sync_action::reboot_pending);
+    if (pending == 0)
+        return "all in step";
+    return "all in step (reboot pending: " + std::to_string(pending) +
+           ")\n  next: reboot the cards for the new BIOS to take effect";
+}
+
+// The modules that are not in step, and what may help.
+std::string out_of_step_text(const std::vector<sync_step> &plan)
+{
+    std::string modules;
+    for (const sync_step &step : plan) {
+        if (!is_in_step(step.action))
+            modules += (modules.empty() ? "" : ", ") + std::to_string(step.module);
+    }
+    std::string text = "not in step: module " + modules;
+    if (count_of(plan, sync_action::left_newer) > 0)
+        text += "\n  next: biosctl sync --allow-older programs an older image, too";
+    return text;
+}
+
+std::string first_line(const std::string &text)
+{
+    return text.substr(0, text.find('\n'));
+}
+
+nlohmann::ordered_json json_head(unsigned serving_slot, const std::vector<sync_step> &plan, bool dry_run)
+{
+    return {{"command", "sync"}, {"serving_slot", serving_slot}, {"dry_run", dry_run}, {"plan", plan_json(plan)}};
+}
+
+outcome report_busy(unsigned serving_slot, bool readable)
+{
+    outcome told = failure(readable ? EXIT_BUSY : EXIT_FAILED,
+                           readable ? "not begun: a programming runs in the chassis"
+                                    : "not begun: the module locks cannot be read, and with them whether a "
+                                      "programming runs",
+                           readable ? "try again when it has ended (chassis status)"
+                                    : "check that the chassis directory is yours");
+    told.json["command"] = "sync";
+    told.json["serving_slot"] = serving_slot;
+    return told;
+}
+
+outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const sync_options &options, bool json)
+{
+    std::vector<series_step> steps;
+    for (const sync_step &step : plan) {
+        if (has_to_be_programmed(step.action))
+            steps.push_back({step.module, step.shipped});
+    }
+    if (!json) {
+        (void)std::printf("%s\n", plan_text(plan).c_str());
+        (void)std::fflush(stdout); // it comes before the progress where both streams are one
+    }
+    const auto results = run_series(
+        steps,
+        {.serving_slot = of.serving_slot,
+         .keep_going = options.keep_going,
+         .json = json,
+         .version_timeout_s = options.timeout_s.value_or(DEFAULT_TIMEOUT_S)},
+        [&](const std::vector<series_result> &so_far) { return report_sync(of.serving_slot, plan, so_far, {}); });
+    if (series_exit(results) == EXIT_INTERRUPTED)
+        return report_sync(of.serving_slot, plan, results, {});
+    const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,
+                                       interrupted_text("interrupted before the versions were read again", json));
+    int error = 0;
+    return report_sync(of.serving_slot, plan, results, look(of, options, error));
+}
+
+} // namespace
+
+outcome report_plan(unsigned serving_slot, const std::vector<sync_step> &plan, bool dry_run)
+{
+    outcome told{.json = json_head(serving_slot, plan, dry_run), .report = plan_text(plan)};
+    told.json["all_in_step"] = all_in_step(plan);
+    told.json["reboot_pending"] = count_of(plan, sync_action::reboot_pending);
+    if (count_of(plan, sync_action::left_busy) > 0) {
+        told.exit = EXIT_BUSY;
+        told.message = "not begun: a programming runs in the chassis\n  next: try again when it has ended";
+    } else if (any_to_program(plan)) {
+        told.message = "nothing was programmed (--dry-run)";
+    } else if (all_in_step(plan)) {
+        told.exit = EXIT_NOTHING_TO_DO;
+        told.message = "nothing to do: " + in_step_text(plan);
+    } else {
+        told.exit = EXIT_FAILED;
+        told.message = out_of_step_text(plan);
+    }
+    if (told.exit != EXIT_DONE && told.exit != EXIT_NOTHING_TO_DO)
+        told.json["error"] = first_line(told.message);
+    return told;
+}
+
+outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
+                    const std::vector<series_result> &results, const sync_view &after)
+{
+    const bool seen = !after.plan.empty();
+    const bool in_step = seen && all_in_step(after.plan);
+    outcome told{.exit = series_exit(results), .json = json_head(serving_slot, plan, false)};
+    told.report = series_table(results);
+    if (seen)
+        told.report += "\n" + version_table(after.cards);
+    if (told.exit == EXIT_DONE || told.exit == EXIT_NOTHING_TO_DO)
+        told.exit = in_step ? EXIT_DONE : EXIT_FAILED;
+    if (!seen)
+        told.message = "not in step, as far as is known: the versions were not read again";
+    else
+        told.message = in_step ? in_step_text(after.plan) : out_of_step_text(after.plan);
+    told.json["programmed"] = series_json(results);
+    told.json["cards"] = json_of_cards(after.cards);
+    told.json["all_in_step"] = in_step;
+    told.json["reboot_pending"] = count_of(after.plan, sync_action::reboot_pending);
+    if (told.exit != EXIT_DONE)
+        told.json["error"] = first_line(told.message);
+    return told;
+}
+
+outcome run_sync(const sync_options &options, bool json)
+{
+    subject of{.serving_slot = 0, .modules = modules_named(options.modules)};
+    const auto missing = std::find_if_not(of.modules.begin(), of.modules.end(), module_exists);
+    if (missing != of.modules.end())
+        return no_module_failure(*missing);
+    const serving_slot serving = find_serving_slot(std::nullopt);
+    if (!serving.slot)
+        return serving.problem;
+    of.serving_slot = *serving.slot;
+    if (const programming_locks locks = find_programming(); !locks.readable || locks.any)
+        return report_busy(of.serving_slot, locks.readable);
+
+    catch_interrupt();
+    int error = 0;
+    const std::vector<sync_step> plan = [&] {
+        const interrupt_ends_process guard(
+            json ? STDOUT_FILENO : STDERR_FILENO,
+            interrupted_text("interrupted before the versions were known; nothing was programmed", json));
+        return look(of, options, error).plan;
+    }();
+    if (error != 0)
+        return no_answer_failure(of.serving_slot, error);
+    if (options.dry_run || !any_to_program(plan) || count_of(plan, sync_action::left_busy) > 0)
+        return report_plan(of.serving_slot, plan, options.dry_run);
+    return carry_out(of, plan, options, json);
+}

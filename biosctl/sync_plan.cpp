@@ -1,0 +1,176 @@
+#include "sync_plan.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace
+{
+
+struct action_row {
+    sync_action action;
+    const char *text;
+};
+
+// From what matters least about a card with several flashes to what decides about it.
+constexpr action_row ROWS[] = {
+    {sync_action::in_step, "none: in step"},
+    {sync_action::reboot_pending, "none: reboot pending"},
+    {sync_action::program_newer, "program: update"},
+    {sync_action::program_older, "program: older"},
+    {sync_action::program_no_version, "program: flash has no version"},
+    {sync_action::left_newer, "left: newer than shipped"},
+    {sync_action::left_no_way, "left: no way to bring an image"},
+    {sync_action::left_unknown, "left: unknown"},
+    {sync_action::left_unreachable, "left: unreachable"},
+    {sync_action::left_busy, "left: being programmed"},
+};
+
+constexpr std::size_t VERSION_COLUMNS = 17; // "v10.5.0(09/17/12)"
+constexpr std::size_t LINE_BYTES = 81;      // a line of a terminal
+
+bool is_told(const flash_report &flash)
+{
+    return !flash.label.empty() || !flash.facts.flash.empty() || !flash.facts.running.empty();
+}
+
+sync_action judge_flash(const flash_report &flash, const sync_rules &rules)
+{
+    const version_facts &facts = flash.facts;
+    if (facts.being_programmed)
+        return sync_action::left_busy;
+    if (!facts.reachable)
+        return sync_action::left_unreachable;
+    const auto shipped = parse_version(facts.source);
+    if (!is_told(flash) || !shipped)
+        return sync_action::left_unknown;
+    const auto held = parse_version(facts.flash);
+    if (!held)
+        return sync_action::program_no_version;
+    if (shipped->number > held->number)
+        return sync_action::program_newer;
+    if (shipped->number < held->number)
+        return rules.allow_older ? sync_action::program_older : sync_action::left_newer;
+    return parse_version(facts.running) == held ? sync_action::in_step : sync_action::reboot_pending;
+}
+
+// Why the active supervisor cannot bring the image to a card; empty when it can.
+std::string obstacle(const sync_card &card, const sync_step &step, const sync_card *active, const sync_rules &rules)
+{
+    if (rules.only_module && card.versions.module != *rules.only_module)
+        return "the active supervisor programs module " + std::to_string(*rules.only_module) +
+               " whatever module it is asked for";
+    if (card.role == sync_role::other)
+        return "the active supervisor hands an image to the standby supervisor only; this card programs the one "
+               "that it finds as /bootflash/.tmpbios.bin";
+    if (card.role == sync_role::active || active == nullptr || active->card_id != card.card_id)
+        return {};
+    // A card of the same kind gets the image of the active supervisor's own tree.
+    const auto brought = parse_version(active->versions.flashes.front().facts.source);
+    const auto shipped = parse_version(step.shipped);
+    if (brought && shipped && brought->number != shipped->number)
+        return "the active supervisor would bring " + active->versions.flashes.front().facts.source +
+               " of its image tree, and not " + step.shipped;
+    return {};
+}
+
+sync_step plan_card(const sync_card &card, const sync_card *active, const sync_rules &rules)
+{
+    sync_step step{.module = card.versions.module, .action = sync_action::in_step};
+    for (const flash_report &flash : card.versions.flashes) {
+        const sync_action action = judge_flash(flash, rules);
+        if (action < step.action || (action == step.action && &flash != &card.versions.flashes.front()))
+            continue;
+        step.action = action;
+        step.flash = flash.facts.flash;
+        step.shipped = flash.facts.source;
+    }
+    if (has_to_be_programmed(step.action)) {
+        if (const std::string why = obstacle(card, step, active, rules); !why.empty()) {
+            step.action = sync_action::left_no_way;
+            step.reasons.push_back(why);
+        }
+    } else if (!is_in_step(step.action)) {
+        step.reasons = card.versions.reasons;
+    }
+    return step;
+}
+
+std::string cell(const std::string &text)
+{
+    if (text.empty())
+        return "-";
+    return text.size() <= VERSION_COLUMNS ? text : text.substr(0, VERSION_COLUMNS - 1) + "~";
+}
+
+std::string line_of(const std::string &module, const std::string &flash, const std::string &shipped,
+                    const std::string &action)
+{
+    const int width = VERSION_COLUMNS;
+    char line[LINE_BYTES];
+    (void)std::snprintf(line, sizeof line, "%-6s  %-*s  %-*s  %s", module.c_str(), width, flash.c_str(), width,
+                        shipped.c_str(), action.c_str());
+    return line;
+}
+
+nlohmann::ordered_json text_or_null(const std::string &text)
+{
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
+} // namespace
+
+bool has_to_be_programmed(sync_action action)
+{
+    return action == sync_action::program_newer || action == sync_action::program_older ||
+           action == sync_action::program_no_version;
+}
+
+bool is_in_step(sync_action action)
+{
+    return action == sync_action::in_step || action == sync_action::reboot_pending;
+}
+
+std::vector<sync_step> plan_sync(std::vector<sync_card> cards, const sync_rules &rules)
+{
+    std::stable_sort(cards.begin(), cards.end(),
+                     [](const sync_card &a, const sync_card &b) { return a.role < b.role; });
+    const auto active = std::find_if(cards.begin(), cards.end(),
+                                     [](const sync_card &card) { return card.role == sync_role::active; });
+    std::vector<sync_step> plan;
+    plan.reserve(cards.size());
+    for (const sync_card &card : cards)
+        plan.push_back(plan_card(card, active != cards.end() ? &*active : nullptr, rules));
+    return plan;
+}
+
+const char *action_text(sync_action action)
+{
+    return ROWS[static_cast<std::size_t>(action)].text;
+}
+
+std::string plan_text(std::span<const sync_step> plan)
+{
+    std::string text = line_of("MODULE", "FLASH", "SHIPPED", "ACTION");
+    for (const sync_step &step : plan)
+        text += "\n" + line_of(std::to_string(step.module), cell(step.flash), cell(step.shipped),
+                               action_text(step.action));
+    for (const sync_step &step : plan) {
+        for (const std::string &reason : step.reasons)
+            text += "\nmodule " + std::to_string(step.module) + ": " + reason;
+    }
+    return text;
+}
+
+nlohmann::ordered_json plan_json(std::span<const sync_step> plan)
+{
+    nlohmann::ordered_json array = nlohmann::ordered_json::array();
+    for (const sync_step &step : plan)
+        array.push_back({{"module", step.module},
+                         {"action", action_text(step.action)},
+                         {"program", has_to_be_programmed(step.action)},
+                         {"in_step", is_in_step(step.action)},
+                         {"flash", text_or_null(step.flash)},
+                         {"shipped", text_or_null(step.shipped)},
+                         {"reasons", step.reasons}});
+    return array;
+}

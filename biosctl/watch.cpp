@@ -1,0 +1,235 @@
+// The loop of the watch, and its screen. On a terminal the table is drawn over itself; each drawing is one write
+// that hides the cursor at its beginning and shows it at its end, so that nothing has to be restored however it is
+// left.
+#include "watch.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "chassis_dir.h"
+#include "interrupt.h"
+#include "inventory.h"
+#include "serving_slot.h"
+#include "watch_report.h"
+
+namespace
+{
+
+using steady = std::chrono::steady_clock;
+
+constexpr watch_space USUAL_TERMINAL = {.columns = 80, .lines = 24};
+constexpr const char *HIDE_CURSOR = "\033[?25l";
+constexpr const char *SHOW_CURSOR = "\033[?25h";
+constexpr const char *CLEAR_LINE_END = "\033[K";
+constexpr const char *CLEAR_BELOW = "\033[J";
+
+std::atomic<bool> continued{false};
+
+void on_continue(int)
+{
+    continued = true;
+}
+
+void catch_continue()
+{
+    struct sigaction action {
+    };
+    action.sa_handler = on_continue;
+    action.sa_flags = SA_RESTART;
+    (void)::sigaction(SIGCONT, &action, nullptr);
+}
+
+watch_space terminal_space(int fd)
+{
+    winsize size{};
+    if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return USUAL_TERMINAL;
+    return {size.ws_col, size.ws_row};
+}
+
+// false when it could not be written whole; errno tells why, EINTR after Ctrl-C.
+bool put(int fd, const std::string &text)
+{
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
+        if (wrote < 0 && (errno != EINTR || interrupted()))
+            return false;
+        done += static_cast<std::size_t>(std::max<ssize_t>(wrote, 0));
+    }
+    return true;
+}
+
+std::string json_line(const watch_snapshot &snapshot)
+{
+    return watch_json(snapshot).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+std::string block_of(const std::vector<std::string> &lines)
+{
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + "\n";
+    return text;
+}
+
+class watch_screen
+{
+public:
+    watch_screen(int fd, bool json, bool once)
+        : fd_(fd),
+          json_(json),
+          once_(once),
+          in_place_(!json && !once && ::isatty(fd) == 1)
+    {
+    }
+
+    // false with errno when the output cannot be written.
+    bool show(const watch_snapshot &snapshot);
+
+    // What the shell prints next begins on a line of its own, behind the terminal's "^C".
+    void leave() const
+    {
+        if (in_place_ && interrupted())
+            (void)put(fd_, "\n");
+    }
+
+private:
+    bool draw(const watch_snapshot &snapshot);
+    bool print(const watch_snapshot &snapshot);
+    std::string text_of(const watch_snapshot &snapshot) const;
+
+    int fd_;
+    bool json_;
+    bool once_;
+    bool in_place_;
+    std::optional<watch_snapshot> shown_;
+    std::size_t drawn_lines_ = 0;
+    unsigned drawn_columns_ = 0;
+};
+
+bool watch_screen::show(const watch_snapshot &snapshot)
+{
+    const bool done = in_place_ ? draw(snapshot) : print(snapshot);
+    shown_ = snapshot;
+    return done;
+}
+
+bool watch_screen::draw(const watch_snapshot &snapshot)
+{
+    const watch_space space = terminal_space(fd_);
+    // After a stop the shell has written below, and another width has wrapped what stood there.
+    if (continued.exchange(false) || space.columns != drawn_columns_)
+        drawn_lines_ = 0;
+    const std::vector<std::string> lines = watch_lines(snapshot, space);
+    std::string text = HIDE_CURSOR;
+    if (drawn_lines_ > 0)
+        text += "\r\033[" + std::to_string(drawn_lines_) + "A";
+    for (const std::string &line : lines)
+        text += line + CLEAR_LINE_END + "\n";
+    text += std::string(CLEAR_BELOW) + SHOW_CURSOR;
+    drawn_lines_ = lines.size();
+    drawn_columns_ = space.columns;
+    return put(fd_, text);
+}
+
+bool watch_screen::print(const watch_snapshot &snapshot)
+{
+    return (shown_ && !snapshot.differs_from(*shown_)) || put(fd_, text_of(snapshot));
+}
+
+std::string watch_screen::text_of(const watch_snapshot &snapshot) const
+{
+    if (json_)
+        return json_line(snapshot);
+    if (once_) {
+        const bool terminal = ::isatty(fd_) == 1;
+        const watch_space as_long_as_needed = {terminal_space(fd_).columns, ~0U};
+        return block_of(watch_lines(snapshot, terminal ? std::optional(as_long_as_needed) : std::nullopt));
+    }
+    const std::string gap = shown_ ? "\n" : "";
+    return gap + block_of(watch_lines(shown_ ? changed_rows(*shown_, snapshot) : snapshot, std::nullopt));
+}
+
+// Waits, unless Ctrl-C has come or comes. false when the reader of the output has gone.
+bool wait_before_next(int fd, std::chrono::milliseconds how_long)
+{
+    sigset_t interrupt, before;
+    (void)sigemptyset(&interrupt);
+    (void)sigaddset(&interrupt, SIGINT);
+    (void)::sigprocmask(SIG_BLOCK, &interrupt, &before);
+    pollfd output = {fd, 0, 0};
+    if (!interrupted()) {
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(how_long);
+        const std::chrono::nanoseconds rest = how_long - seconds;
+        const timespec limit = {static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
+        (void)::ppoll(&output, 1, &limit, &before);
+    }
+    (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
+    return (output.revents & (POLLERR | POLLNVAL)) == 0;
+}
+
+bool chassis_is_there()
+{
+    return ::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) == 0;
+}
+
+outcome left()
+{
+    return {};
+}
+
+outcome not_written(int error)
+{
+    if (error == EPIPE || error == EINTR)
+        return left();
+    return failure(EXIT_FAILED, std::string("the output could not be written: ") + std::strerror(error),
+                   "check where standard output goes to");
+}
+
+outcome watch(const watch_options &options, watch_reader &reader, watch_screen &screen)
+{
+    const auto start = steady::now();
+    for (;;) {
+        if (!chassis_is_there())
+            return failure(EXIT_NOT_FOUND, "the chassis has gone", "see whether its directory was removed");
+        if (!screen.show(make_snapshot(reader.read())))
+            return not_written(errno);
+        const auto watched = steady::now() - start;
+        if (options.once || interrupted() || (options.duration && watched >= *options.duration))
+            return left();
+        auto pause = options.interval;
+        if (options.duration)
+            pause = std::min(pause, std::chrono::ceil<std::chrono::milliseconds>(*options.duration - watched));
+        if (!wait_before_next(STDOUT_FILENO, pause) || interrupted())
+            return left();
+    }
+}
+
+} // namespace
+
+outcome run_watch(const watch_options &options, bool json)
+{
+    std::vector<unsigned> modules = options.modules;
+    std::sort(modules.begin(), modules.end());
+    modules.erase(std::unique(modules.begin(), modules.end()), modules.end());
+    const auto missing = std::find_if_not(modules.begin(), modules.end(), module_exists);
+    if (missing != modules.end())
+        return no_module_failure(*missing);
+
+    catch_interrupt();
+    catch_continue();
+    (void)std::signal(SIGPIPE, SIG_IGN); // a reader that has gone ends the watch in an orderly way
+    watch_reader reader(std::move(modules));
+    watch_screen screen(STDOUT_FILENO, json, options.once);
+    outcome end = watch(options, reader, screen);
+    screen.leave();
+    return end;
+}

@@ -1,0 +1,283 @@
+#include "watch_report.h"
+
+#include <algorithm>
+#include <array>
+
+#include "bios_results.h"
+#include "progress_bar.h"
+#include "result_text.h"
+
+namespace
+{
+
+enum class wording {
+    full,    // whole times, reasons and names
+    usual,   // times of today without the date
+    compact, // no names
+    tight,   // no roles and no seconds either
+};
+constexpr wording WORDINGS[] = {wording::full, wording::usual, wording::compact, wording::tight};
+
+constexpr const char *GAP = "  ";
+constexpr std::size_t ROLE_COLUMN = 1;
+using line_of_cells = std::array<std::string, 6>;
+constexpr const char *NOTHING = "-";
+constexpr const char *NOT_VERIFIED = "not verified: do not reboot";
+constexpr const char *NOT_VERIFIED_REMARK =
+    "not verified: do not reboot the card; program it again: biosctl program SLOT";
+constexpr const char *LOCKS_REMARK = "the module locks could not be read: what is locked is not known";
+
+const char *flash_name(unsigned instance)
+{
+    return instance == 0 ? "primary" : "alternate";
+}
+
+// "2026-01-31T23:59:59Z" as "23:59:59" on the day of now, as "2026-01-31" on any other.
+std::string time_cell(const std::string &time, const std::string &now, wording words)
+{
+    constexpr std::size_t DATE_BYTES = 10;
+    constexpr std::size_t TIME_OF_DAY_BYTES = 8;
+    constexpr std::size_t MINUTES_BYTES = 5;
+    if (words == wording::full || time.size() < DATE_BYTES + 1 + TIME_OF_DAY_BYTES)
+        return time;
+    const bool today = time.compare(0, DATE_BYTES, now, 0, DATE_BYTES) == 0;
+    const std::size_t shown = words == wording::tight ? MINUTES_BYTES : TIME_OF_DAY_BYTES;
+    return today ? time.substr(DATE_BYTES + 1, shown) : time.substr(0, DATE_BYTES);
+}
+
+std::string state_cell(const watch_row &row, wording words)
+{
+    switch (row.state) {
+    case watch_state::not_verified:
+        return words >= wording::compact ? watch_state_name(row.state) : NOT_VERIFIED;
+    case watch_state::programs_another:
+        return (words >= wording::compact ? "programs " : "programs module ") +
+               std::to_string(row.programs_module.value_or(0));
+    default:
+        return watch_state_name(row.state);
+    }
+}
+
+std::string progress_cell(const watch_row &row, wording words)
+{
+    if (!row.progress)
+        return row.state == watch_state::being_programmed ? "no flash work" : NOTHING;
+    const watched_progress &progress = *row.progress;
+    const bool brief = words >= wording::compact;
+    std::string text = std::to_string(progress.percent) + "% " + phase_text(progress.phase);
+    if (!brief && row.state == watch_state::not_verified)
+        text = "stopped at " + text;
+    if (progress.attempt > 0)
+        text += (brief ? " #" : ", attempt ") + std::to_string(progress.attempt);
+    if (progress.instance != 0)
+        text += brief ? " alt" : ", alternate flash";
+    // The lock outlasts the work on the flash: the end is still to be reported, or another attempt to begin.
+    if (!brief && row.state == watch_state::being_programmed && !progress.goes_on)
+        text += ", ended";
+    return text;
+}
+
+std::string reason_text(std::uint32_t reason)
+{
+    if (reason == BIOS_ERR_BUSY)
+        return "programming";
+    return reason == BIOS_LOCK_FOR_PEER ? "on request" : code_text(reason);
+}
+
+std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
+{
+    if (!snapshot.locks_readable)
+        return "?";
+    if (!row.lock)
+        return NOTHING;
+    if (row.lock->since.empty())
+        return "being taken";
+    const std::string who = row.lock->slot == 0 ? "a tool" : "slot " + std::to_string(row.lock->slot);
+    const std::string since = time_cell(row.lock->since, snapshot.time, words);
+    if (words >= wording::compact)
+        return who + " " + since;
+    return who + (words == wording::full ? ", " + reason_text(row.lock->reason) + "," : "") + " since " + since;
+}
+
+std::string result_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
+{
+    if (!row.result)
+        return NOTHING;
+    const std::string name = words >= wording::compact ? "" : describe_result(row.result->code).name + " ";
+    return code_text(row.result->code) + " " + name + time_cell(row.result->time, snapshot.time, words);
+}
+
+std::vector<line_of_cells> table_of(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
+                                    wording words)
+{
+    std::vector<line_of_cells> table = {{"SLOT", "ROLE", "STATE", "PROGRESS", "LOCK", "LAST RESULT"}};
+    for (const watch_row &row : rows)
+        table.push_back({std::to_string(row.slot), row.role, state_cell(row, words), progress_cell(row, words),
+                         lock_cell(snapshot, row, words), result_cell(snapshot, row, words)});
+    return table;
+}
+
+std::vector<std::string> lines_of(const std::vector<line_of_cells> &table, wording words)
+{
+    std::array<std::size_t, std::tuple_size_v<line_of_cells>> width{};
+    for (const line_of_cells &cells : table) {
+        for (std::size_t column = 0; column < cells.size(); ++column)
+            width[column] = std::max(width[column], cells[column].size());
+    }
+    std::vector<std::string> lines;
+    for (const line_of_cells &cells : table) {
+        std::string line;
+        for (std::size_t column = 0; column < cells.size(); ++column) {
+            if (words == wording::tight && column == ROLE_COLUMN)
+                continue;
+            line += cells[column];
+            if (column + 1 < cells.size())
+                line += std::string(width[column] - cells[column].size(), ' ') + GAP;
+        }
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+bool fits(const std::vector<std::string> &lines, std::size_t room)
+{
+    return std::all_of(lines.begin(), lines.end(), [room](const std::string &line) { return line.size() <= room; });
+}
+
+void cut(std::string &line, std::size_t room)
+{
+    if (line.size() <= room)
+        return;
+    line.resize(room);
+    if (room > 0)
+        line.back() = '~';
+}
+
+// In the most words that fit.
+std::vector<std::string> table_lines(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
+                                     std::optional<watch_space> space)
+{
+    std::vector<std::string> lines;
+    for (const wording words : WORDINGS) {
+        lines = lines_of(table_of(snapshot, rows, words), words);
+        if (!space || fits(lines, space->columns - 1))
+            break;
+    }
+    return lines;
+}
+
+std::vector<std::string> remarks_of(const watch_snapshot &snapshot)
+{
+    std::vector<std::string> remarks;
+    if (std::any_of(snapshot.rows.begin(), snapshot.rows.end(),
+                    [](const watch_row &row) { return row.state == watch_state::not_verified; }))
+        remarks.emplace_back(NOT_VERIFIED_REMARK);
+    if (!snapshot.locks_readable)
+        remarks.emplace_back(LOCKS_REMARK);
+    return remarks;
+}
+
+bool is_dull(const watch_row &row)
+{
+    return row.state == watch_state::idle || row.state == watch_state::no_daemon;
+}
+
+// Takes rows out until there are no more than the limit: dull ones first, the last ones first.
+std::size_t leave_out(std::vector<watch_row> &rows, std::size_t limit)
+{
+    const std::size_t before = rows.size();
+    for (std::size_t place = rows.size(); place > 0 && rows.size() > limit; --place) {
+        if (is_dull(rows[place - 1]))
+            rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(place - 1));
+    }
+    if (rows.size() > limit)
+        rows.resize(limit);
+    return before - rows.size();
+}
+
+nlohmann::ordered_json progress_json(const watched_progress &progress)
+{
+    return {{"flash", flash_name(progress.instance)},
+            {"phase", phase_text(progress.phase)},
+            {"percent", progress.percent},
+            {"attempt", progress.attempt},
+            {"since", progress.since},
+            {"goes_on", progress.goes_on}};
+}
+
+nlohmann::ordered_json lock_json(const watched_lock &lock)
+{
+    return {{"slot", lock.slot}, {"pid", lock.pid}, {"reason", code_text(lock.reason)}, {"since", lock.since}};
+}
+
+nlohmann::ordered_json result_json(const programming_result &result)
+{
+    return {{"result", code_text(result.code)},
+            {"name", describe_result(result.code).name},
+            {"time", result.time},
+            {"reported_by_slot", result.reported_by_slot}};
+}
+
+nlohmann::ordered_json row_json(const watch_row &row)
+{
+    nlohmann::ordered_json marked = nlohmann::ordered_json::array();
+    for (const unsigned instance : row.marked_flashes)
+        marked.push_back(flash_name(instance));
+    nlohmann::ordered_json json{{"slot", row.slot},
+                                {"role", row.role},
+                                {"state", watch_state_name(row.state)},
+                                {"serves", row.serves},
+                                {"programs_module", nullptr},
+                                {"marked_flashes", marked},
+                                {"progress", nullptr},
+                                {"lock", nullptr},
+                                {"last_result", nullptr}};
+    if (row.programs_module)
+        json["programs_module"] = *row.programs_module;
+    if (row.progress)
+        json["progress"] = progress_json(*row.progress);
+    if (row.lock)
+        json["lock"] = lock_json(*row.lock);
+    if (row.result)
+        json["last_result"] = result_json(*row.result);
+    return json;
+}
+
+} // namespace
+
+std::vector<std::string> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space)
+{
+    constexpr std::size_t OTHER_LINES = 4; // heading, table's head, the number of cards left out, the cursor's line
+    if (space && space->columns == 0)
+        space->columns = 1;
+    const std::vector<std::string> remarks = remarks_of(snapshot);
+    std::vector<watch_row> rows = snapshot.rows;
+    std::size_t left_out = 0;
+    if (space) {
+        const std::size_t taken = OTHER_LINES + remarks.size();
+        left_out = leave_out(rows, space->lines > taken ? space->lines - taken : 1);
+    }
+    std::vector<std::string> lines{snapshot.time};
+    const std::vector<std::string> table = table_lines(snapshot, rows, space);
+    lines.insert(lines.end(), table.begin(), table.end());
+    if (left_out > 0)
+        lines.push_back("and " + std::to_string(left_out) + " more cards");
+    lines.insert(lines.end(), remarks.begin(), remarks.end());
+    if (space) {
+        lines.resize(std::min<std::size_t>(lines.size(), std::max(space->lines, 2U) - 1));
+        for (std::string &line : lines)
+            cut(line, space->columns - 1);
+    }
+    return lines;
+}
+
+nlohmann::ordered_json watch_json(const watch_snapshot &snapshot)
+{
+    nlohmann::ordered_json cards = nlohmann::ordered_json::array();
+    for (const watch_row &row : snapshot.rows)
+        cards.push_back(row_json(row));
+    return {{"command", "watch"},
+            {"time", snapshot.time},
+            {"locks_readable", snapshot.locks_readable},
+            {"cards", cards}};
+}
