@@ -8,12 +8,6 @@ namespace
 constexpr std::size_t READ_BLOCK_BYTES = std::size_t{64} * 1024;
 constexpr mode_t MEMBER_MODE = 0644;
 
-[[noreturn]] void fail(const std::string &path, archive *which)
-{
-    const char *text = archive_error_string(which);
-    throw image_error(path + ": " + (text != nullptr ? text : "unknown error of the archive"));
-}
-
 // Not all that the library has: for some it starts a program, whichever goes by that name.
 int support_compressions(archive *reader)
 {
@@ -35,11 +29,17 @@ archive_writer create_gzip(const std::string &path, int (*set_format)(archive *)
         archive_write_set_filter_option(writer.get(), "gzip", "timestamp", nullptr) != ARCHIVE_OK ||
         set_format(writer.get()) != ARCHIVE_OK ||
         archive_write_open_filename(writer.get(), path.c_str()) != ARCHIVE_OK)
-        fail(path, writer.get());
+        fail_for(path, writer.get());
     return writer;
 }
 
 } // namespace
+
+void fail_for(const std::string &path, archive *which)
+{
+    const char *text = archive_error_string(which);
+    throw image_error(path + ": " + (text != nullptr ? text : "unknown error of the archive"));
+}
 
 archive_reader open_image(const std::string &path)
 {
@@ -53,9 +53,9 @@ archive_reader open_image(const std::string &path)
         throw image_error(path + ": out of memory");
     if (support_compressions(reader.get()) != ARCHIVE_OK ||
         archive_read_support_format_tar(reader.get()) != ARCHIVE_OK)
-        fail(path, reader.get());
+        fail_for(path, reader.get());
     if (archive_read_open_filename(reader.get(), path.c_str(), READ_BLOCK_BYTES) != ARCHIVE_OK)
-        fail(path, reader.get());
+        fail_for(path, reader.get());
     return reader;
 }
 
@@ -79,13 +79,13 @@ void write_member(archive *writer, const std::string &name, const std::string &c
     archive_entry_set_perm(entry.get(), MEMBER_MODE);
     archive_entry_set_size(entry.get(), static_cast<la_int64_t>(contents.size()));
     if (archive_write_header(writer, entry.get()) != ARCHIVE_OK)
-        fail(name, writer);
+        fail_for(name, writer);
     if (archive_write_data(writer, contents.data(), contents.size()) != static_cast<la_ssize_t>(contents.size()))
-        fail(name, writer);
+        fail_for(name, writer);
 }
 
 void finish_archive(archive_writer writer, const std::string &path)
 {
     if (archive_write_close(writer.get()) != ARCHIVE_OK)
-        fail(path, writer.get());
+        fail_for(path, writer.get());
 }

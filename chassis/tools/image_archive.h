@@ -22,6 +22,9 @@ using archive_reader = std::unique_ptr<archive, free_archive_reader>;
 using archive_writer = std::unique_ptr<archive, free_archive_writer>;
 using archive_entry_owner = std::unique_ptr<archive_entry, free_archive_entry>;
 
+// Throws image_error with the library's text for what failed last on an archive; not every failure has one.
+[[noreturn]] void fail_for(const std::string &path, archive *which);
+
 // Opens a tar archive, compressed with gzip, bzip2, xz or zstd or not at all. Throws image_error.
 archive_reader open_image(const std::string &path);
 

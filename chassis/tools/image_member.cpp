@@ -34,7 +34,7 @@ image_member::image_member(const std::string &image, const std::string &name)
         if (result == ARCHIVE_EOF)
             throw image_error(image_ + ": has no member " + name_);
         if (result < ARCHIVE_WARN)
-            throw image_error(image_ + ": " + archive_error_string(reader_.get()));
+            fail_for(image_, reader_.get());
     } while (!has_name(entry, components_));
 
     const bool is_link = archive_entry_hardlink(entry) != nullptr || archive_entry_symlink(entry) != nullptr;
@@ -54,7 +54,7 @@ void image_member::copy(std::uint64_t limit_mib, const std::function<void(const 
         if (got == 0)
             return;
         if (got < 0)
-            throw image_error(image_ + ": " + archive_error_string(reader_.get()));
+            fail_for(image_, reader_.get());
         total_bytes += static_cast<std::uint64_t>(got);
         if (total_bytes > limit_mib << 20)
             throw image_error(image_ + ": member " + name_ + " is larger than " + std::to_string(limit_mib) +

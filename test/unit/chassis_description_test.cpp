@@ -87,6 +87,21 @@ TEST_F(Description, WaitLimitIsOfTheWholeChassis)
     EXPECT_EQ(refusal(std::string(CARD) + "wait_limit_s = 5\n"), "lab.toml:5: unknown key wait_limit_s");
 }
 
+TEST_F(Description, RefusalShowsNoControlCharacter)
+{
+    EXPECT_EQ(refusal(std::string(CARD) + "\"\\u001B[2J\" = 1\n"), "lab.toml:5: unknown key ?[2J");
+    const std::string of_a_value = refusal(std::string(CARD) + "serves = tr\rue\n");
+    EXPECT_TRUE(of_a_value.starts_with("lab.toml:5: ")) << of_a_value;
+    EXPECT_EQ(of_a_value.find('\r'), std::string::npos) << of_a_value;
+}
+
+TEST_F(Description, RefusesALetterThatNoKeyHas)
+{
+    EXPECT_TRUE(refusal(std::string(CARD) + "Gr\u00f6\u00dfe = 1\n").starts_with("lab.toml:5: "));
+    EXPECT_TRUE(refusal(std::string(CARD) + "\u00e9 = 1\n").starts_with("lab.toml:5: "));
+    EXPECT_TRUE(refusal(std::string(CARD) + "serves = true \ufefd\n").starts_with("lab.toml:5: "));
+}
+
 TEST_F(Description, FamilyTellsTheCardIdAndTheChangeBit)
 {
     card_description card = only_card(std::string(FAMILY_CARD) + "family = \"x86n-tarvik-a_cr\"\n");
@@ -152,6 +167,23 @@ TEST_F(Description, RowsAndSeedGoWithTheirForms)
     for (const char *rows : {"0", "1001", "-1"})
         EXPECT_EQ(refusal(CARD + ("answers = \"full\"\nanswer_rows = " + std::string(rows) + "\n")),
                   "lab.toml:6: answer_rows is from 1 to 1000");
+}
+
+TEST_F(Description, BootLoaderAndKsImageAreFilesBesideIt)
+{
+    EXPECT_EQ(only_card(CARD).boot_loader, "");
+    EXPECT_EQ(only_card(CARD).ks_image, "");
+    const std::string folder = std::filesystem::path(file()).parent_path().string();
+    for (const char *name : {"loader.sro", "ks.sro"})
+        std::ofstream(folder + "/" + name) << name;
+    const card_description card =
+        only_card(std::string(CARD) + "boot_loader = \"loader.sro\"\nks_image = \"ks.sro\"\n");
+    EXPECT_EQ(card.boot_loader, folder + "/loader.sro");
+    EXPECT_EQ(card.ks_image, folder + "/ks.sro");
+    for (const std::string key : {"boot_loader", "ks_image"}) {
+        EXPECT_NE(refusal(CARD + key + " = \"absent.sro\"\n").find("lab.toml:5: " + key + ": "), std::string::npos);
+        EXPECT_EQ(refusal(CARD + key + " = 1\n"), "lab.toml:5: " + key + " is a text in quotes");
+    }
 }
 
 TEST_F(Description, WhatIsUnknownOrTwiceThereIsRefused)

@@ -253,6 +253,31 @@ TEST_F(Veskadd, LeavesNothingOfAMemberThatIsLargerThanAllowed)
     EXPECT_EQ(extract(MEMBER, "-l 2"), 0);
 }
 
+// The archive library would start a program of that name for these.
+TEST_F(Veskadd, StartsNoProgramToUnpackAnImage)
+{
+    const std::string started = path("started");
+    for (const char *name : {"grzip", "lrzip", "lzop"}) {
+        write_file(path(name), "#!/bin/sh\n: >" + started + "\n");
+        files::permissions(path(name), files::perms::owner_all);
+    }
+    const std::string search_path = std::getenv("PATH");
+    ASSERT_EQ(::setenv("PATH", (path("") + ":" + search_path).c_str(), 1), 0);
+    const std::string zeros(TAR_BLOCK_BYTES, '\0');
+    expect_refusal(std::string("GRZipII\0\x02\x04:)", 12) + zeros, "archive");
+    expect_refusal(std::string("LRZI\0\x06", 6) + zeros, "archive");
+    expect_refusal(std::string("\x89LZO\0\r\n\x1a\n\x10\x30\x20\xa0", 13) + zeros, "archive");
+    EXPECT_EQ(::setenv("PATH", search_path.c_str(), 1), 0);
+    EXPECT_FALSE(files::exists(started));
+}
+
+// The archive library has no text for this failure.
+TEST_F(Veskadd, RefusesAnExtendedHeaderThatIsCutShort)
+{
+    const std::string header = tar_entry_of({.name = "attributes", .contents = std::string(120, 'x'), .type = 'x'});
+    expect_refusal(header.substr(0, TAR_BLOCK_BYTES + 8), "unknown error of the archive");
+}
+
 TEST_F(Veskadd, RefusesWhatIsNoArchive)
 {
     expect_refusal("plain text, and longer than nothing", "archive");

@@ -1,0 +1,336 @@
+#!/usr/bin/env python3
+"""Makes the fuzzers' inputs of corpus/: real messages, images, archives and descriptions, each in the form that its
+fuzzer reads (told at the head of SUBJECT_fuzz.cpp). The same files at every run; to be run after a change of a form.
+Inputs that a fuzzer has found lie beside them under names that begin with found-, and are left alone.
+"""
+import gzip
+import io
+import pathlib
+import struct
+import tarfile
+
+CORPUS = pathlib.Path(__file__).parent / "corpus"
+SIGNATURE = b">>> KORVA SUP_TELMA_OR BIOS <<<"
+
+made = set()
+
+
+def put(subject, name, content):
+    path = CORPUS / subject / name
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_bytes(content)
+    made.add(path)
+
+
+def field(text, size):
+    return text.encode().ljust(size, b"\0")
+
+
+def decided(*choices):
+    """The decisions at the head of an input."""
+    return bytes([len(choices), *choices])
+
+
+# The daemon's messages.
+
+OPCODES = ["install_loader", "get_loader", "get_ks", "lock", "source_version", "module_version", "program",
+           "own_version", "done", "progress", "notify", "zero", "unknown"]
+ACTIVE, STANDBY = 1, 2
+FORK_AS_CHILD, FORK_FAILS, FORK_DECIDED, HISTORY = 0x20, 0x40, 0x60, 0x80  # bits of the state
+CARD_90, CARD_106, CARD_183, CARD_182, CARD_314 = 0, 1, 4, 7, 10
+
+
+def message(name, body=b""):
+    return bytes([OPCODES.index(name)]) + struct.pack(">H", len(body)) + body
+
+
+def program_request(module, uri="", kind=0, local_path=""):
+    return struct.pack(">II4x", module, 0 if uri else 1) + field(uri, 228) + field(local_path, 288) + bytes([kind])
+
+
+def source_request(path="", node=0xFE000000, sap=0):
+    return struct.pack("<I", 0 if path else 1) + field(path, 256) + struct.pack("<II", node, sap)
+
+
+def dispatch(name, messages, card=CARD_90, state=ACTIVE, decisions=()):
+    put("dispatch", name, decided(*decisions) + bytes([card, state]) + b"".join(messages))
+
+
+def version_entry(label="swid-bios", flash="  v3.5.0(09/17/12)", running="  v3.1.0(02/11/11)"):
+    return struct.pack(">II", 0, 11) + field(label, 128) + field(flash, 128) + field(running, 128)
+
+
+def short_answer():
+    return struct.pack(">I", 0) + field("  v3.5.0(09/17/12)", 128) + field("  v3.1.0(02/11/11)", 128)
+
+
+def full_answer(further_rows, tlvs=b""):
+    return short_answer() + struct.pack(">I", 19) + field("swid-bios", 128) + struct.pack(">I", further_rows) + tlvs
+
+
+def tlv(kind, value, length=None):
+    padding = b"\0" * (-len(value) % 4)
+    return struct.pack(">HH", kind, len(value) if length is None else length) + value + padding
+
+
+def make_dispatch():
+    for name in ("install_loader", "get_loader", "get_ks", "lock", "source_version", "module_version", "program",
+                 "own_version", "notify", "unknown"):
+        dispatch("empty-" + name, [message(name)])
+    install = message("install_loader", field("/bootflash/system.bin", 200) + struct.pack(">I", 1))
+    dispatch("install", [install])
+    dispatch("install-with-history", [install], state=ACTIVE | HISTORY)
+    dispatch("install-unterminated", [message("install_loader", b"a" * 200 + struct.pack(">I", 1))])
+    dispatch("install-shell-words", [message("install_loader", field("/bootflash/$(reboot);", 200) + bytes(4))])
+    dispatch("install-no-log", [install, message("own_version")], decisions=[0] * 6 + [7] * 3)
+    dispatch("loader-file", [message("get_loader", struct.pack(">I", 4096))])
+    dispatch("loader-file-overflow", [message("get_loader", struct.pack(">I", 0xFFFFFFFC)),
+                                      message("get_ks", struct.pack(">I", 0x7FFFFFF8))])
+    dispatch("ks-file", [message("get_ks", struct.pack(">I", 65536))])
+    lock, unlock = (message("lock", struct.pack(">II", operation, 0x1901)) for operation in (2, 3))
+    dispatch("lock-and-unlock", [lock, unlock, unlock, message("lock", struct.pack(">II", 9, 0xFFFFFFFF))])
+    for card in (CARD_90, CARD_106, CARD_182, CARD_314):
+        dispatch(f"source-tree-{card}", [message("source_version", source_request())], card=card)
+    dispatch("source-image", [message("source_version", source_request("/bootflash/system.bin", 0x0201, 93))])
+    dispatch("source-unterminated",
+             [message("source_version", bytes(4) + b"p" * 256 + struct.pack("<II", 0x0201, 94))])
+    dispatch("own-versions", [message("module_version", struct.pack(">I", 5)), message("own_version")])
+    for module in (9, 0, 233, 0xFFFFFFFF):
+        dispatch(f"module-version-{module}", [message("module_version", struct.pack(">I", module)),
+                                              struct.pack(">H", 260), short_answer()])
+    dispatch("module-version-rows", [message("module_version", struct.pack(">I", 9)),
+                                     struct.pack(">H", 800), full_answer(1, tlv(0, version_entry()))])
+    own, other = message("program", program_request(5)), message("program", program_request(9))
+    uri = message("program", program_request(5, "bootflash:system.bin"))
+    dispatch("program-own", [own, message("module_version", struct.pack(">I", 5))])
+    dispatch("program-busy", [uri, own])
+    dispatch("program-standby", [uri], state=STANDBY)
+    dispatch("program-overridden", [other], card=CARD_183)
+    dispatch("program-selected-flash", [other], card=CARD_314)
+    dispatch("program-unterminated", [message("program", bytes(12) + b"u" * 517)])
+    accepted = struct.pack(">H", 4) + bytes(4)  # the other module's answer
+    relayed = [message("progress", bytes(12)), message("notify"), message("done", struct.pack(">I", 0x4071000C))]
+    for card in (CARD_90, CARD_106, CARD_182, CARD_314):
+        dispatch(f"child-own-{card}", [own], card=card, state=ACTIVE | FORK_AS_CHILD)
+    dispatch("child-image", [uri], state=ACTIVE | FORK_AS_CHILD)
+    dispatch("child-image-shell-words", [message("program", program_request(5, "bootflash:`reboot`"))],
+             state=ACTIVE | FORK_AS_CHILD)
+    dispatch("child-standby", [own], state=STANDBY | FORK_AS_CHILD)
+    dispatch("child-other", [other, accepted, *relayed], state=ACTIVE | FORK_AS_CHILD)
+    dispatch("child-alternate-flash", [message("program", program_request(5, kind=1))], state=ACTIVE | FORK_AS_CHILD)
+    dispatch("fork-fails", [own, lock, own], state=ACTIVE | FORK_FAILS)
+    dispatch("fork-decided", [own, own], state=ACTIVE | FORK_DECIDED, decisions=[0] * 12 + [1] * 8)
+
+
+def make_module_answers():
+    def answer(name, content, decisions=()):
+        put("module_answers", name, decided(*decisions) + struct.pack(">H", len(content)) + content)
+    answer("empty", b"")
+    answer("short", short_answer())
+    answer("one-byte-less", short_answer()[:-1])
+    answer("one-byte-more", short_answer() + b"\0")
+    answer("unterminated", struct.pack(">I", 0) + b"f" * 128 + b"r" * 128)
+    answer("one-row", full_answer(0))
+    answer("two-rows", full_answer(1, tlv(0, version_entry())))
+    answer("ignored-tlv", full_answer(2, tlv(1, b"x") + tlv(0, version_entry())))
+    answer("ignored-tlv-too-long", full_answer(2, tlv(1, b"xy") + tlv(7, b"") + tlv(0, version_entry())))
+    answer("entry-too-short", full_answer(2, tlv(0, b"abc") + tlv(0, version_entry())))
+    answer("length-beyond-the-end", full_answer(1, tlv(0, b"abc", 0xFFFF)))
+    answer("fewer-rows-than-told", full_answer(9, tlv(0, version_entry())))
+    answer("as-many-rows-as-a-message-has", full_answer((64 << 20) // 392 - 1))
+    for count in (0xFFFFFFFF, 0x7FFFFFFF, 0x00A6810F, 1 << 24):
+        answer(f"rows-{count:x}", full_answer(count))
+
+
+# BIOS images.
+
+SIZES = [0, 1, 48, 49, 127, 128, 129, 4096, 0x10000, 0x10001, 0x10000 + 128, 0x7FFFF, 0x80000]
+X86, X86N, X86S, PPC, LC2DC3 = range(5)
+
+
+def piece(offset, content, unit=0):
+    return struct.pack(">BHB", unit, offset, len(content)) + content
+
+
+def make_images():
+    def image(name, reader, size, *pieces, offset=0, decisions=()):
+        put("image_readers", name,
+            decided(*decisions) + bytes([reader, SIZES.index(size), offset]) + b"".join(pieces))
+    block = SIGNATURE + b"09/17/12" + b" " * 17 + b"  v3.5.0"
+    header = piece(18, SIGNATURE)
+    image("x86", X86, 0x80000, piece(0x10, block, 1))
+    image("x86-at-the-end", X86, 0x80000, piece(0x1FF, block, 1))
+    image("x86-cut", X86, 49, piece(0, block))
+    image("x86-none", X86, 0x7FFFF)
+    image("x86-none-in-less-than-a-page", X86, 49)
+    image("x86n", X86N, 4096, header, piece(55, b"Sep 17"), piece(77, b"2012 3 05"))
+    image("x86n-magic", X86N, 4096, piece(0, b"\x27\x05\x19\x56"), piece(55, b"Dec 31"), piece(77, b"99  99999999999"))
+    image("x86n-cut", X86N, 49, header)
+    image("x86n-empty", X86N, 0)
+    image("x86n-flash", X86N, 0x80000, piece(0x1012, SIGNATURE), piece(0x1037, b"Jan 01"), offset=1)
+    image("x86n-unaligned", X86N, 4096, header, offset=4)
+    image("x86n-behind-the-end", X86N, 4096, header, offset=5)
+    image("x86s", X86S, 0x10000 + 128, header, piece(64, b"\0" * 51 + b"Feb 11" + b"\0" * 16 + b"2011 2 08", 1))
+    image("x86s-cut", X86S, 0x10001, header)
+    image("x86s-too-short", X86S, 0x10000, header)
+    fields = piece(38, b"03.05.02.07Mar 17 2012")
+    for name, reader in (("ppc", PPC), ("lc2dc3", LC2DC3)):
+        magic = piece(0, b"\x27\x05\x19\x56" + bytes(range(16)))
+        image(name, reader, 0x80000, magic, fields)
+        for answer, kind in enumerate(("equal", "differs", "short", "missing")):
+            image(f"{name}-digest-{kind}", reader, 0x80000, magic, fields, decisions=[0] * 3 + [answer] * 4)
+        image(f"{name}-cut", reader, 0x7FFFF, magic, fields)
+        image(f"{name}-flash", reader, 0x80000, piece(0x1000, b"\x27\x05\x19\x56"), piece(0x1026, b"03.05.02"), offset=1)
+
+
+# The other parsers.
+
+def make_versions():
+    for name, text in {"newer": "v3.5.0(09/17/12)\nv3.1.0(02/11/11)", "equal": "  v3.5.0(09/17/12)\n  v3.5.0(09/17/12)",
+                       "long-numbers": "v12345.00001.-999999(\nv 1. 2. 3(", "no-end": "v3.5.0\nv3.5", "empty": "",
+                       "no-number": "v..(\nv+-.x.\t(", "nul": "v1.2.3(\0\nv1.2.4("}.items():
+        put("version_compare", name, text.encode())
+
+
+def make_records():
+    def answer(name, content, module=9):
+        put("version_records", name, bytes([module]) + content)
+    module_header = lambda count: struct.pack(">IIII", 0, 9, count, 19)
+    answer("empty", b"")
+    answer("module", module_header(1) + version_entry())
+    answer("module-empty-entry", module_header(2) + version_entry() + bytes(392))
+    answer("module-unprintable", module_header(1) + version_entry("\x1b[2J", " \t ", "f" * 128))
+    answer("module-failure", struct.pack(">IIII", 0xFFFFFFFF, 9, 0, 0))
+    answer("module-other", module_header(1) + version_entry(), module=5)
+    answer("module-too-many", module_header(33) + version_entry())
+    answer("module-count-overflow", module_header(0xFFFFFFFF))
+    answer("module-count-whose-bytes-overflow", module_header(2**32 // 392 + 1) + version_entry())
+    source_entry = struct.pack(">II", 0, 11) + field("swid-bios", 128) + field("  v3.5.0(09/17/12)", 128)
+    for image_format in (11, 15, 17, 18, 19, 20):
+        answer(f"source-{image_format}", struct.pack(">II", 0, 1) + source_entry + struct.pack(">I", image_format))
+    answer("source-cut", struct.pack(">II", 0x40710003, 1) + source_entry)
+
+
+def make_frames():
+    def frame(name, payload_bytes, payload=b"", kind=2, place=0, magic=0x4D545346, version=1, descriptors=0, seals=0,
+              file_bytes=0):
+        header = struct.pack("<IHBBIIIIQII", magic, version, kind, place, 4790, 0x0201, 94, 0, 77, payload_bytes, 0)
+        put("frames", name, bytes([descriptors, seals]) + file_bytes.to_bytes(3, "big") + header + payload)
+    put("frames", "empty", b"")
+    put("frames", "half-a-header", bytes(25))
+    for kind in range(6):
+        frame(f"kind-{kind}", 8, b"12345678", kind=kind)
+    frame("no-payload", 0)
+    frame("too-long", 4, b"12345678")
+    frame("too-short", 9, b"12345678")
+    frame("length-overflow", 0xFFFFFFFF, b"12345678")
+    frame("other-version", 0, version=2)
+    frame("other-magic", 0, magic=0x4D545347)
+    frame("descriptor-not-asked-for", 8, b"12345678", descriptors=1)
+    file = dict(place=1, seals=0x0E, file_bytes=70000)
+    frame("memory-file", 70000, descriptors=1, **file)
+    frame("memory-file-missing", 70000, **file)
+    frame("memory-file-twice", 70000, descriptors=2, **file)
+    frame("memory-files-without-room", 70000, descriptors=6, **file)
+    frame("memory-file-and-payload", 70000, b"1234", descriptors=1, **file)
+    frame("memory-file-too-small", 70000, descriptors=1, place=1, seals=0x0E, file_bytes=69999)
+    frame("memory-file-not-sealed", 70000, descriptors=1, place=1, seals=0x06, file_bytes=70000)
+    frame("memory-file-for-little", 64, descriptors=1, place=1, seals=0x0E, file_bytes=64)
+
+
+def tar(*members, mode=0o644, kind=None, link=""):
+    content = io.BytesIO()
+    with tarfile.open(fileobj=content, mode="w", format=tarfile.USTAR_FORMAT) as archive:
+        for name, data in members:
+            member = tarfile.TarInfo(name)
+            member.mode = mode
+            member.size = 0 if kind else len(data)
+            if kind:
+                member.type, member.linkname = kind, link
+            archive.addfile(member, io.BytesIO(data))
+    return content.getvalue().rstrip(b"\0") + bytes(1024)
+
+
+def make_archives():
+    plugin, loader = "vesk/plugin_img/core_plugin", "etc/srg-sloader.sro"
+    veskadd, nbitool, own_name, right_sums = 0x00, 0x21, 0xE0, 0x02
+
+    def image(name, mode, content, member=b""):
+        put("archives", name, bytes([mode, len(member)]) + member + content)
+
+    def packed(content):
+        return gzip.compress(content, mtime=0)
+    whole = tar((plugin, b"plugin" * 20), (loader, b"loader" * 20))
+    image("system-image", veskadd, packed(whole))
+    image("loader", nbitool, packed(whole))
+    image("not-compressed", veskadd | right_sums, whole)
+    image("loader-not-compressed", nbitool | right_sums, whole)
+    image("no-member", veskadd, tar(("other", b"x")))
+    image("dotted-name", veskadd, tar(("./vesk//plugin_img/./core_plugin", b"x")))
+    image("leading-slash", veskadd, tar(("/" + plugin, b"x")))
+    image("cut", veskadd, whole[:700])
+    image("cut-gzip", veskadd, packed(whole)[:60])
+    image("set-user-id", veskadd, tar((plugin, b"x"), mode=0o6777))
+    for kind, number in (("hard-link", tarfile.LNKTYPE), ("link", tarfile.SYMTYPE), ("folder", tarfile.DIRTYPE),
+                         ("fifo", tarfile.FIFOTYPE), ("device", tarfile.CHRTYPE)):
+        image(kind, veskadd, tar((plugin, b""), kind=number, link="../../elsewhere"))
+    image("way-out", own_name, tar(("../../elsewhere/sentinel", b"x")), b"../../elsewhere/sentinel")
+    image("way-out-hidden", own_name, tar(("a/../../../x", b"x")), b"a/../../../x")
+    image("absolute", own_name, tar(("/a/b", b"x")), b"/a/b")
+    extended = bytearray(tar(("attributes", b"x" * 120))[:520])
+    extended[156:157] = tarfile.XHDTYPE
+    image("cut-extended-header", veskadd | right_sums, bytes(extended))
+    for planted in range(1, 8):
+        image(f"planted-{planted}", veskadd | planted << 2, packed(whole))
+        image(f"planted-loader-{planted}", nbitool | planted << 2, packed(whole))
+    image("loader-over-link", 0x20 | 2 << 2, packed(whole))
+    for name, magic in (("grzip", b"GRZipII\0\x02\x04:)"), ("lrzip", b"LRZI\0\x06" + bytes(20)),
+                        ("lzop", b"\x89LZO\0\r\n\x1a\n\x10\x30\x20\xa0" + bytes(20))):
+        image("packed-with-" + name, veskadd, magic + bytes(512))
+
+
+def make_descriptions():
+    card = '[[card]]\nslot = 1\ncard_id = 90\nkind = "supervisor"\nrole = "active"\n'
+    texts = {
+        "one-card": card,
+        "all-keys": '[chassis]\nname = "lab"\nisolation = "plain"\nwait_limit_s = 5\n' + card +
+                    'name = "A"\nhw_change_bit = 3\nimage_tree = "images"\nflash_kib = 64\nsector_kib = 4\n'
+                    'flash_image = "old.bin"\nalternate_image = "old.bin"\nboot_loader = "old.bin"\n'
+                    'ks_image = "old.bin"\nserves = true\n',
+        "stand-ins": card + '[[card]]\nslot = 2\nfamily = "x86n-tarvik-c"\nkind = 2\nanswers = "full"\nanswer_rows = 2\n'
+                            '[[card]]\nslot = 3\nfamily = "x86n"\nkind = "linecard"\nanswers = "garbage"\n'
+                            "answer_seed = 1\nbootflash_mib = 64\n",
+        "same-slot": card + card,
+        "no-card": "[chassis]\n",
+        "unknown-key": card + '"\\u001B[2J" = 1\n',
+        "numbers": card.replace("= 1\n", "= 0x1F\n") + "flash_mib = 1_0\nsector_kib = 9223372036854775807\n",
+        "control-character": card + 'name = "a\\u0007b"\n',
+        "not-tables": "card = [1, 2]\nchassis = 3\n",
+        "nested": "a = " + "[" * 40 + "]" * 40 + "\n",
+        "dates": card + "serves = 1979-05-27T07:32:00Z\n",
+        "carriage-return": card + "serves = tr\rue\n",
+        "letter-of-no-key": card + "Gr\xc3\xb6\xc3\x9fe = 1\n",
+        "blank-of-no-kind": "[[c\xef\xbb\xbdard]]\n",
+        "broken": '[[card]\nslot = "',
+        "not-utf-8": '[[card]]\nname = "\xff\xfe"\n',
+    }
+    for name, text in texts.items():
+        put("description", name, text.encode("latin-1"))
+
+
+def main():
+    make_dispatch()
+    make_module_answers()
+    make_images()
+    make_versions()
+    make_records()
+    make_frames()
+    make_archives()
+    make_descriptions()
+    for path in CORPUS.glob("*/*"):
+        if path not in made and not path.name.startswith("found-"):
+            path.unlink()
+
+
+if __name__ == "__main__":
+    main()
