@@ -156,7 +156,8 @@ TEST_F(BiosctlWatch, ProgrammingTheOwnCardWithoutALockIsSeenToo)
     expect_programmed(seen, 2, *new_);
     EXPECT_TRUE(sees(watcher, [](const json &each) {
         const json card = card_of(each, 2);
-        return card["state"] == "being programmed" && card["lock"].is_null() && card["progress"]["percent"] > 0;
+        return card["state"] == "being programmed" && card["lock"].is_null() && card["progress"].is_object() &&
+               card["progress"]["percent"] > 0;
     })) << watcher.output();
 }
 
@@ -202,7 +203,7 @@ TEST_F(BiosctlWatch, LeavingAtAnyTimeDisturbsNothing)
         ++left;
     }
     patient.signal(SIGCONT);
-    EXPECT_GE(left, 5U);
+    EXPECT_GE(left, 2U);
     asking.await_end(running); // this test has not taken its progress messages in time; the flash tells
     EXPECT_EQ(running.result, std::optional<std::uint32_t>(0)) << running;
     EXPECT_EQ(flash_of(2) == new_->bytes, true);
