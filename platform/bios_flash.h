@@ -31,7 +31,8 @@ enum {
     BIOS_FLASH_ERR_IMAGE_SIZE = 0x40710020, // the image is empty, larger than the flash, or no regular file
     BIOS_FLASH_ERR_PROTECTED = 0x40710021,  // a sector that would have to change is write-protected
     BIOS_FLASH_ERR_IMAGE_READ = 0x40710023, // the image could not be opened or read
-    BIOS_FLASH_ERR_NO_FLASH = 0x40710024,   // there is no such flash, or it could not be opened or read
+    BIOS_FLASH_ERR_NO_FLASH = 0x40710024,   // there is no such flash, or it could not be opened or read; one that
+                                            // is marked and cannot be read is BIOS_FLASH_ERR_PROGRAM
     BIOS_FLASH_ERR_IN_USE = 0x40710027,     // the flash is being programmed by another process
 };
 

@@ -1,10 +1,13 @@
 // The flash device over a shared mapping of its contents.
 #include "flash_device.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <sys/mman.h>
@@ -17,6 +20,23 @@ namespace
 {
 
 constexpr int EXIT_STATUS_OF_KILLED = 128 + SIGKILL;
+constexpr std::uint32_t MARKER_STEPS = 2; // changed, and made to last
+
+// How much of an operation is done, and which bit of it wrong.
+struct flash_extent {
+    std::uint32_t amount;
+    std::optional<std::uint64_t> wrong_bit = {}; // any number: the remainder counts
+
+    // Calls damage(byte, mask) for the wrong bit.
+    template<class call>
+    void apply_damage(call &&damage) const
+    {
+        if (!wrong_bit)
+            return;
+        const auto bit = static_cast<std::uint32_t>(*wrong_bit % (std::uint64_t{amount} * 8));
+        damage(bit / 8, static_cast<std::uint8_t>(1U << bit % 8));
+    }
+};
 
 bool refuse(int reason)
 {
@@ -133,31 +153,55 @@ flash_device::~flash_device()
         (void)::munmap(data_, geometry_.size_bytes);
 }
 
-// Does an operation the way the faults say. change(part) does `part` of `amount` and returns its success.
+// Does an operation the way the faults say. change(extent) does so much of `amount` and returns its success.
 template<class apply>
 bool flash_device::perform(flash_operation operation, std::uint32_t sector, std::uint32_t amount, apply &&change)
 {
-    switch (next_fault_(operation, sector)) {
+    const flash_fault_order order = next_fault_(operation, sector);
+    switch (order.fault) {
     case flash_fault::none:
-        return change(amount);
+        return change(flash_extent{amount});
     case flash_fault::fail:
         return refuse(EIO);
     case flash_fault::lie:
         return true;
+    case flash_fault::part:
+        return change(flash_extent{amount / 2});
+    case flash_fault::flip:
+        return change(flash_extent{amount, order.noise});
     case flash_fault::torn:
-        (void)change(amount / 2);
-        die();
+        (void)change(flash_extent{amount / 2});
+        die(order.hold);
+    case flash_fault::after:
+        (void)change(flash_extent{amount});
+        die(order.hold);
     case flash_fault::stop:
-        die();
+        die(order.hold);
     }
     return refuse(EIO);
 }
 
-void flash_device::die()
+void flash_device::die(bool hold)
 {
     flash_wear_add(folder_, wear_);
+    if (hold)
+        (void)::kill(::getpid(), SIGSTOP);
     (void)::kill(::getpid(), SIGKILL);
     ::_exit(EXIT_STATUS_OF_KILLED); // the first process of a namespace cannot be killed from within
+}
+
+void flash_device::note_violation(const char *wanted, std::uint32_t place) const
+{
+    const unique_fd file(
+        ::openat(folder_.fd.get(), FLASH_FILE_VIOLATIONS, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (file)
+        (void)::dprintf(file.get(), "%s at 0x%x\n", wanted, place);
+}
+
+bool flash_device::refuse_violation(int reason, const char *wanted, std::uint32_t place) const
+{
+    note_violation(wanted, place);
+    return refuse(reason);
 }
 
 bool flash_device::fits(std::uint32_t offset, std::uint32_t length) const
@@ -165,10 +209,10 @@ bool flash_device::fits(std::uint32_t offset, std::uint32_t length) const
     return length > 0 && offset < geometry_.size_bytes && length <= geometry_.size_bytes - offset;
 }
 
-bool flash_device::may_change(std::uint32_t sector) const
+bool flash_device::may_change(std::uint32_t sector, const char *wanted) const
 {
     if (!writable_)
-        return refuse(EBADF);
+        return refuse_violation(EBADF, wanted, sector * geometry_.sector_bytes);
     if (is_protected(sector))
         return refuse(EPERM);
     return true;
@@ -177,13 +221,17 @@ bool flash_device::may_change(std::uint32_t sector) const
 bool flash_device::erase(std::uint32_t sector)
 {
     if (sector >= sector_count())
-        return refuse(EINVAL);
-    if (!may_change(sector))
+        return refuse_violation(EINVAL, "erase of a sector that is not there", sector);
+    if (!may_change(sector, "erase by a reader"))
         return false;
     ++wear_.erases;
     timing_.spend(FLASH_SECTOR_ERASE_NS);
-    return perform(flash_operation::erase, sector, geometry_.sector_bytes, [&](std::uint32_t part) {
-        std::memset(data_ + std::size_t{sector} * geometry_.sector_bytes, FLASH_ERASED_BYTE, part);
+    return perform(flash_operation::erase, sector, geometry_.sector_bytes, [&](const flash_extent &extent) {
+        std::uint8_t *place = data_ + std::size_t{sector} * geometry_.sector_bytes;
+        std::memset(place, FLASH_ERASED_BYTE, extent.amount);
+        extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) {
+            place[byte] = static_cast<std::uint8_t>(place[byte] & ~mask);
+        });
         return true;
     });
 }
@@ -191,16 +239,21 @@ bool flash_device::erase(std::uint32_t sector)
 bool flash_device::program(std::uint32_t offset, const std::uint8_t *bytes, std::uint32_t length)
 {
     if (!fits(offset, length) || offset % geometry_.page_bytes + length > geometry_.page_bytes)
-        return refuse(EINVAL);
+        return refuse_violation(EINVAL, "program of a place that is no part of a page", offset);
     const std::uint32_t sector = offset / geometry_.sector_bytes;
-    if (!may_change(sector))
+    if (!may_change(sector, "program by a reader"))
         return false;
+    std::uint8_t *place = data_ + offset;
+    if (!std::equal(bytes, bytes + length, place,
+                    [](std::uint8_t wanted, std::uint8_t there) { return (wanted & ~there) == 0; }))
+        note_violation("program of bytes that are not erased", offset);
     ++wear_.programs;
     timing_.spend(FLASH_PAGE_PROGRAM_NS);
-    return perform(flash_operation::program, sector, length, [&](std::uint32_t part) {
-        std::uint8_t *place = data_ + offset;
-        for (std::uint32_t index = 0; index < part; ++index)
-            place[index] &= bytes[index];
+    return perform(flash_operation::program, sector, length, [&](const flash_extent &extent) {
+        std::vector<std::uint8_t> written(bytes, bytes + extent.amount);
+        extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) { written[byte] ^= mask; });
+        for (std::uint32_t index = 0; index < extent.amount; ++index)
+            place[index] &= written[index];
         return true;
     });
 }
@@ -208,11 +261,12 @@ bool flash_device::program(std::uint32_t offset, const std::uint8_t *bytes, std:
 bool flash_device::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t length)
 {
     if (!fits(offset, length))
-        return refuse(EINVAL);
+        return refuse_violation(EINVAL, "read of a place that is not there", offset);
     ++wear_.reads;
     timing_.spend(FLASH_READ_BYTE_NS * length);
-    return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](std::uint32_t part) {
-        std::memcpy(bytes_out, data_ + offset, part);
+    return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](const flash_extent &extent) {
+        std::memcpy(bytes_out, data_ + offset, extent.amount);
+        extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) { bytes_out[byte] ^= mask; });
         return true;
     });
 }
@@ -231,14 +285,14 @@ bool flash_device::is_marked() const
 bool flash_device::set_marker()
 {
     if (!writable_)
-        return refuse(EBADF);
+        return refuse_violation(EBADF, "marker set by a reader", 0);
     const bool was_marked = is_marked();
-    const bool set = perform(flash_operation::marker, 0, 2, [&](std::uint32_t part) {
+    const bool set = perform(flash_operation::marker, 0, MARKER_STEPS, [&](const flash_extent &extent) {
         const unique_fd marker(
             ::openat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         if (!marker)
             return false;
-        return part < 2 || (::fsync(marker.get()) == 0 && ::fsync(folder_.fd.get()) == 0);
+        return extent.amount < MARKER_STEPS || (::fsync(marker.get()) == 0 && ::fsync(folder_.fd.get()) == 0);
     });
     if (set || was_marked)
         return set;
@@ -250,10 +304,10 @@ bool flash_device::set_marker()
 bool flash_device::clear_marker()
 {
     if (!writable_)
-        return refuse(EBADF);
-    return perform(flash_operation::marker, 0, 2, [&](std::uint32_t part) {
+        return refuse_violation(EBADF, "marker cleared by a reader", 0);
+    return perform(flash_operation::marker, 0, MARKER_STEPS, [&](const flash_extent &extent) {
         if (::unlinkat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, 0) != 0 && errno != ENOENT)
             return false;
-        return part < 2 || ::fsync(folder_.fd.get()) == 0;
+        return extent.amount < MARKER_STEPS || ::fsync(folder_.fd.get()) == 0;
     });
 }

@@ -7,6 +7,9 @@
 //
 // All operations: false with errno, EINVAL when the place does not fit (beyond the end, across a page), EPERM for
 // a protected sector, EBADF for a change by a reader, EIO on demand (flash_faults.h).
+//
+// What a driver must never ask of a part is noted in the file `violations`, a line each: a place that does not fit,
+// a change by a reader, and a program that would have to set bits. Real parts accept some of it without a word.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +43,8 @@ public:
     [[nodiscard]] bool erase(std::uint32_t sector);
 
     // Clears the bits that are 0 in bytes; bits that would have to be set stay 0 and the call still succeeds, as
-    // on a real part: reading back is what finds it. length: at least 1, within one page.
+    // on a real part: reading back is what finds it, and the violation is noted. length: at least 1, within one
+    // page.
     [[nodiscard]] bool program(std::uint32_t offset, const std::uint8_t *bytes, std::uint32_t length);
 
     [[nodiscard]] bool read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t length);
@@ -56,7 +60,7 @@ public:
 
     // Asked once for each operation, before it is done, with its sector (0 for the marker); in place of the flash's
     // own file of rules.
-    using fault_source = std::function<flash_fault(flash_operation, std::uint32_t sector)>;
+    using fault_source = std::function<flash_fault_order(flash_operation, std::uint32_t sector)>;
     void set_fault_source(fault_source source) { next_fault_ = std::move(source); }
 
 private:
@@ -67,10 +71,12 @@ private:
     bool load_protected();
     bool lock_and_map(flash_access access);
     bool fits(std::uint32_t offset, std::uint32_t length) const;
-    bool may_change(std::uint32_t sector) const;
+    bool may_change(std::uint32_t sector, const char *wanted) const;
+    bool refuse_violation(int reason, const char *wanted, std::uint32_t place) const;
+    void note_violation(const char *wanted, std::uint32_t place) const;
     template<class apply>
     bool perform(flash_operation operation, std::uint32_t sector, std::uint32_t amount, apply &&change);
-    [[noreturn]] void die();
+    [[noreturn]] void die(bool hold);
 
     flash_folder folder_;
     unique_fd data_file_;

@@ -20,7 +20,7 @@ bool make_folders(const std::string &path)
 {
     for (std::size_t end = path.find('/');; end = path.find('/', end + 1)) {
         const std::string folder = path.substr(0, end);
-        if (::mkdirat(chassis_dir_fd(), folder.c_str(), 0755) != 0 && errno != EEXIST)
+        if (::mkdirat(chassis_dir_fd(), folder.c_str(), 0700) != 0 && errno != EEXIST)
             return false;
         if (end == std::string::npos)
             return true;

@@ -6,7 +6,9 @@
 //   protected     write-protected sectors, one number or one range "first-last" a line
 //   faults        faults on demand, see flash_faults.h; absent when there are none
 //   programming   present from before the first erase of a programming until its contents were verified
+//   progress      how far the last programming is or was, see flash_progress_file.h; absent before the first
 //   wear          what was done so far: lines "erases N", "programs N", "reads N"
+//   violations    what was asked of it that no driver may ask, a line each; absent when there was nothing
 //
 // This file makes flashes and names their files; it uses chassis_dir.h only, so that tools of any word size
 // compile it into themselves. The device itself is flash_device.h.
@@ -23,7 +25,9 @@ constexpr const char *FLASH_FILE_TIMING = "timing";
 constexpr const char *FLASH_FILE_PROTECTED = "protected";
 constexpr const char *FLASH_FILE_FAULTS = "faults";
 constexpr const char *FLASH_FILE_PROGRAMMING = "programming";
+constexpr const char *FLASH_FILE_PROGRESS = "progress";
 constexpr const char *FLASH_FILE_WEAR = "wear";
+constexpr const char *FLASH_FILE_VIOLATIONS = "violations";
 
 constexpr unsigned FLASH_INSTANCE_COUNT = 2; // 0 primary, 1 alternate
 constexpr std::uint8_t FLASH_ERASED_BYTE = 0xff;

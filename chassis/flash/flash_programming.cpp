@@ -1,8 +1,7 @@
-// The programming procedure. It works sector by sector with two buffers of a sector, whatever the image's size.
+// The programming procedure. It works sector by sector with a few buffers of a sector, whatever the image's size.
 #include "flash_programming.h"
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 namespace
@@ -15,6 +14,57 @@ constexpr flash_progress_span WRITE_ONLY_SPAN = {BIOS_PHASE_WRITE, 0, 90};
 constexpr flash_progress_span VERIFY_SPAN = {BIOS_PHASE_VERIFY, 90, 99};
 
 enum class sector_work : std::uint8_t { none, write, erase_and_write };
+
+// Reading over a disturbed bus is not taken for a bad flash: an erase costs life of the part, an attempt costs the
+// daemon's pause.
+constexpr unsigned READ_TRIES = 3;       // of one sector
+constexpr unsigned CONFIRMING_READS = 2; // that have to find the same sector wrong
+constexpr unsigned ERASE_TRIES = 3;      // of a sector that is not blank though its erase succeeded
+
+enum class finding : std::uint8_t { as_wanted, different, unreadable };
+
+// The sector against what it should hold. found: a buffer of a sector; afterwards what was read last.
+finding compare_sector(flash_device &flash, std::uint32_t sector, const std::vector<std::uint8_t> &wanted,
+                       std::vector<std::uint8_t> &found)
+{
+    const std::uint32_t sector_bytes = flash.geometry().sector_bytes;
+    unsigned mismatches = 0;
+    for (unsigned attempt = 0; attempt < READ_TRIES && mismatches < CONFIRMING_READS; ++attempt) {
+        // What a read that was short or did nothing leaves in the buffer must not look like the right bytes.
+        std::transform(wanted.begin(), wanted.end(), found.begin(),
+                       [](std::uint8_t byte) { return static_cast<std::uint8_t>(~byte); });
+        if (!flash.read(sector * sector_bytes, found.data(), sector_bytes))
+            continue;
+        if (found == wanted)
+            return finding::as_wanted;
+        ++mismatches;
+    }
+    return mismatches > 0 ? finding::different : finding::unreadable;
+}
+
+// Erases a sector and reads it back: what is written over bits that were left would be lost. buffers: of a sector.
+bool erase_sector(flash_device &flash, std::uint32_t sector, const std::vector<std::uint8_t> &blank,
+                  std::vector<std::uint8_t> &found)
+{
+    for (unsigned attempt = 0; attempt < ERASE_TRIES; ++attempt) {
+        if (!flash.erase(sector))
+            return false;
+        if (compare_sector(flash, sector, blank, found) == finding::as_wanted)
+            return true;
+    }
+    return false;
+}
+
+// A marker of which the flash has only said that it was set is none.
+bool mark(flash_device &flash)
+{
+    return flash.set_marker() && flash.is_marked();
+}
+
+bool unmark(flash_device &flash)
+{
+    return flash.clear_marker() && !flash.is_marked();
+}
 
 bool is_erased(const std::uint8_t *bytes, std::uint32_t length)
 {
@@ -33,7 +83,8 @@ public:
           sector_bytes_(flash.geometry().sector_bytes),
           work_(flash.sector_count(), sector_work::none),
           wanted_(sector_bytes_),
-          found_(sector_bytes_)
+          found_(sector_bytes_),
+          blank_(sector_bytes_, FLASH_ERASED_BYTE)
     {
     }
 
@@ -47,8 +98,7 @@ private:
     bool write_sector(std::uint32_t sector);
     bool verify();
     bool load_wanted(std::uint32_t sector) { return image_.read(offset_of(sector), wanted_.data(), sector_bytes_); }
-    bool load_found(std::uint32_t sector);
-    bool is_equal() const { return std::memcmp(wanted_.data(), found_.data(), sector_bytes_) == 0; }
+    finding compare(std::uint32_t sector) { return compare_sector(flash_, sector, wanted_, found_); }
     std::uint32_t offset_of(std::uint32_t sector) const { return sector * sector_bytes_; }
     std::uint32_t sector_count() const { return static_cast<std::uint32_t>(work_.size()); }
 
@@ -60,6 +110,7 @@ private:
     std::vector<sector_work> work_;    // by sector
     std::vector<std::uint8_t> wanted_; // one sector of the image
     std::vector<std::uint8_t> found_;  // one sector of the flash
+    std::vector<std::uint8_t> blank_;  // one erased sector
 };
 
 std::int32_t programming_run::run()
@@ -76,11 +127,11 @@ std::int32_t programming_run::run()
     }
     if (is_protected_concerned())
         return BIOS_FLASH_ERR_PROTECTED;
-    if (!flash_.set_marker())
+    if (!mark(flash_))
         return may_erase ? BIOS_FLASH_ERR_ERASE : BIOS_FLASH_ERR_PROGRAM;
     if (may_erase && !erase_sectors())
         return BIOS_FLASH_ERR_ERASE;
-    if (!write_sectors() || !verify() || !flash_.sync() || !flash_.clear_marker())
+    if (!write_sectors() || !verify() || !flash_.sync() || !unmark(flash_))
         return BIOS_FLASH_ERR_PROGRAM;
     progress_.report_done();
     return 0;
@@ -91,9 +142,11 @@ std::int32_t programming_run::find_differences()
     for (std::uint32_t sector = 0; sector < sector_count(); ++sector) {
         if (!load_wanted(sector))
             return BIOS_FLASH_ERR_IMAGE_READ;
-        if (!load_found(sector) && !load_found(sector))
-            return BIOS_FLASH_ERR_NO_FLASH;
-        if (is_equal())
+        const finding found = compare(sector);
+        // An earlier attempt may have begun to change a marked flash: it is not as it was.
+        if (found == finding::unreadable)
+            return flash_.is_marked() ? BIOS_FLASH_ERR_PROGRAM : BIOS_FLASH_ERR_NO_FLASH;
+        if (found == finding::as_wanted)
             continue;
         const bool must_erase =
             mode_ == flash_programming_mode::erase_and_write && !is_erased(found_.data(), sector_bytes_);
@@ -114,7 +167,7 @@ bool programming_run::is_protected_concerned() const
 bool programming_run::erase_sectors()
 {
     for (std::uint32_t sector = 0; sector < sector_count(); ++sector) {
-        if (work_[sector] == sector_work::erase_and_write && !flash_.erase(sector))
+        if (work_[sector] == sector_work::erase_and_write && !erase_sector(flash_, sector, blank_, found_))
             return false;
         progress_.report(ERASE_SPAN, sector + 1, sector_count());
     }
@@ -146,22 +199,14 @@ bool programming_run::write_sector(std::uint32_t sector)
     return true;
 }
 
-// A read over a disturbed bus is not taken for a bad flash: what does not match is read once more.
 bool programming_run::verify()
 {
     for (std::uint32_t sector = 0; sector < sector_count(); ++sector) {
-        if (!load_wanted(sector))
-            return false;
-        if (!(load_found(sector) && is_equal()) && !(load_found(sector) && is_equal()))
+        if (!load_wanted(sector) || compare(sector) != finding::as_wanted)
             return false;
         progress_.report(VERIFY_SPAN, sector + 1, sector_count());
     }
     return true;
-}
-
-bool programming_run::load_found(std::uint32_t sector)
-{
-    return flash_.read(offset_of(sector), found_.data(), sector_bytes_);
 }
 
 } // namespace
@@ -178,10 +223,12 @@ std::int32_t flash_erase_whole(flash_device &flash)
         if (flash.is_protected(sector))
             return BIOS_FLASH_ERR_PROTECTED;
     }
-    if (!flash.set_marker())
+    if (!mark(flash))
         return BIOS_FLASH_ERR_ERASE;
+    const std::vector<std::uint8_t> blank(flash.geometry().sector_bytes, FLASH_ERASED_BYTE);
+    std::vector<std::uint8_t> found(blank.size());
     for (std::uint32_t sector = 0; sector < flash.sector_count(); ++sector) {
-        if (!flash.erase(sector))
+        if (!erase_sector(flash, sector, blank, found))
             return BIOS_FLASH_ERR_ERASE;
     }
     return 0;

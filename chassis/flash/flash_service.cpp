@@ -16,6 +16,7 @@
 #include "flash_image.h"
 #include "flash_programming.h"
 #include "flash_progress.h"
+#include "flash_progress_file.h"
 
 namespace
 {
@@ -64,7 +65,7 @@ std::int32_t program_bios_flash(std::int32_t handle, std::uint32_t requester_nod
                                 void *progress_area, std::uint32_t image_type)
 {
     (void)own_module; // the chassis knows the card by its slot
-    flash_progress progress(handle, requester_node, requester_sap, attempt,
+    flash_progress progress(image_type, handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
     return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         return program_flash(path, image_type, flash_programming_mode::erase_and_write, progress);
@@ -86,7 +87,10 @@ std::int32_t ibexpeak_bios_flash_erase(std::uint32_t selector)
     return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         std::int32_t failure = 0;
         const auto flash = open_for_writing(instance_of(selector), failure);
-        return flash ? flash_erase_whole(*flash) : failure;
+        if (!flash)
+            return failure;
+        flash_progress_note(chassis_own_slot(), instance_of(selector), BIOS_PHASE_ERASE, 0, 0);
+        return flash_erase_whole(*flash);
     });
 }
 
@@ -95,7 +99,7 @@ std::int32_t ibexpeak_program_bios_command_ex(const char *path, std::uint32_t se
                                               std::uint32_t own_module, std::uint32_t attempt, void *progress_area)
 {
     (void)own_module; // the chassis knows the card by its slot
-    flash_progress progress(handle, requester_node, requester_sap, attempt,
+    flash_progress progress(instance_of(selector), handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
     return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         return program_flash(path, instance_of(selector), flash_programming_mode::write_only, progress);

@@ -296,6 +296,30 @@ TEST_F(FlashDevice, IsMarkedAndUnmarked)
     EXPECT_FALSE(flash->is_marked());
 }
 
+TEST_F(FlashDevice, NotesWhatNoDriverMayAsk)
+{
+    create_flash();
+    const auto flash = open_flash();
+    const flash_bytes page = random_bytes(PAGE);
+    ASSERT_TRUE(flash->program(PAGE, page.data(), PAGE));
+    ASSERT_TRUE(flash->program(PAGE, page.data(), PAGE)) << "the same bytes again set none";
+    const flash_bytes zeros(PAGE, 0);
+    ASSERT_TRUE(flash->program(PAGE, zeros.data(), PAGE));
+    EXPECT_EQ(violations(), "");
+
+    EXPECT_TRUE(flash->program(PAGE, page.data(), PAGE));
+    EXPECT_FALSE(flash->erase(flash->sector_count()));
+    EXPECT_FALSE(flash->program(PAGE + 1, page.data(), PAGE));
+    std::uint8_t byte = 0;
+    EXPECT_FALSE(flash->read(SMALL_FLASH.size_bytes, &byte, 1));
+    EXPECT_FALSE(open_flash(flash_access::read)->erase(2));
+    EXPECT_EQ(violations(), "program of bytes that are not erased at 0x100\n"
+                            "erase of a sector that is not there at 0x10\n"
+                            "program of a place that is no part of a page at 0x101\n"
+                            "read of a place that is not there at 0x10000\n"
+                            "erase by a reader at 0x2000\n");
+}
+
 TEST_F(FlashDevice, CountsItsWearOverProcesses)
 {
     create_flash();

@@ -124,6 +124,7 @@ protected:
     {
         return std::filesystem::exists(flash_file("programming", instance));
     }
+    std::string violations() const { return text_of_flash_file("violations"); } // empty: none
     flash_wear wear(unsigned instance = 0) const
     {
         return flash_wear_load(flash_folder_path(TEST_SLOT, instance).c_str());

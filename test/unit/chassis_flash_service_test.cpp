@@ -11,6 +11,7 @@
 
 #include "bios_flash.h"
 #include "bios_header.h"
+#include "flash_progress_file.h"
 #include "mts.h"
 
 namespace
@@ -72,6 +73,12 @@ protected:
     {
         area = {};
         transport.sent.clear();
+    }
+
+    void write_erased() const
+    {
+        std::fstream data(flash_file("data"), std::ios::binary | std::ios::in | std::ios::out);
+        data << std::string(SMALL_FLASH.size_bytes, '\xff');
     }
 
     static bool has_told_end() { return !transport.sent.empty() && transport.sent.back().percent == 100; }
@@ -391,9 +398,22 @@ TEST_F(FlashProgramming, IsRefusedWhenTheFlashCannotBeReadAtAll)
 {
     const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
-    set_fault("fail read 3 2");
+    set_fault("fail read 3 3");
     EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), BIOS_FLASH_ERR_NO_FLASH);
     expect_untouched(before);
+}
+
+// Its contents may be those that an earlier attempt of the same request has left.
+TEST_F(FlashProgramming, IsNotToldToBeAsBeforeWhenAMarkedFlashCannotBeRead)
+{
+    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    set_fault("fail program 20");
+    ASSERT_EQ(program(image), BIOS_FLASH_ERR_PROGRAM);
+    set_fault("fail read 1 3");
+    EXPECT_EQ(program(image, 2), BIOS_FLASH_ERR_PROGRAM);
+    EXPECT_TRUE(is_marked());
+    EXPECT_EQ(program(image, 3), 0);
 }
 
 TEST_F(FlashProgramming, TouchesNothingWhenAProtectedSectorDiffers)
@@ -441,37 +461,114 @@ TEST_F(FlashProgramming, LeavesTheFlashMarkedWhenAWriteFails)
     expect_programmed(image);
 }
 
-TEST_F(FlashProgramming, FindsOutThatTheFlashLied)
+TEST_F(FlashProgramming, FindsOutThatAWriteDidNothingOrOnlyAPart)
 {
-    for (const char *lie : {"lie erase 3", "lie program 5"}) {
-        SCOPED_TRACE(lie);
+    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    for (const char *rule : {"lie program 5", "part program 5", "flip program 5"}) {
+        SCOPED_TRACE(rule);
         const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
-        if (!std::filesystem::exists(flash_file("data")))
-            create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
         new_request();
-        set_fault(lie);
+        set_fault(rule);
         EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_PROGRAM);
         EXPECT_TRUE(is_marked());
         EXPECT_FALSE(has_told_end());
         EXPECT_EQ(program(file_of("image", image), 2), 0);
         expect_programmed(image);
     }
+    EXPECT_EQ(violations(), "");
 }
 
-TEST_F(FlashProgramming, ReadsASectorOnceMoreBeforeItCountsAsWrong)
+// What is written over bits that an erase has left would be lost.
+TEST_F(FlashProgramming, ErasesAgainWhatIsNotBlankAfterwards)
+{
+    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    for (const char *rule : {"lie erase 3 2", "part erase 3 2", "flip erase 3 2"}) {
+        SCOPED_TRACE(rule);
+        const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+        const std::uint64_t erases_before = wear().erases;
+        new_request();
+        set_fault(rule);
+        EXPECT_EQ(program(file_of("image", image)), 0);
+        expect_programmed(image);
+        EXPECT_EQ(wear().erases, erases_before + SECTORS + 2);
+    }
+    EXPECT_EQ(violations(), "");
+}
+
+TEST_F(FlashProgramming, FailsWhenASectorStaysNotBlankAndDoesNotWriteIt)
+{
+    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    set_fault("flip erase 3 3");
+    EXPECT_EQ(program(file_of("image", random_bytes(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_ERASE);
+    EXPECT_TRUE(is_marked());
+    EXPECT_EQ(wear().programs, 0u);
+}
+
+TEST_F(FlashProgramming, DoesNotEraseForAReadThatWasDisturbed)
+{
+    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    create_flash(0, SMALL_FLASH, image);
+    for (const char *rule : {"flip read 5", "part read 5", "lie read 5", "fail read 5 2"}) {
+        SCOPED_TRACE(rule);
+        new_request();
+        set_fault(rule);
+        EXPECT_EQ(program(file_of("image", image)), 0);
+        expect_programmed(image);
+    }
+    EXPECT_EQ(wear().erases, 0u);
+    EXPECT_EQ(wear().programs, 0u);
+}
+
+TEST_F(FlashProgramming, ReadsASectorAgainBeforeItCountsAsWrong)
 {
     const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
     create_flash();
-    set_fault("fail read " + std::to_string(SECTORS + 5)); // the fifth of the reading back
-    EXPECT_EQ(program(file_of("image", image)), 0);
-    expect_programmed(image);
-
-    const flash_bytes next = random_bytes(SMALL_FLASH.size_bytes);
+    const std::string fifth_read_back = std::to_string(2 * SECTORS + 5); // each difference is read twice
+    for (const char *fault : {"fail", "lie", "part", "flip"}) {
+        SCOPED_TRACE(fault);
+        write_erased();
+        new_request();
+        set_fault(std::string(fault) + " read " + fifth_read_back);
+        EXPECT_EQ(program(file_of("image", image)), 0);
+        expect_programmed(image);
+    }
+    write_erased();
     new_request();
-    set_fault("lie read " + std::to_string(SECTORS + 5) + " 2");
-    EXPECT_EQ(program(file_of("image", next)), BIOS_FLASH_ERR_PROGRAM);
+    set_fault("flip read " + fifth_read_back + " 2");
+    EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_PROGRAM);
     EXPECT_TRUE(is_marked());
     EXPECT_FALSE(has_told_end());
+}
+
+// The sectors of this image are the same: the buffer holds the right bytes from the sector before.
+TEST_F(FlashProgramming, DoesNotTakeAReadThatDeliveredNothingForTheRightBytes)
+{
+    const flash_bytes image(SMALL_FLASH.size_bytes, 0x5a);
+    for (const char *rule : {"lie read always", "part read always"}) {
+        SCOPED_TRACE(rule);
+        if (!std::filesystem::exists(flash_file("data")))
+            create_flash(0, SMALL_FLASH, image);
+        new_request();
+        set_fault(rule);
+        EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_ERASE);
+        EXPECT_FALSE(has_told_end());
+    }
+}
+
+TEST_F(FlashProgramming, DoesNotTrustAMarkerThatIsNotThere)
+{
+    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    create_flash(0, SMALL_FLASH, before);
+    set_fault("lie marker 1");
+    EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_ERASE);
+    expect_untouched(before);
+    set_fault("lie marker 2"); // the clearing
+    EXPECT_EQ(program(file_of("image", image), 2), BIOS_FLASH_ERR_PROGRAM);
+    EXPECT_TRUE(is_marked());
+    EXPECT_FALSE(has_told_end());
+    EXPECT_EQ(program(file_of("image", image), 3), 0);
+    expect_programmed(image);
 }
 
 TEST_F(FlashProgramming, TouchesNothingWhenTheMarkerCannotBeSet)
@@ -687,6 +784,81 @@ TEST_F(FlashProgress, GivesUpTheEndAfterAboutFiveSeconds)
 }
 
 // Erasing and writing in two calls
+
+// For watchers
+
+TEST_F(FlashProgress, IsLeftInTheFlashsFileWithEachMessage)
+{
+    create_flash();
+    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    transport.answer = [&](const progress_message &message) {
+        const auto line = flash_progress_parse(text_of_flash_file("progress"));
+        EXPECT_TRUE(line && line->phase == message.phase && line->percent == message.percent &&
+                    line->attempt == message.attempt)
+            << text_of_flash_file("progress");
+        return 0;
+    };
+    EXPECT_EQ(program(path, 2), 0);
+    EXPECT_EQ(flash_progress_parse(text_of_flash_file("progress"))->percent, 100u);
+}
+
+TEST_F(FlashProgress, OfALaterAttemptIsLeftThoughItsMessagesAreSilent)
+{
+    create_flash();
+    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    set_fault("fail program 200");
+    EXPECT_NE(program(path, 1), 0);
+    const auto first = flash_progress_parse(text_of_flash_file("progress"));
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->phase, BIOS_PHASE_WRITE);
+    set_fault("fail erase 1");
+    EXPECT_NE(program(path, 2), 0);
+    const auto second = flash_progress_parse(text_of_flash_file("progress"));
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->attempt, 2u);
+    EXPECT_EQ(second->phase, BIOS_PHASE_ERASE);
+    EXPECT_LT(second->percent, first->percent);
+}
+
+TEST_F(FlashProgress, FileThatCannotBeWrittenHoldsNothingUpAndIsNoOperation)
+{
+    create_flash();
+    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const std::string path = file_of("image", image);
+    EXPECT_EQ(program(path), 0);
+    const flash_wear before = wear();
+    new_request();
+    EXPECT_EQ(program(path), 0);
+    const std::uint64_t reads_of_one = wear().reads - before.reads;
+
+    std::filesystem::remove(flash_file("progress"));
+    std::filesystem::create_directory(flash_file("progress"));
+    const flash_wear with_file = wear();
+    new_request();
+    EXPECT_EQ(program(path), 0);
+    expect_programmed(image);
+    EXPECT_EQ(wear().reads - with_file.reads, reads_of_one);
+    EXPECT_EQ(wear().programs, before.programs);
+}
+
+TEST_F(FlashProgress, IsNotLeftByARequestThatIsRefused)
+{
+    create_flash();
+    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const auto other = open_flash();
+    EXPECT_EQ(program(path), BIOS_FLASH_ERR_IN_USE);
+    EXPECT_FALSE(std::filesystem::exists(flash_file("progress")));
+}
+
+TEST_F(ErasedFlash, ProgressTellsOfTheErasing)
+{
+    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    EXPECT_EQ(ibexpeak_bios_flash_erase(SELECTOR), 0);
+    const auto line = flash_progress_parse(text_of_flash_file("progress"));
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->phase, BIOS_PHASE_ERASE);
+    EXPECT_EQ(line->attempt, 0u);
+}
 
 TEST(FlashSelector, HoldsTheLayoutAndTheFlash)
 {
