@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,12 +97,22 @@ unique_fd empty_input()
     return out_of_the_way(reader.get());
 }
 
-// A link is not followed: outputs have fixed names in folders where everybody may plant one.
+// Outputs have fixed names in folders where everybody may plant something. A link is not followed, and a FIFO,
+// whose reader may keep the command waiting for ever, is refused.
 unique_fd open_output(const char *path)
 {
-    const unique_fd file(
-        ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, OUTPUT_FILE_MODE));
-    return file ? out_of_the_way(file.get()) : unique_fd();
+    const unique_fd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                                OUTPUT_FILE_MODE));
+    struct stat status {
+    };
+    if (!file || ::fstat(file.get(), &status) != 0)
+        return unique_fd();
+    if (S_ISFIFO(status.st_mode)) {
+        errno = EINVAL;
+        return unique_fd();
+    }
+    (void)::fcntl(file.get(), F_SETFL, O_WRONLY); // the command expects a file that it may wait for
+    return out_of_the_way(file.get());
 }
 
 unique_fd open_input(const char *path)

@@ -29,10 +29,10 @@ void open_chassis(const std::string &path)
         throw launcher_error(path + ": no chassis there (" + std::strerror(errno) +
                              "); make one with: chassis --dir " + path + " init DESCRIPTION.toml");
     }
-    if (const std::string problem = chassis_folder_problem("."); !problem.empty())
-        throw launcher_error(path + ": " + problem);
     if (!exists("inventory") || !exists("slots"))
         throw launcher_error(path + ": is not the directory of a chassis");
+    if (const std::string problem = chassis_folder_problem("."); !problem.empty())
+        throw launcher_error(path + ": " + problem);
 }
 
 std::vector<unsigned> card_slots()

@@ -15,12 +15,13 @@
 namespace
 {
 
+// Each folder is closed by itself: whoever lets others into the directory, to read the inventory for instance, has
+// not let them into the rest of it.
 constexpr mode_t PRIVATE_MODE = 0700;
-constexpr mode_t FOLDER_MODE = 0755;
 
-void make_folder(const std::string &path, mode_t mode = FOLDER_MODE)
+void make_folder(const std::string &path)
 {
-    if (::mkdirat(chassis_dir_fd(), path.c_str(), mode) != 0)
+    if (::mkdirat(chassis_dir_fd(), path.c_str(), PRIVATE_MODE) != 0)
         throw system_error_of(path);
 }
 
@@ -56,6 +57,20 @@ private:
     std::string final_path_;
     std::string path_;
 };
+
+// An empty directory may be there. One of another user, or one that others write to, is somebody else's place.
+void require_free_place(const std::string &directory)
+{
+    std::error_code problem;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(directory, problem)))
+        return;
+    if (chassis_attach(directory, 0) != 0)
+        throw system_error_of(directory);
+    if (const std::string objection = chassis_folder_problem("."); !objection.empty())
+        throw launcher_error(directory + ": " + objection);
+    if (!std::filesystem::is_empty(directory, problem))
+        throw launcher_error(directory + ": is there already; remove it first or choose another with --dir");
+}
 
 void write_inventory(const card_description &card)
 {
@@ -123,16 +138,16 @@ void make_card(const card_description &card)
 void init_chassis(const std::string &directory, const std::string &description)
 {
     const chassis_description chassis = load_description(description);
-    std::error_code problem;
-    if (std::filesystem::exists(directory, problem) && !std::filesystem::is_empty(directory, problem))
-        throw launcher_error(directory + ": is there already; remove it first or choose another with --dir");
-
+    require_free_place(directory);
     new_directory made(directory);
     if (chassis_attach(made.path(), 0) != 0)
         throw system_error_of(made.path());
+    // In a folder where everybody may rename everything it can be another one by now.
+    if (const std::string problem = chassis_folder_problem("."); !problem.empty())
+        throw launcher_error(made.path() + ": " + problem);
     make_folder("inventory");
     make_folder("slots");
-    make_folder("mts", PRIVATE_MODE);
+    make_folder("mts");
     make_folder("locks");
     make_folder("transport");
     write_line("name", chassis.name);

@@ -31,6 +31,24 @@ constexpr std::chrono::seconds DOWN_PATIENCE{10}; // for a card to go down befor
 constexpr std::chrono::seconds KILL_PATIENCE{5};
 constexpr unsigned TAIL_LINES = 20;
 
+// What cards share, and what is one card's: nobody else may have been let in to change something there.
+void require_private_folders(const std::vector<unsigned> &slots)
+{
+    std::vector<std::string> folders = {"inventory", "slots", "mts", "locks", "transport"};
+    for (const unsigned slot : slots) {
+        folders.push_back("inventory/" + std::to_string(slot));
+        folders.push_back("slots/" + std::to_string(slot));
+        for (const char *name : {"root", "flash", "flash/primary", "flash/alternate", "registers", "debug"})
+            folders.push_back(chassis_slot_path(slot, name));
+    }
+    for (const std::string &folder : folders) {
+        if (::faccessat(chassis_dir_fd(), folder.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
+            continue; // made anew by whoever needs it
+        if (const std::string problem = chassis_folder_problem(folder); !problem.empty())
+            throw launcher_error(folder + " of the chassis: " + problem);
+    }
+}
+
 std::string own_program()
 {
     return std::filesystem::read_symlink("/proc/self/exe").string();
@@ -221,6 +239,7 @@ void bring_up(const up_options &options)
         if (keeper_of(slot))
             throw launcher_error("the chassis is running already; look at it with: chassis status");
     }
+    require_private_folders(slots);
     up_options settled = options;
     settled.daemon = find_daemon(options.daemon);
     require_standin(slots);

@@ -19,6 +19,7 @@ namespace
 
 constexpr const char *DIRECTORY_NAME = "mts";
 constexpr const char *LOCK_NAME = "lock";
+constexpr mode_t SOCKET_MODE = 0600;
 constexpr std::uint32_t LAST_EPHEMERAL_SAP = 0x7fffffff;
 constexpr unsigned EPHEMERAL_SAP_TRIES = 4096;
 constexpr unsigned CONNECT_TRIES = 8;
@@ -69,6 +70,9 @@ int inside(int directory, Call call)
 
 int bind_socket(int directory, int socket, mts_address_t address)
 {
+    // The file of a socket gets the mode that the socket has, whatever is open in this process's umask.
+    if (::fchmod(socket, SOCKET_MODE) != 0)
+        return -1;
     const sockaddr_un name = socket_address(address);
     return inside(directory,
                   [&] { return ::bind(socket, reinterpret_cast<const sockaddr *>(&name), sizeof name); });

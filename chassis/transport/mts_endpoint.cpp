@@ -1,5 +1,6 @@
 #include "mts_endpoint.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
@@ -7,6 +8,7 @@
 
 #include "chassis_dir.h"
 #include "chassis_transport.h"
+#include "refused_messages.h"
 
 namespace
 {
@@ -109,10 +111,12 @@ int receive_within(mts_endpoint &endpoint, std::int64_t wait_us)
     return mts_datagram_receive(endpoint.socket.get(), 0, arrival());
 }
 
-bool is_wanted(const mts_frame_header &header, mts_wanted wanted)
+// Repeated requests are not: a receiver that does not expect them would do its work twice.
+bool is_wanted(mts_endpoint &endpoint, const mts_frame_header &header, mts_wanted wanted)
 {
-    return wanted == mts_wanted::everything || header.kind == mts_frame_kind::unsolicited ||
-           header.kind == mts_frame_kind::request;
+    if (header.kind == mts_frame_kind::request)
+        return !endpoint.seen.repeats(header);
+    return wanted == mts_wanted::everything || header.kind == mts_frame_kind::unsolicited;
 }
 
 } // namespace
@@ -169,10 +173,19 @@ std::unique_ptr<mts_message> mts_endpoint_receive(mts_endpoint &endpoint, mts_wa
 {
     unsigned late = 0;
     for (;;) {
-        const int result = receive_within(endpoint, deadline - now);
+        if (auto message = endpoint.late.take_due(now)) {
+            if (is_wanted(endpoint, message->header, wanted))
+                return message;
+            continue;
+        }
+        const int result = receive_within(endpoint, endpoint.late.next_due(deadline) - now);
         if (result == 0) {
+            if (arrival().sender != endpoint.user)
+                mts_note_refused(endpoint.address, ++endpoint.refused, arrival().sender);
             auto message = mts_datagram_accept(arrival(), endpoint.user);
-            if (message && is_wanted(message->header, wanted))
+            if (message)
+                message = mts_faults_pass(std::move(message), endpoint.address, ++endpoint.arrivals, endpoint.late);
+            if (message && is_wanted(endpoint, message->header, wanted))
                 return message;
         } else if (errno == EINTR) {
             errno = MTS_ERRNO_INTERRUPTED;
@@ -186,6 +199,18 @@ std::unique_ptr<mts_message> mts_endpoint_receive(mts_endpoint &endpoint, mts_wa
             return nullptr;
         }
     }
+}
+
+bool mts_seen_requests::repeats(const mts_frame_header &header)
+{
+    const seen_request request = {header.source_node, header.source_sap, header.request_id};
+    if (header.kind != mts_frame_kind::request || request.id == 0)
+        return false;
+    if (std::find(requests_.begin(), requests_.end(), request) != requests_.end())
+        return true;
+    requests_[next_] = request;
+    next_ = (next_ + 1) % requests_.size();
+    return false;
 }
 
 void mts_endpoint_keep(mts_endpoint &endpoint, std::unique_ptr<mts_message> message)

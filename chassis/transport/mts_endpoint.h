@@ -4,6 +4,7 @@
 // emptied at once: an inherited socket would keep the parent's address alive after the parent's death.
 #pragma once
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <deque>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "mts_directory.h"
+#include "mts_faults.h"
 #include "mts_frame.h"
 
 // The connection of an endpoint to one destination.
@@ -22,6 +24,25 @@ struct mts_sender {
     bool stuck = false; // the last wait for room in the receiver's queue was in vain
 };
 
+// The requests that an endpoint has received last: one that comes twice on its way is received once.
+class mts_seen_requests
+{
+public:
+    // Whether a message is a request that was noted before; notes it.
+    [[nodiscard]] bool repeats(const mts_frame_header &header);
+
+private:
+    struct seen_request {
+        std::uint32_t node = 0;
+        std::uint32_t sap = 0;
+        std::uint64_t id = 0;
+
+        bool operator==(const seen_request &) const = default;
+    };
+    std::array<seen_request, 64> requests_{};
+    std::size_t next_ = 0;
+};
+
 struct mts_endpoint {
     mts_address_t address;
     unique_fd directory;
@@ -30,10 +51,14 @@ struct mts_endpoint {
     std::string name;
     std::vector<std::uint32_t> listens; // opcodes
     std::vector<mts_sender> senders;    // the most recently used last
+    std::uint64_t refused = 0;          // messages of other users that were dropped
 
     std::int64_t socket_wait_us = 0;               // receive time-out that the socket is set to; 0: none
     std::deque<std::unique_ptr<mts_message>> kept; // received while waiting for an answer
     std::uint64_t kept_bytes = 0;
+    std::uint64_t arrivals = 0; // messages that came
+    mts_late_messages late;
+    mts_seen_requests seen;
 };
 
 // Binds an endpoint; sap may be -1. The handle, or -1 with errno.

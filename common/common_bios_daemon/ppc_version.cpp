@@ -86,9 +86,11 @@ void stored_digest_text(const std::uint8_t *image, char (&text)[DIGEST_TEXT_BYTE
 
 bool read_computed_digest(char (&text)[DIGEST_TEXT_BYTES + 1])
 {
-    const unique_fd fd(::open(WORK_DIGEST, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd)
-        return false;
+    // O_NONBLOCK: a FIFO planted in the file's place must not stop the daemon.
+    const unique_fd fd(::open(WORK_DIGEST, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat64 status = {}; // the 32-bit one fails on large inode numbers
+    if (!fd || ::fstat64(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != ::geteuid())
+        return false;                                 // no digest that anybody else has laid there
     (void)!::read(fd.get(), text, DIGEST_TEXT_BYTES); // a short text is a mismatch
     return true;
 }

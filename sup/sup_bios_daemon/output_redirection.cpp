@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "unique_fd.h"
@@ -19,15 +20,40 @@ void flush_output()
     (void)std::fflush(stderr);
 }
 
+// A file that only this user has made and named.
+template<class status_record>
+bool is_own_file(const status_record &status)
+{
+    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
+}
+
+// The folder is world-writable: somebody may have put a link, a FIFO, a folder or a second name of another file
+// under the name of the log. That goes away; what it leads to stays.
+void remove_planted(const char *path)
+{
+    struct stat status = {};
+    if (::lstat(path, &status) == 0 && !is_own_file(status))
+        (void)std::remove(path);
+}
+
+unique_fd open_log(const char *path)
+{
+    remove_planted(path);
+    // O_NONBLOCK: a FIFO planted at this very moment must not stop the daemon.
+    unique_fd log(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, LOG_FILE_MODE));
+    struct stat64 status = {}; // the 32-bit one fails on large inode numbers
+    // Output to a FIFO would end the daemon with its reader.
+    if (log && (::fstat64(log.get(), &status) != 0 || !is_own_file(status)))
+        log.reset();
+    return log;
+}
+
 } // namespace
 
 output_redirection::output_redirection(const char *path)
 {
     flush_output();
-    // O_NONBLOCK: a FIFO planted under the name must not stop the daemon.
-    const unique_fd log(
-        ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, LOG_FILE_MODE));
-    if (log) {
+    if (const unique_fd log = open_log(path); log) {
         redirect_to(log.get());
         return;
     }

@@ -22,11 +22,16 @@ namespace files = std::filesystem;
 constexpr unsigned ORDINARY_USER = 65534;
 constexpr const char *TRACE_FILE = "bios_daemon.dbg"; // every process of the daemon that exits adds to it
 
-constexpr const char *GUARD_SCRIPT = R"(read -r word || { "$1" --dir "$2" down; rm -rf "$3"; })";
+constexpr const char *GUARD_SCRIPT = R"(read -r word || { folder=$1; shift; "$@"; rm -rf "$folder"; })";
 
+// The file may go at any moment.
 std::string content_if_any(const std::string &path)
 {
-    return files::exists(path) ? file_content(path) : std::string();
+    try {
+        return file_content(path);
+    } catch (const std::runtime_error &) {
+        return {};
+    }
 }
 
 // After a hundred thousand requests the whole log would bury what failed.
@@ -110,7 +115,8 @@ void chassis_test::run_as_ordinary_user()
 {
     ordinary_user_ = true;
     // The build folder need not be open to everybody. The launcher finds the daemon and the tools beside itself.
-    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, BIOS_DAEMON_PROGRAM, VESKADD_PROGRAM})
+    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, BIOS_DAEMON_PROGRAM, INIT_SYSTEM_PROGRAM,
+                                NBITOOL_PROGRAM, VESKADD_PROGRAM})
         files::copy_file(program, workspace_ + "/" + files::path(program).filename().string());
     chassis_program_ = workspace_ + "/chassis";
     biosctl_program_ = workspace_ + "/biosctl";
@@ -162,6 +168,10 @@ std::string chassis_test::describe(const card_plan &card)
     }
     if (card.bootflash_mib != 0)
         text << "bootflash_mib = " << card.bootflash_mib << "\n";
+    if (!card.boot_loader.empty())
+        text << "boot_loader = \"" << card.boot_loader << "\"\n";
+    if (!card.ks_image.empty())
+        text << "ks_image = \"" << card.ks_image << "\"\n";
     if (!card.serves)
         text << "serves = false\n";
     text << "answers = \"" << card.answers << "\"\n";
@@ -189,8 +199,9 @@ void chassis_test::start_guard()
         throw std::runtime_error("pipe");
     guard_.reset(ends[1]);
     const unique_fd input(ends[0]);
-    const std::vector<std::string> words = {"sh",       "-c",      GUARD_SCRIPT, "guard", chassis_program_,
-                                            directory_, workspace_};
+    std::vector<std::string> words = {"sh", "-c", GUARD_SCRIPT, "guard", workspace_};
+    for (const std::string &word : with_user({chassis_program_, "--dir", directory_, "down"}))
+        words.push_back(word);
     guard_pid_ = ::fork();
     if (guard_pid_ != 0)
         return;

@@ -33,6 +33,8 @@ struct card_plan {
     std::string answers = "daemon";  // another form: a stand-in answers in the daemon's place
     std::optional<unsigned> answer_rows = {};
     std::optional<unsigned> answer_seed = {};
+    std::string boot_loader = {}; // file that becomes the card's boot loader; empty: none
+    std::string ks_image = {};    // file that becomes /etc/srg-ks.sro; empty: none
 };
 
 class chassis_test : public testing::Test
@@ -44,7 +46,7 @@ protected:
     // Before up().
     void insert(const card_plan &card) { cards_[card.slot] = card; }
     void run_as_ordinary_user();                                              // all programs; REQUIRES root
-    void limit_waits(unsigned wait_limit_s) { wait_limit_s_ = wait_limit_s; } // of all requests
+    void limit_waits(unsigned wait_limit_s) { wait_limit_s_ = wait_limit_s; } // of the cards
 
     // Makes the chassis and starts it. Throws with the launcher's words when that fails.
     void up(const std::string &isolation = "auto");
@@ -89,8 +91,9 @@ protected:
     const std::string &chassis_directory() const { return directory_; }
     const std::string &workspace() const { return workspace_; }
 
+    void TearDown() override; // takes the chassis down
+
 private:
-    void TearDown() override;
     void write_description(const std::string &isolation);
     void start(const std::string &description);
     std::string describe(const card_plan &card);
