@@ -1,5 +1,6 @@
 #include "program.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -88,7 +89,8 @@ request_answer send_request(client_endpoint &endpoint, const program_subject &su
 {
     options.module = subject.programmed_module;
     return endpoint.request(node_of_module(subject.serving_slot), MTS_OPC_BIOS_PROGRAMMING_START,
-                            encode_program_request(options), ANSWER_WAIT_LIMIT_S);
+                            encode_program_request(options),
+                            std::min(ANSWER_WAIT_LIMIT_S, options.timeout_s.value_or(ANSWER_WAIT_LIMIT_S)));
 }
 
 } // namespace

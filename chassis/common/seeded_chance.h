@@ -4,10 +4,13 @@
 #include <cmath>
 #include <cstdint>
 
+// From one number of a sequence to the next.
+constexpr std::uint64_t SEED_STEP = 0x9e3779b97f4a7c15;
+
 // A well-spread number from any, neighbours included (SplitMix64).
 constexpr std::uint64_t spread_number(std::uint64_t number)
 {
-    number += 0x9e3779b97f4a7c15;
+    number += SEED_STEP;
     number = (number ^ number >> 30) * 0xbf58476d1ce4e5b9;
     number = (number ^ number >> 27) * 0x94d049bb133111eb;
     return number ^ number >> 31;

@@ -2,7 +2,6 @@
 #include "flash_faults.h"
 
 #include <charconv>
-#include <cmath>
 #include <iterator>
 #include <optional>
 #include <sstream>
@@ -14,6 +13,7 @@
 #include "chassis_dir.h"
 #include "flash_folder.h"
 #include "flash_layout.h"
+#include "seeded_chance.h"
 
 namespace
 {
@@ -27,7 +27,6 @@ constexpr std::string_view HOLD = "hold";
 
 constexpr double LEAST_PERCENT = 0.001;
 constexpr double MOST_PERCENT = 100;
-constexpr std::uint64_t SEED_STEP = 0x9e3779b97f4a7c15;
 
 struct fault_rule {
     flash_fault fault = flash_fault::none;
@@ -134,25 +133,16 @@ std::string rule_line(const fault_rule &rule)
     return line + '\n';
 }
 
-// A well-spread number from any, neighbours included (SplitMix64).
-std::uint64_t mixed(std::uint64_t number)
-{
-    number = (number ^ number >> 30) * 0xbf58476d1ce4e5b9;
-    number = (number ^ number >> 27) * 0x94d049bb133111eb;
-    return number ^ number >> 31;
-}
-
 bool happens(const fault_rule &rule)
 {
-    constexpr int KEPT_BITS = 53; // of a double
-    return std::ldexp(static_cast<double>(mixed(rule.seed) >> (64 - KEPT_BITS)), -KEPT_BITS) < rule.share;
+    return chance_happens(spread_number(rule.seed), rule.share);
 }
 
 void order(const fault_rule &rule, flash_fault_order &happened)
 {
     happened.fault = rule.fault;
     happened.hold = rule.hold;
-    happened.noise = mixed(rule.seed + SEED_STEP / 2);
+    happened.noise = spread_number(rule.seed + SEED_STEP / 2);
 }
 
 // Takes one operation into account; happened is set by the first rule that is due. The line to keep, or nothing

@@ -4,9 +4,9 @@
 // Below the chassis directory:
 //   mts/NODE.SAP                   the endpoint's socket, both words as 8 hexadecimal digits
 //   mts/listen.OPCODE.NODE.SAP     the endpoint listens for the opcode
-//   transport/wait_limit_s         optional number: no request waits longer for its answer, whatever its caller
-//   says;
-//                                  read once per second of waiting, so a change counts for requests under way
+//   transport/wait_limit_s         optional number: no request of a card waits longer for its answer, whatever its
+//                                  caller says; tools are not bound. Read once per second of waiting, so a change
+//                                  counts for requests under way
 #pragma once
 
 #include <cstdint>

@@ -86,6 +86,15 @@ std::int64_t deadline_of(const pending &request, std::uint32_t limit_s)
     return request.start + std::int64_t{std::min(limit_s, request.wait_limit_s)} * MICROSECONDS;
 }
 
+// The chassis's limit binds cards only: a bound tool, which begins to wait before the card that it asks does, would
+// give up just before that card's own failure arrives.
+std::uint32_t allowed_wait_s(const pending &request)
+{
+    if (chassis_own_slot() == 0)
+        return request.wait_limit_s;
+    return chassis_read_value(WAIT_LIMIT_FILE, request.wait_limit_s);
+}
+
 // Once a second it is looked whether the receiver still lives and whether the chassis's wait limit has changed.
 // When the receiver is gone, what it sent before is still read; then there is nothing left to wait for.
 std::unique_ptr<mts_message> wait_for_answer(const pending &request)
@@ -114,7 +123,7 @@ std::unique_ptr<mts_message> wait_for_answer(const pending &request)
         if (now >= next_check) {
             next_check = now + PEER_CHECK_US;
             receiver_gone = !mts_directory_is_alive(request.endpoint.directory.get(), request.to, request.receiver);
-            deadline = deadline_of(request, chassis_read_value(WAIT_LIMIT_FILE, request.wait_limit_s));
+            deadline = deadline_of(request, allowed_wait_s(request));
         }
         if (now >= deadline) {
             errno = receiver_gone ? ECONNRESET : MTS_ERRNO_TIMED_OUT;

@@ -1,6 +1,7 @@
 // The message transport's calls (platform/mts.h).
 #include "mts.h"
 
+#include "chassis_notices.h"
 #include "chassis_transport.h"
 #include "mts_endpoint.h"
 
@@ -22,6 +23,9 @@ int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, co
         errno = EMSGSIZE;
         return -1;
     }
+    // First, so that whoever gets the message finds it there.
+    if (payload.body_bytes == 0)
+        chassis_notice_keep(endpoint.address, header.opcode, payload.head, payload.head_bytes);
     const int directory = endpoint.directory.get();
     for (const mts_listener &listener : mts_listeners(directory)) {
         if (listener.opcode != header.opcode)

@@ -1,12 +1,10 @@
 // A daemon that is asked very often: afterwards it holds no more than after the first questions.
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <sstream>
-#include <unistd.h>
 
 #include "bios_opcodes.h"
 #include "chassis_fixture.h"
+#include "process_holdings.h"
 #include "version_messages.h"
 
 namespace
@@ -18,30 +16,9 @@ constexpr unsigned OWN_QUERY_EVERY = 100;                    // two of them look
 constexpr unsigned SOURCE_QUERIES[] = {500, 40'000, 80'000}; // these take seconds
 constexpr unsigned RESIDENT_TOLERANCE_KIB = 64;
 
-struct holdings {
-    std::size_t descriptors;
-    std::size_t mappings;
-    unsigned resident_kib;
-    double processor_s; // of the daemon and the programs that it ran
-};
-
 class ManyQueries : public chassis_test
 {
 protected:
-    holdings held() const
-    {
-        const std::string process = "/proc/" + std::to_string(daemon_pid(1));
-        const auto count = [](auto &&range) {
-            std::size_t entries = 0;
-            for ([[maybe_unused]] const auto &entry : range)
-                ++entries;
-            return entries;
-        };
-        const std::string maps = file_content(process + "/maps");
-        return {count(std::filesystem::directory_iterator(process + "/fd")),
-                static_cast<std::size_t>(std::count(maps.begin(), maps.end(), '\n')), resident_kib(process),
-                processor_s(process)};
-    }
     void ask(unsigned number)
     {
         if (std::find(std::begin(SOURCE_QUERIES), std::end(SOURCE_QUERIES), number) != std::end(SOURCE_QUERIES))
@@ -67,32 +44,6 @@ protected:
     void start_asking() { asking_.emplace(); }
 
 private:
-    // The mark in smaps_rollup counts every page; the one in status is allowed to lag behind.
-    static unsigned resident_kib(const std::string &process)
-    {
-        std::istringstream text(file_content(process + "/smaps_rollup"));
-        for (std::string word; text >> word;) {
-            unsigned kib = 0;
-            if (word == "Rss:" && text >> kib)
-                return kib;
-        }
-        throw std::runtime_error("no resident size");
-    }
-    static double processor_s(const std::string &process)
-    {
-        const std::string text = file_content(process + "/stat");
-        std::istringstream rest(text.substr(text.rfind(')') + 1));
-        std::string skipped;
-        for (unsigned field = 3; field < 14; ++field)
-            rest >> skipped;
-        unsigned long ticks = 0;
-        for (unsigned field = 14; field < 18; ++field) { // own and children's, user and system
-            unsigned long some = 0;
-            rest >> some;
-            ticks += some;
-        }
-        return static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK));
-    }
     void expect_answer(std::uint32_t opcode, const std::string &body, std::size_t bytes)
     {
         const request_reply reply = asking_->ask(1, opcode, body);
@@ -120,11 +71,11 @@ TEST_F(ManyQueries, LeaveNothingBehind)
 
     for (unsigned number = 0; number < FIRST_QUERIES && !HasFailure(); ++number)
         ask(number);
-    const holdings first = held();
+    const process_holdings first = holdings_of(daemon);
     const auto start = std::chrono::steady_clock::now();
     for (unsigned number = FIRST_QUERIES; number < QUERIES && !HasFailure(); ++number)
         ask(number);
-    const holdings last = held();
+    const process_holdings last = holdings_of(daemon);
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
 
     std::printf("%u queries in %.0f s (%.0f s of processor time): descriptors %zu and %zu, mappings %zu and %zu, "

@@ -326,6 +326,22 @@ TEST_F(Program, ALongSilenceEndsAtTheTimeLimitOnlyWhenThereIsOne)
     EXPECT_TRUE(err_has("goes on in the card"));
 }
 
+// A request that was lost on its way.
+TEST_F(Program, ARequestThatIsNeverAnsweredEndsAtTheTimeLimit)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(program(
+                  [](daemon_side &side) {
+                      (void)side.receive(4791);
+                      (void)::sleep(static_cast<unsigned>(TEST_DEADLINE.count()));
+                  },
+                  {"5", "--timeout", "1"}),
+              1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_TRUE(err_has("the daemon did not answer in time")) << run_->err();
+    EXPECT_TRUE(err_has("it may have taken the request")) << run_->err();
+}
+
 TEST_F(Program, JsonHoldsTheResultAndNothingElseIsOnStandardOutput)
 {
     EXPECT_EQ(program(

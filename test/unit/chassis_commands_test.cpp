@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,6 +16,7 @@
 
 #include "exec_cmd.h"
 #include "image_files.h"
+#include "unique_fd.h"
 
 namespace
 {
@@ -282,6 +284,23 @@ TEST_F(Runner, PlantedLinkIsNotFollowed)
     EXPECT_EQ(-1, exec_cmd_with_files_print("echo gone", nullptr, file("out").c_str(), nullptr, 0));
     EXPECT_EQ(ELOOP, errno);
     EXPECT_EQ("precious", content_of("victim"));
+}
+
+// Neither one that nobody reads nor one whose reader may let the command wait.
+TEST_F(Runner, PlantedFifoIsRefusedAtOnce)
+{
+    ASSERT_EQ(0, ::mkfifo(file("out").c_str(), 0600));
+    EXPECT_EQ(-1, exec_cmd_with_files_print("echo gone", nullptr, file("out").c_str(), nullptr, 0));
+    EXPECT_EQ(ENXIO, errno);
+    const unique_fd reader(::open(file("out").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(-1, exec_cmd_with_files_print("echo gone", nullptr, file("out").c_str(), nullptr, 0));
+    EXPECT_EQ(EINVAL, errno);
+}
+
+TEST_F(Runner, DeviceTakesTheOutput)
+{
+    EXPECT_EQ(0, exec_cmd_with_files_print("echo gone", nullptr, "/dev/null", "/dev/null", 0));
 }
 
 TEST_F(Runner, OtherChildrenStayForTheirParent)

@@ -123,6 +123,19 @@ TEST_F(Transport, SweepsAwayTheEphemeralEndpointsOfKilledTools)
     EXPECT_TRUE(chassis_mts_is_bound(CARD_1, DAEMON_SAP));
 }
 
+TEST_F(Transport, BindsSocketsThatAreClosedToOthersWhateverTheUmask)
+{
+    const mode_t before = ::umask(0);
+    const std::int32_t handle = bind_endpoint(77);
+    ::umask(before);
+    struct stat status {
+    };
+    ASSERT_EQ(::stat(file_of(CARD_1, 77).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_TRUE(chassis_mts_is_bound(CARD_1, 77));
+    chassis_mts_unbind(handle);
+}
+
 TEST_F(Transport, RefusesArgumentsThatMeanNothing)
 {
     EXPECT_EQ(mts_bind(2, 5, BIND_OPTIONS, "x"), -1);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "daemon_test.h"
 #include "record_forms.h"
 #include "saved_streams.h"
+#include "unique_fd.h"
 
 namespace
 {
@@ -190,18 +192,85 @@ TEST_F(OutputRedirection, PutsOutputBackWhenErrorsCannotBeSent)
     EXPECT_EQ(printed(), "meanwhile out\n");
 }
 
-TEST_F(OutputRedirection, DoesNotFollowAPlantedLinkNorWaitForAPlantedFifo)
+// What somebody else has put under the name of the log.
+class PlantedLog : public OutputRedirection
 {
-    platform().write_file("/tmp/precious", "precious");
-    ASSERT_EQ(::symlink(platform().path("/tmp/precious").c_str(), platform().path(log_file).c_str()), 0);
-    output_redirection(log_file).keep();
-    EXPECT_EQ(platform().read_file("/tmp/precious"), "precious");
-    ASSERT_EQ(::unlink(platform().path(log_file).c_str()), 0);
+protected:
+    PlantedLog() { platform().write_file("/tmp/precious", "precious"); }
 
-    ASSERT_EQ(::mkfifo(platform().path(log_file).c_str(), 0600), 0);
-    output_redirection(log_file).keep();
-    print("meanwhile");
-    EXPECT_EQ(standard_error(), "meanwhile err\n");
+    void expect_put_away()
+    {
+        output_redirection redirection(log_file);
+        print("meanwhile");
+        redirection.restore();
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(log_)));
+        EXPECT_EQ(platform().read_file(log_file), "meanwhile out\nmeanwhile err\n");
+        EXPECT_EQ(platform().read_file("/tmp/precious"), "precious");
+        std::filesystem::remove(log_);
+    }
+    void expect_not_used()
+    {
+        output_redirection(log_file).keep();
+        print("meanwhile");
+        EXPECT_EQ(standard_error(), "meanwhile err\n");
+        EXPECT_EQ(platform().read_file("/tmp/precious"), "precious");
+    }
+
+    const std::string precious_ = platform().path("/tmp/precious");
+    const std::string log_ = platform().path(log_file);
+};
+
+TEST_F(PlantedLog, IsPutAwayWhenItIsALink)
+{
+    ASSERT_EQ(::symlink(precious_.c_str(), log_.c_str()), 0);
+    expect_put_away();
+}
+
+TEST_F(PlantedLog, IsPutAwayWhenItIsASecondNameOfAnotherFile)
+{
+    ASSERT_EQ(::link(precious_.c_str(), log_.c_str()), 0);
+    expect_put_away();
+}
+
+TEST_F(PlantedLog, IsPutAwayWhenItIsAFifoOrAnEmptyFolder)
+{
+    ASSERT_EQ(::mkfifo(log_.c_str(), 0600), 0);
+    expect_put_away();
+    ASSERT_EQ(::mkdir(log_.c_str(), 0700), 0);
+    expect_put_away();
+}
+
+TEST_F(PlantedLog, IsPutAwayWhenItIsAnotherUsersFile)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to give a file to another user";
+    platform().write_file(log_file, "of another user");
+    ASSERT_EQ(::chown(log_.c_str(), 65534, 65534), 0);
+    expect_put_away();
+}
+
+TEST_F(PlantedLog, IsNotUsedWhenItIsAFolderWithSomethingInIt)
+{
+    std::filesystem::create_directories(log_ + "/full");
+    expect_not_used();
+}
+
+// Planted between the look and the opening.
+TEST_F(PlantedLog, IsNotUsedWhenItIsAFifoAtTheLastMoment)
+{
+    unique_fd reader;
+    platform().when("open(\"/tmp/install_loader.log\"", [&] {
+        ASSERT_EQ(::mkfifo(log_.c_str(), 0600), 0);
+        reader.reset(::open(log_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    });
+    expect_not_used();
+}
+
+TEST_F(PlantedLog, IsNotUsedWhenItIsALinkAtTheLastMoment)
+{
+    platform().when("open(\"/tmp/install_loader.log\"",
+                    [&] { ASSERT_EQ(::symlink(precious_.c_str(), log_.c_str()), 0); });
+    expect_not_used();
 }
 
 } // namespace

@@ -238,6 +238,27 @@ TEST_F(PlantedLink, IsNotFollowedWhenTheDigestIsRead)
     EXPECT_EQ(platform().read_file("/etc/victim"), "untouched");
 }
 
+TEST_F(PpcChecksum, WaitsForNoWriterOfAPlantedFifo)
+{
+    const bios_image image = intact_image(ppc_fields());
+    platform().when("open(\"/tmp/chksum\"", [] {
+        std::filesystem::remove(platform().path("/tmp/chksum"));
+        ASSERT_EQ(::mkfifo(platform().path("/tmp/chksum").c_str(), 0600), 0);
+    });
+    EXPECT_EQ(checksum(image), not_opened);
+}
+
+TEST_F(PpcChecksum, TakesNoDigestOfAnotherUser)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to give a file to another user";
+    const bios_image image = intact_image(ppc_fields());
+    platform().when("open(\"/tmp/chksum\"",
+                    [] { ASSERT_EQ(::chown(platform().path("/tmp/chksum").c_str(), 65534, 65534), 0); });
+    EXPECT_EQ(checksum(image), not_opened);
+    EXPECT_FALSE(platform().file_exists("/tmp/new_bios"));
+}
+
 class PpcVersion : public PpcChecksum
 {
 protected:
