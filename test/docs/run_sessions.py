@@ -30,6 +30,7 @@ VARIABLE_PARTS = [
     (re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?(Z|[+-]\d{4})"), "TIME"),
     (re.compile(r"\b\d\d:\d\d\b"), "MM:SS"),
     (re.compile(r"process \d+"), "process PID"),
+    (re.compile(r"\[\d+\]"), "[PID]"),
     (re.compile(r"\b\d+%"), "N%"),
     (re.compile(r"\.cpp:\d+"), ".cpp:LINE"),
 ]
