@@ -20,11 +20,13 @@ void flush_output()
     (void)std::fflush(stderr);
 }
 
-// A file that only this user has made and named.
+// A file of this user's with no second name, or a device, which nobody else can make.
 template<class status_record>
 bool is_own_file(const status_record &status)
 {
-    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
+    if (S_ISREG(status.st_mode))
+        return status.st_uid == ::geteuid() && status.st_nlink <= 1;
+    return S_ISCHR(status.st_mode);
 }
 
 // The folder is world-writable: somebody may have put a link, a FIFO, a folder or a second name of another file

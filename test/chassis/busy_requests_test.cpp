@@ -23,6 +23,7 @@ TEST_F(BusyRequests, SecondIsRefusedAndTheFirstIsStillReported)
     ASSERT_EQ(running.error, 0);
     ASSERT_EQ(running.answer, 0U);
     EXPECT_TRUE(is_locked(1));
+    ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; })); // the answer comes before the fork
     const pid_t child = child_pid(1);
 
     const programming refused = second.start(1);

@@ -86,6 +86,7 @@ TEST_F(QueryWhileProgramming, IsAnsweredFromTheRunningVersionWithoutReadingTheFl
     requester programmer;
     programming seen = programmer.start(1);
     ASSERT_EQ(seen.answer, 0U) << seen;
+    ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; })); // the answer comes before the fork
 
     // From the beginning: the image is unpacked, and nobody has touched the flash.
     unsigned before_writing = 0;
