@@ -21,8 +21,7 @@ void flush_output()
 }
 
 // A file of this user's with no second name, or a device, which nobody else can make.
-template<class status_record>
-bool is_own_file(const status_record &status)
+bool is_own_file(const struct stat64 &status)
 {
     if (S_ISREG(status.st_mode))
         return status.st_uid == ::geteuid() && status.st_nlink <= 1;
@@ -33,8 +32,8 @@ bool is_own_file(const status_record &status)
 // under the name of the log. That goes away; what it leads to stays.
 void remove_planted(const char *path)
 {
-    struct stat status = {};
-    if (::lstat(path, &status) == 0 && !is_own_file(status))
+    struct stat64 status = {}; // the 32-bit one fails on large inode numbers, and on large files
+    if (::lstat64(path, &status) == 0 && !is_own_file(status))
         (void)std::remove(path);
 }
 
@@ -43,7 +42,7 @@ unique_fd open_log(const char *path)
     remove_planted(path);
     // O_NONBLOCK: a FIFO planted at this very moment must not stop the daemon.
     unique_fd log(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, LOG_FILE_MODE));
-    struct stat64 status = {}; // the 32-bit one fails on large inode numbers
+    struct stat64 status = {};
     // Output to a FIFO would end the daemon with its reader.
     if (log && (::fstat64(log.get(), &status) != 0 || !is_own_file(status)))
         log.reset();

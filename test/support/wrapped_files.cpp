@@ -88,6 +88,7 @@ int __real_openat(int folder, const char *path, int flags, ...);
 int __real_creat(const char *path, mode_t mode);
 int __real_stat(const char *path, struct stat *out);
 int __real_lstat(const char *path, struct stat *out);
+int __real_lstat64(const char *path, struct stat64 *out);
 int __real_access(const char *path, int mode);
 int __real_unlink(const char *path);
 int __real_remove(const char *path);
@@ -142,6 +143,12 @@ int __wrap_lstat(const char *path, struct stat *out)
 {
     const file_use use("lstat", path);
     return use.failed() ? -1 : __real_lstat(use.real(), out);
+}
+
+int __wrap_lstat64(const char *path, struct stat64 *out)
+{
+    const file_use use("lstat", path);
+    return use.failed() ? -1 : __real_lstat64(use.real(), out);
 }
 
 int __wrap_access(const char *path, int mode)
