@@ -2,15 +2,28 @@
 #include "image_comparison.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include "daemon_test.h"
 #include "record_forms.h"
+#include "saved_streams.h"
 
 namespace
 {
 bool tells_closing = false;
+
+// Which of the two files a descriptor is: "flash" or "image".
+std::string name_of(int fd)
+{
+    char target[256] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (::readlink(link.c_str(), target, sizeof target - 1) < 0)
+        return "unknown";
+    const std::string path = target;
+    return path.substr(path.rfind('/') + 1);
+}
 } // namespace
 
 extern "C" int __real_close(int fd);
@@ -18,7 +31,7 @@ extern "C" int __real_close(int fd);
 extern "C" int __wrap_close(int fd)
 {
     if (tells_closing)
-        platform().note("close()");
+        platform().note("close(" + name_of(fd) + ")");
     return __real_close(fd);
 }
 
@@ -100,7 +113,7 @@ TEST_F(ImageComparison, MapsAndReleasesBothInOrder)
     EXPECT_EQ(platform().story({"open", "mmap", "munmap", "close"}),
               (lines{"open(\"/bootflash/flash\", O_RDWR)", "mmap(0x12c, read write shared, 4096)",
                      "open(\"/bootflash/image\", O_RDWR)", "mmap(0x12c, read write shared, 0)", "munmap(0x12c)",
-                     "munmap(0x12c)", "close()", "close()"}));
+                     "munmap(0x12c)", "close(flash)", "close(image)"}));
 }
 
 TEST_F(ImageComparison, FindsNoBytesEqual)
@@ -133,6 +146,24 @@ TEST_F(ImageComparison, OpensReadWrite)
     EXPECT_EQ(compare(1), -22);
     EXPECT_EQ(platform().calls("open"),
               (lines{"open(\"/bootflash/flash\", O_RDWR)", "open(\"/bootflash/image\", O_RDWR)"}));
+    EXPECT_EQ(platform().logs(), lines{});
+}
+
+// Descriptor 0 is what a process without standard input gets, and nobody's flash.
+TEST_F(ImageComparison, RefusesDescriptorZeroForEitherFile)
+{
+    platform().write_file(flash, "a");
+    platform().write_file(image, "a");
+    const saved_streams streams;
+    ASSERT_EQ(::close(0), 0);
+    EXPECT_EQ(compare(1), -22) << "the first file gets it";
+    EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "and it is closed again";
+    EXPECT_THAT(platform().calls("mmap"), testing::SizeIs(0));
+
+    platform().when("mmap(", [] { (void)::close(0); });
+    ASSERT_EQ(::open("/dev/null", O_RDONLY), 0);
+    EXPECT_EQ(compare(1), -22) << "the second file gets it";
+    EXPECT_THAT(platform().calls("mmap"), testing::SizeIs(1));
     EXPECT_EQ(platform().logs(), lines{});
 }
 

@@ -188,6 +188,51 @@ TEST_F(LoaderInstall, DoesNotCareWhetherTheClosingWorked)
     EXPECT_EQ(install().back(), answer("0x0"));
 }
 
+// What the tools print goes to the log, and what the daemon prints afterwards does not: after every end but that of
+// an image that could not be opened.
+TEST_F(LoaderInstall, RedirectsTheOutputForTheToolsAloneWhateverTheResult)
+{
+    struct installation {
+        const char *status;
+        const char *in_image;
+        const char *installed;
+        std::vector<int> command_results; // of exec_cmd_with_io_print
+    };
+    platform().when("system(\"/vesk/sbin/nbitool open", [] {
+        std::printf("tool out\n");
+        std::fflush(stdout);
+        std::fprintf(stderr, "tool err\n");
+    });
+    std::string afterwards;
+    int number = 0;
+    for (const installation &each :
+         {installation{"0x0", "2.0", "1.0", {}}, installation{"0x40530001", "2.0", "1.0", {0, 0, failed}},
+          installation{"0x40530002", "2.0", "2.0", {}}, installation{"0x40530005", "", "1.0", {}},
+          installation{"0x40530006", "2.0", "1.0", {failed}}}) {
+        set_versions(each.in_image, each.installed);
+        for (const int result : each.command_results)
+            platform().next_result("exec_cmd_with_io_print", {result, 0});
+        platform().write_file(image, "an image");
+        const std::string answered = install(image, 1).back();
+        EXPECT_EQ(answered,
+                  "cmi_response([00000000], 4, 7, #" + std::to_string(++number) + ", " + each.status + ")");
+        EXPECT_EQ(platform().read_file(log_file), "tool out\ntool err\n") << each.status;
+        EXPECT_FALSE(platform().file_exists(image)) << each.status << ": the image is to be removed";
+        std::printf("%s\n", each.status);
+        afterwards += std::string(each.status) + "\n";
+    }
+    EXPECT_EQ(printed(), afterwards);
+}
+
+TEST_F(LoaderInstall, RemovesAnImageThatNoShellMaySee)
+{
+    const std::string odd = "/bootflash/a b";
+    platform().write_file(odd, "an image");
+    const saved_streams streams;
+    EXPECT_EQ(install(odd, 1), (lines{"remove(\"/bootflash/a b\")", answer("0x40530004")}));
+    EXPECT_FALSE(platform().file_exists(odd));
+}
+
 TEST_F(LoaderInstall, RunsNbitoolAsRoot)
 {
     user_id = 1000;
