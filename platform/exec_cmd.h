@@ -9,7 +9,8 @@
 extern "C" {
 #endif
 
-// Runs a command with the given standard streams; null leaves the process's own. The last word is 0.
+// Runs a command with the given standard streams; null leaves the process's own, and a stream whose descriptor is
+// closed is closed for the command too. The last word is 0.
 // 0 when the command ended with exit status 0, otherwise its wait status, or -1 with errno.
 int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, FILE *error, uint32_t reserved);
 

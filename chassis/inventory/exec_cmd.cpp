@@ -137,7 +137,7 @@ int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, F
         if (files[stream] == nullptr)
             continue;
         streams[stream] = out_of_the_way(::fileno(files[stream]));
-        if (!streams[stream])
+        if (!streams[stream] && errno != EBADF) // a stream whose descriptor is closed is closed for the command too
             return -1;
     }
     return run(command, streams);

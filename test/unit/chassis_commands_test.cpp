@@ -245,6 +245,21 @@ TEST_F(Runner, OwnStreamsMayBeExchanged)
     EXPECT_EQ("to-output\n", content_of("err"));
 }
 
+TEST_F(Runner, StreamWithAClosedDescriptorIsClosedForTheCommand)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        (void)::close(STDIN_FILENO);
+        const std::string command = "read line; echo \"read $?\" >" + file("out");
+        ::_exit(exec_cmd_with_io_print(command.c_str(), stdin, stdout, stderr, 0) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(content_of("out"), "read 0\n");
+    EXPECT_NE(content_of("out"), "");
+}
+
 TEST_F(Runner, FilesAreCreatedAndTruncated)
 {
     put("out", "much older and longer content");
