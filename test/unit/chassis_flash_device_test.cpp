@@ -14,17 +14,6 @@ namespace
 constexpr std::uint32_t SECTOR = SMALL_FLASH.sector_bytes;
 constexpr std::uint32_t PAGE = SMALL_FLASH.page_bytes;
 
-bool all_are(const flash_bytes &bytes, std::uint8_t value)
-{
-    return std::all_of(bytes.begin(), bytes.end(), [value](std::uint8_t byte) { return byte == value; });
-}
-
-flash_bytes piece_of(const flash_bytes &bytes, std::size_t offset, std::size_t length)
-{
-    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
-    return flash_bytes(begin, begin + static_cast<std::ptrdiff_t>(length));
-}
-
 class FlashDevice : public chassis_flash_fixture
 {
 };

@@ -2,6 +2,8 @@
 // ways to look at a flash from outside, through its files.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -26,6 +28,17 @@ using flash_bytes = std::vector<std::uint8_t>;
 
 constexpr unsigned TEST_SLOT = 3;
 constexpr flash_geometry SMALL_FLASH = {.size_bytes = 64 << 10, .sector_bytes = 4 << 10, .page_bytes = 256};
+
+inline bool all_are(const flash_bytes &bytes, std::uint8_t value)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [value](std::uint8_t byte) { return byte == value; });
+}
+
+inline flash_bytes piece_of(const flash_bytes &bytes, std::size_t offset, std::size_t length)
+{
+    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+    return flash_bytes(begin, begin + static_cast<std::ptrdiff_t>(length));
+}
 
 // The seed of this run; a failed run is repeated with TEST_SEED in the environment.
 inline std::mt19937 &test_random()
