@@ -1,0 +1,44 @@
+#include "timed_process.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <stdexcept>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+double run_timed_ms(const std::vector<std::string> &command)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str())); // posix_spawn changes none
+    arguments.push_back(nullptr);
+
+    posix_spawn_file_actions_t to_nowhere;
+    ::posix_spawn_file_actions_init(&to_nowhere);
+    ::posix_spawn_file_actions_addopen(&to_nowhere, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    int status = -1;
+    bool ran = false;
+    const double took = timed_ms([&] {
+        pid_t process = -1;
+        ran = ::posix_spawnp(&process, arguments[0], &to_nowhere, nullptr, arguments.data(), environ) == 0 &&
+              ::waitpid(process, &status, 0) == process;
+    });
+    ::posix_spawn_file_actions_destroy(&to_nowhere);
+    if (!ran || status != 0)
+        throw std::runtime_error(command[0] + " failed");
+    return took;
+}
+
+bench_folder::bench_folder() : path_(std::filesystem::path("/var/tmp") / "bios_daemon_bench.XXXXXX")
+{
+    if (::mkdtemp(path_.data()) == nullptr)
+        throw std::runtime_error("cannot make " + path_);
+}
+
+bench_folder::~bench_folder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
