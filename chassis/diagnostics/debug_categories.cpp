@@ -45,12 +45,24 @@ std::uint32_t read_mask(unsigned slot)
     return mask;
 }
 
+// Kept, because it is wanted with every log line.
+const std::string &flags_path(unsigned slot)
+{
+    static unsigned slot_of_path = slot;
+    static std::string path = chassis_debug_flags_path(slot);
+    if (slot != slot_of_path) {
+        path = chassis_debug_flags_path(slot);
+        slot_of_path = slot;
+    }
+    return path;
+}
+
 std::uint32_t current_mask()
 {
     const unsigned slot = chassis_own_slot();
     struct stat file {
     };
-    if (::fstatat(chassis_dir_fd(), chassis_debug_flags_path(slot).c_str(), &file, 0) != 0) {
+    if (::fstatat(chassis_dir_fd(), flags_path(slot).c_str(), &file, 0) != 0) {
         own_flags = {};
         return 0;
     }

@@ -66,16 +66,37 @@ std::string history_path(unsigned slot)
     return chassis_slot_path(slot, "history");
 }
 
-std::uint32_t checksum_of(const ring_record &record)
+// FNV-1a. Of a zero only the factor is left: a stretch of them costs one multiplication by its power.
+class fnv_sum
 {
-    std::uint32_t sum = 2166136261U; // FNV-1a
-    const auto add = [&sum](const void *data, std::size_t length) {
+public:
+    void add(const void *data, std::size_t length)
+    {
         for (std::size_t index = 0; index < length; ++index)
-            sum = (sum ^ static_cast<const unsigned char *>(data)[index]) * 16777619U;
-    };
-    add(&record, offsetof(ring_record, checksum));
-    add(record.text, sizeof record.text);
-    return sum != 0 ? sum : 1;
+            sum_ = (sum_ ^ static_cast<const unsigned char *>(data)[index]) * FACTOR;
+    }
+    void add_zeros(std::size_t count)
+    {
+        for (std::uint32_t power = FACTOR; count > 0; count /= 2, power *= power) {
+            if (count % 2 != 0)
+                sum_ *= power;
+        }
+    }
+    std::uint32_t value() const { return sum_; }
+
+private:
+    static constexpr std::uint32_t FACTOR = 16777619U;
+    std::uint32_t sum_ = 2166136261U;
+};
+
+// REQUIRES: the text holds zeros from text_bytes on.
+std::uint32_t checksum_of(const ring_record &record, std::size_t text_bytes)
+{
+    fnv_sum sum;
+    sum.add(&record, offsetof(ring_record, checksum));
+    sum.add(record.text, text_bytes);
+    sum.add_zeros(sizeof record.text - text_bytes);
+    return sum.value() != 0 ? sum.value() : 1;
 }
 
 ring_header fresh_header()
@@ -103,12 +124,15 @@ public:
     {
         struct stat status {
         };
-        const std::string path = history_path(slot);
-        if (::fstatat(chassis_dir_fd(), path.c_str(), &status, 0) == 0 && is_mapped(status))
+        if (slot != slot_) {
+            path_ = history_path(slot);
+            slot_ = slot;
+        }
+        if (::fstatat(chassis_dir_fd(), path_.c_str(), &status, 0) == 0 && is_mapped(status))
             return ring_;
         unmap();
-        if (!map(path) && chassis_write_file(path, empty_file()))
-            (void)map(path);
+        if (!map(path_) && chassis_write_file(path_, empty_file()))
+            (void)map(path_);
         return ring_;
     }
 
@@ -155,6 +179,8 @@ private:
         return content;
     }
 
+    unsigned slot_ = 0; // that path_ is of; 0: none
+    std::string path_;
     ring_file *ring_ = nullptr;
     dev_t device_ = 0;
     ino_t inode_ = 0;
@@ -177,15 +203,16 @@ void record_event(ring_file &ring, std::uint32_t event_type, std::string_view te
     fresh.time_ns = now_ns();
     fresh.pid = static_cast<std::uint32_t>(::getpid());
     fresh.event_type = event_type;
-    std::memcpy(fresh.text, text.data(), std::min(text.size(), TEXT_BYTES - 1));
-    fresh.checksum = checksum_of(fresh);
+    const std::size_t text_bytes = std::min(text.size(), TEXT_BYTES - 1);
+    std::memcpy(fresh.text, text.data(), text_bytes);
+    fresh.checksum = checksum_of(fresh, text_bytes);
     std::memcpy(&ring.record[(fresh.sequence - 1) % RECORD_COUNT], &fresh, sizeof fresh);
 }
 
 bool is_whole(const ring_record &record, std::uint32_t index)
 {
     return record.sequence != 0 && (record.sequence - 1) % RECORD_COUNT == index &&
-           record.checksum == checksum_of(record) && record.text[TEXT_BYTES - 1] == '\0';
+           record.checksum == checksum_of(record, sizeof record.text) && record.text[TEXT_BYTES - 1] == '\0';
 }
 
 } // namespace

@@ -16,7 +16,7 @@
 namespace
 {
 
-constexpr const char *RULES_FILE = "transport/faults";
+const std::string RULES_FILE = "transport/faults"; // looked for at each message
 constexpr const char *RECORD_FILE = "transport/faulted";
 constexpr std::string_view FAULT_NAMES[] = {"none", "lose", "double", "delay", "truncate"};
 constexpr const char *KIND_NAMES[] = {"none", "message", "request", "answer", "rejection"};
