@@ -16,6 +16,8 @@
 namespace
 {
 
+constexpr const char *PROGRAM_VERSION = "biosctl " BIOS_DAEMON_VERSION;
+
 // The parser may have stopped before it saw the flag.
 bool wants_json(int argc, char **argv)
 {
@@ -27,6 +29,7 @@ void add_commands(CLI::App &app, arguments &given)
     app.add_option("--dir", given.dir, "Chassis directory; without: $CHASSIS_DIR, else ./chassis.d")
         ->type_name("CHASSIS_DIR");
     app.add_flag("--json", given.json, "Answer with one JSON object on standard output, errors too");
+    app.set_version_flag("--version", PROGRAM_VERSION, "Print the version and exit");
     app.require_subcommand(1);
     app.fallthrough();
     app.footer(EXIT_CODES_HELP);
@@ -58,12 +61,29 @@ outcome help_text(const CLI::App &app, const CLI::Success &request)
     std::string lines = text.str();
     while (lines.ends_with('\n'))
         lines.pop_back();
-    return {EXIT_DONE, lines, {{"help", lines}}};
+    const bool version = dynamic_cast<const CLI::CallForVersion *>(&request) != nullptr;
+    return {EXIT_DONE, lines, {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}}};
 }
 
-outcome usage_error(const CLI::ParseError &error)
+// The first word where a command should stand; the parser only tells that there is none.
+std::string word_for_command(int argc, char **argv)
 {
-    return failure(EXIT_USAGE_ERROR, error.what(), "biosctl --help, or biosctl COMMAND --help");
+    for (int place = 1; place < argc; ++place) {
+        const std::string word = argv[place];
+        if (word == "--dir")
+            ++place;
+        else if (!word.starts_with('-'))
+            return word;
+    }
+    return {};
+}
+
+outcome usage_error(const CLI::App &app, const CLI::ParseError &error, const std::string &word)
+{
+    const bool is_unknown = app.get_subcommands().empty() && !word.empty() &&
+                            error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+    return failure(EXIT_USAGE_ERROR, is_unknown ? "'" + word + "' is no command" : error.what(),
+                   "biosctl --help, or biosctl COMMAND --help");
 }
 
 int parse_and_run(int argc, char **argv)
@@ -76,7 +96,7 @@ int parse_and_run(int argc, char **argv)
     } catch (const CLI::Success &request) {
         return print_outcome(help_text(app, request), wants_json(argc, argv));
     } catch (const CLI::ParseError &error) {
-        return print_outcome(usage_error(error), wants_json(argc, argv));
+        return print_outcome(usage_error(app, error, word_for_command(argc, argv)), wants_json(argc, argv));
     }
     return print_outcome(run(*app.get_subcommands().front(), given), given.json);
 }

@@ -1,0 +1,36 @@
+#!/bin/sh
+# The service unit is understood by systemd, which finds nothing wrong with it and little to attack.
+#   $1 folder of the units   $2 the built daemon   $3 work folder
+set -eu
+units=$1 daemon=$2 work=$3
+command -v systemd-analyze >/dev/null || { echo "skipped: there is no systemd-analyze"; exit 77; }
+rm -rf "$work" && mkdir -p "$work"
+cp "$units/bios-daemon-platform.target" "$work"
+# Here the daemon lies where it was built, and its manual pages are not installed.
+sed -e "s|/usr/sbin/bios_daemon|$daemon|" -e '/^Documentation=/d' "$units/bios-daemon.service" >"$work/bios-daemon.service"
+grep -q "^ExecStart=$daemon\$" "$work/bios-daemon.service"
+
+SYSTEMD_LOG_LEVEL=warning systemd-analyze verify --man=no "$work/bios-daemon.service" >"$work/verify.log" 2>&1 || true
+# Of other units of this machine it may complain.
+if grep bios-daemon "$work/verify.log"; then
+    exit 1
+fi
+# 100 is a service without any protection; this one may mount and reach devices.
+systemd-analyze security --offline=true --no-pager --threshold=40 "$work/bios-daemon.service" >"$work/security.log" ||
+    { tail -1 "$work/security.log"; exit 1; }
+tail -1 "$work/security.log"
+
+# A stop waits for the daemon's children, and not for ever when there is none.
+stop=$(sed -n "s/^ExecStop=\/bin\/sh -c '\(.*\)'\$/\1/p" "$work/bios-daemon.service")
+[ -n "$stop" ]
+mkfifo "$work/end"
+sh -c 'cat "$1" & wait' sh "$work/end" &
+parent=$!
+until pgrep -P "$parent" >/dev/null; do sleep 0.1; done
+MAINPID=$parent timeout 30 sh -c "$stop" &
+stopping=$!
+until pgrep -P "$stopping" >/dev/null; do sleep 0.1; done
+kill -0 "$stopping" || { echo "the stop did not wait for the child"; exit 1; }
+: >"$work/end"
+wait "$stopping" || { echo "the stop did not end when the child had ended"; exit 1; }
+MAINPID='' timeout 30 sh -c "$stop" 2>/dev/null || { echo "the stop waits without a daemon"; exit 1; }
