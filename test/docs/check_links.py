@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Looks where README.md and doc/*.md point to.
+"""Looks where the documents of the root and of doc/ point to.
 
 Every relative link has to lead to a file, and to a heading of it when it names one. Every name in a code span that
 begins with a folder of the sources has to be there, too.
@@ -8,7 +8,7 @@ import re
 import sys
 from pathlib import Path
 
-LINK = re.compile(r"(?<!!)\[[^\]]*\]\(([^)\s]+)\)")
+LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 CODE_SPAN = re.compile(r"`([^`]+)`")
 HEADING = re.compile(r"^#+ +(.*?) *$")
 SOURCE_NAME = re.compile(r"(?:biosctl|chassis|cmake|common|doc|include|packaging|platform|script|sup|test)/[\w./-]*")
@@ -62,7 +62,7 @@ def check(root, document):
 def main():
     root = Path(sys.argv[1])
     complaints, looked_at = [], 0
-    for document in [root / "README.md", *sorted((root / "doc").glob("*.md"))]:
+    for document in [*sorted(root.glob("*.md")), *sorted((root / "doc").glob("*.md"))]:
         new, count = check(root, document)
         complaints += new
         looked_at += count

@@ -1,0 +1,65 @@
+#!/usr/bin/env python3
+"""Does what the page about a new card type says: applies its change to a copy of the sources, builds the daemon, and
+types the page's session with it. Without the change the session has to fail: else it would show nothing.
+"""
+import argparse
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+SOURCE_FOLDERS = ("chassis", "cmake", "common", "include", "platform", "sup")
+CHECKED_HEADER = "chassis/launcher/card_families.cpp"
+
+
+def patch_of(page):
+    """The indented block that is a change of files."""
+    block = re.search(r"^(    --- a/.*?)(?=^\S)", page.read_text(), re.MULTILINE | re.DOTALL)
+    if block is None:
+        sys.exit(f"{page}: has no change of files")
+    return "".join(line[4:] + "\n" for line in block[1].rstrip().splitlines())
+
+
+def run(words, **more):
+    done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **more)
+    if done.returncode != 0:
+        sys.exit(f"{' '.join(map(str, words))} failed:\n{done.stdout}")
+
+
+def type_session(page, programs, daemon):
+    runner = Path(__file__).with_name("run_sessions.py")
+    environment = {**os.environ, "BIOS_DAEMON": str(daemon)}
+    return subprocess.run([sys.executable, runner, programs, page], env=environment, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, check=False)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("sources", type=Path)
+    parser.add_argument("programs", type=Path, help="folder with the built programs")
+    parser.add_argument("platform", type=Path, help="platform library that the daemon is linked with")
+    given = parser.parse_args()
+    page = given.sources / "doc/adding-a-card-type.md"
+
+    with tempfile.TemporaryDirectory(prefix="card-type.") as folder:
+        copy = Path(folder) / "sources"
+        for name in SOURCE_FOLDERS:
+            shutil.copytree(given.sources / name, copy / name)
+        shutil.copy(given.sources / "CMakeLists.txt", copy)
+        run(["patch", "-p1", "--fuzz=0"], cwd=copy, input=patch_of(page))
+        run(["cmake", "-G", "Ninja", "-S", copy, "-B", copy / "build", f"-DBIOS_DAEMON_PLATFORM={given.platform}"])
+        run(["cmake", "--build", copy / "build", "--target", "bios_daemon"])
+        run(["g++", "-std=c++20", "-fsyntax-only", copy / CHECKED_HEADER])
+
+        followed = type_session(page, given.programs, copy / "build/bin/bios_daemon")
+        print(followed.stdout, end="")
+        if followed.returncode != 0:
+            sys.exit(1)
+        if type_session(page, given.programs, given.programs / "bios_daemon").returncode == 0:
+            sys.exit("The session succeeds without the change, too.")
+
+
+main()
