@@ -57,9 +57,15 @@ int32_t get_bios_src_version(const char *image_path, uint32_t phys_offset, char 
 int32_t get_ibexpeak_bios_src_version(const char *image_path, uint32_t phys_offset, char *version_out);
 
 // Writes an image into the flash of this card (the plain x86 layout): erases what differs, writes, reads back.
-// Sends progress messages to the requester. Blocks until done.
-//   attempt     1-based number of the attempt
-//   image_type  flash instance: BIOS_FLASH_PRIMARY or BIOS_FLASH_ALTERNATE
+// Blocks until done. Sends progress messages to the requester (MTS_OPC_BIOS_PROGRAMMING_PROGRESS with a
+// bios_programming_progress_t, see include/bios_messages.h): over all attempts with one progress area the
+// percentages never go back, and 100 is sent only when the flash was found equal to the image. A requester that
+// cannot be reached is no failure.
+//   handle         endpoint of this process that the messages are sent from
+//   path           image file; removed by the caller
+//   attempt        1-based number of the attempt
+//   progress_area  bios_flash_progress_area_t
+//   image_type     flash instance: BIOS_FLASH_PRIMARY or BIOS_FLASH_ALTERNATE
 // 0x40710009 and 0x4071000c mean that the flash was left unprogrammed and another attempt may help.
 int32_t program_bios_flash(int32_t handle, uint32_t requester_node, uint32_t requester_sap, uint32_t own_module,
                            const char *path, uint32_t attempt, void *progress_area, uint32_t image_type);
@@ -69,10 +75,10 @@ int32_t program_bios_flash(int32_t handle, uint32_t requester_node, uint32_t req
 //   variant  flash layout of the board family: 3, 4 or 5
 uint32_t ibexpeak_bios_which_flash(const char *name, uint32_t variant);
 
-// Erases a flash. 0 when all of it was erased.
+// Erases a flash. 0 when all of it was erased; it has no version then until it is programmed, -61.
 int32_t ibexpeak_bios_flash_erase(uint32_t selector);
 
-// Writes an image into an erased flash and reads it back; sends progress messages to the requester.
+// Writes an image into an erased flash and reads it back; otherwise as program_bios_flash.
 int32_t ibexpeak_program_bios_command_ex(const char *path, uint32_t selector, int32_t handle,
                                          uint32_t requester_node, uint32_t requester_sap, uint32_t own_module,
                                          uint32_t attempt, void *progress_area);

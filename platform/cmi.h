@@ -22,9 +22,9 @@ int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_m
 //   request_type      3
 //   request           the request's body, *length bytes; or the same pointer as length, for a request without
 //                     body of its own: its body is then the first *length bytes of tag_1
-//   response_out      set to the answer's payload (malloc; the caller frees it) or to null; readable, zero beyond
-//   its
-//                     end, for at least MTS_READABLE_PAYLOAD_BYTES
+//   response_out      set to the answer's payload (malloc; the caller frees it), also when its status is not 0, or
+//                     to null when no answer came; readable, zero beyond its end, for at least
+//                     MTS_READABLE_PAYLOAD_BYTES
 //   length            in: bytes of the body; out: bytes of the answer's payload
 //   tag_1, tag_2      text that the transport puts into the request's header
 //   sap, node         the endpoint asked

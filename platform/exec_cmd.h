@@ -1,4 +1,5 @@
-// Command runners: run a command line through the shell and wait for its end.
+// Command runners: run a command line through the shell and wait for its end. Other children of the caller are left
+// for it to reap.
 #ifndef PLATFORM_EXEC_CMD_H
 #define PLATFORM_EXEC_CMD_H
 

@@ -20,7 +20,8 @@ char *uri_map_targetfs_path_get(const char *uri, char *out_buffer);
 // file has none.
 const char *srg_sw_interim_ver_file_get(const char *path);
 
-// Copies the first length bytes of a file into memory. 0, or the error code of what failed.
+// Copies the first length bytes of a file into memory. 0, or the error code (not 0) of what failed; a file with
+// fewer bytes is a failure.
 int32_t srg_file_clone(void *destination, const char *path, uint32_t length);
 
 #ifdef __cplusplus

@@ -43,9 +43,9 @@ enum {
     MTS_ERRNO_INTERRUPTED = 4, // a signal ended the wait
 };
 
-// Binds an endpoint.
+// Binds an endpoint, which lives as long as its process.
 //   kind     1
-//   sap      service access point, or -1 for one of the transport's choice
+//   sap      service access point, or -1 for one of the transport's choice that nobody has
 //   options  six words, passed as the platform's transport documents them: 1, 0, 1024, 0, 0, 15
 //   name     text for diagnostics; copied
 // The handle (not negative), or -1 with errno: EADDRINUSE when a living endpoint has the sap, or that of the
@@ -82,7 +82,8 @@ int32_t mts_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
 int32_t mts_respond_reject(int32_t handle, uint32_t reserved_1, uint32_t reserved_2, mts_message_t *message,
                            uint32_t reserved_3, uint32_t reserved_4);
 
-// Releases a received message; its payload is not valid afterwards. Called exactly once for each.
+// Releases a received message; its payload is not valid afterwards. Called exactly once for each. 0, or -1 with
+// errno; the daemon does not look at it.
 int32_t mts_drop(int32_t handle, mts_message_t *message);
 
 #ifdef __cplusplus

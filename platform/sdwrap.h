@@ -42,6 +42,7 @@ int32_t sdwrap_hist_event_subtype_check(uint32_t event_type, uint32_t subtype);
 // Records a history event.
 //   length  bytes of text, without terminator
 //   text    NUL-terminated; copied
+// 0, or not 0 with errno; the daemon does not look at it.
 int32_t sdwrap_hist_event(uint32_t event_type, uint32_t length, const char *text);
 
 // Tells whether a debug category is switched on. Not 0 when it is.
@@ -55,8 +56,10 @@ void buginf(const char *format, ...);
 
 // Sends a syslog message.
 //   severity  0 (emergency) to 7 (debugging)
-//   format    printf format that takes a text and a number: "%%" gives the percent sign, "%s" the facility
-//             name in upper case, "%d" the severity
+//   format    printf format that takes a text and a number: "%%" gives the percent sign, "%s" facility_name, "%d"
+//             message_severity
+//   facility_name     of the facility, which the daemon gives in upper case
+//   message_severity  severity again
 void vesk_syslog(uint32_t severity, const char *format, const char *facility_name, uint32_t message_severity);
 
 #ifdef __cplusplus

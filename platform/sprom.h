@@ -23,7 +23,8 @@ typedef struct sse_sprom_read_request {
     uint32_t reserved_5;
 } sse_sprom_read_request_t;
 
-// Initialise and release an SPROM device.
+// Initialise and release an SPROM device. It is released before it is initialised, too: that does no harm and may
+// return anything.
 //   device, offset, length  device number and the stretch of bytes meant; the last word is 0
 // 0, or negative with errno.
 int32_t sprom_init_dev(uint32_t device, uint32_t offset, uint32_t length, uint32_t reserved);

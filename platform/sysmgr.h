@@ -20,7 +20,7 @@ int32_t sysmgr_cli_supstate_get(int32_t handle);
 // its BIOS, went on running.
 int32_t sysmgr_is_upgrade_restart(void);
 
-// Copies a file to the standby supervisor and waits until it is there.
+// Copies a file to the standby supervisor, in the place of one that is there, and waits until it is done.
 //   kind         129
 //   source       absolute path on this card
 //   destination  absolute path on the standby supervisor

@@ -20,8 +20,12 @@ constexpr const char *SHELL = "/bin/sh";
 constexpr mode_t OUTPUT_FILE_MODE = 0644;
 constexpr std::size_t STREAM_COUNT = 3;
 
-// What the command gets as descriptors 0 to 2; an empty one is the caller's own.
-using command_streams = std::array<unique_fd, STREAM_COUNT>;
+// What the command gets as descriptors 0 to 2.
+struct command_stream {
+    unique_fd fd;           // empty: the caller's own
+    bool is_closed = false; // none at all
+};
+using command_streams = std::array<command_stream, STREAM_COUNT>;
 
 int32_t failure(int error)
 {
@@ -34,6 +38,11 @@ int32_t failure(int error)
 unique_fd out_of_the_way(int fd)
 {
     return unique_fd(::fcntl(fd, F_DUPFD_CLOEXEC, STREAM_COUNT));
+}
+
+bool is_closed(int fd)
+{
+    return ::fcntl(fd, F_GETFD) < 0 && errno == EBADF;
 }
 
 int32_t wait_for(pid_t child)
@@ -59,6 +68,11 @@ public:
         if (result_ == 0)
             result_ = ::posix_spawn_file_actions_adddup2(&actions_, fd, stream);
     }
+    void close(int stream)
+    {
+        if (result_ == 0)
+            result_ = ::posix_spawn_file_actions_addclose(&actions_, stream);
+    }
     [[nodiscard]] int result() const { return result_; }
     const posix_spawn_file_actions_t *get() const { return &actions_; }
 
@@ -71,8 +85,10 @@ int32_t run(const char *command, const command_streams &streams)
 {
     spawn_actions actions;
     for (std::size_t stream = 0; stream < STREAM_COUNT; ++stream) {
-        if (streams[stream])
-            actions.connect(streams[stream].get(), static_cast<int>(stream));
+        if (streams[stream].fd)
+            actions.connect(streams[stream].fd.get(), static_cast<int>(stream));
+        else if (streams[stream].is_closed)
+            actions.close(static_cast<int>(stream));
     }
     if (actions.result() != 0)
         return failure(actions.result());
@@ -133,11 +149,14 @@ int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, F
 
     FILE *const files[] = {input, output, error};
     command_streams streams;
+    // All are looked at before the first duplicate is made, which may get the number of a closed one.
+    for (std::size_t stream = 0; stream < STREAM_COUNT; ++stream)
+        streams[stream].is_closed = files[stream] != nullptr && is_closed(::fileno(files[stream]));
     for (std::size_t stream = 0; stream < STREAM_COUNT; ++stream) {
-        if (files[stream] == nullptr)
+        if (files[stream] == nullptr || streams[stream].is_closed)
             continue;
-        streams[stream] = out_of_the_way(::fileno(files[stream]));
-        if (!streams[stream] && errno != EBADF) // a stream whose descriptor is closed is closed for the command too
+        streams[stream].fd = out_of_the_way(::fileno(files[stream]));
+        if (!streams[stream].fd)
             return -1;
     }
     return run(command, streams);
@@ -149,14 +168,14 @@ int32_t exec_cmd_with_files_print(const char *command, const char *input, const 
     if (command == nullptr)
         return failure(EINVAL);
     command_streams streams;
-    streams[0] = input != nullptr ? open_input(input) : empty_input();
-    if (!streams[0])
+    streams[0].fd = input != nullptr ? open_input(input) : empty_input();
+    if (!streams[0].fd)
         return -1;
-    if (output != nullptr && !(streams[1] = open_output(output)))
+    if (output != nullptr && !(streams[1].fd = open_output(output)))
         return -1;
     // One file for both is opened once; opened twice, the streams would overwrite each other.
     const bool shared = output != nullptr && error != nullptr && std::strcmp(output, error) == 0;
-    if (error != nullptr && !(streams[2] = shared ? out_of_the_way(streams[1].get()) : open_output(error)))
+    if (error != nullptr && !(streams[2].fd = shared ? out_of_the_way(streams[1].fd.get()) : open_output(error)))
         return -1;
     return run(command, streams);
 }

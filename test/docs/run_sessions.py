@@ -4,9 +4,10 @@
 A session is an indented block whose commands begin with "$ "; the lines behind a command are its output. All sessions
 of a document run one after the other in one shell, in a new folder. In a document's text
 
-  - a block behind a line that ends with "`NAME.toml`:" is a file, which is there before the first command;
+  - a block behind a line that ends with "`NAME.toml`:" or "`NAME.cmake`:" is a file, which is there before the
+    first command;
   - a command has to succeed, unless the next one is "echo $?";
-  - output is compared when the document shows any. A line "..." stands for any lines, and times, process
+  - output is compared when the document shows any. A line "..." stands for any lines, and times, durations, process
     numbers, percentages and line numbers for any others;
   - /tmp/lab stands for a folder of the test's own.
 """
@@ -22,9 +23,8 @@ import tempfile
 from pathlib import Path
 
 INDENT = "    "
-FILE_BEFORE_BLOCK = re.compile(r"`([\w.-]+\.toml)`:$")
+FILE_BEFORE_BLOCK = re.compile(r"`([\w.-]+\.(?:toml|cmake))`:$")
 DOCUMENT_FOLDER = "/tmp/lab"
-TIME_LIMIT_S = 270
 
 VARIABLE_PARTS = [
     (re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?(Z|[+-]\d{4})"), "TIME"),
@@ -33,6 +33,8 @@ VARIABLE_PARTS = [
     (re.compile(r"\[\d+\]"), "[PID]"),
     (re.compile(r"\b\d+%"), "N%"),
     (re.compile(r"\.cpp:\d+"), ".cpp:LINE"),
+    (re.compile(r"\b\d+\.\d+s\b"), "SECONDS"),
+    (re.compile(r'"(pid|duration_ms)":\d+'), r'"\1":N'),
 ]
 
 
@@ -99,7 +101,7 @@ def script_of(commands, folder, token):
     return "\n".join(script) + "\n"
 
 
-def run(commands, work, programs):
+def run(commands, work, programs, time_limit_s):
     token = secrets.token_hex(8)
     folder = str(work / "lab")
     (work / "session.sh").write_text(script_of(commands, folder, token))
@@ -109,11 +111,11 @@ def run(commands, work, programs):
                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                              start_new_session=True)
     try:
-        output = shell.communicate(timeout=TIME_LIMIT_S)[0]
+        output = shell.communicate(timeout=time_limit_s)[0]
     except subprocess.TimeoutExpired:
         os.killpg(shell.pid, signal.SIGKILL)
         output = shell.communicate()[0]
-        print(f"The session did not end within {TIME_LIMIT_S} seconds.")
+        print(f"The session did not end within {time_limit_s} seconds.")
     pieces = re.split(rf"\n{token} (\d+)\n", output)
     for command, text, status in zip(commands, pieces[0::2], pieces[1::2]):
         command.output, command.status = text.replace(folder, DOCUMENT_FOLDER), int(status)
@@ -121,6 +123,8 @@ def run(commands, work, programs):
 
 def stop_chassis(work, programs):
     for inventory in work.glob("*/inventory"):
+        if inventory.parent.is_symlink():  # a folder of the sources
+            continue
         subprocess.run([programs / "chassis", "--dir", inventory.parent, "down"], check=False)
 
 
@@ -169,6 +173,8 @@ def main():
     parser.add_argument("programs", type=Path, help="folder with the built programs")
     parser.add_argument("document", type=Path)
     parser.add_argument("--section", help="only the section with this title")
+    parser.add_argument("--sources", type=Path, help="folder of the sources: the sessions begin in one like it")
+    parser.add_argument("--time-limit", type=int, default=270, help="seconds for all sessions")
     given = parser.parse_args()
 
     files, commands = read_document(given.document, given.section)
@@ -179,9 +185,12 @@ def main():
         # The documents put the programs into PATH as they lie in the source folder.
         (work / "build/i686").mkdir(parents=True)
         (work / "build/i686/bin").symlink_to(given.programs.resolve())
+        for entry in given.sources.resolve().iterdir() if given.sources else []:
+            if entry.name != "build" and not entry.name.startswith("."):
+                (work / entry.name).symlink_to(entry)
         for name, content in files.items():
             (work / name).write_text(content)
-        run(commands, work, given.programs.resolve())
+        run(commands, work, given.programs.resolve(), given.time_limit)
     finally:
         stop_chassis(work, given.programs.resolve())
         shutil.rmtree(work)

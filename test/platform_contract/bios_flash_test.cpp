@@ -1,0 +1,401 @@
+// platform/bios_flash.h: versions, programming and erasing. All tests that program need a flash that may be
+// destroyed.
+#include "bios_flash.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <vector>
+
+#include "contract_test.h"
+#include "programming.h"
+
+namespace
+{
+
+constexpr std::int32_t ERASE_FAILED = 0x40710009;
+constexpr std::int32_t PROGRAM_FAILED = 0x4071000c;
+constexpr std::int32_t IMAGE_SIZE = 0x40710020;
+constexpr std::int32_t PROTECTED = 0x40710021;
+constexpr std::int32_t IMAGE_READ = 0x40710023;
+constexpr std::int32_t NO_FLASH = 0x40710024;
+constexpr std::int32_t IN_USE = 0x40710027;
+constexpr std::int32_t NO_ACCESS = -22;
+constexpr std::int32_t NO_VERSION = -61;
+constexpr unsigned INTERRUPTION_TRIES = 5; // a programming may have ended before it is interrupted
+
+struct version {
+    std::int32_t result;
+    std::string text;
+};
+
+// The call's result and its text, when it kept to its 128 bytes.
+template<class Call>
+version version_by(Call call)
+{
+    char text[BIOS_VERSION_TEXT_BYTES + 1];
+    std::memset(text, 'F', sizeof text);
+    const std::int32_t result = call(text);
+    EXPECT_EQ(text[BIOS_VERSION_TEXT_BYTES], 'F') << "more than 128 bytes were written";
+    if (result != 0)
+        return {result, ""};
+    EXPECT_NE(std::memchr(text, '\0', BIOS_VERSION_TEXT_BYTES), nullptr) << "not terminated";
+    return {result, std::string(text, ::strnlen(text, BIOS_VERSION_TEXT_BYTES))};
+}
+
+std::int32_t program(std::int32_t handle, bios_flash_progress_area_t *area, std::uint32_t instance,
+                     const char *path, std::uint32_t attempt = 1)
+{
+    contract_card card{};
+    contract_this_card(&card);
+    return program_bios_flash(handle, own_node(), contract_sap(0), card.module, path, attempt, area, instance);
+}
+
+programming::work programs(std::uint32_t instance, std::string path)
+{
+    return [=](std::int32_t handle, bios_flash_progress_area_t *area) {
+        return program(handle, area, instance, path.c_str());
+    };
+}
+
+class Flash : public testing::Test
+{
+protected:
+    std::string contents() const
+    {
+        std::string bytes(flash_.size_bytes, '\0');
+        unread_ = contract_read_flash(flash_.instance, 0, bytes.data(), flash_.size_bytes);
+        return unread_ == nullptr ? bytes : "";
+    }
+    // Whether the flash holds the bytes; also when there is no other way to read it.
+    bool holds(const std::string &bytes) const
+    {
+        const std::string found = contents();
+        return unread_ != nullptr || found == bytes;
+    }
+
+    contract_flash flash_ = {};
+    mutable const char *unread_ = nullptr;
+};
+
+// The flash holds its first image when a test begins.
+class BiosFlash : public Flash
+{
+protected:
+    void SetUp() override
+    {
+        NEEDS(contract_plain_flash(&flash_));
+        ASSERT_EQ(result_of(flash_.image[0]), 0);
+    }
+
+    std::optional<std::int32_t> result_of(const char *path) const
+    {
+        return programming(programs(flash_.instance, path)).result();
+    }
+    version flash_version() const
+    {
+        return version_by([&](char *text) { return get_bios_flash_version(text, flash_.instance); });
+    }
+    // A programming of the other image that has begun to change the flash and is still at it, or null.
+    std::unique_ptr<programming> begun_programming() const
+    {
+        for (unsigned attempt = 0; attempt < INTERRUPTION_TRIES; ++attempt) {
+            auto begun = std::make_unique<programming>(programs(flash_.instance, flash_.image[1 - attempt % 2]));
+            if (begun->wait_for_progress(0))
+                return begun;
+        }
+        return nullptr;
+    }
+    void expect_failure_leaves_the_flash(const char *path, std::int32_t failure) const
+    {
+        EXPECT_EQ(result_of(path), failure);
+        EXPECT_TRUE(holds(content_of_file(flash_.image[0])));
+        EXPECT_EQ(flash_version().text, flash_.image_version[0]);
+    }
+};
+
+class ChipsetFlash : public Flash
+{
+protected:
+    void SetUp() override
+    {
+        NEEDS(contract_chipset_flash(&flash_));
+        selector_ = ibexpeak_bios_which_flash("pri", flash_.variant) & 0xff;
+    }
+
+    std::optional<std::int32_t> erase() const
+    {
+        return programming(
+                   [&](std::int32_t, bios_flash_progress_area_t *) { return ibexpeak_bios_flash_erase(selector_); })
+            .result();
+    }
+    programming::work writes(const char *path) const
+    {
+        return [this, path](std::int32_t handle, bios_flash_progress_area_t *area) {
+            contract_card card{};
+            contract_this_card(&card);
+            return ibexpeak_program_bios_command_ex(path, selector_, handle, own_node(), contract_sap(0),
+                                                    card.module, 1, area);
+        };
+    }
+    version flash_version() const
+    {
+        return version_by([&](char *text) {
+            const auto read = flash_.variant == 3   ? get_ibexpeak_bios_flash_version
+                              : flash_.variant == 4 ? get_ibexpeak_qel_bios_flash_version
+                                                    : get_ibexpeak_tarvik_a_bios_flash_version;
+            return read(text, flash_.instance);
+        });
+    }
+
+    std::uint32_t selector_ = 0;
+};
+
+using BiosImageVersion = Flash;
+
+} // namespace
+
+TEST_F(BiosImageVersion, IsThatOfTheImage)
+{
+    NEEDS(contract_plain_flash(&flash_));
+    for (unsigned image = 0; image < 2; ++image) {
+        const version found =
+            version_by([&](char *text) { return get_bios_src_version(flash_.image[image], 0, text); });
+        EXPECT_EQ(found.result, 0);
+        EXPECT_EQ(found.text, flash_.image_version[image]);
+    }
+}
+
+TEST_F(BiosImageVersion, IsThatOfAChipsetImage)
+{
+    NEEDS(contract_chipset_flash(&flash_));
+    const version found =
+        version_by([&](char *text) { return get_ibexpeak_bios_src_version(flash_.image[0], 0, text); });
+    EXPECT_EQ(found.result, 0);
+    EXPECT_EQ(found.text, flash_.image_version[0]);
+}
+
+TEST_F(BiosImageVersion, IsMinus22ForAnImageThatCannotBeOpened)
+{
+    const scratch_file missing("missing");
+    EXPECT_EQ(version_by([&](char *text) { return get_bios_src_version(missing.path(), 0, text); }).result,
+              NO_ACCESS);
+    EXPECT_EQ(version_by([&](char *text) { return get_ibexpeak_bios_src_version(missing.path(), 0, text); }).result,
+              NO_ACCESS);
+}
+
+TEST_F(BiosImageVersion, IsMinus61ForAFileWithoutAVersion)
+{
+    const scratch_file zeros("zeros", std::string(65536, '\0'));
+    EXPECT_EQ(version_by([&](char *text) { return get_bios_src_version(zeros.path(), 0, text); }).result,
+              NO_VERSION);
+    EXPECT_EQ(version_by([&](char *text) { return get_ibexpeak_bios_src_version(zeros.path(), 0, text); }).result,
+              NO_VERSION);
+}
+
+TEST_F(BiosFlash, ProgrammedFlashReadsBackEqual)
+{
+    ASSERT_EQ(result_of(flash_.image[1]), 0);
+    const std::string found = contents();
+    NEEDS(unread_);
+    EXPECT_TRUE(found == content_of_file(flash_.image[1]));
+}
+
+TEST_F(BiosFlash, ProgrammedFlashHasTheVersionOfTheImage)
+{
+    EXPECT_EQ(flash_version().text, flash_.image_version[0]);
+    ASSERT_EQ(result_of(flash_.image[1]), 0);
+    const version found = flash_version();
+    EXPECT_EQ(found.result, 0);
+    EXPECT_EQ(found.text, flash_.image_version[1]);
+}
+
+TEST_F(BiosFlash, IsProgrammedAlsoWhenItIsEqualAlready)
+{
+    programming again(programs(flash_.instance, flash_.image[0]));
+    EXPECT_EQ(again.result(), 0);
+    EXPECT_TRUE(again.told_percent(100));
+    EXPECT_TRUE(holds(content_of_file(flash_.image[0])));
+}
+
+TEST_F(BiosFlash, TellsTheRequesterItsProgress)
+{
+    programming other(programs(flash_.instance, flash_.image[1]));
+    ASSERT_EQ(other.result(), 0);
+    ASSERT_GT(other.told().size(), 1U);
+    EXPECT_TRUE(other.never_went_back());
+    EXPECT_EQ(other.told().back().percent, 100U);
+    for (const programming::progress &step : other.told())
+        EXPECT_EQ(step.attempt, 1U);
+}
+
+TEST_F(BiosFlash, IsProgrammedThoughNobodyReceivesTheProgress)
+{
+    programming other([&](std::int32_t handle, bios_flash_progress_area_t *area) {
+        contract_card card{};
+        contract_this_card(&card);
+        return program_bios_flash(handle, own_node(), contract_sap(3), card.module, flash_.image[1], 1, area,
+                                  flash_.instance);
+    });
+    EXPECT_EQ(other.result(), 0);
+    EXPECT_TRUE(other.told().empty());
+    EXPECT_TRUE(holds(content_of_file(flash_.image[1])));
+}
+
+TEST_F(BiosFlash, RefusesAnEmptyImage)
+{
+    const scratch_file empty("empty", "");
+    expect_failure_leaves_the_flash(empty.path(), IMAGE_SIZE);
+}
+
+TEST_F(BiosFlash, RefusesAnImageLargerThanTheFlash)
+{
+    const scratch_file large("large", content_of_file(flash_.image[1]) + "x");
+    expect_failure_leaves_the_flash(large.path(), IMAGE_SIZE);
+}
+
+TEST_F(BiosFlash, RefusesAnImageThatIsNoRegularFile)
+{
+    expect_failure_leaves_the_flash(contract_scratch_folder(), IMAGE_SIZE);
+}
+
+TEST_F(BiosFlash, RefusesAnImageThatCannotBeOpened)
+{
+    const scratch_file missing("missing");
+    expect_failure_leaves_the_flash(missing.path(), IMAGE_READ);
+}
+
+TEST_F(BiosFlash, RefusesToChangeProtectedSectors)
+{
+    held_condition protection(CONTRACT_FLASH_IS_PROTECTED);
+    NEEDS(protection.reason());
+    expect_failure_leaves_the_flash(flash_.image[1], PROTECTED);
+    protection.end();
+    EXPECT_EQ(result_of(flash_.image[1]), 0);
+}
+
+TEST_F(BiosFlash, TellsWhenItCannotBeErasedAndCanBeProgrammedLater)
+{
+    held_condition fault(CONTRACT_FLASH_CANNOT_BE_ERASED);
+    NEEDS(fault.reason());
+    programming failed(programs(flash_.instance, flash_.image[1]));
+    EXPECT_EQ(failed.result(), ERASE_FAILED);
+    EXPECT_FALSE(failed.told_percent(100));
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+    fault.end();
+    EXPECT_EQ(result_of(flash_.image[1]), 0);
+    EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+}
+
+TEST_F(BiosFlash, TellsWhenItCannotBeWrittenAndCanBeProgrammedLater)
+{
+    held_condition fault(CONTRACT_FLASH_CANNOT_BE_WRITTEN);
+    NEEDS(fault.reason());
+    programming failed(programs(flash_.instance, flash_.image[1]));
+    EXPECT_EQ(failed.result(), PROGRAM_FAILED);
+    EXPECT_FALSE(failed.told_percent(100));
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+    fault.end();
+    EXPECT_EQ(result_of(flash_.image[1]), 0);
+    EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+}
+
+TEST_F(BiosFlash, TellsNoPercentageTwiceInASecondAttempt)
+{
+    const std::string path = flash_.image[1];
+    const char *reason = nullptr;
+    {
+        const held_condition fault(CONTRACT_FLASH_CANNOT_BE_WRITTEN); // a look whether the surroundings can
+        reason = fault.reason();
+    }
+    NEEDS(reason);
+    programming twice([&](std::int32_t handle, bios_flash_progress_area_t *area) {
+        {
+            const held_condition fault(CONTRACT_FLASH_CANNOT_BE_WRITTEN);
+            if (program(handle, area, flash_.instance, path.c_str(), 1) == 0)
+                return 1;
+        }
+        return program(handle, area, flash_.instance, path.c_str(), 2);
+    });
+    ASSERT_EQ(twice.result(), 0);
+    EXPECT_TRUE(twice.never_went_back());
+    EXPECT_EQ(twice.told().back().percent, 100U);
+    EXPECT_EQ(twice.told().back().attempt, 2U);
+}
+
+TEST_F(BiosFlash, HasNoVersionAfterAProgrammingThatWasCutOff)
+{
+    const auto cut = begun_programming();
+    ASSERT_TRUE(cut) << "no programming could be interrupted";
+    cut->kill();
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+    EXPECT_EQ(result_of(flash_.image[1]), 0);
+    EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+    EXPECT_TRUE(holds(content_of_file(flash_.image[1])));
+}
+
+TEST_F(BiosFlash, IsProgrammedByOneProcessAtATime)
+{
+    const auto first = begun_programming();
+    ASSERT_TRUE(first) << "no programming was slow enough to be met";
+    bios_flash_progress_area_t area = {};
+    EXPECT_EQ(program(own_endpoint(), &area, flash_.instance, flash_.image[0]), IN_USE);
+    EXPECT_EQ(first->result(), 0);
+}
+
+TEST(MissingFlash, CannotBeProgrammedAndHasNoVersion)
+{
+    std::uint32_t instance = 0;
+    NEEDS(contract_missing_flash(&instance));
+    const scratch_file image("image", std::string(4096, 'i'));
+    EXPECT_EQ(programming(programs(instance, image.path())).result(), NO_FLASH);
+    EXPECT_EQ(version_by([&](char *text) { return get_bios_flash_version(text, instance); }).result, NO_ACCESS);
+}
+
+TEST_F(ChipsetFlash, IsErasedWhole)
+{
+    ASSERT_EQ(erase(), 0);
+    EXPECT_NE(flash_version().result, 0);
+    const std::string found = contents();
+    NEEDS(unread_);
+    EXPECT_EQ(found.find_first_not_of('\xff'), std::string::npos);
+}
+
+TEST_F(ChipsetFlash, ReadsBackEqualWhenItWasErasedAndProgrammed)
+{
+    for (unsigned image = 0; image < 2; ++image) {
+        ASSERT_EQ(erase(), 0);
+        programming writing(writes(flash_.image[image]));
+        ASSERT_EQ(writing.result(), 0);
+        EXPECT_TRUE(writing.never_went_back());
+        EXPECT_TRUE(writing.told_percent(100));
+        EXPECT_EQ(flash_version().text, flash_.image_version[image]);
+        EXPECT_TRUE(holds(content_of_file(flash_.image[image])));
+    }
+}
+
+TEST_F(ChipsetFlash, HasNoVersionBetweenErasingAndProgramming)
+{
+    ASSERT_EQ(erase(), 0);
+    ASSERT_EQ(programming(writes(flash_.image[0])).result(), 0);
+    ASSERT_EQ(flash_version().result, 0);
+    ASSERT_EQ(erase(), 0);
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+}
+
+TEST_F(ChipsetFlash, RefusesImagesThatDoNotFit)
+{
+    const scratch_file empty("empty", "");
+    const scratch_file large("large", content_of_file(flash_.image[1]) + "x");
+    const scratch_file missing("missing");
+    EXPECT_EQ(programming(writes(empty.path())).result(), IMAGE_SIZE);
+    EXPECT_EQ(programming(writes(large.path())).result(), IMAGE_SIZE);
+    EXPECT_EQ(programming(writes(missing.path())).result(), IMAGE_READ);
+}
+
+TEST_F(ChipsetFlash, TellsWhenItCannotBeErased)
+{
+    const held_condition fault(CONTRACT_FLASH_CANNOT_BE_ERASED);
+    NEEDS(fault.reason());
+    EXPECT_NE(erase(), 0);
+}
