@@ -1,7 +1,6 @@
-// The flash device over a shared mapping of its contents.
+// The flash device: a file that is read as such, and changed through a shared mapping.
 #include "flash_device.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +14,7 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "flash_bytes.h"
 
 namespace
 {
@@ -42,6 +42,20 @@ bool refuse(int reason)
 {
     errno = reason;
     return false;
+}
+
+// Not out of the mapping: its pages would have to be brought in one by one for what is read once.
+bool read_file(int fd, std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t length)
+{
+    for (std::uint32_t done = 0; done < length;) {
+        const ssize_t got = ::pread(fd, bytes_out + done, length - done, static_cast<off_t>(offset) + done);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return refuse(got == 0 ? EIO : errno);
+        done += static_cast<std::uint32_t>(got);
+    }
+    return true;
 }
 
 // "7" or "3-5"; blanks around are allowed.
@@ -113,8 +127,9 @@ bool flash_device::lock_and_map(flash_access access)
         if (::fcntl(data_file_.get(), F_OFD_SETLK, &whole) != 0)
             return refuse(errno == EAGAIN || errno == EACCES ? EBUSY : errno);
     }
-    void *mapping = ::mmap(nullptr, geometry_.size_bytes, writable_ ? PROT_READ | PROT_WRITE : PROT_READ,
-                           MAP_SHARED, data_file_.get(), 0);
+    if (!writable_)
+        return true;
+    void *mapping = ::mmap(nullptr, geometry_.size_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, data_file_.get(), 0);
     if (mapping == MAP_FAILED)
         return false;
     data_ = static_cast<std::uint8_t *>(mapping);
@@ -218,12 +233,22 @@ bool flash_device::may_change(std::uint32_t sector, const char *wanted) const
     return true;
 }
 
+// What was changed is the file's by now. Staying mapped, it would be held by this process until the end, as much of
+// it as the flash is large.
+void flash_device::work_on(std::uint32_t sector)
+{
+    if (sector != worked_on_)
+        (void)::madvise(data_, geometry_.size_bytes, MADV_DONTNEED); // of a file's shared mapping nothing is lost
+    worked_on_ = sector;
+}
+
 bool flash_device::erase(std::uint32_t sector)
 {
     if (sector >= sector_count())
         return refuse_violation(EINVAL, "erase of a sector that is not there", sector);
     if (!may_change(sector, "erase by a reader"))
         return false;
+    work_on(sector);
     ++wear_.erases;
     timing_.spend(FLASH_SECTOR_ERASE_NS);
     return perform(flash_operation::erase, sector, geometry_.sector_bytes, [&](const flash_extent &extent) {
@@ -243,17 +268,19 @@ bool flash_device::program(std::uint32_t offset, const std::uint8_t *bytes, std:
     const std::uint32_t sector = offset / geometry_.sector_bytes;
     if (!may_change(sector, "program by a reader"))
         return false;
+    work_on(sector);
     std::uint8_t *place = data_ + offset;
-    if (!std::equal(bytes, bytes + length, place,
-                    [](std::uint8_t wanted, std::uint8_t there) { return (wanted & ~there) == 0; }))
+    if (has_further_bits(bytes, place, length))
         note_violation("program of bytes that are not erased", offset);
     ++wear_.programs;
     timing_.spend(FLASH_PAGE_PROGRAM_NS);
     return perform(flash_operation::program, sector, length, [&](const flash_extent &extent) {
-        std::vector<std::uint8_t> written(bytes, bytes + extent.amount);
-        extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) { written[byte] ^= mask; });
-        for (std::uint32_t index = 0; index < extent.amount; ++index)
-            place[index] &= written[index];
+        std::vector<std::uint8_t> damaged; // pages are many: only then there is a copy
+        extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) {
+            damaged.assign(bytes, bytes + extent.amount);
+            damaged[byte] ^= mask;
+        });
+        clear_bits(place, damaged.empty() ? bytes : damaged.data(), extent.amount);
         return true;
     });
 }
@@ -265,7 +292,8 @@ bool flash_device::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint
     ++wear_.reads;
     timing_.spend(FLASH_READ_BYTE_NS * length);
     return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](const flash_extent &extent) {
-        std::memcpy(bytes_out, data_ + offset, extent.amount);
+        if (!read_file(data_file_.get(), offset, bytes_out, extent.amount))
+            return false;
         extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) { bytes_out[byte] ^= mask; });
         return true;
     });
@@ -273,7 +301,7 @@ bool flash_device::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint
 
 bool flash_device::sync()
 {
-    return ::msync(data_, geometry_.size_bytes, MS_SYNC) == 0;
+    return data_ == nullptr || ::msync(data_, geometry_.size_bytes, MS_SYNC) == 0; // a reader has changed nothing
 }
 
 bool flash_device::is_marked() const

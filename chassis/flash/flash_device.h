@@ -38,6 +38,7 @@ public:
 
     const flash_geometry &geometry() const { return geometry_; }
     std::uint32_t sector_count() const { return geometry_.size_bytes / geometry_.sector_bytes; }
+    const flash_wear &wear() const { return wear_; } // operations of this opening so far
     bool is_protected(std::uint32_t sector) const { return sector < protected_.size() && protected_[sector]; }
 
     [[nodiscard]] bool erase(std::uint32_t sector);
@@ -72,6 +73,7 @@ private:
     bool lock_and_map(flash_access access);
     bool fits(std::uint32_t offset, std::uint32_t length) const;
     bool may_change(std::uint32_t sector, const char *wanted) const;
+    void work_on(std::uint32_t sector);
     bool refuse_violation(int reason, const char *wanted, std::uint32_t place) const;
     void note_violation(const char *wanted, std::uint32_t place) const;
     template<class apply>
@@ -82,7 +84,8 @@ private:
     unique_fd data_file_;
     flash_geometry geometry_;
     bool writable_ = false;
-    std::uint8_t *data_ = nullptr; // shared mapping of the whole flash
+    std::uint8_t *data_ = nullptr; // of a writer: shared mapping of the whole flash
+    std::uint32_t worked_on_ = 0;  // sector that was changed last
     std::vector<bool> protected_;  // by sector; empty for a reader
     flash_timing timing_;
     flash_wear wear_; // done since it was last added to the file

@@ -4,6 +4,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "chassis_dir.h"
+#include "flash_layout.h"
+
+flash_folder open_flash_folder(unsigned slot, unsigned instance)
+{
+    flash_folder folder;
+    folder.path = flash_folder_path(slot, instance);
+    folder.fd.reset(::openat(chassis_dir_fd(), folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder;
+}
+
 bool flash_folder_rewrite(const flash_folder &folder, const char *name, const std::string &content)
 {
     const unique_fd file(::openat(folder.fd.get(), name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));

@@ -13,6 +13,9 @@ struct flash_folder {
     std::string file(const char *name) const { return path + "/" + name; }
 };
 
+// The folder of a flash; without a descriptor, and with errno, when it cannot be opened.
+flash_folder open_flash_folder(unsigned slot, unsigned instance);
+
 // Rewrites a text file of the folder in place, under the lock. In place, because these files change with each
 // operation: replacing a file by renaming waits for the disk on some file systems. false with errno.
 bool flash_folder_rewrite(const flash_folder &folder, const char *name, const std::string &content);

@@ -8,6 +8,7 @@
 //   programming   present from before the first erase of a programming until its contents were verified
 //   progress      how far the last programming is or was, see flash_progress_file.h; absent before the first
 //   wear          what was done so far: lines "erases N", "programs N", "reads N"
+//   events, events.1   what happened to it, see flash_event_log.h; event_totals: what older events add up to
 //   violations    what was asked of it that no driver may ask, a line each; absent when there was nothing
 //
 // This file makes flashes and names their files; it uses chassis_dir.h only, so that tools of any word size
@@ -28,6 +29,9 @@ constexpr const char *FLASH_FILE_PROGRAMMING = "programming";
 constexpr const char *FLASH_FILE_PROGRESS = "progress";
 constexpr const char *FLASH_FILE_WEAR = "wear";
 constexpr const char *FLASH_FILE_VIOLATIONS = "violations";
+constexpr const char *FLASH_FILE_EVENTS = "events";
+constexpr const char *FLASH_FILE_OLDER_EVENTS = "events.1";
+constexpr const char *FLASH_FILE_EVENT_TOTALS = "event_totals";
 
 constexpr unsigned FLASH_INSTANCE_COUNT = 2; // 0 primary, 1 alternate
 constexpr std::uint8_t FLASH_ERASED_BYTE = 0xff;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "flash_bytes.h"
+
 namespace
 {
 
@@ -31,8 +33,7 @@ finding compare_sector(flash_device &flash, std::uint32_t sector, const std::vec
     unsigned mismatches = 0;
     for (unsigned attempt = 0; attempt < READ_TRIES && mismatches < CONFIRMING_READS; ++attempt) {
         // What a read that was short or did nothing leaves in the buffer must not look like the right bytes.
-        std::transform(wanted.begin(), wanted.end(), found.begin(),
-                       [](std::uint8_t byte) { return static_cast<std::uint8_t>(~byte); });
+        complement_bytes(wanted.data(), found.data(), wanted.size());
         if (!flash.read(sector * sector_bytes, found.data(), sector_bytes))
             continue;
         if (found == wanted)

@@ -15,6 +15,7 @@
 #include "flash_guard.h"
 #include "flash_image.h"
 #include "flash_programming.h"
+#include "flash_programming_events.h"
 #include "flash_progress.h"
 #include "flash_progress_file.h"
 
@@ -43,19 +44,21 @@ std::unique_ptr<flash_device> open_for_writing(std::uint32_t instance, std::int3
     return flash;
 }
 
-std::int32_t program_flash(const char *path, std::uint32_t instance, flash_programming_mode mode,
-                           flash_progress &progress)
+std::int32_t program_flash(const char *path, std::uint32_t instance, std::uint32_t attempt,
+                           flash_programming_mode mode, flash_progress &progress)
 {
+    const auto refuse = [&](std::int32_t result) { return flash_attempt_refused(instance, attempt, result); };
     const auto image = flash_image::open(path);
     if (!image)
-        return errno == EINVAL ? BIOS_FLASH_ERR_IMAGE_SIZE : BIOS_FLASH_ERR_IMAGE_READ;
+        return refuse(errno == EINVAL ? BIOS_FLASH_ERR_IMAGE_SIZE : BIOS_FLASH_ERR_IMAGE_READ);
     std::int32_t failure = 0;
     const auto flash = open_for_writing(instance, failure);
     if (!flash)
-        return failure;
+        return refuse(failure);
     if (image->size_bytes() == 0 || image->size_bytes() > flash->geometry().size_bytes)
-        return BIOS_FLASH_ERR_IMAGE_SIZE;
-    return flash_program_image(*flash, *image, mode, progress);
+        return refuse(BIOS_FLASH_ERR_IMAGE_SIZE);
+    flash_attempt_events events(*flash, instance, attempt, *image);
+    return events.ended(flash_program_image(*flash, *image, mode, progress));
 }
 
 } // namespace
@@ -68,7 +71,7 @@ std::int32_t program_bios_flash(std::int32_t handle, std::uint32_t requester_nod
     flash_progress progress(image_type, handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
     return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
-        return program_flash(path, image_type, flash_programming_mode::erase_and_write, progress);
+        return program_flash(path, image_type, attempt, flash_programming_mode::erase_and_write, progress);
     });
 }
 
@@ -88,9 +91,10 @@ std::int32_t ibexpeak_bios_flash_erase(std::uint32_t selector)
         std::int32_t failure = 0;
         const auto flash = open_for_writing(instance_of(selector), failure);
         if (!flash)
-            return failure;
+            return flash_attempt_refused(instance_of(selector), 0, failure);
         flash_progress_note(chassis_own_slot(), instance_of(selector), BIOS_PHASE_ERASE, 0, 0);
-        return flash_erase_whole(*flash);
+        flash_attempt_events events(*flash, instance_of(selector));
+        return events.ended(flash_erase_whole(*flash));
     });
 }
 
@@ -102,6 +106,6 @@ std::int32_t ibexpeak_program_bios_command_ex(const char *path, std::uint32_t se
     flash_progress progress(instance_of(selector), handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
     return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
-        return program_flash(path, instance_of(selector), flash_programming_mode::write_only, progress);
+        return program_flash(path, instance_of(selector), attempt, flash_programming_mode::write_only, progress);
     });
 }

@@ -9,6 +9,7 @@
 #include "flash_device.h"
 #include "flash_guard.h"
 #include "flash_image.h"
+#include "flash_programming_events.h"
 
 static_assert(BIOS_HEADER_TEXT_BYTES == BIOS_VERSION_TEXT_BYTES);
 
@@ -17,11 +18,14 @@ namespace
 
 // The header is part of a programmed flash only if no programming was begun before it was read; one that began
 // while it was read had set the marker before it changed a byte.
-bool read_settled_header(flash_device &flash, std::uint8_t *header_out, std::int32_t &failure)
+bool read_settled_header(flash_device &flash, std::uint32_t instance, std::uint8_t *header_out,
+                         std::int32_t &failure)
 {
     failure = BIOS_READER_NO_VERSION;
-    if (flash.is_marked())
+    if (flash.is_marked()) {
+        flash_found_marked(instance);
         return false;
+    }
     if (!flash.read(0, header_out, BIOS_HEADER_BYTES)) {
         failure = BIOS_READER_NO_ACCESS;
         return false;
@@ -48,7 +52,7 @@ std::int32_t flash_version(char *version_out, std::uint32_t flash_select)
             return BIOS_READER_NO_ACCESS;
         std::uint8_t header[BIOS_HEADER_BYTES] = {};
         std::int32_t failure = 0;
-        if (!read_settled_header(*flash, header, failure))
+        if (!read_settled_header(*flash, flash_select, header, failure))
             return failure;
         return header_version(header, version_out);
     });

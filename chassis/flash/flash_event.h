@@ -1,0 +1,70 @@
+// One line of a flash's event log: what happened to the flash, as a JSON object of fixed words and numbers.
+//
+//   {"time":"2026-01-31T23:59:59.123Z","slot":3,"flash":"primary","sequence":17,"pid":41,"event":"failed",
+//    "attempt":1,"sectors_erased":4,"bytes_written":8192,"result":"0x40710009","duration_ms":1520}
+//
+// on one line. The members up to "event" are always there, the others in this order where the event has them:
+//
+//   begun     the programming of a flash begins          image_bytes and version of the image where they are known:
+//                                                        a card that erases first has not looked at it yet
+//   attempt   an attempt at it begins                    attempt, image_bytes, version
+//   erased    the whole flash was erased                 sectors_erased, duration_ms
+//   verified  the flash was found equal to the image     attempt, sectors_erased, bytes_written, duration_ms
+//   equal     the same, and nothing had to be changed    attempt, duration_ms
+//   failed    the attempt, or the erase before the       attempt, sectors_erased, bytes_written, result,
+//             first, has failed                          duration_ms
+//   refused   the attempt did not get to the flash       attempt, result
+//   ended     the programming has ended                  result, duration_ms since it was begun
+//   cut_off   a programming was found that nobody goes   none
+//             on with: the flash is marked
+//
+// sequence counts the events of the flash; pid is the process as it sees itself; attempt is left out for an erase.
+// Counts are of operations, those repeated too.
+//
+// Uses no library but the C++ one, so that tools compile it into themselves.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+enum class flash_event_kind : std::uint8_t {
+    begun,
+    attempt,
+    erased,
+    verified,
+    equal,
+    failed,
+    refused,
+    ended,
+    cut_off
+};
+const char *flash_event_name(flash_event_kind kind); // as in the line
+const char *flash_instance_name(unsigned instance);  // "primary" or "alternate"
+
+struct flash_event {
+    std::string time = {}; // UTC, "2026-01-31T23:59:59.123Z"
+    unsigned slot = 0;
+    unsigned instance = 0; // below FLASH_INSTANCE_COUNT
+    std::uint64_t sequence = 0;
+    std::uint32_t pid = 0;
+    flash_event_kind kind = flash_event_kind::begun;
+    std::optional<std::uint32_t> attempt = {};
+    std::optional<std::uint64_t> image_bytes = {};
+    std::string version = {}; // empty: not known
+    std::optional<std::uint64_t> sectors_erased = {};
+    std::optional<std::uint64_t> bytes_written = {};
+    std::optional<std::uint32_t> result = {};
+    std::optional<std::uint64_t> duration_ms = {};
+
+    bool operator==(const flash_event &) const = default;
+};
+
+constexpr std::size_t FLASH_EVENT_LINE_BYTES_MAX = 512; // of a line with its newline
+
+// The line with its newline. Of the version only what needs no escape in JSON is told, 64 characters at most.
+std::string flash_event_format(const flash_event &event);
+
+// The event of a line without its newline; none for anything that format does not give.
+std::optional<flash_event> flash_event_parse(std::string_view line);

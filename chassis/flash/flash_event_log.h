@@ -1,0 +1,44 @@
+// The event log of a flash: the file `events` in the flash's folder, a line for each event (flash_event.h). It
+// stays when the card, the chassis or a process of it ends in any way; no write waits for the disk, so that a
+// machine that loses its power loses the last lines.
+//
+// A line is appended in one write, under the folder's lock, and never to the rest of one that was cut off: readers
+// take no lock, and leave out what is no whole line. A file that would grow beyond FLASH_EVENT_LOG_BYTES_MAX
+// becomes `events.1`, in the place of the one before, and is begun anew; its events are added to `event_totals`
+// before.
+//
+// Uses chassis_dir.h and the flash's files only, so that tools compile it into themselves.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "flash_event.h"
+#include "flash_event_totals.h"
+#include "flash_folder.h"
+
+constexpr std::uint64_t FLASH_EVENT_LOG_BYTES_MAX = std::uint64_t{1} << 20;
+
+// Appends an event; its time, sequence and pid are filled in. Something that cannot be written is left out.
+//   allowed  asked with the last event before that was no refusal, if there is one; nothing is appended when it
+//            says no
+using flash_event_condition = std::function<bool(const std::optional<flash_event> &last_work)>;
+void flash_event_append(const flash_folder &folder, flash_event event, const flash_event_condition &allowed = {});
+
+struct flash_event_history {
+    std::vector<flash_event> events; // those of both files, in order of their sequence
+    flash_event_totals totals;       // of these and all before
+};
+// Empty for a flash that is not there.
+flash_event_history flash_event_history_of(unsigned slot, unsigned instance);
+
+// Changes whenever the log does: for followers, who need not read what they know.
+struct flash_event_log_state {
+    std::uint64_t file = 0;
+    std::uint64_t size_bytes = 0;
+
+    bool operator==(const flash_event_log_state &) const = default;
+};
+flash_event_log_state flash_event_log_state_of(unsigned slot, unsigned instance);
