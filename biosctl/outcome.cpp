@@ -1,6 +1,9 @@
 #include "outcome.h"
 
 #include <cstdio>
+#include <unistd.h>
+
+#include "terminal.h"
 
 outcome failure(exit_code exit, const std::string &what, const std::string &next)
 {
@@ -43,15 +46,15 @@ std::string json_text(const outcome &end)
 void print_text(const outcome &end)
 {
     if (!end.report.empty())
-        (void)std::printf("%s\n", end.report.c_str());
+        (void)std::printf("%s\n", fitted(end.report, STDOUT_FILENO).c_str());
     if (end.message.empty())
         return;
     if (end.exit == EXIT_DONE) {
-        (void)std::printf("%s\n", end.message.c_str());
+        (void)std::printf("%s\n", fitted(end.message, STDOUT_FILENO).c_str());
         return;
     }
     (void)std::fflush(stdout); // the report comes first where both streams are one
-    (void)std::fputs(failure_text(end, false).c_str(), stderr);
+    (void)std::fputs(fitted(failure_text(end, false), STDERR_FILENO).c_str(), stderr);
 }
 
 } // namespace

@@ -76,11 +76,11 @@ outcome report_refused(const program_subject &subject, std::uint32_t node, std::
     return refused;
 }
 
-outcome interrupted_before_answer()
+outcome interrupted_before_answer(const program_subject &subject)
 {
     return failure(EXIT_INTERRUPTED,
                    "interrupted before the answer came; the card may take the request yet and program",
-                   "look at it with: chassis status");
+                   "look at it with: biosctl watch " + std::to_string(subject.programmed_module));
 }
 
 // The body names the module that is programmed: the daemon hands it on as it is, and sends it to the module that
@@ -117,7 +117,7 @@ outcome program_module(const program_options &options, int fd, const last_words_
         return no_endpoint_failure();
     const daemon_probe daemon(node);
     const request_answer answer = [&] {
-        const interrupt_ends_process guard(fd, last_words(interrupted_before_answer()));
+        const interrupt_ends_process guard(fd, last_words(interrupted_before_answer(subject)));
         return send_request(endpoint, subject, options);
     }();
     if (!answer.answered)

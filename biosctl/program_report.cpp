@@ -146,7 +146,7 @@ outcome report_goes_on(const program_subject &subject, const programming_end &en
 {
     const std::string what =
         module_text(subject) + ": " + why + "; the programming goes on in the card (" + seen_text(end) + ")";
-    const std::string next = "look at it again with: chassis status";
+    const std::string next = "look at it again with: biosctl watch " + std::to_string(subject.programmed_module);
     outcome told{exit, what + "\n  flash: being programmed: do not reboot the card\n  next: " + next,
                  json_head(subject, end)};
     told.json["outcome"] = "goes on";

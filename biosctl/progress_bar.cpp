@@ -3,17 +3,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "bios_messages.h"
+#include "terminal.h"
 
 namespace
 {
 
 constexpr std::size_t BAR_CELLS_MAX = 40;
 constexpr std::size_t BAR_CELLS_MIN = 5;
-constexpr unsigned DEFAULT_COLUMNS = 80;
 
 std::string bar(std::uint32_t percent, std::size_t cells)
 {
@@ -27,14 +26,6 @@ std::string detail_text(const progress_state &state, unsigned elapsed_s)
         return "waiting for the first progress, " + elapsed_text(elapsed_s);
     const std::string attempt = state.attempt > 0 ? ", attempt " + std::to_string(state.attempt) : "";
     return phase_text(state.phase) + attempt + ", " + elapsed_text(elapsed_s);
-}
-
-unsigned terminal_columns(int fd)
-{
-    winsize size{};
-    if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
-        return DEFAULT_COLUMNS;
-    return size.ws_col;
 }
 
 } // namespace
@@ -72,8 +63,9 @@ std::string progress_bar_text(const std::string &subject, const progress_state &
     (void)std::snprintf(percent, sizeof percent, "%3u%% ", state.percent);
     const std::string head = subject + ": ";
     const std::string tail = percent + detail_text(state, elapsed_s);
-    // The last column stays free: some terminals wrap when it is written.
-    const std::size_t room = columns > 0 ? columns - 1 : 0;
+    // Free at the end: the last column, as some terminals wrap when it is written, and two for the "^C" of Ctrl-C.
+    constexpr unsigned FREE_COLUMNS = 3;
+    const std::size_t room = columns > FREE_COLUMNS ? columns - FREE_COLUMNS : 0;
     const std::size_t taken = head.size() + tail.size() + std::string("[] ").size();
     const std::size_t cells = room > taken ? std::min(room - taken, BAR_CELLS_MAX) : 0;
     std::string text = head + (cells >= BAR_CELLS_MIN ? bar(state.percent, cells) : "") + tail;
@@ -100,7 +92,7 @@ std::optional<std::string> progress_lines::next(const progress_state &state, uns
 
 progress_view::progress_view(int fd, std::string subject)
     : fd_(fd),
-      terminal_(::isatty(fd) == 1),
+      terminal_(can_draw(fd)),
       subject_(subject),
       lines_(std::move(subject))
 {

@@ -20,8 +20,8 @@ const char *phase_text(std::uint32_t phase);
 // "00:07", "12:34", "1:02:03".
 std::string elapsed_text(unsigned seconds);
 
-// "module 5: [#####.....]  50% writing, attempt 1, 00:07". Shorter than columns, so that it stays on one line:
-// the bar gives way first, then the end is cut.
+// "module 5: [#####.....]  50% writing, attempt 1, 00:07". Shorter than columns, so that it stays on one line also
+// with "^C": the bar gives way first, then the end is cut.
 std::string progress_bar_text(const std::string &subject, const progress_state &state, unsigned elapsed_s,
                               unsigned columns);
 
@@ -44,7 +44,7 @@ private:
     std::uint32_t attempt_ = 0;
 };
 
-// Shows progress on a descriptor, as a bar when it is a terminal.
+// Shows progress on a descriptor, as a bar where lines can be drawn over.
 class progress_view
 {
 public:

@@ -9,6 +9,7 @@
 #include "lock_holders.h"
 #include "serving_slot.h"
 #include "show_report.h"
+#include "terminal.h"
 
 namespace
 {
@@ -140,7 +141,7 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
             steps.push_back({step.module, step.shipped});
     }
     if (!json) {
-        (void)std::printf("%s\n", plan_text(plan).c_str());
+        (void)std::printf("%s\n", fitted(plan_text(plan), STDOUT_FILENO).c_str());
         (void)std::fflush(stdout); // it comes before the progress where both streams are one
     }
     const auto results = run_series(

@@ -1,10 +1,12 @@
 #include "verbs.h"
 
 #include "argument_kinds.h"
+#include "events.h"
 #include "explain.h"
 #include "file_search.h"
 #include "loader.h"
 #include "lock.h"
+#include "metrics.h"
 #include "pfm.h"
 #include "program.h"
 #include "program_all.h"
@@ -156,6 +158,27 @@ outcome run_watch_verb(const CLI::App &command, const arguments &given)
     return run_watch(options, given.json);
 }
 
+void add_events(CLI::App &command, arguments &given)
+{
+    add_modules(command, given);
+    command.add_option("--last", given.last, "Only so many of what has happened")
+        ->transform(decimal(0, 1'000'000))
+        ->type_name("COUNT");
+    command.add_flag("--follow", given.follow, "Go on with what happens, until Ctrl-C");
+}
+
+outcome run_events_verb(const CLI::App &command, const arguments &given)
+{
+    return run_events(
+        {.modules = given.modules, .last = if_given(command, "--last", given.last), .follow = given.follow},
+        given.json);
+}
+
+outcome run_metrics_verb(const CLI::App &, const arguments &given)
+{
+    return run_metrics(given.modules);
+}
+
 void add_loader_file(CLI::App &command, arguments &given)
 {
     command.add_option("--output", given.output, "File to write")->required()->type_name("FILE");
@@ -252,6 +275,16 @@ constexpr verb VERBS[] = {
      .in_chassis = true,
      .add = add_watch,
      .run = run_watch_verb},
+    {.name = "events",
+     .help = "Tell what happened to the flashes, also before the last restart",
+     .in_chassis = true,
+     .add = add_events,
+     .run = run_events_verb},
+    {.name = "metrics",
+     .help = "Print counters and states of flashes and cards in the Prometheus text format",
+     .in_chassis = true,
+     .add = add_modules,
+     .run = run_metrics_verb},
     {.name = "loader",
      .help = "Install a supervisor's boot loader, or fetch its files",
      .in_chassis = true,

@@ -29,6 +29,8 @@ struct arguments {
     unsigned interval_ms = 0;
     unsigned duration_s = 0;
     bool once = false;
+    unsigned last = 0;
+    bool follow = false;
     std::string code;
 };
 

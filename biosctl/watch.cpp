@@ -7,16 +7,14 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "chassis_dir.h"
+#include "followed_output.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "serving_slot.h"
+#include "terminal.h"
 #include "watch_report.h"
 
 namespace
@@ -54,19 +52,6 @@ watch_space terminal_space(int fd)
     return {size.ws_col, size.ws_row};
 }
 
-// false when it could not be written whole; errno tells why, EINTR after Ctrl-C.
-bool put(int fd, const std::string &text)
-{
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0 && (errno != EINTR || interrupted()))
-            return false;
-        done += static_cast<std::size_t>(std::max<ssize_t>(wrote, 0));
-    }
-    return true;
-}
-
 std::string json_line(const watch_snapshot &snapshot)
 {
     return watch_json(snapshot).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
@@ -83,13 +68,7 @@ std::string block_of(const std::vector<std::string> &lines)
 class watch_screen
 {
 public:
-    watch_screen(int fd, bool json, bool once)
-        : fd_(fd),
-          json_(json),
-          once_(once),
-          in_place_(!json && !once && ::isatty(fd) == 1)
-    {
-    }
+    watch_screen(int fd, bool json, bool once) : fd_(fd), json_(json), in_place_(!json && !once && can_draw(fd)) {}
 
     // false with errno when the output cannot be written.
     bool show(const watch_snapshot &snapshot);
@@ -98,7 +77,7 @@ public:
     void leave() const
     {
         if (in_place_ && interrupted())
-            (void)put(fd_, "\n");
+            (void)put_text(fd_, "\n");
     }
 
 private:
@@ -108,7 +87,6 @@ private:
 
     int fd_;
     bool json_;
-    bool once_;
     bool in_place_;
     std::optional<watch_snapshot> shown_;
     std::size_t drawn_lines_ = 0;
@@ -137,61 +115,24 @@ bool watch_screen::draw(const watch_snapshot &snapshot)
     text += std::string(CLEAR_BELOW) + SHOW_CURSOR;
     drawn_lines_ = lines.size();
     drawn_columns_ = space.columns;
-    return put(fd_, text);
+    return put_text(fd_, text);
 }
 
 bool watch_screen::print(const watch_snapshot &snapshot)
 {
-    return (shown_ && !snapshot.differs_from(*shown_)) || put(fd_, text_of(snapshot));
+    return (shown_ && !snapshot.differs_from(*shown_)) || put_text(fd_, text_of(snapshot));
 }
 
 std::string watch_screen::text_of(const watch_snapshot &snapshot) const
 {
     if (json_)
         return json_line(snapshot);
-    if (once_) {
-        const bool terminal = ::isatty(fd_) == 1;
-        const watch_space as_long_as_needed = {terminal_space(fd_).columns, ~0U};
-        return block_of(watch_lines(snapshot, terminal ? std::optional(as_long_as_needed) : std::nullopt));
-    }
-    const std::string gap = shown_ ? "\n" : "";
-    return gap + block_of(watch_lines(shown_ ? changed_rows(*shown_, snapshot) : snapshot, std::nullopt));
-}
-
-// Waits, unless Ctrl-C has come or comes. false when the reader of the output has gone.
-bool wait_before_next(int fd, std::chrono::milliseconds how_long)
-{
-    sigset_t interrupt, before;
-    (void)sigemptyset(&interrupt);
-    (void)sigaddset(&interrupt, SIGINT);
-    (void)::sigprocmask(SIG_BLOCK, &interrupt, &before);
-    pollfd output = {fd, 0, 0};
-    if (!interrupted()) {
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(how_long);
-        const std::chrono::nanoseconds rest = how_long - seconds;
-        const timespec limit = {static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
-        (void)::ppoll(&output, 1, &limit, &before);
-    }
-    (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
-    return (output.revents & (POLLERR | POLLNVAL)) == 0;
-}
-
-bool chassis_is_there()
-{
-    return ::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) == 0;
-}
-
-outcome left()
-{
-    return {};
-}
-
-outcome not_written(int error)
-{
-    if (error == EPIPE || error == EINTR)
-        return left();
-    return failure(EXIT_FAILED, std::string("the output could not be written: ") + std::strerror(error),
-                   "check where standard output goes to");
+    std::optional<watch_space> space;
+    if (::isatty(fd_) == 1)
+        space = {terminal_space(fd_).columns, ~0U}; // as long as it has to be
+    if (!shown_)
+        return block_of(watch_lines(snapshot, space));
+    return "\n" + block_of(watch_lines(changed_rows(*shown_, snapshot), space));
 }
 
 outcome watch(const watch_options &options, watch_reader &reader, watch_screen &screen)
@@ -199,17 +140,17 @@ outcome watch(const watch_options &options, watch_reader &reader, watch_screen &
     const auto start = steady::now();
     for (;;) {
         if (!chassis_is_there())
-            return failure(EXIT_NOT_FOUND, "the chassis has gone", "see whether its directory was removed");
+            return chassis_gone();
         if (!screen.show(make_snapshot(reader.read())))
-            return not_written(errno);
+            return output_not_written(errno);
         const auto watched = steady::now() - start;
         if (options.once || interrupted() || (options.duration && watched >= *options.duration))
-            return left();
+            return {};
         auto pause = options.interval;
         if (options.duration)
             pause = std::min(pause, std::chrono::ceil<std::chrono::milliseconds>(*options.duration - watched));
         if (!wait_before_next(STDOUT_FILENO, pause) || interrupted())
-            return left();
+            return {};
     }
 }
 

@@ -147,9 +147,13 @@ TEST_F(BiosctlCommand, LooksAwayOnInterruptAndTheProgrammingGoesOn)
     watching.signal(SIGINT);
     const finished_program finished = watching.wait();
     EXPECT_EQ(finished.exit_code, INTERRUPTED);
-    EXPECT_TRUE(says(finished.errors, "goes on")) << finished.errors;
+    EXPECT_TRUE(says(finished.errors, "the programming goes on in the card")) << finished.errors;
+    EXPECT_TRUE(says(finished.errors, "look at it again with: biosctl watch 1")) << finished.errors;
     EXPECT_TRUE(wait_until([&] { return child_pid(1) == 0 && !is_locked(1); }));
     EXPECT_EQ(flash_of(1) == new_image().bytes, true);
+    const finished_program ended = biosctl({"watch", "1", "--once", "--json"});
+    EXPECT_EQ(nlohmann::json::parse(ended.output)["cards"][0]["last_result"]["name"], "ok") << ended.output;
+    EXPECT_TRUE(says(biosctl({"events", "1", "--last", "1"}).output, "ended")) << "that tells it too";
     expect_tidy(1);
 }
 

@@ -101,6 +101,6 @@ TEST(ProgramReport, AnInterruptAndATimeLimitSayThatItGoesOn)
     const outcome interrupted = report_programming(SUBJECT, ended(watch_end::interrupted, 0, 40));
     EXPECT_EQ(interrupted.exit, 130);
     EXPECT_TRUE(tells(interrupted, "goes on in the card"));
-    EXPECT_TRUE(tells(interrupted, "chassis status"));
+    EXPECT_TRUE(tells(interrupted, "look at it again with: biosctl watch 5"));
     EXPECT_EQ(report_programming(SUBJECT, ended(watch_end::timed_out, 0, 40)).exit, 1);
 }

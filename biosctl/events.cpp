@@ -1,0 +1,112 @@
+#include "events.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <map>
+#include <unistd.h>
+
+#include "events_report.h"
+#include "flash_event_log.h"
+#include "flash_layout.h"
+#include "followed_output.h"
+#include "interrupt.h"
+#include "inventory.h"
+#include "serving_slot.h"
+#include "terminal.h"
+
+namespace
+{
+
+constexpr auto LOOK_INTERVAL = std::chrono::milliseconds(500);
+
+// Reads the logs of all flashes, and what is new in them from then on.
+class events_reader
+{
+public:
+    explicit events_reader(std::vector<unsigned> modules) : modules_(std::move(modules)) {}
+
+    std::vector<flash_event> take()
+    {
+        std::vector<std::vector<flash_event>> logs;
+        for (const unsigned slot : modules_.empty() ? modules_of_chassis() : modules_) {
+            for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
+                logs.push_back(take_of(slot, instance));
+        }
+        return in_order(logs);
+    }
+
+private:
+    struct read_log {
+        flash_event_log_state state;
+        std::uint64_t sequence = 0;
+    };
+
+    std::vector<flash_event> take_of(unsigned slot, unsigned instance)
+    {
+        read_log &known = logs_[{slot, instance}];
+        const flash_event_log_state state = flash_event_log_state_of(slot, instance);
+        if (state == known.state)
+            return {};
+        known.state = state; // as it was before the events are read: what comes meanwhile is looked for again
+        std::vector<flash_event> events = flash_event_history_of(slot, instance).events;
+        std::erase_if(events, [&](const flash_event &event) { return event.sequence <= known.sequence; });
+        if (!events.empty())
+            known.sequence = events.back().sequence;
+        return events;
+    }
+
+    std::vector<unsigned> modules_;
+    std::map<std::pair<unsigned, unsigned>, read_log> logs_;
+};
+
+std::string text_of(const std::vector<flash_event> &events, bool json, bool wide)
+{
+    std::string text;
+    for (const flash_event &event : events)
+        text += (json ? event_json(event).dump() : event_line(event, wide)) + "\n";
+    return json ? text : fitted(text, STDOUT_FILENO);
+}
+
+void keep_last(std::vector<flash_event> &events, std::size_t count)
+{
+    if (events.size() > count)
+        events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(count));
+}
+
+outcome print_events(const events_options &options, bool json)
+{
+    events_reader reader(options.modules);
+    std::vector<flash_event> events = reader.take();
+    keep_last(events, options.last.value_or(~0U));
+    const bool wide = needs_wide_lines(events);
+    if (!json && events.empty() && !options.follow)
+        return {EXIT_DONE, "no events: no flash was programmed yet"};
+    if (!json && !put_text(STDOUT_FILENO, events_heading(wide) + "\n"))
+        return output_not_written(errno);
+    for (;;) {
+        if (!put_text(STDOUT_FILENO, text_of(events, json, wide)))
+            return output_not_written(errno);
+        if (!options.follow || !wait_before_next(STDOUT_FILENO, LOOK_INTERVAL) || interrupted())
+            return {};
+        if (!chassis_is_there())
+            return chassis_gone();
+        events = reader.take();
+    }
+}
+
+} // namespace
+
+outcome run_events(const events_options &options, bool json)
+{
+    events_options in_order_of_slots = options;
+    if (!options.modules.empty())
+        in_order_of_slots.modules = modules_named(options.modules);
+    const auto missing = std::ranges::find_if_not(in_order_of_slots.modules, module_exists);
+    if (missing != in_order_of_slots.modules.end())
+        return no_module_failure(*missing);
+    catch_interrupt();
+    (void)std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is no failure
+    return print_events(in_order_of_slots, json);
+}

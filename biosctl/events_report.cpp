@@ -1,0 +1,137 @@
+#include "events_report.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "progress_bar.h"
+#include "result_text.h"
+
+namespace
+{
+
+constexpr std::size_t SECONDS_TEXT_BYTES = 19; // "2026-01-31T23:59:59"
+constexpr std::uint64_t KIB = 1024;
+constexpr std::uint64_t MIB = KIB * KIB;
+constexpr std::uint64_t SECOND_MS = 1000;
+
+std::string size_text(std::uint64_t bytes)
+{
+    if (bytes >= MIB && bytes % MIB == 0)
+        return std::to_string(bytes / MIB) + " MiB";
+    if (bytes >= KIB && bytes % KIB == 0)
+        return std::to_string(bytes / KIB) + " KiB";
+    return std::to_string(bytes) + " B";
+}
+
+std::string duration_text(std::uint64_t duration_ms)
+{
+    if (duration_ms >= 60 * SECOND_MS)
+        return elapsed_text(static_cast<unsigned>(duration_ms / SECOND_MS));
+    const double seconds = static_cast<double>(duration_ms) / SECOND_MS;
+    char text[16];
+    (void)std::snprintf(text, sizeof text, "%.*fs", duration_ms < 10 * SECOND_MS ? 2 : 1, seconds);
+    return text;
+}
+
+std::string event_text(const flash_event &event)
+{
+    if (event.kind == flash_event_kind::cut_off)
+        return "cut off";
+    if (event.kind == flash_event_kind::attempt)
+        return "attempt " + std::to_string(event.attempt.value_or(0));
+    return flash_event_name(event.kind);
+}
+
+std::string image_text(const flash_event &event)
+{
+    if (!event.image_bytes)
+        return "-";
+    return size_text(*event.image_bytes) + (event.version.empty() ? "" : " " + event.version);
+}
+
+std::string result_text(const flash_event &event)
+{
+    const std::uint32_t code = event.result.value_or(0);
+    return code_text(code) + " " + describe_result(code).name;
+}
+
+std::string what_came_of_it(const flash_event &event)
+{
+    switch (event.kind) {
+    case flash_event_kind::begun:
+        return image_text(event);
+    case flash_event_kind::attempt:
+        return "-";
+    case flash_event_kind::erased:
+        return std::to_string(event.sectors_erased.value_or(0)) + " erased";
+    case flash_event_kind::verified:
+        return std::to_string(event.sectors_erased.value_or(0)) + " erased, " +
+               size_text(event.bytes_written.value_or(0)) + " written";
+    case flash_event_kind::equal:
+        return "nothing to be changed";
+    case flash_event_kind::cut_off:
+        return "marked: do not reboot";
+    case flash_event_kind::failed:
+    case flash_event_kind::refused:
+    case flash_event_kind::ended:
+        break;
+    }
+    return result_text(event);
+}
+
+std::string line_of(bool wide, const std::string &time, const std::string &slot, const std::string &flash,
+                    const std::string &event, const std::string &took, const std::string &result)
+{
+    char cells[256];
+    (void)std::snprintf(cells, sizeof cells, "%-20s  %-4s  %-*s  %-9s  %-5s  ", time.c_str(), slot.c_str(),
+                        wide ? 9 : 7, flash.c_str(), event.c_str(), took.c_str());
+    return cells + result;
+}
+
+} // namespace
+
+std::vector<flash_event> in_order(const std::vector<std::vector<flash_event>> &logs)
+{
+    struct placed_event {
+        std::string not_before; // the latest time of the flash so far
+        const flash_event *event;
+    };
+    std::vector<placed_event> placed;
+    for (const std::vector<flash_event> &log : logs) {
+        std::string latest;
+        for (const flash_event &event : log) {
+            latest = std::max(latest, event.time);
+            placed.push_back({latest, &event});
+        }
+    }
+    std::ranges::stable_sort(placed, {}, &placed_event::not_before);
+    std::vector<flash_event> events;
+    for (const placed_event &one : placed)
+        events.push_back(*one.event);
+    return events;
+}
+
+std::string events_heading(bool wide)
+{
+    return line_of(wide, "TIME", "SLOT", "FLASH", "EVENT", "TOOK", "RESULT");
+}
+
+std::string event_line(const flash_event &event, bool wide)
+{
+    return line_of(wide, event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
+                   flash_instance_name(event.instance), event_text(event),
+                   event.duration_ms ? duration_text(*event.duration_ms) : "-", what_came_of_it(event));
+}
+
+bool needs_wide_lines(std::span<const flash_event> events)
+{
+    return std::ranges::any_of(events, [](const flash_event &event) { return event.instance != 0; });
+}
+
+nlohmann::ordered_json event_json(const flash_event &event)
+{
+    auto json = nlohmann::ordered_json::parse(flash_event_format(event));
+    if (event.result)
+        json["name"] = describe_result(*event.result).name;
+    return json;
+}

@@ -1,0 +1,19 @@
+// What may be written to a descriptor: plain lines, or on a terminal that understands them, escape sequences too.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+// Whether it is a terminal on which lines can be drawn over: one whose TERM is neither "dumb" nor missing.
+bool can_draw(int fd);
+
+// Its width; 80 when it is none or does not tell.
+unsigned terminal_columns(int fd);
+
+// Breaks the lines that are longer than so many columns, between words. What follows is indented to where the
+// line's last column begins (a gap of two blanks or more is between columns), or by two more than the line itself.
+// A word that is too long stays whole.
+std::string wrapped(const std::string &text, std::size_t columns);
+
+// The text as it is to be printed to a descriptor: wrapped for a terminal, else as it is.
+std::string fitted(const std::string &text, int fd);

@@ -1,0 +1,118 @@
+// What the event log of a flash tells of a whole card, also after its end, and the metrics made of it.
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "chassis_fixture.h"
+
+namespace
+{
+
+using nlohmann::json;
+
+class BiosctlEvents : public chassis_test
+{
+protected:
+    void SetUp() override
+    {
+        insert({.slot = 1});
+        up();
+    }
+
+    std::vector<json> events() const
+    {
+        const finished_program told = biosctl({"events", "1", "--json"});
+        EXPECT_EQ(told.exit_code, 0) << told.errors;
+        std::vector<json> events;
+        std::istringstream lines(told.output);
+        for (std::string line; std::getline(lines, line);)
+            events.push_back(json::parse(line));
+        return events;
+    }
+    // "begun attempt verified ended"
+    std::string story() const
+    {
+        std::string text;
+        for (const json &event : events())
+            text += (text.empty() ? "" : " ") + event["event"].get<std::string>();
+        return text;
+    }
+    // The sample of slot 1's primary flash; -1 when there is none.
+    long metric(const std::string &name, const std::string &more_labels = {}) const
+    {
+        const std::string sample = name + R"({slot="1",flash="primary")" + more_labels + "} ";
+        const std::string text = "\n" + biosctl({"metrics"}).output;
+        const std::size_t place = text.find("\n" + sample);
+        return place != std::string::npos ? std::stol(text.substr(place + 1 + sample.size())) : -1;
+    }
+};
+
+} // namespace
+
+TEST_F(BiosctlEvents, SurviveRestartsOfTheCardAndOfTheChassis)
+{
+    EXPECT_EQ(story(), "");
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
+    const std::vector<json> before = events();
+    EXPECT_EQ(story(), "begun attempt verified ended");
+    EXPECT_EQ(before[0]["slot"], 1);
+    EXPECT_EQ(before[0]["flash"], "primary");
+    EXPECT_EQ(before[3]["result"], "0x00000000");
+    EXPECT_EQ(before[3]["name"], "ok");
+    ASSERT_EQ(chassis({"restart", "1"}).exit_code, 0);
+    EXPECT_EQ(events(), before);
+    ASSERT_EQ(chassis({"down"}).exit_code, 0);
+    EXPECT_EQ(events(), before) << "nobody has to run for that";
+    ASSERT_EQ(chassis({"up"}).exit_code, 0);
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
+    EXPECT_EQ(story(), "begun attempt verified ended begun attempt equal ended");
+    EXPECT_EQ(events().back()["sequence"], 8);
+    EXPECT_EQ(metric("bios_programmings_begun_total"), 2);
+    EXPECT_EQ(metric("bios_programmings_ended_total", R"(,code="0x00000000",name="ok")"), 2);
+    EXPECT_EQ(metric("bios_programmings_equal_total"), 1);
+    EXPECT_EQ(metric("bios_programming_duration_seconds_count"), 2);
+}
+
+TEST_F(BiosctlEvents, TellOfEveryAttempt)
+{
+    set_faults(1, "fail erase 1\n");
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
+    EXPECT_EQ(story(), "begun attempt failed attempt verified ended");
+    EXPECT_EQ(metric("bios_programming_attempts_failed_total", R"(,code="0x40710009",name="erase_failed")"), 1);
+    EXPECT_GE(events().back()["duration_ms"], 5000) << "with the pause between the attempts";
+}
+
+TEST_F(BiosctlEvents, TellOfARefusalByTheFlash)
+{
+    protect(1, "0\n");
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 1);
+    EXPECT_EQ(story(), "begun attempt failed ended");
+    EXPECT_EQ(events().back()["name"], "write_protected");
+    EXPECT_EQ(metric("bios_flash_marked"), 0);
+}
+
+TEST_F(BiosctlEvents, TellOfACutAtTheNextStart)
+{
+    set_faults(1, "torn program 300");
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 1);
+    EXPECT_EQ(metric("bios_flash_marked"), 1);
+    ASSERT_EQ(chassis({"restart", "1"}).exit_code, 0);
+    (void)biosctl({"show", "1"});
+    EXPECT_EQ(story(), "begun attempt cut_off");
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
+    EXPECT_EQ(story(), "begun attempt cut_off begun attempt verified ended");
+    EXPECT_EQ(metric("bios_programmings_cut_off_total"), 1);
+    EXPECT_EQ(metric("bios_flash_marked"), 0);
+}
+
+TEST_F(BiosctlEvents, AreFollowedWhileTheyHappen)
+{
+    running_program follower(biosctl_words({"events", "--follow"}));
+    ASSERT_TRUE(wait_until([&] { return follower.output().find("TIME") != std::string::npos; }));
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
+    EXPECT_TRUE(wait_until([&] { return follower.output().find("0x00000000 ok\n") != std::string::npos; }));
+    follower.signal(SIGINT);
+    EXPECT_EQ(follower.wait().exit_code, 0);
+}
