@@ -17,6 +17,12 @@ REFERENCE = "#b8b8b8"
 LATENCY_ROWS = (1, 2)
 PERCENTILE_ROW = 3
 PROGRAMMING_ROWS = (6, 7, 8)
+ROOM_FOR_NAMES = 40  # times the longest bar
+STEPS_DRAWN = 500
+
+
+def short(value):
+    return f"{value:.0f}" if value >= 100 else f"{value:.3g}"
 
 
 def subtitle(told):
@@ -33,14 +39,14 @@ def draw_pairs(axes, figures, unit):
             value = measured["value"]
             spread = [[max(value - measured["least"], 0)], [max(measured["most"] - value, 0)]]
             axes.barh(place + offset, value, 0.38, color=colour, xerr=spread, error_kw={"linewidth": 0.8})
-            axes.annotate(f'{measured["name"]} {value:.3g}', (measured["most"], place + offset), (4, 0),
+            axes.annotate(f'{measured["name"]} {short(value)}', (measured["most"], place + offset), (4, 0),
                           textcoords="offset points", va="center")
         labels.append(f'{figure["name"]}\n{figure["ratio"]:.3g}, goal {figure["goal"]:.3g}')
     axes.set_yticks(range(len(figures)), labels)
     axes.invert_yaxis()
     axes.set_xlabel(unit)
     axes.set_xscale("log")
-    axes.set_xlim(right=axes.get_xlim()[1] * 12)
+    axes.set_xlim(right=axes.get_xlim()[1] * ROOM_FOR_NAMES)
     axes.spines[["top", "right"]].set_visible(False)
 
 
@@ -48,7 +54,8 @@ def draw_distribution(axes, figure):
     """Share of the requests that took at most so long, for both sides."""
     for side, colour in (("reference", REFERENCE), ("ours", OURS)):
         values = sorted(figure[side]["values"])
-        axes.step(values, [(place + 1) / len(values) for place in range(len(values))], color=colour,
+        places = sorted({round(step * (len(values) - 1) / STEPS_DRAWN) for step in range(STEPS_DRAWN + 1)})
+        axes.step([values[place] for place in places], [(place + 1) / len(values) for place in places], color=colour,
                   label=f'{figure[side]["name"]}, {len(values)} requests')
         axes.axvline(figure[side]["p99"], color=colour, linestyle=":", linewidth=1)
     axes.set_xscale("log")
