@@ -1,6 +1,7 @@
 #include "terminal.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <sstream>
 #include <string_view>
@@ -11,6 +12,51 @@ namespace
 {
 
 constexpr unsigned USUAL_COLUMNS = 80;
+
+constexpr const char *GREEN = "\033[32m";
+constexpr const char *YELLOW = "\033[33m";
+constexpr const char *RED = "\033[31m";
+constexpr const char *NO_COLOUR_ANY_MORE = "\033[0m";
+
+// The first that fits counts: a phrase stands before those that it contains.
+struct emphasis {
+    std::string_view phrase;
+    const char *colour;
+};
+constexpr emphasis EMPHASES[] = {
+    {"programmed and verified", GREEN},
+    {"not programmed", RED},
+    {"programming failed", RED},
+    {"not verified: do not reboot", RED},
+    {"do not reboot", RED},
+    {"not in step", RED},
+    {"in step", GREEN},
+    {"update available", YELLOW},
+    {"reboot pending", YELLOW},
+    {"newer than shipped", YELLOW},
+    {"being programmed", YELLOW},
+    {"unreachable", RED},
+    {"unknown", RED},
+    {"no daemon", RED},
+};
+
+bool is_word_character(const std::string &text, std::size_t place)
+{
+    return place < text.size() && std::isalnum(static_cast<unsigned char>(text[place])) != 0;
+}
+
+// Null when none of the phrases stands there as words of its own.
+const emphasis *emphasis_at(const std::string &text, std::size_t place)
+{
+    if (place > 0 && is_word_character(text, place - 1))
+        return nullptr;
+    for (const emphasis &known : EMPHASES) {
+        if (text.compare(place, known.phrase.size(), known.phrase) == 0 &&
+            !is_word_character(text, place + known.phrase.size()))
+            return &known;
+    }
+    return nullptr;
+}
 
 // Where the lines that continue this one begin.
 std::size_t continuation_column(const std::string &line, std::size_t columns)
@@ -48,6 +94,12 @@ bool can_draw(int fd)
     return ::isatty(fd) == 1 && kind != nullptr && kind[0] != '\0' && std::string_view(kind) != "dumb";
 }
 
+bool can_colour(int fd)
+{
+    const char *unwanted = std::getenv("NO_COLOR");
+    return can_draw(fd) && (unwanted == nullptr || unwanted[0] == '\0');
+}
+
 unsigned terminal_columns(int fd)
 {
     winsize size{};
@@ -63,7 +115,29 @@ std::string wrapped(const std::string &text, std::size_t columns)
     return text.ends_with('\n') ? result + "\n" : result;
 }
 
+std::string emphasised(const std::string &text)
+{
+    std::string result;
+    for (std::size_t place = 0; place < text.size();) {
+        const emphasis *known = emphasis_at(text, place);
+        if (known == nullptr) {
+            result += text[place++];
+            continue;
+        }
+        result += known->colour;
+        result += known->phrase;
+        result += NO_COLOUR_ANY_MORE;
+        place += known->phrase.size();
+    }
+    return result;
+}
+
+std::string coloured(const std::string &text, int fd)
+{
+    return can_colour(fd) ? emphasised(text) : text;
+}
+
 std::string fitted(const std::string &text, int fd)
 {
-    return ::isatty(fd) == 1 ? wrapped(text, terminal_columns(fd)) : text;
+    return coloured(::isatty(fd) == 1 ? wrapped(text, terminal_columns(fd)) : text, fd);
 }

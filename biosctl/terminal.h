@@ -15,5 +15,13 @@ unsigned terminal_columns(int fd);
 // A word that is too long stays whole.
 std::string wrapped(const std::string &text, std::size_t columns);
 
-// The text as it is to be printed to a descriptor: wrapped for a terminal, else as it is.
+// Whether colours may be used: on a terminal on which can be drawn, unless NO_COLOR is set and not empty.
+bool can_colour(int fd);
+
+// With escape sequences that colour what an operator looks for: what is well, what is to be done, what went wrong.
+std::string emphasised(const std::string &text);
+std::string coloured(const std::string &text, int fd); // likewise, where colours may be used
+
+// The text as it is to be printed to a descriptor: wrapped for a terminal and coloured where that may be, else as
+// it is.
 std::string fitted(const std::string &text, int fd);

@@ -111,7 +111,7 @@ bool watch_screen::draw(const watch_snapshot &snapshot)
     if (drawn_lines_ > 0)
         text += "\r\033[" + std::to_string(drawn_lines_) + "A";
     for (const std::string &line : lines)
-        text += line + CLEAR_LINE_END + "\n";
+        text += coloured(line, fd_) + CLEAR_LINE_END + "\n";
     text += std::string(CLEAR_BELOW) + SHOW_CURSOR;
     drawn_lines_ = lines.size();
     drawn_columns_ = space.columns;
@@ -131,8 +131,8 @@ std::string watch_screen::text_of(const watch_snapshot &snapshot) const
     if (::isatty(fd_) == 1)
         space = {terminal_space(fd_).columns, ~0U}; // as long as it has to be
     if (!shown_)
-        return block_of(watch_lines(snapshot, space));
-    return "\n" + block_of(watch_lines(changed_rows(*shown_, snapshot), space));
+        return coloured(block_of(watch_lines(snapshot, space)), fd_);
+    return "\n" + coloured(block_of(watch_lines(changed_rows(*shown_, snapshot), space)), fd_);
 }
 
 outcome watch(const watch_options &options, watch_reader &reader, watch_screen &screen)

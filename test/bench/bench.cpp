@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "benchmarks.h"
+#include "request_profile.h"
 
 namespace
 {
@@ -27,11 +28,16 @@ constexpr std::array BENCHMARKS{
     benchmark_entry{"chassis_size", "memory and start time of a chassis", measure_chassis_size},
 };
 
+bool is_wanted(const std::vector<std::string> &wanted, const std::string &name)
+{
+    return wanted.empty() || std::find(wanted.begin(), wanted.end(), name) != wanted.end();
+}
+
 std::vector<figure> measure(const std::vector<std::string> &wanted)
 {
     std::vector<figure> figures;
     for (const benchmark_entry &entry : BENCHMARKS) {
-        if (!wanted.empty() && std::find(wanted.begin(), wanted.end(), entry.name) == wanted.end())
+        if (!is_wanted(wanted, entry.name))
             continue;
         std::fprintf(stderr, "measuring: %s\n", entry.what);
         const std::vector<figure> measured = entry.measure();
@@ -61,6 +67,8 @@ int main(int argc, char **argv)
         const std::vector<figure> figures = measure(wanted);
         const std::string json = json_of(figures) + "\n";
         std::fputs(as_json ? json.c_str() : table_of(figures).c_str(), stdout);
+        if (!as_json && is_wanted(wanted, "round_trip"))
+            std::fputs(text_of(profile_requests()).c_str(), stdout);
         if (!file_name.empty()) {
             std::ofstream file(file_name);
             file.exceptions(std::ios::failbit | std::ios::badbit);

@@ -161,6 +161,36 @@ TEST(WrappedText, KeepsEveryWord)
     }
 }
 
+TEST(EmphasisedText, ColoursWhatIsWellWhatIsToBeDoneAndWhatWentWrong)
+{
+    EXPECT_EQ(emphasised("1  v3.5  in step"), "1  v3.5  \033[32min step\033[0m");
+    EXPECT_EQ(emphasised("update available\n"), "\033[33mupdate available\033[0m\n");
+    EXPECT_EQ(emphasised("not in step (unknown: 1)"), "\033[31mnot in step\033[0m (\033[31munknown\033[0m: 1)");
+    EXPECT_EQ(emphasised("module 2: programmed and verified (result 0)"),
+              "module 2: \033[32mprogrammed and verified\033[0m (result 0)");
+}
+
+TEST(EmphasisedText, LeavesPartsOfOtherWordsAlone)
+{
+    for (const std::string text : {"unknowns", "within step", "in steps", "begin step", "", "nothing"})
+        EXPECT_EQ(emphasised(text), text);
+}
+
+TEST(Terminal, ColoursOnlyWhereTheyAreUnderstoodAndWanted)
+{
+    const std::vector<std::string> words{"explain", "0x4071000c"}; // tells not to reboot
+    ::unsetenv("NO_COLOR");
+    const std::string coloured_text = terminal_run("xterm", 120, words).shown();
+    EXPECT_NE(coloured_text.find("\033[31mdo not reboot\033[0m"), std::string::npos) << coloured_text;
+    (void)::setenv("NO_COLOR", "", 1); // as if it were not set
+    EXPECT_EQ(terminal_run("xterm", 120, words).shown(), coloured_text);
+    EXPECT_FALSE(has_escapes(terminal_run("dumb", 120, words).shown()));
+    (void)::setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(has_escapes(terminal_run("xterm", 120, words).shown()));
+    ::unsetenv("NO_COLOR");
+    EXPECT_FALSE(has_escapes(biosctl_run(words).out()));
+}
+
 TEST(Terminal, HelpFitsIntoItsWidth)
 {
     for (const std::uint16_t columns : {std::uint16_t{80}, std::uint16_t{120}}) {
@@ -192,7 +222,7 @@ TEST(Terminal, ABarIsDrawnOnlyWhereItCanBe)
         const test_chassis chassis;
         scripted_daemon daemon(chassis, 27, program_slowly);
         const std::string shown = terminal_run(kind, 80, in_chassis(chassis, {"program", "27"})).shown();
-        EXPECT_NE(shown.find("module 27: programmed and verified"), std::string::npos) << shown;
+        EXPECT_NE(shown.find("programmed and verified"), std::string::npos) << shown;
         EXPECT_EQ(has_escapes(shown), kind == "xterm") << kind << ": " << shown;
         EXPECT_EQ(shown.find('\r') != std::string::npos, kind == "xterm") << kind << ": " << shown;
         EXPECT_EQ(shown.find("module 27: 50% ") != std::string::npos, kind != "xterm") << kind << ": " << shown;
