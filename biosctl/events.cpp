@@ -39,7 +39,7 @@ public:
 
 private:
     struct read_log {
-        flash_event_log_state state;
+        std::optional<flash_event_log_state> state = {}; // none: not looked at yet
         std::uint64_t sequence = 0;
     };
 
@@ -79,9 +79,10 @@ outcome print_events(const events_options &options, bool json)
 {
     events_reader reader(options.modules);
     std::vector<flash_event> events = reader.take();
+    const bool has_none = events.empty();
     keep_last(events, options.last.value_or(~0U));
     const bool wide = needs_wide_lines(events);
-    if (!json && events.empty() && !options.follow)
+    if (!json && has_none && !options.follow)
         return {EXIT_DONE, "no events: no flash was programmed yet"};
     if (!json && !put_text(STDOUT_FILENO, events_heading(wide) + "\n"))
         return output_not_written(errno);

@@ -62,7 +62,9 @@ outcome help_text(const CLI::App &app, const CLI::Success &request)
     while (lines.ends_with('\n'))
         lines.pop_back();
     const bool version = dynamic_cast<const CLI::CallForVersion *>(&request) != nullptr;
-    return {EXIT_DONE, lines, {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}}};
+    return {.message = lines,
+            .json = {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}},
+            .is_help = true};
 }
 
 // The first word where a command should stand; the parser only tells that there is none.

@@ -133,6 +133,7 @@ flash_facts look_at_flash(unsigned slot, unsigned instance, std::uint32_t size_b
 {
     const std::uint32_t sector_bytes =
         chassis_read_value(flash_file_path(slot, instance, FLASH_FILE_SECTOR_BYTES), 0);
+    const std::string version = version_in(slot, instance); // before the marker, which is set before any change
     const flash_activity activity = flash_activity_of(slot, instance);
     return {.slot = slot,
             .instance = instance,
@@ -142,7 +143,7 @@ flash_facts look_at_flash(unsigned slot, unsigned instance, std::uint32_t size_b
             .marked = activity.marked,
             .has_writer = activity.has_writer,
             // One that is marked may be half old and half new.
-            .version = activity.marked ? UNKNOWN_VERSION : version_in(slot, instance)};
+            .version = activity.marked ? UNKNOWN_VERSION : version};
 }
 
 card_facts look_at_card(unsigned slot, const std::vector<chassis_module_lock_holder> &locks, bool locks_readable)

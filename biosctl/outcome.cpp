@@ -50,7 +50,8 @@ void print_text(const outcome &end)
     if (end.message.empty())
         return;
     if (end.exit == EXIT_DONE) {
-        (void)std::printf("%s\n", fitted(end.message, STDOUT_FILENO).c_str());
+        const auto fit = end.is_help ? wrapped_for : fitted;
+        (void)std::printf("%s\n", fit(end.message, STDOUT_FILENO).c_str());
         return;
     }
     (void)std::fflush(stdout); // the report comes first where both streams are one

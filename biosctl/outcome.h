@@ -13,6 +13,7 @@ struct outcome {
     std::string message = {};         // for people; lines without the last newline
     nlohmann::ordered_json json = {}; // for programs; an object, or null when the command has told all while it ran
     std::string report = {}; // for people, on standard output however the command ended; lines as in message
+    bool is_help = false;    // the message tells nothing of a chassis: nothing in it is to stand out
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.

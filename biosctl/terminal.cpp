@@ -137,7 +137,12 @@ std::string coloured(const std::string &text, int fd)
     return can_colour(fd) ? emphasised(text) : text;
 }
 
+std::string wrapped_for(const std::string &text, int fd)
+{
+    return ::isatty(fd) == 1 ? wrapped(text, terminal_columns(fd)) : text;
+}
+
 std::string fitted(const std::string &text, int fd)
 {
-    return coloured(::isatty(fd) == 1 ? wrapped(text, terminal_columns(fd)) : text, fd);
+    return coloured(wrapped_for(text, fd), fd);
 }

@@ -22,6 +22,8 @@ bool can_colour(int fd);
 std::string emphasised(const std::string &text);
 std::string coloured(const std::string &text, int fd); // likewise, where colours may be used
 
-// The text as it is to be printed to a descriptor: wrapped for a terminal and coloured where that may be, else as
-// it is.
+// The text as it is to be printed to a descriptor: wrapped for a terminal, else as it is.
+std::string wrapped_for(const std::string &text, int fd);
+
+// Likewise, and coloured where that may be.
 std::string fitted(const std::string &text, int fd);

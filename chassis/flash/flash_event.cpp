@@ -137,7 +137,7 @@ bool take_head(line_reader &line, flash_event &event)
         return false;
     const auto instance = place_of(flash, INSTANCE_NAMES);
     const auto place = place_of(kind, EVENT_NAMES);
-    if (!instance || !place)
+    if (!instance || !place || event.sequence > FLASH_EVENT_SEQUENCE_MAX)
         return false;
     event.instance = *instance;
     event.kind = static_cast<flash_event_kind>(*place);

@@ -61,7 +61,8 @@ struct flash_event {
     bool operator==(const flash_event &) const = default;
 };
 
-constexpr std::size_t FLASH_EVENT_LINE_BYTES_MAX = 512; // of a line with its newline
+constexpr std::uint64_t FLASH_EVENT_SEQUENCE_MAX = std::uint64_t{1} << 53; // what is above it comes of damage
+constexpr std::size_t FLASH_EVENT_LINE_BYTES_MAX = 512;                    // of a line with its newline
 
 // The line with its newline. Of the version only what needs no escape in JSON is told, 64 characters at most.
 std::string flash_event_format(const flash_event &event);

@@ -133,7 +133,15 @@ bool store_totals(const flash_folder &folder, const flash_event_totals &totals)
 // The totals first: a log whose events are in no totals must not go, and events that are in both count once.
 bool turn_over(const flash_folder &folder, const unique_fd &log)
 {
-    flash_event_totals totals = load_totals(folder);
+    const unique_fd file = open_to_read(folder, FLASH_FILE_EVENT_TOTALS);
+    if (!file && errno != ENOENT)
+        return false; // they are there, and are not to be replaced by less
+    const std::string content = content_of(file, 0, FLASH_EVENT_LOG_BYTES_MAX);
+    if (content.size() != std::min(size_of(file), FLASH_EVENT_LOG_BYTES_MAX))
+        return false;
+    flash_event_totals totals = flash_event_totals_parse(content);
+    if (const log_end end = end_of(log, 0); end.sequence != 0 && totals.sequence > end.sequence)
+        totals = {}; // damaged: they would count nothing any more
     totals.count_all(events_in(content_of(log, 0, READ_BYTES_MAX)));
     return store_totals(folder, totals) &&
            ::renameat(folder.fd.get(), FLASH_FILE_EVENTS, folder.fd.get(), FLASH_FILE_OLDER_EVENTS) == 0;

@@ -169,5 +169,5 @@ flash_event_totals flash_event_totals_parse(std::string_view content)
         if (!take_line(totals, line))
             return {};
     }
-    return totals;
+    return totals.sequence <= FLASH_EVENT_SEQUENCE_MAX ? totals : flash_event_totals{};
 }

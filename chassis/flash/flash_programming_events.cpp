@@ -263,10 +263,14 @@ void flash_found_marked(std::uint32_t instance) noexcept
             own_programming(instance) != nullptr)
             return;
         const unsigned slot = chassis_own_slot();
-        if (flash_activity_of(slot, instance).has_writer)
-            return;
-        told_by[instance] = ::getpid();
+        bool has_writer = false;
+        // Looked for under the log's lock: one that comes later has not written anything before this line.
         flash_event_append(open_flash_folder(slot, instance), event_of(instance, flash_event_kind::cut_off),
-                           is_cut_off_news);
+                           [&](const std::optional<flash_event> &last) {
+                               has_writer = flash_activity_of(slot, instance).has_writer;
+                               return !has_writer && is_cut_off_news(last);
+                           });
+        if (!has_writer)
+            told_by[instance] = ::getpid();
     });
 }

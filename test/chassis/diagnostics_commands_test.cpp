@@ -241,6 +241,7 @@ TEST_F(DiagnosticsCommands, HistoryOfHostileTextsIsPrintable)
 TEST_F(DiagnosticsCommands, BothShowTheChildOfAProgrammingUnderWay)
 {
     start();
+    write_file(flash_file(1, "timing"), "1\n"); // a real part's erases: there is time to look on
     programming seen = asking().start(1);
     ASSERT_EQ(seen.error, 0);
     ASSERT_TRUE(asking().await_progress(

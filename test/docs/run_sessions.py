@@ -199,4 +199,5 @@ def main():
     sys.exit(1 if report(given.document, commands) else 0)
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -125,6 +125,20 @@ TEST(Events, AreALineOfJsonEachForPrograms)
     EXPECT_EQ(run.out(), named_failed + "\n" + named_ended + "\n");
 }
 
+TEST(Events, AreThereAlsoWhenOnlyTheOlderFileIsOrNoneIsWanted)
+{
+    const test_chassis chassis;
+    add_events(chassis);
+    const std::string log = chassis.path() + "/slots/5/flash/primary/events";
+    std::filesystem::rename(log, log + ".1");
+    biosctl_run older(events_words(chassis, {"5", "--json"}));
+    EXPECT_EQ(older.exit_code(), 0) << older.err();
+    EXPECT_EQ(std::count(older.out().begin(), older.out().end(), '\n'), 3) << older.out();
+    biosctl_run none(events_words(chassis, {"5", "--last", "0"}));
+    EXPECT_EQ(none.exit_code(), 0) << none.err();
+    EXPECT_EQ(none.out(), "TIME                  SLOT  FLASH    EVENT      TOOK   RESULT\n");
+}
+
 TEST(Events, OfNoFlashAreNone)
 {
     const test_chassis chassis;

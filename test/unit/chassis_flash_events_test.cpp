@@ -150,6 +150,37 @@ TEST(FlashEventLine, NothingElseIsAnEvent)
     EXPECT_FALSE(flash_event_parse(FAILED_LINE + " "));
 }
 
+TEST(FlashEventLine, ANumberThatNoLogReachesIsDamage)
+{
+    std::string line = FAILED_LINE;
+    line.replace(line.find("17,\"pid"), 2, "9007199254740992"); // 2^53
+    EXPECT_TRUE(flash_event_parse(line));
+    line.replace(line.find("9007199254740992"), 16, "9007199254740993");
+    EXPECT_FALSE(flash_event_parse(line));
+    EXPECT_EQ(flash_event_totals_parse("sequence 9007199254740993\nbegun 1"), flash_event_totals{});
+}
+
+TEST_F(EventLog, TotalsThatAreAheadOfTheLogAreBegunAnew)
+{
+    append();
+    write_flash_file("event_totals", "sequence 1000000\nbegun 7\n");
+    fill_log();
+    const std::size_t written = events().size();
+    EXPECT_GT(written, 1000U);
+    EXPECT_EQ(totals().begun, written);
+}
+
+TEST_F(EventLog, TotalsThatCannotBeReadAreNotReplaced)
+{
+    std::filesystem::create_directory(flash_file("kept"));
+    std::filesystem::create_symlink("kept", flash_file("event_totals"));
+    for (unsigned k = 0; k < 12'000; ++k)
+        append();
+    EXPECT_FALSE(std::filesystem::exists(flash_file("events.1")));
+    EXPECT_TRUE(std::filesystem::is_symlink(flash_file("event_totals")));
+    EXPECT_EQ(events().size(), 12'000U);
+}
+
 TEST_F(EventLog, NumbersTheEventsAndKnowsTimeAndProcess)
 {
     append(flash_event_kind::begun);
