@@ -321,7 +321,7 @@ TEST_P(LoaderInstall, IsNotHinderedByWhatAKilledDaemonLeft)
     ASSERT_EQ(in_card({"/vesk/sbin/nbitool", "open", image, number + "_ramfs", number + "_mntpt"}).exit_code, 0);
     ASSERT_EQ(in_card({"/bin/mount", "-o", "ro", "/mnt/bootloader"}).exit_code, 0);
     ASSERT_EQ(::kill(killed, SIGKILL), 0);
-    ASSERT_TRUE(wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != killed; }));
+    ASSERT_TRUE(wait_until([&] { return file_content(slot_file(1, "starts")).starts_with("2"); }));
     ASSERT_TRUE(wait_until([&] { return file_content(slot_file(1, "state")).starts_with("serving"); }));
     expect_nothing_left();
     EXPECT_EQ(install(image), BIOS_OK) << tool_output();
