@@ -30,6 +30,9 @@ struct chassis_report {
     int serving_error = 0; // not 0: the serving daemon could not be asked at all, as in request_answer; no cards
 };
 
+// The longest wait for one answer, when the operator names none.
+constexpr unsigned VERSIONS_TIMEOUT_S = 30;
+
 // Asks for the modules' versions.
 //   timeout_s  the longest wait for one answer
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s);

@@ -12,6 +12,9 @@
 #include "big_endian.h"
 #include "mts.h"
 
+// How long a request is waited for that the daemon answers at once, but for a lock that it has to ask others for.
+constexpr unsigned ANSWER_WAIT_LIMIT_S = 300;
+
 struct received_message {
     std::uint32_t opcode = 0;
     mts_address_t source{};

@@ -17,7 +17,6 @@ namespace
 {
 
 // Reading takes no time, but the daemon may be busy with an installation or with images.
-constexpr unsigned ANSWER_WAIT_LIMIT_S = 300;
 constexpr std::uint32_t ERRNO_MAX = 4095;
 
 struct file_kind {

@@ -56,7 +56,7 @@ outcome report_loader_install(const loader_install_options &options, unsigned sl
         told.json["outcome"] = told.exit == EXIT_NOTHING_TO_DO ? "nothing to do" : "failed";
     }
     if (options.remove_image)
-        told.message += std::string("\n  image: ") + REMOVED;
+        told.message.append("\n  image: ").append(REMOVED);
     told.json.update(json_head(options, slot));
     return told;
 }

@@ -15,7 +15,6 @@ namespace
 {
 
 // The daemon answers at once, but it may be busy with the installation of a boot loader.
-constexpr unsigned ANSWER_WAIT_LIMIT_S = 300;
 
 bool is_unlock(const lock_options &options)
 {

@@ -32,6 +32,11 @@ nlohmann::ordered_json json_of(const result_description &result)
             {"next", result.next}};
 }
 
+nlohmann::ordered_json text_or_null(const std::string &text)
+{
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
 namespace
 {
 

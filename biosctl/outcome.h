@@ -25,6 +25,9 @@ outcome failure_by_code(const std::string &what, std::uint32_t code);
 // The members of a code that every JSON answer about it has: result, name, meaning, flash, next.
 nlohmann::ordered_json json_of(const result_description &result);
 
+// A text that is not known is null in JSON.
+nlohmann::ordered_json text_or_null(const std::string &text);
+
 // What print_outcome prints for a failure, the last newline included.
 std::string failure_text(const outcome &end, bool json);
 

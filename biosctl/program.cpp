@@ -19,7 +19,6 @@ namespace
 {
 
 // The daemon answers before it does any work, but it may be busy with the installation of a boot loader.
-constexpr unsigned ANSWER_WAIT_LIMIT_S = 300;
 
 std::string slot_text(unsigned slot)
 {

@@ -18,7 +18,7 @@ namespace
 constexpr const char *NOT_TRIED = "not tried";
 constexpr const char *NOT_ASKED = "not asked";
 constexpr const char *NO_ANSWER = "no answer";
-constexpr std::size_t LINE_BYTES = 96;
+constexpr std::size_t SUMMARY_LINE_BYTES = 96;
 
 // From the worst to the best; what is not in here is usage, which does not come from a programming.
 constexpr std::array BY_SEVERITY{EXIT_INTERRUPTED, EXIT_FAILED, EXIT_NOT_FOUND,
@@ -67,7 +67,7 @@ outcome program_and_check(const series_step &step, const series_options &options
 
 std::string line_of(const char *module, const std::string &what, const std::string &result, const std::string &time)
 {
-    char line[LINE_BYTES];
+    char line[SUMMARY_LINE_BYTES];
     (void)std::snprintf(line, sizeof line, "%-6s  %-24s  %-10s  %s", module, what.c_str(), result.c_str(),
                         time.c_str());
     return line;

@@ -6,6 +6,7 @@
 
 #include "bios_messages.h"
 #include "bios_opcodes.h"
+#include "elapsed.h"
 #include "interrupt.h"
 #include "lock_holders.h"
 
@@ -16,11 +17,6 @@ using steady = std::chrono::steady_clock;
 
 constexpr unsigned RECEIVE_WAIT_S = 1; // also how soon Ctrl-C and the time limit are noticed at the latest
 constexpr auto PROBE_INTERVAL = std::chrono::seconds(1);
-
-unsigned seconds_since(steady::time_point start)
-{
-    return static_cast<unsigned>(std::chrono::duration_cast<std::chrono::seconds>(steady::now() - start).count());
-}
 
 // Takes what came before and with the acceptance; true when the watched programming has ended already.
 //

@@ -11,7 +11,6 @@ namespace
 {
 
 // Reading the version in an image takes a few seconds; a daemon may be busy with something else first.
-constexpr unsigned DEFAULT_TIMEOUT_S = 30;
 
 } // namespace
 
@@ -30,7 +29,7 @@ outcome run_show(const show_options &options, bool json)
     const interrupt_ends_process guard(
         json ? STDOUT_FILENO : STDERR_FILENO,
         failure_text(failure(EXIT_INTERRUPTED, "interrupted before the versions were known", "ask again"), json));
-    const chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(DEFAULT_TIMEOUT_S));
+    const chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
     if (versions.serving_error != 0)
         return no_answer_failure(slot, versions.serving_error);
     return report_versions(versions, options.kind, slot_programs_one_module_only(slot));

@@ -94,11 +94,6 @@ std::string one_module_note(unsigned serving_slot)
            std::to_string(ONLY_MODULE_OF_SUCH_SLOTS) + " whatever module it is asked for";
 }
 
-nlohmann::ordered_json text_or_null(const std::string &text)
-{
-    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
-}
-
 nlohmann::ordered_json json_of_card(const card_report &card)
 {
     nlohmann::ordered_json flashes = nlohmann::ordered_json::array();

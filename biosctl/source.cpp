@@ -9,6 +9,7 @@
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
+#include "elapsed.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -21,7 +22,7 @@ namespace
 
 using steady = std::chrono::steady_clock;
 
-constexpr unsigned DEFAULT_TIMEOUT_S = 300; // a system image is unpacked twice, with pauses
+constexpr unsigned UNPACKING_TIMEOUT_S = 300; // a system image is unpacked twice, with pauses
 constexpr int REDRAW_MS = 1000;
 constexpr std::string_view BOOTFLASH_SCHEME = "bootflash:";
 constexpr std::string_view HARMLESS_CHARACTERS =
@@ -35,11 +36,6 @@ std::string slot_text(unsigned slot)
 std::string image_text(const source_options &options)
 {
     return options.image_path ? *options.image_path : "image tree";
-}
-
-unsigned seconds_since(steady::time_point start)
-{
-    return static_cast<unsigned>(std::chrono::duration_cast<std::chrono::seconds>(steady::now() - start).count());
 }
 
 // A notice's number stands in the sender's own byte order, which is this machine's.
@@ -62,7 +58,7 @@ request_answer ask_with_progress(client_endpoint &endpoint, const source_options
     query_process query({.node = node,
                          .opcode = MTS_OPC_BIOS_GET_SRC_BIOS_VERSION,
                          .body = encode_source_version_request(options.image_path, endpoint.address()),
-                         .wait_limit_s = options.timeout_s.value_or(DEFAULT_TIMEOUT_S),
+                         .wait_limit_s = options.timeout_s.value_or(UNPACKING_TIMEOUT_S),
                          .answer_bytes_max = SOURCE_ANSWER_BYTES_MAX});
     const steady::time_point start = steady::now();
     progress_view view(STDERR_FILENO, slot_text(slot) + ": " + image_text(options));
@@ -94,7 +90,7 @@ outcome report_no_versions(const source_options &options, unsigned slot)
     return told;
 }
 
-outcome report_busy(unsigned slot, bool readable)
+outcome report_locked(unsigned slot, bool readable)
 {
     const std::string what =
         slot_text(slot) + ": not asked: " +
@@ -174,7 +170,7 @@ outcome run_source(const source_options &options, bool json)
         return serving.problem;
     const unsigned slot = *serving.slot;
     if (const programming_locks locks = find_programming(); !locks.readable || locks.any)
-        return report_busy(slot, locks.readable);
+        return report_locked(slot, locks.readable);
     client_endpoint endpoint;
     if (!endpoint.bound())
         return no_endpoint_failure();

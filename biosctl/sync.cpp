@@ -15,7 +15,6 @@ namespace
 {
 
 // As in show: reading the version in an image takes a few seconds.
-constexpr unsigned DEFAULT_TIMEOUT_S = 30;
 
 struct subject {
     unsigned serving_slot;
@@ -53,7 +52,7 @@ bool is_named(const subject &of, unsigned module)
 sync_view look(const subject &of, const sync_options &options, int &error_out)
 {
     const chassis_report versions =
-        collect_versions(of.serving_slot, modules_to_ask(of), options.timeout_s.value_or(DEFAULT_TIMEOUT_S));
+        collect_versions(of.serving_slot, modules_to_ask(of), options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
     error_out = versions.serving_error;
     if (error_out != 0)
         return {};
@@ -149,7 +148,7 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
         {.serving_slot = of.serving_slot,
          .keep_going = options.keep_going,
          .json = json,
-         .version_timeout_s = options.timeout_s.value_or(DEFAULT_TIMEOUT_S)},
+         .version_timeout_s = options.timeout_s.value_or(VERSIONS_TIMEOUT_S)},
         [&](const std::vector<series_result> &so_far) { return report_sync(of.serving_slot, plan, so_far, {}); });
     if (series_exit(results) == EXIT_INTERRUPTED)
         return report_sync(of.serving_slot, plan, results, {});

@@ -26,7 +26,7 @@ constexpr action_row ROWS[] = {
 };
 
 constexpr std::size_t VERSION_COLUMNS = 17; // "v10.5.0(09/17/12)"
-constexpr std::size_t LINE_BYTES = 81;      // a line of a terminal
+constexpr std::size_t PLAN_LINE_BYTES = 81;      // a line of a terminal
 
 bool is_told(const flash_report &flash)
 {
@@ -106,15 +106,10 @@ std::string line_of(const std::string &module, const std::string &flash, const s
                     const std::string &action)
 {
     const int width = VERSION_COLUMNS;
-    char line[LINE_BYTES];
+    char line[PLAN_LINE_BYTES];
     (void)std::snprintf(line, sizeof line, "%-6s  %-*s  %-*s  %s", module.c_str(), width, flash.c_str(), width,
                         shipped.c_str(), action.c_str());
     return line;
-}
-
-nlohmann::ordered_json text_or_null(const std::string &text)
-{
-    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
 }
 
 } // namespace

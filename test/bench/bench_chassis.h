@@ -6,7 +6,7 @@
 class bench_chassis : public chassis_test
 {
 public:
-    bench_chassis() = default;
+    bench_chassis() : chassis_test(daemon_build::shipped) {}
     ~bench_chassis() override { TearDown(); }
 
     using chassis_test::biosctl;

@@ -21,6 +21,7 @@
 #include "chassis_dir.h"
 #include "image_comparison.h"
 #include "ppc_version.h"
+#include "rest_of.h"
 #include "unique_fd.h"
 #include "x86_version.h"
 
@@ -141,7 +142,7 @@ void compare_memory(benchmark::State &state, const std::string &flash, const std
 std::string content_of(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return rest_of(file);
 }
 
 void register_all()

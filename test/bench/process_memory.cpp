@@ -1,4 +1,5 @@
 #include "process_memory.h"
+#include "rest_of.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -20,7 +21,7 @@ std::string proc_file(pid_t process, const std::string &name)
 std::string content_of(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return rest_of(file);
 }
 
 unsigned value_in(const std::string &text, const std::string &name)

@@ -130,6 +130,7 @@ TEST_F(BiosctlCommand, TellsWhatItCannotFindOrUnderstand)
 
 TEST_F(BiosctlCommand, TellsThatAProgrammingRunsAlready)
 {
+    keep_pauses(1);
     requester other;
     programming running = other.start(1);
     ASSERT_EQ(running.answer, 0U);
@@ -142,6 +143,7 @@ TEST_F(BiosctlCommand, TellsThatAProgrammingRunsAlready)
 
 TEST_F(BiosctlCommand, LooksAwayOnInterruptAndTheProgrammingGoesOn)
 {
+    keep_pauses(1);
     running_program watching(biosctl_words({"program", "1"}));
     ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
     watching.signal(SIGINT);
@@ -159,6 +161,7 @@ TEST_F(BiosctlCommand, LooksAwayOnInterruptAndTheProgrammingGoesOn)
 
 TEST_F(BiosctlCommand, NoticesThatTheDaemonHasEnded)
 {
+    keep_pauses(1);
     running_program watching(biosctl_words({"program", "1"}));
     ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
     ASSERT_EQ(::kill(daemon_pid(1), SIGKILL), 0);

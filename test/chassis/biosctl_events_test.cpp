@@ -77,6 +77,7 @@ TEST_F(BiosctlEvents, SurviveRestartsOfTheCardAndOfTheChassis)
 
 TEST_F(BiosctlEvents, TellOfEveryAttempt)
 {
+    keep_pauses(1);
     set_faults(1, "fail erase 1\n");
     ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
     EXPECT_EQ(story(), "begun attempt failed attempt verified ended");

@@ -98,6 +98,7 @@ TEST_F(BiosctlSync, StandsBackWhileAProgrammingRuns)
 {
     insert({.slot = 1});
     up();
+    keep_pauses(1);
     requester other;
     programming running = other.start(1);
     ASSERT_EQ(running.answer, 0U);

@@ -86,6 +86,7 @@ bool has_result(const json &card)
 
 TEST_F(BiosctlWatch, ALateWatcherSeesAForwardedProgrammingToItsEnd)
 {
+    keep_pauses(2);
     take_the_time_of_a_real_part(2);
     requester asking;
     programming running = asking.start(2);

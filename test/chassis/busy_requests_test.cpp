@@ -17,6 +17,7 @@ TEST_F(BusyRequests, SecondIsRefusedAndTheFirstIsStillReported)
 {
     insert({.slot = 1});
     up();
+    keep_pauses(1);
     requester first;
     requester second;
     programming running = first.start(1);
@@ -50,6 +51,7 @@ TEST_F(BusyRequests, OtherRequestsAreServedMeanwhile)
 {
     insert({.slot = 1});
     up();
+    keep_pauses(1);
     requester asking;
     programming running = asking.start(1);
     ASSERT_EQ(running.answer, 0U);

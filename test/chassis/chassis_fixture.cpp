@@ -13,6 +13,7 @@
 
 #include "bios_flash.h"
 #include "chassis_dir.h"
+#include "without_pauses.h"
 
 namespace
 {
@@ -22,6 +23,7 @@ namespace files = std::filesystem;
 constexpr unsigned ORDINARY_USER = 65534;
 constexpr const char *TRACE_FILE = "bios_daemon.dbg"; // every process of the daemon that exits adds to it
 
+constexpr const char *DAEMON_VARIABLE = "BIOS_DAEMON";
 constexpr const char *GUARD_SCRIPT = R"(read -r word || { folder=$1; shift; "$@"; rm -rf "$folder"; })";
 
 // The file may go at any moment.
@@ -67,6 +69,12 @@ std::string name_of(pid_t process)
     }
 }
 
+// What chassis up and chassis restart start.
+void use_daemon(const std::string &program)
+{
+    (void)::setenv(DAEMON_VARIABLE, program.c_str(), 1);
+}
+
 bool ends_in_time(pid_t process)
 {
     return wait_until([&] { return ::kill(process, 0) != 0; }, std::chrono::seconds(10));
@@ -74,8 +82,10 @@ bool ends_in_time(pid_t process)
 
 } // namespace
 
-chassis_test::chassis_test()
+chassis_test::chassis_test(daemon_build daemon)
+    : daemon_program_(daemon == daemon_build::shipped ? BIOS_DAEMON_PROGRAM : PAUSELESS_DAEMON_PROGRAM)
 {
+    use_daemon(daemon_program_);
     char name[] = "/tmp/chassis_test.XXXXXX";
     if (::mkdtemp(name) == nullptr)
         throw std::runtime_error("mkdtemp");
@@ -85,6 +95,7 @@ chassis_test::chassis_test()
 
 chassis_test::~chassis_test()
 {
+    (void)::unsetenv(DAEMON_VARIABLE);
     std::error_code ignored;
     files::remove_all(workspace_, ignored);
 }
@@ -115,9 +126,10 @@ void chassis_test::run_as_ordinary_user()
 {
     ordinary_user_ = true;
     // The build folder need not be open to everybody. The launcher finds the daemon and the tools beside itself.
-    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, BIOS_DAEMON_PROGRAM, INIT_SYSTEM_PROGRAM,
+    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, daemon_program_.c_str(), INIT_SYSTEM_PROGRAM,
                                 NBITOOL_PROGRAM, VESKADD_PROGRAM})
         files::copy_file(program, workspace_ + "/" + files::path(program).filename().string());
+    use_daemon(workspace_ + "/" + files::path(daemon_program_).filename().string());
     chassis_program_ = workspace_ + "/chassis";
     biosctl_program_ = workspace_ + "/biosctl";
     if (::chown(workspace_.c_str(), ORDINARY_USER, ORDINARY_USER) != 0)
@@ -254,6 +266,11 @@ programming chassis_test::program(std::uint32_t module, const programming_option
     if (seen.error == 0 && seen.answer == 0)
         asking.await_end(seen);
     return seen;
+}
+
+void chassis_test::keep_pauses(unsigned slot) const
+{
+    write_file(card_file(slot, PAUSES), "");
 }
 
 std::string chassis_test::slot_file(unsigned slot, const std::string &name) const

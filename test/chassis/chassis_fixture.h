@@ -37,10 +37,13 @@ struct card_plan {
     std::string ks_image = {};    // file that becomes /etc/srg-ks.sro; empty: none
 };
 
+// Which daemon the cards run: the one that is shipped, or the same objects without their pauses (without_pauses.cpp).
+enum class daemon_build : std::uint8_t { without_pauses, shipped };
+
 class chassis_test : public testing::Test
 {
 protected:
-    chassis_test();
+    explicit chassis_test(daemon_build daemon = daemon_build::without_pauses);
     ~chassis_test() override;
 
     // Before up().
@@ -74,6 +77,9 @@ protected:
     bool is_locked(unsigned slot) const;                               // module lock of a supervisor
     std::string isolation(unsigned slot) const;
 
+    // From now on a programming of the card takes the required pauses: there is time to meet it at work.
+    void keep_pauses(unsigned slot) const;
+
     // What goes wrong.
     void set_faults(unsigned slot, const std::string &rules) const; // empty: none any more
     void protect(unsigned slot, const std::string &sectors) const;
@@ -102,6 +108,7 @@ private:
 
     std::string workspace_;
     std::string directory_;
+    std::string daemon_program_;
     std::string chassis_program_ = CHASSIS_PROGRAM;
     std::string biosctl_program_ = BIOSCTL_PROGRAM;
     bool ordinary_user_ = false;

@@ -15,6 +15,7 @@ constexpr unsigned long IDLE_TICKS_LIMIT = 2;
 class DaemonFootprint : public chassis_test
 {
 protected:
+    DaemonFootprint() : chassis_test(daemon_build::shipped) {}
     unsigned resident_kib() const
     {
         std::istringstream status(file_content("/proc/" + std::to_string(daemon_pid(1)) + "/status"));

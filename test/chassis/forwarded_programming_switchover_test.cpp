@@ -5,7 +5,7 @@
 #include "chassis_fixture.h"
 #include "held_locks.h"
 #include "played_module.h"
-#include "short_waits.h"
+#include "without_pauses.h"
 #include "sysmgr.h"
 
 namespace
@@ -125,11 +125,7 @@ TEST_F(Switchover, KeepsTheNewActiveSupervisorFromTheModuleThatIsProgrammed)
 
 // What decides on a report, and on the locks, is the state at the daemon's last request, refused or not. Whoever
 // asks one of the two again after the switchover changes what becomes of the programming that runs.
-class SwitchoverAskedAgain : public Switchover
-{
-private:
-    const short_waiting_daemon daemon_;
-};
+using SwitchoverAskedAgain = Switchover;
 
 // The target tells its end to all that listen, and no more to the supervisor that waits for it.
 TEST_F(SwitchoverAskedAgain, TheTargetReportsToAllAndTheFirstSupervisorGivesUp)

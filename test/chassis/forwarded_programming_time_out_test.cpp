@@ -1,5 +1,5 @@
 // A module that takes the forwarded programming and never reports its end. The supervisor waits for 1801 time-outs
-// of a second; with the daemon of short_waits.h the test shortens them.
+// of a second; with the daemon of without_pauses.h the test shortens them.
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,7 +10,7 @@
 #include "chassis_fixture.h"
 #include "held_locks.h"
 #include "played_module.h"
-#include "short_waits.h"
+#include "without_pauses.h"
 
 namespace
 {
@@ -107,9 +107,6 @@ protected:
     }
 
     programming seen_;
-
-private:
-    const short_waiting_daemon daemon_;
 };
 
 } // namespace

@@ -33,6 +33,7 @@ protected:
     // Without namespaces nothing ends a card's processes by itself.
     void expect_daemon_takes_its_child_along()
     {
+        keep_pauses(1);
         running_program watching(biosctl_words({"program", "1"}));
         ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
         const pid_t child = child_pid(1);

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "chassis_fixture.h"
+#include "rest_of.h"
 
 namespace
 {
@@ -72,7 +73,7 @@ private:
     static std::string text_of(const files::path &path)
     {
         std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        return rest_of(file);
     }
     static pid_t parent_of(pid_t process)
     {

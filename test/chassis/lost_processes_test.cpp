@@ -42,6 +42,7 @@ private:
 
 TEST_F(LostProcesses, ChildKilledBeforeItWritesLeavesTheFlashAlone)
 {
+    keep_pauses(1);
     requester asking;
     programming seen = asking.start(1);
     ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));

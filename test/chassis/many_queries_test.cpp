@@ -19,6 +19,7 @@ constexpr unsigned RESIDENT_TOLERANCE_KIB = 64;
 class ManyQueries : public chassis_test
 {
 protected:
+    ManyQueries() : chassis_test(daemon_build::shipped) {}
     void ask(unsigned number)
     {
         if (std::find(std::begin(SOURCE_QUERIES), std::end(SOURCE_QUERIES), number) != std::end(SOURCE_QUERIES))

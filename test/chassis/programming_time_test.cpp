@@ -14,6 +14,8 @@ constexpr double WORK_S = 1;
 
 class ProgrammingTime : public chassis_test
 {
+protected:
+    ProgrammingTime() : chassis_test(daemon_build::shipped) {}
 };
 
 } // namespace

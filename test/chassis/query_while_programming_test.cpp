@@ -17,6 +17,7 @@ using steady = std::chrono::steady_clock;
 class QueryWhileProgramming : public chassis_test
 {
 protected:
+    QueryWhileProgramming() : chassis_test(daemon_build::shipped) {}
     void insert_slow_card(unsigned slot, const std::string &role)
     {
         insert({.slot = slot,

@@ -33,6 +33,7 @@ protected:
 TEST_F(StandbyProgramming, GetsTheImageOfTheActiveSupervisor)
 {
     const held_locks both = {{0x101, 1}, {0x201, 1}};
+    keep_pauses(2);
     requester asking;
     programming seen = asking.start(2);
     ASSERT_EQ(seen.answer, 0U) << seen;

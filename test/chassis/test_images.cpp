@@ -1,6 +1,9 @@
 #include "test_images.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -8,6 +11,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "rest_of.h"
 #include "run_program.h"
 
 namespace
@@ -47,8 +51,10 @@ std::string random_bytes(const std::string &seed_text, std::size_t length)
     std::seed_seq seed(seed_text.begin(), seed_text.end());
     std::mt19937 random(seed);
     std::string bytes(length, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(random() & 0xff);
+    for (std::size_t place = 0; place < length; place += sizeof(std::uint32_t)) {
+        const auto word = static_cast<std::uint32_t>(random());
+        std::memcpy(bytes.data() + place, &word, std::min(sizeof word, length - place));
+    }
     return bytes;
 }
 
@@ -129,7 +135,7 @@ void make_system_image(const std::string &path, unsigned card_id, const test_ima
 std::string file_content(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::string content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::string content = rest_of(file);
     if (!file)
         throw std::runtime_error(path + ": cannot be read");
     return content;

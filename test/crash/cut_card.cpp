@@ -7,6 +7,7 @@
 
 #include "bios_results.h"
 #include "figures.h"
+#include "without_pauses.h"
 
 namespace
 {
@@ -21,7 +22,6 @@ constexpr unsigned LARGE_PAGE_BYTES = 1024; // so that there are fewer cuts
 constexpr unsigned NEVER = 1'000'000;       // more operations than a programming has
 constexpr unsigned MAX_DAEMON_ENDS = 3;     // a few more in a minute, and the card does not start it again
 constexpr const char *OPERATIONS[] = {"erase", "program", "read", "marker"};
-constexpr const char *GIVE_UP_FILE = "/mnt/pss/give_up"; // of short_pauses.cpp
 constexpr std::chrono::seconds PATIENCE{30};
 
 const test_image &old_bios()
@@ -53,16 +53,6 @@ process_status status_of(pid_t process)
     }
 }
 
-// While it lives, chassis up starts the daemon without pauses.
-class pauseless_daemon
-{
-public:
-    pauseless_daemon() { (void)::setenv("BIOS_DAEMON", PAUSELESS_DAEMON_PROGRAM, 1); }
-    ~pauseless_daemon() { (void)::unsetenv("BIOS_DAEMON"); }
-    pauseless_daemon(const pauseless_daemon &) = delete;
-    pauseless_daemon &operator=(const pauseless_daemon &) = delete;
-};
-
 } // namespace
 
 const char *name_of(cut_reach reach)
@@ -74,7 +64,6 @@ const char *name_of(cut_reach reach)
 void cut_card_test::start(const cut_path &path)
 {
     path_ = path;
-    const pauseless_daemon daemon;
     for (unsigned slot = ACTIVE; slot <= path.target; ++slot) {
         insert({.slot = slot,
                 .role = slot == ACTIVE ? "active" : "standby",
@@ -183,9 +172,9 @@ void cut_card_test::end_card() const
 // The active supervisor gets no report any more.
 void cut_card_test::await_active_child(requester &asking, programming &seen) const
 {
-    write_file(card_file(ACTIVE, GIVE_UP_FILE), "");
+    write_file(card_file(ACTIVE, CHILD_RECEIVE_MS), "0");
     asking.await_end(seen);
-    files::remove(card_file(ACTIVE, GIVE_UP_FILE));
+    files::remove(card_file(ACTIVE, CHILD_RECEIVE_MS));
     EXPECT_EQ(seen.result, std::optional<std::uint32_t>(BIOS_ERR_NO_COMPLETION)) << seen;
 }
 

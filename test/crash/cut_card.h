@@ -1,5 +1,4 @@
 // Supervisors in a chassis of real programs, of which one is programmed and cut off at an operation of its flash.
-// Their daemon is that of short_pauses.cpp.
 #pragma once
 
 #include <string>

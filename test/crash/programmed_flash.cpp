@@ -24,6 +24,7 @@
 
 #include "flash_wear.h"
 #include "mts.h"
+#include "rest_of.h"
 #include "sup_map_tbl_func/flash_programming.h"
 
 namespace
@@ -79,7 +80,7 @@ std::string make_directory()
 std::string content_of(const std::string &path)
 {
     std::ifstream input(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(input), {});
+    return rest_of(input);
 }
 
 void write_content(const std::string &path, const std::string &content)

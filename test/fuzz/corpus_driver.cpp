@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "rest_of.h"
+
 extern "C" {
 int LLVMFuzzerInitialize(int *argument_count, char ***arguments) __attribute__((weak));
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
@@ -25,7 +27,7 @@ namespace
 bool run_file(const std::filesystem::path &path)
 {
     std::ifstream file(path, std::ios::binary);
-    const std::vector<char> content((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const auto content = rest_of<std::vector<char>>(file);
     // A block of exactly the input's size: what is read behind it is seen.
     const std::unique_ptr<std::uint8_t[]> input(new std::uint8_t[content.size()]);
     std::copy(content.begin(), content.end(), input.get());

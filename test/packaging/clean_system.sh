@@ -3,14 +3,15 @@
 # and biosctl with the 64-bit chassis in another. Links the daemon with a foreign platform from each -dev package. The
 # base system and what apt has fetched stay in the work folder. To be run as root.
 #   $1 folder with the packages   $2 work folder
+#   base $2                       makes the base system only, if there is none yet
 set -euo pipefail
 skip() { echo "skipped: $*"; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "only root can install"
 command -v debootstrap >/dev/null || skip "there is no debootstrap; script/setup installs it"
-[ -n "$(ls "$1"/*.deb 2>/dev/null)" ] || skip "there are no packages; script/package makes them"
+[ "$1" = base ] || [ -n "$(ls "$1"/*.deb 2>/dev/null)" ] || skip "there are no packages; script/package makes them"
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(cd "$here/../.." && pwd)
-packages=$(cd "$1" && pwd)
+[ "$1" = base ] || packages=$(cd "$1" && pwd)
 mkdir -p "$2"
 work=$(cd "$2" && pwd)
 
@@ -114,9 +115,14 @@ in_subshell() { # name, command
 }
 
 begin=$SECONDS
+# One at a time: script/test has the base made while it builds.
+exec 9>"$work/lock"
+flock 9
 if [ ! -e "$work/base.tar" ]; then
-    (in_subshell base make_base)
+    (in_subshell base make_base 9>&-)
 fi
+exec 9>&-
+[ "$1" != base ] || exit 0
 failed=0
 processes=()
 in_subshell system-amd64 use_packages amd64 & processes+=($!)

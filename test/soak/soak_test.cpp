@@ -103,6 +103,7 @@ double percentile_ms(std::vector<std::uint32_t> &took_us, std::size_t percent)
 class Soak : public chassis_test
 {
 protected:
+    Soak() : chassis_test(daemon_build::shipped) {}
     void SetUp() override
     {
         const std::string loader = workspace() + "/loader.sro";

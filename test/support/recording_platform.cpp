@@ -1,4 +1,5 @@
 #include "recording_platform.h"
+#include "rest_of.h"
 
 #include <algorithm>
 #include <array>
@@ -241,7 +242,7 @@ std::optional<std::string> recording_platform::read_file(const std::string &abso
     std::ifstream file(path(absolute), std::ios::binary);
     if (!file)
         return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    return rest_of(file);
 }
 
 int recording_platform::progress_area_use(void *area) const

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "biosctl_chassis.h"
+#include "rest_of.h"
 
 // What a scripted card holds and does.
 struct healthy_card {
@@ -139,5 +140,5 @@ inline scripted_daemon::script_function healthy(const healthy_card &card)
 inline std::string text_of_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return rest_of(file);
 }

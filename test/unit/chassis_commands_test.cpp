@@ -16,6 +16,7 @@
 
 #include "exec_cmd.h"
 #include "image_files.h"
+#include "rest_of.h"
 #include "unique_fd.h"
 
 namespace
@@ -43,7 +44,7 @@ protected:
     {
         std::ifstream stream(folder_ / name, std::ios::binary);
         EXPECT_TRUE(stream) << name;
-        return {std::istreambuf_iterator<char>(stream), {}};
+        return rest_of(stream);
     }
 
     fs::path folder_;

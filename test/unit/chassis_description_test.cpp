@@ -10,6 +10,7 @@
 
 #include "card_families.h"
 #include "launcher_error.h"
+#include "rest_of.h"
 
 namespace
 {
@@ -206,7 +207,7 @@ TEST_F(Description, ThereIsOneActiveSupervisorAtMost)
 TEST_F(Description, OfTheDemosHasEveryFamilyInSlots1To16)
 {
     std::ifstream demo(FAMILIES_DEMO);
-    std::string text((std::istreambuf_iterator<char>(demo)), {});
+    std::string text = rest_of(demo);
     ASSERT_NE(text, "");
     // The images are made by the demo's script; without them all the rest is as it stands there.
     std::string without_files;

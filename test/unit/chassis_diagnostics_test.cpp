@@ -22,6 +22,7 @@
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "line_file.h"
+#include "rest_of.h"
 #include "sdwrap.h"
 #include "unique_fd.h"
 
@@ -82,7 +83,7 @@ protected:
     {
         std::ifstream file(slot_file(name), std::ios::binary);
         EXPECT_TRUE(file) << name;
-        return {std::istreambuf_iterator<char>(file), {}};
+        return rest_of(file);
     }
     std::vector<std::string> lines_of(const std::string &name) const
     {

@@ -8,6 +8,7 @@
 #include "bios_flash.h"
 #include "bios_header.h"
 #include "flash_event_log.h"
+#include "rest_of.h"
 
 namespace
 {
@@ -66,7 +67,7 @@ protected:
     std::string log_text(const char *name = "events") const
     {
         std::ifstream file(flash_file(name));
-        return std::string(std::istreambuf_iterator<char>(file), {});
+        return rest_of(file);
     }
     // Events until the file has been turned over.
     void fill_log() const

@@ -23,6 +23,7 @@
 #include "flash_device.h"
 #include "flash_layout.h"
 #include "flash_wear.h"
+#include "rest_of.h"
 
 using flash_bytes = std::vector<std::uint8_t>;
 
@@ -118,7 +119,7 @@ protected:
     flash_bytes flash_contents(unsigned instance = 0) const
     {
         std::ifstream file(flash_file("data", instance), std::ios::binary);
-        return flash_bytes(std::istreambuf_iterator<char>(file), {});
+        return rest_of<flash_bytes>(file);
     }
     void write_flash_file(const std::string &name, const std::string &text, unsigned instance = 0) const
     {
@@ -127,7 +128,7 @@ protected:
     std::string text_of_flash_file(const std::string &name, unsigned instance = 0) const
     {
         std::ifstream file(flash_file(name, instance));
-        return std::string(std::istreambuf_iterator<char>(file), {});
+        return rest_of(file);
     }
     void set_fault(const std::string &rule, unsigned instance = 0) const
     {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "bios_header.h"
+#include "rest_of.h"
 
 namespace
 {
@@ -80,7 +81,7 @@ std::string content_of(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file) << path;
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return rest_of(file);
 }
 
 void write_file(const std::string &path, const std::string &content)

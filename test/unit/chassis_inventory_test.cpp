@@ -20,6 +20,7 @@
 #include "cctrl.h"
 #include "chassis_dir.h"
 #include "pfm.h"
+#include "rest_of.h"
 #include "sprom.h"
 #include "sysmgr.h"
 
@@ -57,7 +58,7 @@ protected:
     {
         std::ifstream file(path, std::ios::binary);
         EXPECT_TRUE(file) << path;
-        return {std::istreambuf_iterator<char>(file), {}};
+        return rest_of(file);
     }
 
     void insert_standby() const

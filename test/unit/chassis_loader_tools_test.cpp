@@ -25,6 +25,7 @@
 #include "image_files.h"
 #include "loader_file.h"
 #include "loader_replacement.h"
+#include "rest_of.h"
 #include "unique_fd.h"
 
 namespace
@@ -88,7 +89,7 @@ std::string content_of(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file) << path;
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return rest_of(file);
 }
 
 void write_file(const std::string &path, const std::string &content)

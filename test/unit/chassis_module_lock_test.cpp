@@ -14,6 +14,7 @@
 #include "chassis_dir.h"
 #include "chassis_module_lock.h"
 #include "modlock.h"
+#include "rest_of.h"
 
 namespace
 {
@@ -97,7 +98,7 @@ protected:
         char name[16];
         std::snprintf(name, sizeof name, "/locks/%04x", node);
         std::ifstream file(chassis_ + name);
-        return {std::istreambuf_iterator<char>(file), {}};
+        return rest_of(file);
     }
 
     std::string chassis_;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "chassis_transport_fixture.h"
+#include "rest_of.h"
 
 using namespace chassis_test;
 
@@ -29,7 +30,7 @@ protected:
     std::string content(const char *name = "notices") const
     {
         std::ifstream stream(file(name), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(stream), {});
+        return rest_of(stream);
     }
 };
 

@@ -9,6 +9,7 @@
 #include "bios_opcodes.h"
 #include "chassis_transport_fixture.h"
 #include "flash_layout.h"
+#include "rest_of.h"
 #include "tlv.h"
 
 namespace
@@ -193,7 +194,7 @@ protected:
     std::string log() const
     {
         std::ifstream file(slot_file("log"));
-        return {std::istreambuf_iterator<char>(file), {}};
+        return rest_of(file);
     }
 
 private:

@@ -6,6 +6,7 @@
 
 #include "chassis_transport_fixture.h"
 #include "mts_faults.h"
+#include "rest_of.h"
 
 using namespace chassis_test;
 
@@ -105,7 +106,7 @@ protected:
     std::string told() const
     {
         std::ifstream file(chassis_ + "/transport/faulted");
-        return {std::istreambuf_iterator<char>(file), {}};
+        return rest_of(file);
     }
     std::vector<std::string> all_received(std::uint32_t wait_s = 0) const
     {
