@@ -3,12 +3,13 @@
 #   test_build    likewise, for what only tests: compiled fast, as nothing waits for its speed
 #   host_build    this machine's: tools that need libraries that are only there in this machine's word size
 add_library(project_warnings INTERFACE)
-target_compile_options(project_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+target_compile_options(project_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>) # which is no part of GCC's -Wconversion
 
 # What two variants compile alike, as they do this machine's tools, is compiled once where there is a compiler cache, and
 # what another checkout has compiled is not compiled again.
 find_program(CCACHE ccache)
-if(CCACHE AND NOT BIOS_DAEMON_COVERAGE)
+if(CCACHE AND EXISTS "${CCACHE}" AND NOT BIOS_DAEMON_COVERAGE)
     foreach(language C CXX)
         set(CMAKE_${language}_COMPILER_LAUNCHER env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR}
             CCACHE_DEPEND=1 CCACHE_NOCOMPRESS=1 CCACHE_NOHASHDIR=1
@@ -29,6 +30,8 @@ if(BIOS_DAEMON_SANITIZE)
     target_compile_options(test_sanitizers INTERFACE -fsanitize=address -fno-omit-frame-pointer)
     foreach(library sanitizers test_sanitizers)
         target_link_options(${library} INTERFACE -fsanitize=address,undefined)
+        # For clang, 64-bit counters are a library's business in 32 bits.
+        target_link_libraries(${library} INTERFACE $<$<CXX_COMPILER_ID:Clang>:atomic>)
     endforeach()
 endif()
 

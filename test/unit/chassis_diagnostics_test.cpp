@@ -476,7 +476,7 @@ TEST_F(History, SpoiledRecordsAreLeftOut)
         ASSERT_EQ(0, record("event " + std::to_string(number)));
     std::string ring = content_of("history");
     const std::size_t offset = 64 + 7 * 384 + random() % 384;
-    ring[offset] = static_cast<char>(ring[offset] ^ (1 + random() % 255));
+    ring[offset] = static_cast<char>(static_cast<unsigned char>(ring[offset]) ^ (1 + random() % 255));
     put("history", ring);
     const auto all = texts();
     EXPECT_EQ(19U, all.size()) << "byte " << offset;

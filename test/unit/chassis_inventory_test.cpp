@@ -30,7 +30,6 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr unsigned OWN_SLOT = 5;
-constexpr unsigned STANDBY_SLOT = 6;
 constexpr const char *TEMPORARY_IMAGE = "/bootflash/.tmpbios.bin";
 
 class Inventory : public testing::Test

@@ -174,7 +174,7 @@ protected:
     }
     static std::string header() { return dumped(the_answer().payload.data(), 8); }
 
-    bios_src_version_req wanted{1, "", 0xfe000000, 0};
+    bios_src_version_req wanted{1, "", {0xfe000000, 0}};
     const std::string extract_line = "extract(7, 11, null, " + std::string(extracted) + ")";
     const std::string clean_up_line = "cleanup(7, 11, null, " + std::string(extracted) + ")";
     static std::string read_line(const std::string &format)
