@@ -9,7 +9,7 @@
 
 #include "events_report.h"
 #include "flash_event_log.h"
-#include "flash_layout.h"
+#include "flash_geometry.h"
 #include "followed_output.h"
 #include "interrupt.h"
 #include "inventory.h"

@@ -10,7 +10,7 @@
 
 #include "chassis_module_lock.h"
 #include "chassis_notices.h"
-#include "flash_layout.h"
+#include "flash_geometry.h"
 #include "flash_progress_file.h"
 
 struct watched_card {

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "card_families.h"
-#include "flash_layout.h"
+#include "flash_geometry.h"
 #include "launcher_error.h"
 #include "pfm.h"
 #include "sysmgr.h"

@@ -9,7 +9,9 @@
 #include "chassis_commands.h"
 #include "chassis_dir.h"
 #include "description.h"
-#include "flash_layout.h"
+#include "flash_folder.h"
+#include "flash_geometry.h"
+#include "nor_file_layout.h"
 #include "launcher_error.h"
 
 namespace
@@ -88,7 +90,7 @@ void write_inventory(const card_description &card)
 void make_flash(const card_description &card, unsigned instance, const std::string &image)
 {
     const flash_geometry geometry = {.size_bytes = card.flash_bytes, .sector_bytes = card.sector_bytes};
-    if (flash_device_create(card.slot, instance, geometry, image) != 0)
+    if (nor_file_create(card.slot, instance, geometry, image) != 0)
         throw system_error_of(flash_folder_path(card.slot, instance));
 }
 

@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
-#include "flash_layout.h"
+#include "flash_folder.h"
+#include "flash_geometry.h"
+#include "nor_file_layout.h"
 #include "unique_fd.h"
 
 namespace
@@ -41,7 +43,7 @@ bench_flash::bench_flash(const test_image &contents)
     flash_geometry geometry;
     geometry.size_bytes = static_cast<std::uint32_t>(contents.bytes.size());
     if (chassis_attach(folder_.file("."), SLOT) != 0 ||
-        flash_device_create(SLOT, PRIMARY, geometry, contents.path) != 0)
+        nor_file_create(SLOT, PRIMARY, geometry, contents.path) != 0)
         throw std::runtime_error(std::string("making a flash: ") + std::strerror(errno));
 }
 

@@ -8,7 +8,7 @@
 #include "bios_results.h"
 #include "chassis_dir.h"
 #include "chassis_fixture.h"
-#include "flash_device.h"
+#include "nor_file.h"
 #include "held_locks.h"
 
 namespace
@@ -113,7 +113,7 @@ TEST_F(ForwardedFailures, FlashThatIsBeingProgrammed)
 {
     insert_supervisors(PLAIN_CARD);
     up();
-    const auto other = flash_device::open(TARGET, BIOS_FLASH_PRIMARY, flash_access::write);
+    const auto other = nor_file::open(TARGET, BIOS_FLASH_PRIMARY, flash_access::write);
     ASSERT_NE(other, nullptr);
     expect_reported(program(TARGET), BIOS_FLASH_ERR_IN_USE);
     expect_target_untouched();

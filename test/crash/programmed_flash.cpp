@@ -20,7 +20,7 @@
 #include "bios_messages.h"
 #include "bios_results.h"
 #include "chassis_dir.h"
-#include "flash_device.h"
+#include "nor_file.h"
 
 #include "flash_wear.h"
 #include "mts.h"
@@ -136,8 +136,8 @@ programmed_flash::programmed_flash(flash_way way)
 {
     if (told == nullptr)
         share_memory();
-    if (chassis_attach(directory_, SLOT) != 0 || flash_device_create(SLOT, 0, GEOMETRY) != 0 ||
-        flash_device_create(SLOT, 1, GEOMETRY) != 0)
+    if (chassis_attach(directory_, SLOT) != 0 || nor_file_create(SLOT, 0, GEOMETRY) != 0 ||
+        nor_file_create(SLOT, 1, GEOMETRY) != 0)
         throw std::runtime_error(directory_ + ": " + std::strerror(errno));
     reset();
 }
@@ -183,7 +183,7 @@ bool programmed_flash::is_marked() const
 
 bool programmed_flash::is_free() const
 {
-    return flash_device::open(SLOT, 0, flash_access::write) != nullptr;
+    return nor_file::open(SLOT, 0, flash_access::write) != nullptr;
 }
 
 std::string programmed_flash::version() const

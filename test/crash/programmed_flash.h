@@ -8,7 +8,6 @@
 #include <ostream>
 #include <string>
 
-#include "flash_layout.h"
 
 // The ways to the flash: programmed sector by sector, or erased whole and then written.
 enum class flash_way : std::uint8_t { plain, chipset };

@@ -11,7 +11,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-SOURCE_FOLDERS = ("chassis", "cmake", "common", "include", "platform", "sup")
+SOURCE_FOLDERS = ("chassis", "cmake", "common", "drivers", "include", "platform", "services", "sup")
 CHECKED_HEADER = "chassis/launcher/card_families.cpp"
 
 

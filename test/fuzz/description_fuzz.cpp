@@ -7,7 +7,7 @@
 #include <string>
 
 #include "description.h"
-#include "flash_layout.h"
+#include "flash_geometry.h"
 #include "fuzz_input.h"
 #include "launcher_error.h"
 #include "open_descriptor_check.h"

@@ -21,7 +21,8 @@
 #include "bios_header.h"
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
-#include "flash_layout.h"
+#include "flash_geometry.h"
+#include "nor_file_layout.h"
 #include "loader_file.h"
 
 namespace
@@ -150,7 +151,7 @@ int contract_begin(int is_peer)
     ::unsetenv(CHASSIS_ENV_DIR_FD);
     ::setenv(CHASSIS_ENV_DIR, below("").c_str(), 1);
     ::setenv(CHASSIS_ENV_SLOT, std::to_string(OWN_SLOT).c_str(), 1);
-    if (flash_device_create(OWN_SLOT, 0, FLASH) != 0)
+    if (nor_file_create(OWN_SLOT, 0, FLASH) != 0)
         return -1;
     put(below("slots/1/flash/primary/timing"), "1");
     return 0;

@@ -21,7 +21,11 @@
 
 #include "chassis_dir.h"
 #include "flash_device.h"
-#include "flash_layout.h"
+#include "nor_file.h"
+#include "nor_file_driver.h"
+#include "flash_folder.h"
+#include "flash_geometry.h"
+#include "nor_file_layout.h"
 #include "flash_wear.h"
 #include "rest_of.h"
 
@@ -100,7 +104,7 @@ protected:
                       const flash_bytes &contents = {})
     {
         const std::string image = contents.empty() ? "" : file_of("initial", contents);
-        ASSERT_EQ(flash_device_create(TEST_SLOT, instance, geometry, image), 0);
+        ASSERT_EQ(nor_file_create(TEST_SLOT, instance, geometry, image), 0);
     }
 
     std::string file_of(const std::string &name, const flash_bytes &bytes) const
@@ -144,9 +148,9 @@ protected:
         return flash_wear_load(flash_folder_path(TEST_SLOT, instance).c_str());
     }
 
-    std::unique_ptr<flash_device> open_flash(flash_access access = flash_access::write, unsigned instance = 0) const
+    std::unique_ptr<nor_file> open_flash(flash_access access = flash_access::write, unsigned instance = 0) const
     {
-        return flash_device::open(TEST_SLOT, instance, access);
+        return nor_file::open(TEST_SLOT, instance, access);
     }
 
     std::string dir;

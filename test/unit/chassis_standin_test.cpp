@@ -8,7 +8,8 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_transport_fixture.h"
-#include "flash_layout.h"
+#include "flash_folder.h"
+#include "nor_file_layout.h"
 #include "rest_of.h"
 #include "tlv.h"
 
@@ -151,7 +152,7 @@ protected:
         std::ofstream(chassis_ + "/image", std::ios::binary) << image;
         fs::remove_all(chassis_ + "/" + flash_folder_path(LINE_CARD_SLOT, 0));
         fs::create_directories(slot_file("flash"));
-        ASSERT_EQ(flash_device_create(LINE_CARD_SLOT, 0, {.size_bytes = FLASH_BYTES, .sector_bytes = FLASH_BYTES},
+        ASSERT_EQ(nor_file_create(LINE_CARD_SLOT, 0, {.size_bytes = FLASH_BYTES, .sector_bytes = FLASH_BYTES},
                                       chassis_ + "/image"),
                   0);
     }

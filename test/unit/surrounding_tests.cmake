@@ -1,6 +1,6 @@
 # Tests of the chassis and of the command line.
 foreach(subject
-        bios_header commands diagnostics flash_bytes flash_device flash_events flash_faults flash_progress_file flash_service inventory module_lock
+        bios_header commands diagnostics flash_bytes nor_file flash_events flash_faults flash_progress_file flash_service inventory module_lock
         notices transport_faults transport_frames transport_requests transport transport_tlv utc_time)
     add_unit_test(chassis_${subject}_test chassis_${subject}_test.cpp LIBS chassis_platform)
 endforeach()

@@ -1,0 +1,4 @@
+// Which drivers the programs of a card have.
+#include "nor_file_driver.h"
+
+const flash_driver *const card_flash_driver = &nor_file_driver;

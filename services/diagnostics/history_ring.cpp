@@ -1,0 +1,263 @@
+// History of a card: a ring of its last events in a file that all its processes map.
+//
+// The file is a header and RECORD_COUNT records of equal size, in host order. A writer draws the next sequence
+// number from the header and fills the record that belongs to it; nobody waits for anybody. A record carries a
+// checksum of all it says, by which a reader tells a whole record from one that is being written, that its
+// writer did not finish, or that was never used. What a process has written outlives it.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "chassis_diagnostics.h"
+#include "chassis_dir.h"
+#include "sdwrap.h"
+#include "unique_fd.h"
+
+namespace
+{
+
+constexpr std::uint32_t DAEMON_EVENT_TYPE = 0x730000;
+constexpr std::uint32_t DAEMON_EVENT_SUBTYPE = 102;
+
+constexpr char RING_MAGIC[8] = {'E', 'V', 'T', 'R', 'I', 'N', 'G', '1'};
+constexpr std::uint32_t RECORD_COUNT = 1024;
+constexpr std::size_t TEXT_BYTES = 352; // with the terminator
+
+struct ring_header {
+    char magic[8];
+    std::uint32_t record_count;
+    std::uint32_t record_bytes;
+    alignas(8) std::uint64_t last_sequence; // drawn so far; 0: none
+    std::uint8_t reserved[40];
+};
+
+struct ring_record {
+    alignas(8) std::uint64_t sequence;
+    std::uint64_t time_ns;
+    std::uint32_t pid;
+    std::uint32_t event_type;
+    std::uint32_t reserved;
+    std::uint32_t checksum; // of the rest, this word taken as 0; never 0 in a whole record
+    char text[TEXT_BYTES];
+};
+
+struct ring_file {
+    ring_header header;
+    ring_record record[RECORD_COUNT];
+};
+
+// Processes of different word size share the file.
+static_assert(sizeof(ring_header) == 64 && offsetof(ring_header, last_sequence) == 16);
+static_assert(sizeof(ring_record) == 384 && offsetof(ring_record, text) == 32);
+static_assert(offsetof(ring_file, record) == 64);
+static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free);
+
+std::string history_path(unsigned slot)
+{
+    return chassis_slot_path(slot, "history");
+}
+
+// FNV-1a. Of a zero only the factor is left: a stretch of them costs one multiplication by its power.
+class fnv_sum
+{
+public:
+    void add(const void *data, std::size_t length)
+    {
+        for (std::size_t index = 0; index < length; ++index)
+            sum_ = (sum_ ^ static_cast<const unsigned char *>(data)[index]) * FACTOR;
+    }
+    void add_zeros(std::size_t count)
+    {
+        for (std::uint32_t power = FACTOR; count > 0; count /= 2, power *= power) {
+            if (count % 2 != 0)
+                sum_ *= power;
+        }
+    }
+    std::uint32_t value() const { return sum_; }
+
+private:
+    static constexpr std::uint32_t FACTOR = 16777619U;
+    std::uint32_t sum_ = 2166136261U;
+};
+
+// REQUIRES: the text holds zeros from text_bytes on.
+std::uint32_t checksum_of(const ring_record &record, std::size_t text_bytes)
+{
+    fnv_sum sum;
+    sum.add(&record, offsetof(ring_record, checksum));
+    sum.add(record.text, text_bytes);
+    sum.add_zeros(sizeof record.text - text_bytes);
+    return sum.value() != 0 ? sum.value() : 1;
+}
+
+ring_header fresh_header()
+{
+    ring_header header{};
+    std::memcpy(header.magic, RING_MAGIC, sizeof header.magic);
+    header.record_count = RECORD_COUNT;
+    header.record_bytes = sizeof(ring_record);
+    return header;
+}
+
+bool is_ring_header(const ring_header &header)
+{
+    return std::memcmp(header.magic, RING_MAGIC, sizeof header.magic) == 0 && header.record_count == RECORD_COUNT &&
+           header.record_bytes == sizeof(ring_record);
+}
+
+// The ring as this process and the children that it forks have mapped it.
+class mapped_ring
+{
+public:
+    // The ring of a card; made anew when there is none or what is there is no ring. null with errno.
+    // The file is looked at each time: one that was removed or cut would otherwise lose events or end the process.
+    ring_file *of(unsigned slot)
+    {
+        struct stat status {
+        };
+        if (slot != slot_) {
+            path_ = history_path(slot);
+            slot_ = slot;
+        }
+        if (::fstatat(chassis_dir_fd(), path_.c_str(), &status, 0) == 0 && is_mapped(status))
+            return ring_;
+        unmap();
+        if (!map(path_) && chassis_write_file(path_, empty_file()))
+            (void)map(path_);
+        return ring_;
+    }
+
+private:
+    bool is_mapped(const struct stat &status) const
+    {
+        return ring_ != nullptr && status.st_dev == device_ && status.st_ino == inode_ &&
+               status.st_size == static_cast<off_t>(sizeof(ring_file)) && is_ring_header(ring_->header);
+    }
+
+    void unmap()
+    {
+        if (ring_ != nullptr)
+            (void)::munmap(ring_, sizeof(ring_file));
+        ring_ = nullptr;
+    }
+
+    bool map(const std::string &path)
+    {
+        const unique_fd file(::openat(chassis_dir_fd(), path.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        struct stat status {
+        };
+        if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+            status.st_size != static_cast<off_t>(sizeof(ring_file)))
+            return false;
+        void *memory = ::mmap(nullptr, sizeof(ring_file), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+        if (memory == MAP_FAILED)
+            return false;
+        ring_ = static_cast<ring_file *>(memory);
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+        if (is_ring_header(ring_->header))
+            return true;
+        unmap();
+        return false;
+    }
+
+    // Written in full, not only extended: a mapped file without its blocks ends the process on a full disk.
+    static std::string empty_file()
+    {
+        const ring_header header = fresh_header();
+        std::string content(reinterpret_cast<const char *>(&header), sizeof header);
+        content.resize(sizeof(ring_file));
+        return content;
+    }
+
+    unsigned slot_ = 0; // that path_ is of; 0: none
+    std::string path_;
+    ring_file *ring_ = nullptr;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
+mapped_ring own_ring;
+
+std::uint64_t now_ns()
+{
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+void record_event(ring_file &ring, std::uint32_t event_type, std::string_view text)
+{
+    std::atomic_ref<std::uint64_t> last_sequence(ring.header.last_sequence);
+    ring_record fresh{};
+    fresh.sequence = last_sequence.fetch_add(1) + 1;
+    fresh.time_ns = now_ns();
+    fresh.pid = static_cast<std::uint32_t>(::getpid());
+    fresh.event_type = event_type;
+    const std::size_t text_bytes = std::min(text.size(), TEXT_BYTES - 1);
+    std::memcpy(fresh.text, text.data(), text_bytes);
+    fresh.checksum = checksum_of(fresh, text_bytes);
+    std::memcpy(&ring.record[(fresh.sequence - 1) % RECORD_COUNT], &fresh, sizeof fresh);
+}
+
+bool is_whole(const ring_record &record, std::uint32_t index)
+{
+    return record.sequence != 0 && (record.sequence - 1) % RECORD_COUNT == index &&
+           record.checksum == checksum_of(record, sizeof record.text) && record.text[TEXT_BYTES - 1] == '\0';
+}
+
+} // namespace
+
+int32_t sdwrap_hist_event_subtype_check(uint32_t event_type, uint32_t subtype)
+{
+    return event_type == DAEMON_EVENT_TYPE && subtype == DAEMON_EVENT_SUBTYPE ? 0 : 1;
+}
+
+int32_t sdwrap_hist_event(uint32_t event_type, uint32_t length, const char *text)
+try {
+    const unsigned slot = chassis_own_slot();
+    if (text == nullptr || slot == 0) {
+        errno = text == nullptr ? EINVAL : ENODEV;
+        return -1;
+    }
+    ring_file *const ring = own_ring.of(slot);
+    if (ring == nullptr)
+        return -1;
+    record_event(*ring, event_type, {text, ::strnlen(text, length)});
+    return 0;
+} catch (const std::exception &) {
+    errno = ENOMEM;
+    return -1;
+}
+
+bool chassis_read_history(unsigned slot, std::vector<chassis_history_event> &events)
+{
+    std::string content;
+    if (!chassis_read_file(history_path(slot), content, sizeof(ring_file) + 1))
+        return false;
+    ring_header header{};
+    std::memcpy(&header, content.data(), std::min(content.size(), sizeof header));
+    if (content.size() != sizeof(ring_file) || !is_ring_header(header)) {
+        errno = EBADMSG;
+        return false;
+    }
+    std::vector<chassis_history_event> found;
+    for (std::uint32_t index = 0; index < RECORD_COUNT; ++index) {
+        ring_record record{};
+        std::memcpy(&record, content.data() + offsetof(ring_file, record) + index * sizeof record, sizeof record);
+        if (is_whole(record, index))
+            found.push_back({record.sequence, record.time_ns, record.pid, record.event_type, record.text});
+    }
+    std::sort(found.begin(), found.end(), [](const auto &a, const auto &b) { return a.sequence < b.sequence; });
+    events = std::move(found);
+    return true;
+}

@@ -1,0 +1,276 @@
+#include "flash_programming_events.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <optional>
+#include <unistd.h>
+
+#include "bios_header.h"
+#include "bios_results.h"
+#include "chassis_dir.h"
+#include "flash_event_log.h"
+#include "flash_folder.h"
+#include "flash_geometry.h"
+#include "flash_progress_file.h"
+
+namespace
+{
+
+constexpr std::uint32_t ERASE = 0; // in the place of an attempt
+
+// The programming of one flash that this process has begun and that has not ended.
+struct open_programming {
+    pid_t process = 0; // a forked child has begun nothing
+    flash_folder folder;
+    flash_event template_event;           // slot and instance
+    bool attempted = false;               // more than erased
+    std::uint64_t begun_ms = 0;           // steady
+    std::uint64_t last_end_ms = 0;        // steady, of its last attempt
+    std::optional<std::uint32_t> failure; // of its last attempt
+};
+using open_programmings = std::array<std::optional<open_programming>, FLASH_INSTANCE_COUNT>;
+
+// Never freed: exit handlers use it.
+open_programmings &programmings()
+{
+    static auto *const all = new open_programmings;
+    return *all;
+}
+
+open_programming *own_programming(std::uint32_t instance)
+{
+    std::optional<open_programming> &open = programmings()[instance];
+    if (open && open->process != ::getpid())
+        open.reset();
+    return open ? &*open : nullptr;
+}
+
+std::uint64_t steady_ms()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+template<class call>
+void leave_errno(call &&work) noexcept
+{
+    const int before = errno; // the caller's business is the flash
+    try {
+        work();
+    } catch (...) {
+        // No memory for a line of diagnostics.
+    }
+    errno = before;
+}
+
+flash_event event_of(std::uint32_t instance, flash_event_kind kind)
+{
+    return {.slot = chassis_own_slot(), .instance = instance, .kind = kind};
+}
+
+std::optional<std::uint32_t> attempt_number(std::uint32_t attempt)
+{
+    return attempt != ERASE ? std::optional(attempt) : std::nullopt;
+}
+
+// The last event tells why the flash is marked: it was left so, or it was told before that it was cut off.
+bool is_cut_off_news(const std::optional<flash_event> &last)
+{
+    return !last || (last->kind != flash_event_kind::ended && last->kind != flash_event_kind::cut_off);
+}
+
+void note_end(std::uint32_t instance, std::uint32_t result)
+{
+    const open_programming *open = own_programming(instance);
+    if (open == nullptr)
+        return;
+    flash_event event = open->template_event;
+    event.kind = flash_event_kind::ended;
+    event.result = result;
+    event.duration_ms = open->last_end_ms - open->begun_ms;
+    flash_event_append(open->folder, event);
+    programmings()[instance].reset();
+}
+
+void end_failed_programming(std::uint32_t instance)
+{
+    if (const open_programming *open = own_programming(instance); open != nullptr && open->failure)
+        note_end(instance, *open->failure);
+}
+
+void at_exit()
+{
+    leave_errno([] {
+        for (std::uint32_t instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
+            end_failed_programming(instance);
+    });
+}
+
+bool goes_on(const open_programming *open, std::uint32_t attempt)
+{
+    return open != nullptr && !(open->attempted && attempt <= 1);
+}
+
+// The flash is this process's alone. One that is marked was left by another programming, unless this process has
+// begun to change it itself.
+open_programming &begin_programming(std::uint32_t instance, bool is_marked, flash_event begun)
+{
+    static pid_t exit_handler_of = 0;
+    static std::array<pid_t, FLASH_INSTANCE_COUNT> known_to{};
+    end_failed_programming(instance);
+    if (exit_handler_of != ::getpid() && std::atexit(at_exit) == 0)
+        exit_handler_of = ::getpid();
+    open_programming &open = programmings()[instance].emplace();
+    open.process = ::getpid();
+    open.folder = open_flash_folder(begun.slot, instance);
+    open.template_event = event_of(instance, flash_event_kind::ended);
+    open.begun_ms = open.last_end_ms = steady_ms();
+    if (is_marked && known_to[instance] != ::getpid())
+        flash_event_append(open.folder, event_of(instance, flash_event_kind::cut_off), is_cut_off_news);
+    known_to[instance] = ::getpid();
+    flash_event_append(open.folder, std::move(begun));
+    return open;
+}
+
+std::string version_of(const flash_image &image)
+{
+    std::uint8_t bytes[BIOS_HEADER_BYTES];
+    bios_header header;
+    if (image.size_bytes() < sizeof bytes || !image.read(0, bytes, sizeof bytes) ||
+        !bios_header_read(bytes, header))
+        return {};
+    const std::string text = bios_header_text(header);
+    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+void begin_attempt(std::uint32_t instance, std::uint32_t attempt, bool is_marked, flash_event event)
+{
+    open_programming *open = own_programming(instance);
+    if (!goes_on(open, attempt)) {
+        event.kind = flash_event_kind::begun;
+        open = &begin_programming(instance, is_marked, event);
+    }
+    if (attempt == ERASE)
+        return;
+    open->attempted = true;
+    event.kind = flash_event_kind::attempt;
+    event.attempt = attempt;
+    flash_event_append(open->folder, std::move(event));
+}
+
+flash_event_kind kind_of(std::uint32_t attempt, std::uint32_t result, bool changed)
+{
+    if (result != 0)
+        return flash_event_kind::failed;
+    if (attempt == ERASE)
+        return flash_event_kind::erased;
+    return changed ? flash_event_kind::verified : flash_event_kind::equal;
+}
+
+} // namespace
+
+flash_attempt_events::flash_attempt_events(const flash_device &flash, std::uint32_t instance, std::uint32_t attempt,
+                                           const flash_image &image) noexcept
+    : flash_(flash),
+      instance_(instance),
+      attempt_(attempt != ERASE ? attempt : 1),
+      was_marked_(flash.is_marked()),
+      begun_ms_(steady_ms())
+{
+    leave_errno([&] {
+        flash_event event = event_of(instance_, flash_event_kind::attempt);
+        event.image_bytes = image.size_bytes();
+        event.version = version_of(image);
+        begin_attempt(instance_, attempt_, was_marked_, std::move(event));
+    });
+}
+
+flash_attempt_events::flash_attempt_events(const flash_device &flash, std::uint32_t instance) noexcept
+    : flash_(flash),
+      instance_(instance),
+      attempt_(ERASE),
+      was_marked_(flash.is_marked()),
+      begun_ms_(steady_ms())
+{
+    leave_errno(
+        [&] { begin_attempt(instance_, ERASE, was_marked_, event_of(instance_, flash_event_kind::begun)); });
+}
+
+flash_attempt_events::~flash_attempt_events()
+{
+    if (!has_ended_)
+        (void)ended(bios_signed(BIOS_ERR_NO_MEMORY));
+}
+
+std::int32_t flash_attempt_events::ended(std::int32_t result) noexcept
+{
+    has_ended_ = true;
+    leave_errno([&] {
+        open_programming *open = own_programming(instance_);
+        if (open == nullptr)
+            return;
+        const flash_wear &work = flash_.wear();
+        const bool changed = was_marked_ || work.erases > 0 || work.programs > 0;
+        const auto code = static_cast<std::uint32_t>(result);
+        open->last_end_ms = steady_ms();
+        open->failure = code != 0 ? std::optional(code) : std::nullopt;
+        flash_event event = event_of(instance_, kind_of(attempt_, code, changed));
+        event.attempt = attempt_number(attempt_);
+        if (event.kind != flash_event_kind::equal)
+            event.sectors_erased = work.erases;
+        if (event.kind != flash_event_kind::equal && attempt_ != ERASE)
+            event.bytes_written = work.programs * flash_.geometry().page_bytes; // the service writes whole pages
+        event.result = open->failure;
+        event.duration_ms = open->last_end_ms - begun_ms_;
+        flash_event_append(open->folder, std::move(event));
+        if (attempt_ != ERASE && code == 0)
+            note_end(instance_, 0);
+    });
+    return result;
+}
+
+std::int32_t flash_attempt_refused(std::uint32_t instance, std::uint32_t attempt, std::int32_t result) noexcept
+{
+    leave_errno([&] {
+        if (instance >= FLASH_INSTANCE_COUNT)
+            return;
+        flash_event event = event_of(instance, flash_event_kind::refused);
+        event.attempt = attempt_number(attempt);
+        event.result = static_cast<std::uint32_t>(result);
+        open_programming *open = own_programming(instance);
+        if (open != nullptr && !goes_on(open, attempt)) {
+            end_failed_programming(instance);
+            open = own_programming(instance);
+        }
+        if (open != nullptr) {
+            open->failure = event.result;
+            open->last_end_ms = steady_ms();
+        }
+        flash_event_append(open_flash_folder(event.slot, instance), std::move(event));
+    });
+    return result;
+}
+
+void flash_found_marked(std::uint32_t instance) noexcept
+{
+    static std::array<pid_t, FLASH_INSTANCE_COUNT> told_by{};
+    leave_errno([&] {
+        // Looking for a writer would take the lock away by which this process is known as one.
+        if (instance >= FLASH_INSTANCE_COUNT || told_by[instance] == ::getpid() ||
+            own_programming(instance) != nullptr)
+            return;
+        const unsigned slot = chassis_own_slot();
+        bool has_writer = false;
+        // Looked for under the log's lock: one that comes later has not written anything before this line.
+        flash_event_append(open_flash_folder(slot, instance), event_of(instance, flash_event_kind::cut_off),
+                           [&](const std::optional<flash_event> &last) {
+                               has_writer = flash_activity_of(slot, instance).has_writer;
+                               return !has_writer && is_cut_off_news(last);
+                           });
+        if (!has_writer)
+            told_by[instance] = ::getpid();
+    });
+}
