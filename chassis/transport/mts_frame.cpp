@@ -1,6 +1,7 @@
 #include "mts_frame.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>

@@ -8,7 +8,6 @@
 #include "card_identification.h"
 #include "card_table.h"
 #include "flash_walk.h"
-#include "free_block.h"
 #include "module_programming.h"
 #include "pfm.h"
 #include "sysmgr.h"

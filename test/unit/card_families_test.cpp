@@ -4,7 +4,6 @@
 #include "card_identification.h"
 #include "card_table.h"
 #include "daemon_test.h"
-#include "free_block.h"
 
 namespace
 {
