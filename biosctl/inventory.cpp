@@ -1,12 +1,12 @@
 #include "inventory.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "card_groups.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "pfm.h"
@@ -17,7 +17,6 @@ namespace
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
 constexpr std::uint32_t SUPERVISOR_STATE_ACTIVE = 1;
 constexpr std::uint32_t SUPERVISOR_STATE_STANDBY = 2;
-constexpr std::array<std::uint32_t, 5> ONE_MODULE_CARD_IDS{183, 282, 314, 316, 318};
 
 bool slot_is_supervisor(unsigned slot)
 {
@@ -105,5 +104,5 @@ std::optional<unsigned> active_supervisor()
 
 bool slot_programs_one_module_only(unsigned slot)
 {
-    return std::ranges::find(ONE_MODULE_CARD_IDS, card_id_of(slot)) != ONE_MODULE_CARD_IDS.end();
+    return is_tarvik_a_supervisor(card_id_of(slot));
 }

@@ -7,6 +7,7 @@
 
 #include "bios_opcodes.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "client.h"
 #include "interrupt.h"
 #include "inventory.h"
@@ -32,7 +33,7 @@ program_subject subject_of(const program_options &options, unsigned slot)
     if (!slot_is_active(slot))
         subject.programmed_module = slot;
     else if (slot_programs_one_module_only(slot))
-        subject.programmed_module = ONLY_MODULE_OF_SUCH_SLOTS;
+        subject.programmed_module = TARVIK_A_MODULE_NUM;
     if (subject.programmed_module == options.module)
         return subject;
     const char *why = slot_is_active(slot)

@@ -5,6 +5,7 @@
 #include "bios_daemon_state.h"
 #include "bios_log.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "card_identification.h"
 #include "card_table.h"
 #include "flash_walk.h"

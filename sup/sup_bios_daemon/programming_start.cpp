@@ -9,6 +9,7 @@
 #include "bios_log.h"
 #include "bios_messages.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "card_identification.h"
 #include "cmi.h"
 #include "flash_selection.h"

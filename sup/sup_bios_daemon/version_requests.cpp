@@ -8,6 +8,7 @@
 #include "bios_log.h"
 #include "bios_messages.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "card_identification.h"
 #include "module_version.h"
 #include "self_version.h"
