@@ -11,15 +11,12 @@
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "free_block.h"
 
 namespace
 {
 
-constexpr std::uint32_t BIND_KIND = 1;
-constexpr std::int32_t ANY_SAP = -1;
-constexpr std::array<std::uint32_t, MTS_BIND_OPTION_WORDS> BIND_OPTIONS{1, 0, 1024, 0, 0, 15};
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr const char *ENDPOINT_NAME = "biosctl";
 
 } // namespace
@@ -33,7 +30,7 @@ std::optional<std::uint32_t> received_message::word(std::size_t offset) const
     return value.load();
 }
 
-client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS.data(), ENDPOINT_NAME)) {}
+client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, ENDPOINT_NAME)) {}
 
 client_endpoint::~client_endpoint()
 {

@@ -18,13 +18,13 @@
 
 #include "chassis_dir.h"
 #include "chassis_transport.h"
+#include "endpoints.h"
 #include "known_answers.h"
 #include "mts_endpoint.h"
 
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr std::size_t TAG_BYTES = 32;
 constexpr std::int64_t MICROSECONDS = 1'000'000;
 constexpr std::int64_t PEER_CHECK_US = MICROSECONDS;

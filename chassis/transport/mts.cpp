@@ -3,6 +3,7 @@
 
 #include "chassis_notices.h"
 #include "chassis_transport.h"
+#include "endpoints.h"
 #include "mts_endpoint.h"
 
 namespace
@@ -40,7 +41,7 @@ int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, co
 
 int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name)
 {
-    if (kind != 1 || sap < -1 || options == nullptr) {
+    if (kind != BIND_KIND || sap < ANY_SAP || options == nullptr) {
         errno = EINVAL;
         return -1;
     }

@@ -8,12 +8,12 @@
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "module_node.h"
 
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr const char *REQUEST_TAG = "ABCD";
 constexpr std::uint32_t REQUEST_WAIT_LIMIT = 1800;
 

@@ -8,6 +8,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "free_block.h"
 #include "module_node.h"
 #include "text_field.h"
@@ -16,7 +17,6 @@
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr const char *REQUEST_FILLER = "ABCD"; // also the request's payload; no receiver looks at it
 constexpr std::uint32_t REQUEST_FILLER_BYTES = 4;
 constexpr std::uint32_t REQUEST_WAIT_LIMIT = 1800;

@@ -12,6 +12,7 @@
 #include "card_groups.h"
 #include "card_identification.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "flash_selection.h"
 #include "image_files.h"
 #include "module_lock.h"
@@ -53,7 +54,7 @@ void answer(const daemon_context &context, mts_message_t *message, std::uint32_t
 [[noreturn]] void run_child(const daemon_context &context, const bios_programming_req_t &request,
                             const char *image_path, std::uint32_t programming_mod_num)
 {
-    const std::int32_t handle = mts_bind(BIND_KIND, -1, BIND_OPTIONS, "BIOS upgrade child daemon");
+    const std::int32_t handle = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "BIOS upgrade child daemon");
     if (handle == -1)
         std::exit(CHILD_NOT_BOUND_STATUS);
     BIOS_LOG("From a forked child ..., my_module_num=%d, programming_mod_num=%d", context.my_module_num,

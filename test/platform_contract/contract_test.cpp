@@ -10,7 +10,7 @@
 std::int32_t own_endpoint()
 {
     static const std::int32_t handle =
-        mts_bind(1, static_cast<std::int32_t>(contract_sap(0)), BIND_OPTIONS, "contract tests");
+        mts_bind(BIND_KIND, static_cast<std::int32_t>(contract_sap(0)), BIND_OPTIONS, "contract tests");
     return handle;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cmi.h"
+#include "endpoints.h"
 #include "hex.h"
 #include "modlock.h"
 #include "mts.h"
@@ -22,7 +23,6 @@ namespace
 constexpr std::uint32_t WAIT_S = 30;
 constexpr std::size_t SHOWN_BODY_BYTES = 32;
 constexpr std::uint32_t NEWS_OPCODE = 4795;
-constexpr std::uint32_t BIND_OPTIONS[6] = {1, 0, 1024, 0, 0, 15};
 constexpr std::uint32_t LOCK_REQUEST[4] = {1, 0, 0, 0x4071000b};
 
 std::int32_t own_handle = -1;
@@ -48,7 +48,7 @@ std::string bind_endpoint(std::istream &words)
 {
     std::int32_t sap = 0;
     words >> sap;
-    own_handle = mts_bind(1, sap, BIND_OPTIONS, "contract peer");
+    own_handle = mts_bind(BIND_KIND, sap, BIND_OPTIONS, "contract peer");
     return own_handle >= 0 ? "ok" : "errno " + std::to_string(errno);
 }
 
