@@ -91,8 +91,8 @@ std::string reasons_text(const std::vector<card_report> &cards)
 
 std::string one_module_note(unsigned serving_slot)
 {
-    return "slot " + std::to_string(serving_slot) + " tells of module " +
-           std::to_string(TARVIK_A_MODULE_NUM) + " whatever module it is asked for";
+    return "slot " + std::to_string(serving_slot) + " tells of module " + std::to_string(TARVIK_A_MODULE_NUM) +
+           " whatever module it is asked for";
 }
 
 nlohmann::ordered_json json_of_card(const card_report &card)
