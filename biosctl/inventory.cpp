@@ -9,6 +9,7 @@
 #include "card_groups.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
+#include "daemon_node.h"
 #include "pfm.h"
 
 namespace
@@ -20,8 +21,7 @@ constexpr std::uint32_t SUPERVISOR_STATE_STANDBY = 2;
 
 bool slot_is_supervisor(unsigned slot)
 {
-    const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
-    return kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
+    return is_supervisor_kind(chassis_read_value(chassis_inventory_path(slot, "kind"), 0));
 }
 
 bool is_usable(std::string &problem_out)

@@ -9,6 +9,7 @@
 #include "bios_results.h"
 #include "card_groups.h"
 #include "client.h"
+#include "daemon_node.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -68,8 +69,9 @@ outcome report_refused(const program_subject &subject, std::uint32_t node, std::
         const auto holder = find_lock_holder(locked);
         if (!holder)
             continue;
-        refused.message += "\n  lock: module " + std::to_string(locked / 256) + " is " + holder_text(*holder);
-        refused.json["locked_module"] = locked / 256;
+        refused.message +=
+            "\n  lock: module " + std::to_string(module_of_node(locked)) + " is " + holder_text(*holder);
+        refused.json["locked_module"] = module_of_node(locked);
         refused.json["holder"] = holder_text(*holder);
         break;
     }

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "pfm.h"
 #include "unique_fd.h"
 
 namespace
@@ -50,7 +51,8 @@ void attach_from_environment()
     own.known = true;
     own.dir_fd = dir_from_environment();
     unsigned long long slot = 0;
-    if (const char *text = std::getenv(CHASSIS_ENV_SLOT); text != nullptr && parse_number(text, 232, slot))
+    if (const char *text = std::getenv(CHASSIS_ENV_SLOT);
+        text != nullptr && parse_number(text, PFM_MODULE_COUNT, slot))
         own.slot = static_cast<unsigned>(slot);
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "chassis_dir.h"
+#include "daemon_node.h"
 #include "mts_endpoint.h"
-#include "pfm.h"
 
 namespace
 {
@@ -16,8 +16,7 @@ std::uint32_t node_of_slot(std::uint32_t slot)
     if (slot == 0)
         return TOOLS_NODE;
     const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
-    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
-    return slot * 256 + (supervisor ? 1 : 2);
+    return daemon_node(slot, is_supervisor_kind(kind));
 }
 
 bool address_is_bound(std::uint32_t node, std::uint32_t sap)

@@ -10,6 +10,7 @@
 #include "bios_messages.h"
 #include "bios_results.h"
 #include "cmi.h"
+#include "daemon_node.h"
 #include "modlock.h"
 #include "module_node.h"
 
@@ -22,7 +23,7 @@ constexpr std::uint32_t PEER_LOCK_ERRNO_MASK = 0xfff;
 
 constexpr std::uint32_t supervisor_node_id(std::uint32_t module)
 {
-    return (module * 256 + 1) & 0xffff;
+    return daemon_node(module, true);
 }
 
 std::uint32_t target_node_id(std::int32_t handle, std::uint32_t module)

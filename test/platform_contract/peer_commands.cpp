@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cmi.h"
+#include "daemon_node.h"
 #include "endpoints.h"
 #include "hex.h"
 #include "modlock.h"
@@ -39,9 +40,8 @@ std::string tell_node()
     if (get_platform_info(&own) != 0 ||
         pfm_get_all_modules_in_chassis(own_handle, records.data(), PFM_MODULE_COUNT) < 0 || own.module_num == 0)
         return "errno " + std::to_string(errno);
-    const std::uint8_t kind = records[own.module_num - 1U].kind;
-    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
-    return "node " + std::to_string(own.module_num * 256U + (supervisor ? 1U : 2U));
+    const bool supervisor = is_supervisor_kind(records[own.module_num - 1U].kind);
+    return "node " + std::to_string(daemon_node(own.module_num, supervisor));
 }
 
 std::string bind_endpoint(std::istream &words)
