@@ -1,12 +1,12 @@
 #include "progress_bar.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <unistd.h>
 
 #include "bios_messages.h"
 #include "terminal.h"
+#include "write_all.h"
 
 namespace
 {
@@ -119,13 +119,5 @@ void progress_view::finish()
 void progress_view::put(const std::string &text) const
 {
     // A progress display that cannot be written is no reason to stop watching.
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd_, text.data() + done, text.size() - done);
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote <= 0)
-            return;
-        done += static_cast<std::size_t>(wrote);
-    }
+    (void)write_all(fd_, text.data(), text.size());
 }

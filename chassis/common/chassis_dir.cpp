@@ -10,6 +10,7 @@
 
 #include "pfm.h"
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -141,18 +142,11 @@ bool chassis_write_file(const std::string &path, const std::string &content)
             ::openat(chassis_dir_fd(), fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!file)
             return false;
-        std::size_t done = 0;
-        while (done < content.size()) {
-            const ssize_t put = ::write(file.get(), content.data() + done, content.size() - done);
-            if (put < 0 && errno == EINTR)
-                continue;
-            if (put < 0) {
-                const int failure = errno;
-                ::unlinkat(chassis_dir_fd(), fresh.c_str(), 0);
-                errno = failure;
-                return false;
-            }
-            done += static_cast<std::size_t>(put);
+        if (!write_all(file.get(), content.data(), content.size())) {
+            const int failure = errno;
+            ::unlinkat(chassis_dir_fd(), fresh.c_str(), 0);
+            errno = failure;
+            return false;
         }
     }
     return ::renameat(chassis_dir_fd(), fresh.c_str(), chassis_dir_fd(), path.c_str()) == 0;
