@@ -101,7 +101,7 @@ progress_view::progress_view(int fd, std::string subject)
 void progress_view::show(const progress_state &state, unsigned elapsed_s)
 {
     if (terminal_) {
-        put("\r" + progress_bar_text(subject_, state, elapsed_s, terminal_columns(fd_)) + "\033[K");
+        put("\r" + progress_bar_text(subject_, state, elapsed_s, size_of_terminal(fd_).columns) + "\033[K");
         drawn_ = true;
         return;
     }
