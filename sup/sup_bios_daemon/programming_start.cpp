@@ -17,6 +17,7 @@
 #include "image_files.h"
 #include "module_lock.h"
 #include "programming_child.h"
+#include "request_body.h"
 #include "running_version.h"
 #include "sysmgr.h"
 #include "tarvik_a_override.h"
@@ -72,9 +73,7 @@ std::uint32_t handle_programming_start(daemon_context &context, mts_message_t *m
 {
     context.sup_state = sysmgr_cli_supstate_get(context.handle);
     context.payload = mts_payload_get(message);
-    bios_programming_req_t request;
-    std::memcpy(&request, static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES,
-                sizeof request);
+    auto request = request_body<bios_programming_req_t>(context.payload);
     BIOS_LOG("got MTS_OPC_BIOS_PROGRAMMING_START type(%d)", request.type);
 
     mts_address_t requester = {};
