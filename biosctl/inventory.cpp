@@ -11,13 +11,12 @@
 #include "chassis_transport.h"
 #include "daemon_node.h"
 #include "pfm.h"
+#include "sysmgr.h"
 
 namespace
 {
 
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
-constexpr std::uint32_t SUPERVISOR_STATE_ACTIVE = 1;
-constexpr std::uint32_t SUPERVISOR_STATE_STANDBY = 2;
 
 bool slot_is_supervisor(unsigned slot)
 {
@@ -85,12 +84,12 @@ std::uint32_t node_of_module(unsigned module)
 
 bool slot_is_active(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_ACTIVE;
+    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_ACTIVE;
 }
 
 bool slot_is_standby(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_STANDBY;
+    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_STANDBY;
 }
 
 std::optional<unsigned> active_supervisor()
