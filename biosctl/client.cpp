@@ -3,29 +3,21 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
+#include "free_block.h"
 
 namespace
 {
 
-constexpr std::uint32_t BIND_KIND = 1;
-constexpr std::int32_t ANY_SAP = -1;
-constexpr std::array<std::uint32_t, MTS_BIND_OPTION_WORDS> BIND_OPTIONS{1, 0, 1024, 0, 0, 15};
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr const char *ENDPOINT_NAME = "biosctl";
-
-struct free_block {
-    void operator()(void *block) const { std::free(block); }
-};
 
 } // namespace
 
@@ -38,7 +30,7 @@ std::optional<std::uint32_t> received_message::word(std::size_t offset) const
     return value.load();
 }
 
-client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS.data(), ENDPOINT_NAME)) {}
+client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, ENDPOINT_NAME)) {}
 
 client_endpoint::~client_endpoint()
 {
@@ -61,7 +53,7 @@ request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode
         cmi_remote_req_resp(opcode, REQUEST_TYPE, body.data(), &block, &length, ENDPOINT_NAME, ENDPOINT_NAME,
                             BIOS_DAEMON_SAP, node, handle_, wait_limit_s);
     const int error = errno;
-    const std::unique_ptr<void, free_block> owned(block);
+    const owned_block<void> owned(block);
     if (result == -1)
         return {.error = error};
     request_answer answer{.answered = true, .status = static_cast<std::uint32_t>(result)};

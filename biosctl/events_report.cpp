@@ -79,8 +79,8 @@ std::string what_came_of_it(const flash_event &event)
     return result_text(event);
 }
 
-std::string line_of(bool wide, const std::string &time, const std::string &slot, const std::string &flash,
-                    const std::string &event, const std::string &took, const std::string &result)
+std::string event_line(bool wide, const std::string &time, const std::string &slot, const std::string &flash,
+                       const std::string &event, const std::string &took, const std::string &result)
 {
     char cells[256];
     (void)std::snprintf(cells, sizeof cells, "%-20s  %-4s  %-*s  %-9s  %-5s  ", time.c_str(), slot.c_str(),
@@ -113,14 +113,14 @@ std::vector<flash_event> in_order(const std::vector<std::vector<flash_event>> &l
 
 std::string events_heading(bool wide)
 {
-    return line_of(wide, "TIME", "SLOT", "FLASH", "EVENT", "TOOK", "RESULT");
+    return event_line(wide, "TIME", "SLOT", "FLASH", "EVENT", "TOOK", "RESULT");
 }
 
 std::string event_line(const flash_event &event, bool wide)
 {
-    return line_of(wide, event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
-                   flash_instance_name(event.instance), event_text(event),
-                   event.duration_ms ? duration_text(*event.duration_ms) : "-", what_came_of_it(event));
+    return event_line(wide, event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
+                      flash_instance_name(event.instance), event_text(event),
+                      event.duration_ms ? duration_text(*event.duration_ms) : "-", what_came_of_it(event));
 }
 
 bool needs_wide_lines(std::span<const flash_event> events)

@@ -1,6 +1,5 @@
 #include "followed_output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -10,17 +9,11 @@
 
 #include "chassis_dir.h"
 #include "interrupt.h"
+#include "write_all.h"
 
 bool put_text(int fd, const std::string &text)
 {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0 && (errno != EINTR || interrupted()))
-            return false;
-        done += static_cast<std::size_t>(std::max<ssize_t>(wrote, 0));
-    }
-    return true;
+    return write_all(fd, text.data(), text.size(), interrupted);
 }
 
 bool wait_before_next(int fd, std::chrono::milliseconds how_long)

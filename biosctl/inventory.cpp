@@ -1,28 +1,26 @@
 #include "inventory.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "card_groups.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
+#include "daemon_node.h"
 #include "pfm.h"
+#include "sysmgr.h"
 
 namespace
 {
 
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
-constexpr std::uint32_t SUPERVISOR_STATE_ACTIVE = 1;
-constexpr std::uint32_t SUPERVISOR_STATE_STANDBY = 2;
-constexpr std::array<std::uint32_t, 5> ONE_MODULE_CARD_IDS{183, 282, 314, 316, 318};
 
 bool slot_is_supervisor(unsigned slot)
 {
-    const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
-    return kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
+    return is_supervisor_kind(chassis_read_value(chassis_inventory_path(slot, "kind"), 0));
 }
 
 bool is_usable(std::string &problem_out)
@@ -86,12 +84,12 @@ std::uint32_t node_of_module(unsigned module)
 
 bool slot_is_active(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_ACTIVE;
+    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_ACTIVE;
 }
 
 bool slot_is_standby(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SUPERVISOR_STATE_STANDBY;
+    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_STANDBY;
 }
 
 std::optional<unsigned> active_supervisor()
@@ -105,5 +103,5 @@ std::optional<unsigned> active_supervisor()
 
 bool slot_programs_one_module_only(unsigned slot)
 {
-    return std::ranges::find(ONE_MODULE_CARD_IDS, card_id_of(slot)) != ONE_MODULE_CARD_IDS.end();
+    return is_tarvik_a_supervisor(card_id_of(slot));
 }

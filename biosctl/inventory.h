@@ -34,7 +34,6 @@ bool slot_is_standby(unsigned slot);
 // Slot of the active supervisor; the lowest if there are several, none if there is none.
 std::optional<unsigned> active_supervisor();
 
-// Whether the card in a slot is of a kind whose daemon programs module 18, and tells module 18's versions,
-// whatever module it is asked for.
+// Whether the card in a slot is of a kind whose daemon programs module TARVIK_A_MODULE_NUM, and tells that module's
+// versions, whatever module it is asked for.
 bool slot_programs_one_module_only(unsigned slot);
-constexpr unsigned ONLY_MODULE_OF_SUCH_SLOTS = 18;

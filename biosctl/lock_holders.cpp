@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bios_results.h"
+#include "daemon_node.h"
 #include "result_text.h"
 
 namespace
@@ -25,7 +26,7 @@ bool is_programming(const chassis_module_lock_holder &holder)
 // Whether the lock is that of the programming supervisor's own module beside the lock of its target.
 bool guards_programmer(const chassis_module_lock_holder &lock, std::span<const chassis_module_lock_holder> holders)
 {
-    return lock.slot == lock.node_id / 256U &&
+    return lock.slot == module_of_node(lock.node_id) &&
            std::ranges::any_of(holders, [&](const chassis_module_lock_holder &other) {
                return is_programming(other) && other.node_id != lock.node_id && other.slot == lock.slot &&
                       other.pid == lock.pid;

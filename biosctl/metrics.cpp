@@ -9,6 +9,7 @@
 #include "chassis_dir.h"
 #include "chassis_module_lock.h"
 #include "chassis_transport.h"
+#include "daemon_node.h"
 #include "flash_event_log.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
@@ -151,7 +152,7 @@ flash_facts look_at_flash(unsigned slot, unsigned instance, std::uint32_t size_b
 card_facts look_at_card(unsigned slot, const std::vector<chassis_module_lock_holder> &locks, bool locks_readable)
 {
     const bool locked = std::ranges::any_of(
-        locks, [slot](const chassis_module_lock_holder &lock) { return lock.node_id / 256U == slot; });
+        locks, [slot](const chassis_module_lock_holder &lock) { return module_of_node(lock.node_id) == slot; });
     return {.slot = slot,
             .card_id = card_id_of(slot),
             .role = slot_is_active(slot) ? "active" : (slot_is_standby(slot) ? "standby" : "none"),

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -53,19 +54,6 @@ private:
     bool renamed_ = false;
 };
 
-bool write_all(int fd, std::span<const std::uint8_t> bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t wrote = ::write(fd, bytes.data(), bytes.size());
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote < 0)
-            return false;
-        bytes = bytes.subspan(static_cast<std::size_t>(wrote));
-    }
-    return true;
-}
-
 mode_t usual_mode()
 {
     const mode_t mask = ::umask(0);
@@ -95,8 +83,8 @@ int write_output_file(const std::string &path, std::span<const std::uint8_t> con
     temporary_file file(path);
     if (file.fd() < 0)
         return errno;
-    if (::fchmod(file.fd(), usual_mode()) != 0 || !write_all(file.fd(), content) || ::fsync(file.fd()) != 0 ||
-        !file.rename_to(path, overwrite))
+    if (::fchmod(file.fd(), usual_mode()) != 0 || !write_all(file.fd(), content.data(), content.size()) ||
+        ::fsync(file.fd()) != 0 || !file.rename_to(path, overwrite))
         return errno;
     const unique_fd folder(::open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder || ::fsync(folder.get()) != 0)

@@ -7,7 +7,9 @@
 
 #include "bios_opcodes.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "client.h"
+#include "daemon_node.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -32,7 +34,7 @@ program_subject subject_of(const program_options &options, unsigned slot)
     if (!slot_is_active(slot))
         subject.programmed_module = slot;
     else if (slot_programs_one_module_only(slot))
-        subject.programmed_module = ONLY_MODULE_OF_SUCH_SLOTS;
+        subject.programmed_module = TARVIK_A_MODULE_NUM;
     if (subject.programmed_module == options.module)
         return subject;
     const char *why = slot_is_active(slot)
@@ -67,8 +69,9 @@ outcome report_refused(const program_subject &subject, std::uint32_t node, std::
         const auto holder = find_lock_holder(locked);
         if (!holder)
             continue;
-        refused.message += "\n  lock: module " + std::to_string(locked / 256) + " is " + holder_text(*holder);
-        refused.json["locked_module"] = locked / 256;
+        refused.message +=
+            "\n  lock: module " + std::to_string(module_of_node(locked)) + " is " + holder_text(*holder);
+        refused.json["locked_module"] = module_of_node(locked);
         refused.json["holder"] = holder_text(*holder);
         break;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "card_groups.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "serving_slot.h"
@@ -22,7 +23,7 @@ std::vector<unsigned> standby_supervisors()
 std::string left_out_text(unsigned serving_slot, unsigned module)
 {
     return "module " + std::to_string(module) + " is left out: the supervisor in slot " +
-           std::to_string(serving_slot) + " programs module " + std::to_string(ONLY_MODULE_OF_SUCH_SLOTS) +
+           std::to_string(serving_slot) + " programs module " + std::to_string(TARVIK_A_MODULE_NUM) +
            " whatever module it is asked for";
 }
 
@@ -77,10 +78,10 @@ outcome run_program_all(const program_all_options &options, bool json)
     const unsigned slot = *serving.slot;
     const supervisor_order order =
         order_of(slot, standby_supervisors(),
-                 slot_programs_one_module_only(slot) ? std::optional(ONLY_MODULE_OF_SUCH_SLOTS) : std::nullopt);
+                 slot_programs_one_module_only(slot) ? std::optional(TARVIK_A_MODULE_NUM) : std::nullopt);
     if (order.modules.empty())
         return failure(EXIT_NOT_FOUND,
-                       "there is no supervisor in slot " + std::to_string(ONLY_MODULE_OF_SUCH_SLOTS) +
+                       "there is no supervisor in slot " + std::to_string(TARVIK_A_MODULE_NUM) +
                            ", the only module that the supervisor in slot " + std::to_string(slot) + " programs",
                        "see what is in the chassis with: chassis status");
     std::vector<series_step> steps;

@@ -65,7 +65,8 @@ outcome program_and_check(const series_step &step, const series_options &options
                               read_flash_version(options.serving_slot, step.module, options.version_timeout_s));
 }
 
-std::string line_of(const char *module, const std::string &what, const std::string &result, const std::string &time)
+std::string series_line(const char *module, const std::string &what, const std::string &result,
+                        const std::string &time)
 {
     char line[SUMMARY_LINE_BYTES];
     (void)std::snprintf(line, sizeof line, "%-6s  %-24s  %-10s  %s", module, what.c_str(), result.c_str(),
@@ -116,10 +117,10 @@ std::vector<series_result> run_series(const std::vector<series_step> &steps, con
 
 std::string series_table(std::span<const series_result> results)
 {
-    std::string text = line_of("MODULE", "OUTCOME", "RESULT", "TIME");
+    std::string text = series_line("MODULE", "OUTCOME", "RESULT", "TIME");
     for (const series_result &result : results)
-        text += "\n" + line_of(std::to_string(result.module).c_str(), outcome_name(result), result_cell(result),
-                               time_cell(result));
+        text += "\n" + series_line(std::to_string(result.module).c_str(), outcome_name(result), result_cell(result),
+                                   time_cell(result));
     return text;
 }
 

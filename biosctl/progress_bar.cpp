@@ -1,12 +1,12 @@
 #include "progress_bar.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <unistd.h>
 
 #include "bios_messages.h"
 #include "terminal.h"
+#include "write_all.h"
 
 namespace
 {
@@ -101,7 +101,7 @@ progress_view::progress_view(int fd, std::string subject)
 void progress_view::show(const progress_state &state, unsigned elapsed_s)
 {
     if (terminal_) {
-        put("\r" + progress_bar_text(subject_, state, elapsed_s, terminal_columns(fd_)) + "\033[K");
+        put("\r" + progress_bar_text(subject_, state, elapsed_s, size_of_terminal(fd_).columns) + "\033[K");
         drawn_ = true;
         return;
     }
@@ -119,13 +119,5 @@ void progress_view::finish()
 void progress_view::put(const std::string &text) const
 {
     // A progress display that cannot be written is no reason to stop watching.
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd_, text.data() + done, text.size() - done);
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote <= 0)
-            return;
-        done += static_cast<std::size_t>(wrote);
-    }
+    (void)write_all(fd_, text.data(), text.size());
 }

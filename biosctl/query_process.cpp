@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "write_all.h"
+
 namespace
 {
 
@@ -22,20 +24,6 @@ struct answer_head {
     std::uint32_t status;
     std::uint32_t payload_bytes;
 };
-
-bool write_all(int fd, const std::string &bytes)
-{
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t wrote = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote <= 0)
-            return false;
-        done += static_cast<std::size_t>(wrote);
-    }
-    return true;
-}
 
 request_answer ask(const daemon_query &query)
 {
@@ -57,7 +45,7 @@ request_answer ask(const daemon_query &query)
         const answer_head head{answer.answered, answer.error, answer.status, static_cast<std::uint32_t>(length)};
         std::string bytes(reinterpret_cast<const char *>(&head), sizeof head);
         bytes.append(answer.payload.begin(), answer.payload.begin() + static_cast<std::ptrdiff_t>(length));
-        ::_exit(write_all(fd, bytes) ? 0 : 1);
+        ::_exit(write_all(fd, bytes.data(), bytes.size()) ? 0 : 1);
     } catch (const std::exception &) {
         ::_exit(1); // an answer that is cut short is the parent's EIO
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "card_groups.h"
 #include "inventory.h"
 
 namespace
@@ -90,8 +91,8 @@ std::string reasons_text(const std::vector<card_report> &cards)
 
 std::string one_module_note(unsigned serving_slot)
 {
-    return "slot " + std::to_string(serving_slot) + " tells of module " +
-           std::to_string(ONLY_MODULE_OF_SUCH_SLOTS) + " whatever module it is asked for";
+    return "slot " + std::to_string(serving_slot) + " tells of module " + std::to_string(TARVIK_A_MODULE_NUM) +
+           " whatever module it is asked for";
 }
 
 nlohmann::ordered_json json_of_card(const card_report &card)

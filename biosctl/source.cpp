@@ -10,6 +10,7 @@
 #include "bios_results.h"
 #include "client.h"
 #include "elapsed.h"
+#include "harmless_path.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -25,8 +26,6 @@ using steady = std::chrono::steady_clock;
 constexpr unsigned UNPACKING_TIMEOUT_S = 300; // a system image is unpacked twice, with pauses
 constexpr int REDRAW_MS = 1000;
 constexpr std::string_view BOOTFLASH_SCHEME = "bootflash:";
-constexpr std::string_view HARMLESS_CHARACTERS =
-    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+:@,=%";
 
 std::string slot_text(unsigned slot)
 {
@@ -133,7 +132,7 @@ std::optional<std::string> image_path_of(const std::string &image, std::string &
     else if (path.size() > IMAGE_PATH_BYTES_MAX)
         problem_out = "the image's path has " + std::to_string(path.size()) + " bytes; at most " +
                       std::to_string(IMAGE_PATH_BYTES_MAX) + " fit into a request";
-    else if (path.find_first_not_of(HARMLESS_CHARACTERS) != std::string::npos)
+    else if (!is_harmless_path(path.c_str()))
         problem_out = "'" + image + "' has characters that the daemon refuses: only letters, digits and /._-+:@,=%";
     else
         return path;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "card_groups.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -62,7 +63,7 @@ sync_view look(const subject &of, const sync_options &options, int &error_out)
         cards.push_back({card, role_of(card.module, of.serving_slot), card_id_of(card.module)});
     sync_rules rules{.allow_older = options.allow_older};
     if (slot_programs_one_module_only(of.serving_slot))
-        rules.only_module = ONLY_MODULE_OF_SUCH_SLOTS;
+        rules.only_module = TARVIK_A_MODULE_NUM;
     sync_view view{.plan = plan_sync(std::move(cards), rules), .cards = versions.cards};
     std::erase_if(view.plan, [&](const sync_step &step) { return !is_named(of, step.module); });
     std::erase_if(view.cards, [&](const card_report &card) { return !is_named(of, card.module); });

@@ -26,7 +26,7 @@ constexpr action_row ROWS[] = {
 };
 
 constexpr std::size_t VERSION_COLUMNS = 17; // "v10.5.0(09/17/12)"
-constexpr std::size_t PLAN_LINE_BYTES = 81;      // a line of a terminal
+constexpr std::size_t PLAN_LINE_BYTES = 81; // a line of a terminal
 
 bool is_told(const flash_report &flash)
 {
@@ -102,8 +102,8 @@ std::string cell(const std::string &text)
     return text.size() <= VERSION_COLUMNS ? text : text.substr(0, VERSION_COLUMNS - 1) + "~";
 }
 
-std::string line_of(const std::string &module, const std::string &flash, const std::string &shipped,
-                    const std::string &action)
+std::string plan_line(const std::string &module, const std::string &flash, const std::string &shipped,
+                      const std::string &action)
 {
     const int width = VERSION_COLUMNS;
     char line[PLAN_LINE_BYTES];
@@ -145,10 +145,10 @@ const char *action_text(sync_action action)
 
 std::string plan_text(std::span<const sync_step> plan)
 {
-    std::string text = line_of("MODULE", "FLASH", "SHIPPED", "ACTION");
+    std::string text = plan_line("MODULE", "FLASH", "SHIPPED", "ACTION");
     for (const sync_step &step : plan)
-        text += "\n" + line_of(std::to_string(step.module), cell(step.flash), cell(step.shipped),
-                               action_text(step.action));
+        text += "\n" + plan_line(std::to_string(step.module), cell(step.flash), cell(step.shipped),
+                                 action_text(step.action));
     for (const sync_step &step : plan) {
         for (const std::string &reason : step.reasons)
             text += "\nmodule " + std::to_string(step.module) + ": " + reason;

@@ -11,7 +11,7 @@
 namespace
 {
 
-constexpr unsigned USUAL_COLUMNS = 80;
+constexpr terminal_size USUAL_SIZE = {.columns = 80, .lines = 24};
 
 constexpr const char *GREEN = "\033[32m";
 constexpr const char *YELLOW = "\033[33m";
@@ -100,10 +100,12 @@ bool can_colour(int fd)
     return can_draw(fd) && (unwanted == nullptr || unwanted[0] == '\0');
 }
 
-unsigned terminal_columns(int fd)
+terminal_size size_of_terminal(int fd)
 {
     winsize size{};
-    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : USUAL_COLUMNS;
+    if (::ioctl(fd, TIOCGWINSZ, &size) != 0)
+        return USUAL_SIZE;
+    return {size.ws_col != 0 ? size.ws_col : USUAL_SIZE.columns, size.ws_row != 0 ? size.ws_row : USUAL_SIZE.lines};
 }
 
 std::string wrapped(const std::string &text, std::size_t columns)
@@ -139,7 +141,7 @@ std::string coloured(const std::string &text, int fd)
 
 std::string wrapped_for(const std::string &text, int fd)
 {
-    return ::isatty(fd) == 1 ? wrapped(text, terminal_columns(fd)) : text;
+    return ::isatty(fd) == 1 ? wrapped(text, size_of_terminal(fd).columns) : text;
 }
 
 std::string fitted(const std::string &text, int fd)

@@ -7,8 +7,12 @@
 // Whether it is a terminal on which lines can be drawn over: one whose TERM is neither "dumb" nor missing.
 bool can_draw(int fd);
 
-// Its width; 80 when it is none or does not tell.
-unsigned terminal_columns(int fd);
+// Its size; 80 columns and 24 lines when it is none or does not tell.
+struct terminal_size {
+    unsigned columns;
+    unsigned lines;
+};
+terminal_size size_of_terminal(int fd);
 
 // Breaks the lines that are longer than so many columns, between words. What follows is indented to where the
 // line's last column begins (a gap of two blanks or more is between columns), or by two more than the line itself.

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "followed_output.h"
@@ -22,7 +21,6 @@ namespace
 
 using steady = std::chrono::steady_clock;
 
-constexpr watch_space USUAL_TERMINAL = {.columns = 80, .lines = 24};
 constexpr const char *HIDE_CURSOR = "\033[?25l";
 constexpr const char *SHOW_CURSOR = "\033[?25h";
 constexpr const char *CLEAR_LINE_END = "\033[K";
@@ -42,14 +40,6 @@ void catch_continue()
     action.sa_handler = on_continue;
     action.sa_flags = SA_RESTART;
     (void)::sigaction(SIGCONT, &action, nullptr);
-}
-
-watch_space terminal_space(int fd)
-{
-    winsize size{};
-    if (::ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
-        return USUAL_TERMINAL;
-    return {size.ws_col, size.ws_row};
 }
 
 std::string json_line(const watch_snapshot &snapshot)
@@ -102,7 +92,8 @@ bool watch_screen::show(const watch_snapshot &snapshot)
 
 bool watch_screen::draw(const watch_snapshot &snapshot)
 {
-    const watch_space space = terminal_space(fd_);
+    const terminal_size terminal = size_of_terminal(fd_);
+    const watch_space space = {terminal.columns, terminal.lines};
     // After a stop the shell has written below, and another width has wrapped what stood there.
     if (continued.exchange(false) || space.columns != drawn_columns_)
         drawn_lines_ = 0;
@@ -129,7 +120,7 @@ std::string watch_screen::text_of(const watch_snapshot &snapshot) const
         return json_line(snapshot);
     std::optional<watch_space> space;
     if (::isatty(fd_) == 1)
-        space = {terminal_space(fd_).columns, ~0U}; // as long as it has to be
+        space = {size_of_terminal(fd_).columns, ~0U}; // as long as it has to be
     if (!shown_)
         return coloured(block_of(watch_lines(snapshot, space)), fd_);
     return "\n" + coloured(block_of(watch_lines(changed_rows(*shown_, snapshot), space)), fd_);

@@ -6,6 +6,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_transport.h"
+#include "daemon_node.h"
 #include "inventory.h"
 #include "pfm.h"
 #include "utc_time.h"
@@ -46,7 +47,7 @@ void take_result(results_by_module &results, const chassis_notice &notice)
     if (module == 0 || module > PFM_MODULE_COUNT)
         return;
     results[module] = {told.result.load(), notice.time.substr(0, SECONDS_TEXT_BYTES) + "Z",
-                       notice.source.node / 256};
+                       module_of_node(notice.source.node)};
 }
 
 watch_facts watch_reader::read()

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bios_results.h"
+#include "daemon_node.h"
 #include "lock_holders.h"
 
 namespace
@@ -13,7 +14,7 @@ constexpr const char *STATE_NAMES[] = {"being programmed", "not verified", "prog
 
 unsigned module_of(const chassis_module_lock_holder &lock)
 {
-    return lock.node_id / 256U;
+    return module_of_node(lock.node_id);
 }
 
 const chassis_module_lock_holder *lock_of(const watch_facts &facts, unsigned slot)
@@ -32,7 +33,7 @@ bool is_locked_as_target(const watch_facts &facts, unsigned slot)
 {
     const programming_locks locks = programming_of(facts.locks);
     return std::any_of(locks.programmed.begin(), locks.programmed.end(),
-                       [&](std::uint32_t node) { return node / 256 == slot; });
+                       [&](std::uint32_t node) { return module_of_node(node) == slot; });
 }
 
 std::optional<unsigned> programmed_by(const watch_facts &facts, unsigned slot)

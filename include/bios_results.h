@@ -1,5 +1,6 @@
 // Result codes of the daemon. They travel as 32-bit words; a programming child's result travels as its exit
-// byte, so the low byte of a BIOS_ERR_ code identifies it.
+// byte, so the low byte of a BIOS_ERR_ code identifies it. Those of the flash service, 0x40710009 and 0x4071000c
+// among them, are BIOS_FLASH_ERR_ in platform/bios_flash.h.
 #pragma once
 
 #include <cstdint>
@@ -14,15 +15,14 @@ enum bios_result : std::uint32_t {
     BIOS_ERR_MODULE_INFO = 0x40710006,        // the card's module information could not be read
     BIOS_ERR_NOT_SENT = 0x40710007,           // the request could not be sent to the target module
     BIOS_ERR_NO_COMPLETION = 0x40710008,      // the target module did not report its end in time
-    BIOS_ERR_ERASE = 0x40710009,              // flash left unprogrammed (flash service)
     BIOS_ERR_BUSY = 0x4071000a,               // a programming is in progress, or a module lock is held by another
     BIOS_LOCK_FOR_PEER = 0x4071000b,          // reason code of a lock taken for a peer; no result
-    BIOS_ERR_PROGRAM = 0x4071000c,            // flash left unprogrammed (flash service)
     BIOS_ERR_IMAGE_NO_VERSION = 0x4071000f,   // no version in the image
     BIOS_ERR_BIND = 0x40710010,               // the transport endpoint could not be bound
     BIOS_ERR_NO_ENTRIES = 0x40710012,         // no flash entries for the card id
     BIOS_ERR_NO_OPERATION = 0x40710013,       // a flash entry lacks an operation
     BIOS_ERR_IMAGE_VERSION_READ = 0x4071001c, // the image's version could not be read
+    BIOS_ERR_WORK_FILE = 0x40710022,          // a work file of the image's checksum could not be written
     BIOS_ERR_FLASH_NO_VERSION = 0x40710025,   // no version in the flash
     BIOS_ERR_FLASH_VERSION_READ = 0x40710026, // the flash's version could not be read
     BIOS_ERR_NO_MEMORY = 0x40710028,          // a work area could not be allocated

@@ -4,12 +4,9 @@
 #include <cstdlib>
 #include <memory>
 
-#include "bios_flash_entry.h"
-
 struct free_block {
     void operator()(void *block) const { std::free(block); }
 };
 
 template<class T>
 using owned_block = std::unique_ptr<T, free_block>;
-using owned_card_table = owned_block<bios_card_table>;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "daemon_node.h"
 #include "launcher_error.h"
 #include "pfm.h"
 #include "unique_fd.h"
@@ -86,8 +87,7 @@ std::string card_state(unsigned slot)
 std::uint32_t node_of_slot(unsigned slot)
 {
     const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
-    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
-    return slot * 256 + (supervisor ? 1 : 2);
+    return daemon_node(slot, is_supervisor_kind(kind));
 }
 
 std::string log_tail(unsigned slot, unsigned lines)

@@ -26,8 +26,6 @@ constexpr const char *STATE_RESTARTING = "restarting";
 constexpr const char *STATE_FAILED = "failed";
 constexpr const char *STATE_DOWN = "down";
 
-constexpr std::uint32_t BIOS_DAEMON_SAP = 1010;
-
 // Opens the chassis at path. Throws launcher_error when there is none, or one that another user has a hand in.
 void open_chassis(const std::string &path);
 

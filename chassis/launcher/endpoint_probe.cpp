@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "bios_opcodes.h"
 #include "card_files.h"
 #include "chassis_dir.h"
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "launcher_error.h"
+#include "write_all.h"
 
 namespace
 {
@@ -26,16 +27,6 @@ split_name split(const std::string &name)
     if (slash == std::string::npos)
         return {"", name};
     return {name.substr(0, slash), name.substr(slash + 1)};
-}
-
-void write_all(int fd, const std::string &contents, const std::string &name)
-{
-    for (std::size_t done = 0; done < contents.size();) {
-        const ssize_t put = ::write(fd, contents.data() + done, contents.size() - done);
-        if (put < 0 && errno != EINTR)
-            throw system_error_of(name);
-        done += put > 0 ? static_cast<std::size_t>(put) : 0;
-    }
 }
 
 void copy_all(int from, int to, const std::string &name)
@@ -135,7 +126,10 @@ unique_fd folder_tree::open_file_place(const std::string &name) const
 void folder_tree::write_file(const std::string &name, const std::string &contents, mode_t mode) const
 {
     const split_name where = split(name);
-    replace(open_folder(where.folder), where.file, mode, [&](int output) { write_all(output, contents, name); });
+    replace(open_folder(where.folder), where.file, mode, [&](int output) {
+        if (!write_all(output, contents.data(), contents.size()))
+            throw system_error_of(name);
+    });
 }
 
 void folder_tree::copy_file(const std::string &source, const std::string &name, mode_t mode) const

@@ -1,6 +1,5 @@
 #include "followed_file.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
@@ -9,6 +8,7 @@
 
 #include "chassis_dir.h"
 #include "launcher_error.h"
+#include "write_all.h"
 
 namespace
 {
@@ -18,19 +18,6 @@ constexpr std::chrono::milliseconds FOLLOW_INTERVAL{100};
 unique_fd open_to_read(const std::string &path)
 {
     return unique_fd(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_CLOEXEC));
-}
-
-// false when the reader of standard output has gone.
-bool print_all(const char *bytes, std::size_t length)
-{
-    while (length > 0) {
-        const ssize_t put = ::write(STDOUT_FILENO, bytes, length);
-        if (put < 0 && errno != EINTR)
-            return false;
-        bytes += std::max<ssize_t>(put, 0);
-        length -= static_cast<std::size_t>(std::max<ssize_t>(put, 0));
-    }
-    return true;
 }
 
 // Prints from where the file stands to its end. false when the reader of standard output has gone.
@@ -43,7 +30,7 @@ bool print_rest(const unique_fd &file, const std::string &path)
             throw system_error_of(path);
         if (got == 0)
             return true;
-        if (got > 0 && !print_all(piece, static_cast<std::size_t>(got)))
+        if (got > 0 && !write_all(STDOUT_FILENO, piece, static_cast<std::size_t>(got)))
             return false;
     }
 }

@@ -26,6 +26,7 @@
 #include "debug_view.h"
 #include "history_view.h"
 #include "launcher_error.h"
+#include "pfm.h"
 
 namespace
 {
@@ -83,7 +84,9 @@ void keep(command_line &line)
 
 CLI::Option *add_slot(CLI::App *command, command_line &line)
 {
-    return command->add_option("SLOT", line.slot, "Slot of the card")->required()->check(CLI::Range(1, 232));
+    return command->add_option("SLOT", line.slot, "Slot of the card")
+        ->required()
+        ->check(CLI::Range(1, int{PFM_MODULE_COUNT}));
 }
 
 void add_patience(CLI::App *command, command_line &line)

@@ -2,29 +2,16 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "launcher_error.h"
+#include "spawn_actions.h"
 #include "unique_fd.h"
 
 namespace
 {
-
-class spawn_actions
-{
-public:
-    spawn_actions() { (void)::posix_spawn_file_actions_init(&actions_); }
-    spawn_actions(const spawn_actions &) = delete;
-    spawn_actions &operator=(const spawn_actions &) = delete;
-    ~spawn_actions() { (void)::posix_spawn_file_actions_destroy(&actions_); }
-    posix_spawn_file_actions_t *get() { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_ = {};
-};
 
 std::string read_to_end(int fd)
 {
@@ -49,8 +36,8 @@ std::string run_ldd(const std::string &program)
     const unique_fd reader(ends[0]);
     unique_fd writer(ends[1]);
     spawn_actions actions;
-    (void)::posix_spawn_file_actions_adddup2(actions.get(), writer.get(), STDOUT_FILENO);
-    (void)::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    actions.connect(writer.get(), STDOUT_FILENO);
+    actions.open("/dev/null", O_WRONLY, STDERR_FILENO);
     char name[] = "ldd";
     std::string argument = program;
     char *const arguments[] = {name, argument.data(), nullptr};
@@ -58,8 +45,10 @@ std::string run_ldd(const std::string &program)
     char path[] = "PATH=/usr/bin:/bin";
     char *const environment[] = {language, path, nullptr};
     pid_t child = 0;
-    if (const int failure = ::posix_spawnp(&child, name, actions.get(), nullptr, arguments, environment);
-        failure != 0) {
+    int failure = actions.result();
+    if (failure == 0)
+        failure = ::posix_spawnp(&child, name, actions.get(), nullptr, arguments, environment);
+    if (failure != 0) {
         errno = failure;
         throw system_error_of("ldd");
     }

@@ -19,14 +19,13 @@
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "mts.h"
 #include "version_answers.h"
 
 namespace
 {
 
-constexpr std::uint32_t BIND_KIND = 1;
-constexpr std::uint32_t BIND_OPTIONS[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
 constexpr std::uint32_t RECEIVE_WAIT_S = 60; // nothing is to be done when it passes
 
 [[gnu::format(printf, 1, 2)]] void log(const char *format, ...)

@@ -13,6 +13,7 @@
 
 #include "image_error.h"
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -44,26 +45,14 @@ std::size_t read_piece(int fd, std::vector<char> &piece, std::uint64_t offset, c
     return done;
 }
 
-void write_piece(int fd, const char *bytes, std::size_t length)
-{
-    while (length > 0) {
-        const ssize_t put = ::write(fd, bytes, length);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put < 0)
-            fail("the new loader cannot be written");
-        bytes += put;
-        length -= static_cast<std::size_t>(put);
-    }
-}
-
 void copy_all(int from, int to)
 {
     std::vector<char> piece(PIECE_BYTES);
     std::uint64_t offset = 0;
     for (;;) {
         const std::size_t got = read_piece(from, piece, offset, "the new loader");
-        write_piece(to, piece.data(), got);
+        if (!write_all(to, piece.data(), got))
+            fail("the new loader cannot be written");
         offset += got;
         if (got < piece.size())
             break;

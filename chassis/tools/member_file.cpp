@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "image_archive.h"
+#include "write_all.h"
 
 namespace
 {
@@ -76,16 +77,8 @@ member_file::~member_file()
 
 void member_file::append(const void *bytes, std::size_t length)
 {
-    const char *next = static_cast<const char *>(bytes);
-    while (length > 0) {
-        const ssize_t put = ::write(file_.get(), next, length);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put < 0)
-            fail("member");
-        next += put;
-        length -= static_cast<std::size_t>(put);
-    }
+    if (!write_all(file_.get(), bytes, length))
+        fail("member");
 }
 
 void member_file::commit(const std::vector<std::string> &components, unsigned mode)

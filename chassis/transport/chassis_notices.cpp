@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "utc_time.h"
 
@@ -163,14 +164,10 @@ void chassis_notice_keep(mts_address_t source, std::uint32_t opcode, const void 
 {
     if (bytes > NOTICE_PAYLOAD_BYTES_MAX)
         return;
-    const int before = errno; // the caller's business is the message
-    try {
+    best_effort([&] { // the caller's business is the message
         const auto *first = static_cast<const std::uint8_t *>(payload);
         append({utc_now_microseconds(), source, opcode, std::vector<std::uint8_t>(first, first + bytes)});
-    } catch (...) {
-        // No memory for a line of diagnostics.
-    }
-    errno = before;
+    });
 }
 
 std::vector<chassis_notice> chassis_notice_reader::take()

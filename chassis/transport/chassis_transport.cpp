@@ -2,9 +2,10 @@
 
 #include <algorithm>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
+#include "daemon_node.h"
 #include "mts_endpoint.h"
-#include "pfm.h"
 
 namespace
 {
@@ -16,8 +17,7 @@ std::uint32_t node_of_slot(std::uint32_t slot)
     if (slot == 0)
         return TOOLS_NODE;
     const std::uint32_t kind = chassis_read_value(chassis_inventory_path(slot, "kind"), 0);
-    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
-    return slot * 256 + (supervisor ? 1 : 2);
+    return daemon_node(slot, is_supervisor_kind(kind));
 }
 
 bool address_is_bound(std::uint32_t node, std::uint32_t sap)
@@ -34,7 +34,7 @@ std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode)
     mts_endpoint *endpoint = mts_endpoint_of(handle);
     if (endpoint == nullptr)
         return -1;
-    return mts_guarded([&] {
+    return c_boundary([&] {
         std::vector<std::uint32_t> &listens = endpoint->listens;
         if (std::find(listens.begin(), listens.end(), opcode) != listens.end())
             return 0;
@@ -48,7 +48,7 @@ std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode)
 
 void chassis_mts_unbind(std::int32_t handle)
 {
-    (void)mts_guarded([&] {
+    (void)c_boundary([&] {
         mts_endpoint_unbind(handle);
         return 0;
     });
@@ -76,14 +76,10 @@ std::int32_t chassis_mts_descriptor(std::int32_t handle)
 
 std::uint32_t chassis_mts_node_of_slot(std::uint32_t slot)
 {
-    try {
-        return node_of_slot(slot);
-    } catch (...) {
-        return 0;
-    }
+    return c_boundary(0, [&] { return node_of_slot(slot); });
 }
 
 bool chassis_mts_is_bound(std::uint32_t node, std::uint32_t sap)
 {
-    return mts_guarded([&] { return address_is_bound(node, sap) ? 1 : 0; }) == 1;
+    return c_boundary(false, [&] { return address_is_bound(node, sap); });
 }

@@ -12,19 +12,21 @@
 #include "cmi.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <sys/random.h>
 #include <vector>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
+#include "endpoints.h"
 #include "known_answers.h"
 #include "mts_endpoint.h"
 
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr std::size_t TAG_BYTES = 32;
 constexpr std::int64_t MICROSECONDS = 1'000'000;
 constexpr std::int64_t PEER_CHECK_US = MICROSECONDS;
@@ -168,7 +170,7 @@ int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_m
         errno = EINVAL;
         return -1;
     }
-    return mts_guarded([&] {
+    return c_boundary([&] {
         mts_frame_header header{};
         header.kind = mts_frame_kind::response;
         header.opcode = message->header.opcode;
@@ -200,7 +202,7 @@ int32_t cmi_remote_req_resp(uint32_t opcode, uint32_t request_type, const void *
         errno = EMSGSIZE;
         return -1;
     }
-    return mts_guarded([&] {
+    return c_boundary([&] {
         request_header header{};
         store_tag(header.tag_1, tag_1);
         store_tag(header.tag_2, tag_2);

@@ -1,8 +1,12 @@
 // The message transport's calls (platform/mts.h).
 #include "mts.h"
 
+#include <cerrno>
+
+#include "c_boundary.h"
 #include "chassis_notices.h"
 #include "chassis_transport.h"
+#include "endpoints.h"
 #include "mts_endpoint.h"
 
 namespace
@@ -40,11 +44,11 @@ int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, co
 
 int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name)
 {
-    if (kind != 1 || sap < -1 || options == nullptr) {
+    if (kind != BIND_KIND || sap < ANY_SAP || options == nullptr) {
         errno = EINVAL;
         return -1;
     }
-    return mts_guarded([&] { return mts_endpoint_bind(sap, name); });
+    return c_boundary([&] { return mts_endpoint_bind(sap, name); });
 }
 
 int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10])
@@ -56,7 +60,7 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
         errno = EINVAL;
         return -1;
     }
-    return mts_guarded([&] {
+    return c_boundary([&] {
         std::unique_ptr<mts_message> message = mts_endpoint_take_kept(*endpoint);
         if (!message) {
             const std::int64_t now = mts_now_us();
@@ -98,7 +102,7 @@ int32_t mts_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
         errno = EINVAL;
         return -1;
     }
-    return mts_guarded([&] {
+    return c_boundary([&] {
         const mts_frame_header header = header_of(mts_frame_kind::unsolicited, opcode);
         const mts_payload whole = {payload, length, nullptr, 0};
         if (node == MTS_NODE_LISTENERS)
@@ -118,7 +122,7 @@ int32_t mts_respond_reject(int32_t handle, uint32_t, uint32_t, mts_message_t *me
     }
     if (message->header.kind != mts_frame_kind::request)
         return 0; // nobody waits for an answer
-    return mts_guarded([&] {
+    return c_boundary([&] {
         mts_frame_header header = header_of(mts_frame_kind::reject, message->header.opcode);
         header.request_id = message->header.request_id;
         return mts_endpoint_send(*endpoint, {message->header.source_node, message->header.source_sap}, header, {},

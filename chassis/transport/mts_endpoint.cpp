@@ -1,11 +1,13 @@
 #include "mts_endpoint.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <pthread.h>
 #include <sys/time.h>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "refused_messages.h"
@@ -52,7 +54,7 @@ void remove_all_at_exit()
 {
     for (const auto &endpoint : endpoints()) {
         if (endpoint)
-            (void)mts_guarded([&] {
+            (void)c_boundary([&] {
                 remove_files(*endpoint);
                 return 0;
             });

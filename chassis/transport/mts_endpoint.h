@@ -5,7 +5,6 @@
 #pragma once
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -95,15 +94,3 @@ std::unique_ptr<mts_message> mts_endpoint_take_kept(mts_endpoint &endpoint);
 // 0, or -1 with errno as of mts_send.
 int mts_endpoint_send(mts_endpoint &endpoint, mts_address_t to, mts_frame_header header, const mts_payload &payload,
                       mts_socket_identity *identity_out);
-
-// The platform's callers are C or built without exceptions: nothing thrown (only memory can run out) passes here.
-template<class Call>
-std::int32_t mts_guarded(Call call) noexcept
-{
-    try {
-        return call();
-    } catch (...) {
-        errno = ENOMEM;
-        return -1;
-    }
-}

@@ -1,6 +1,7 @@
 #include "mts_frame.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -9,6 +10,7 @@
 #include <sys/uio.h>
 
 #include "chassis_transport.h"
+#include "write_all.h"
 
 namespace
 {
@@ -81,21 +83,6 @@ bool read_memory_file(int file, std::uint8_t *destination, std::size_t bytes)
         if (got <= 0)
             return false;
         done += static_cast<std::size_t>(got);
-    }
-    return true;
-}
-
-bool write_all(int file, const void *data, std::size_t bytes)
-{
-    const auto *from = static_cast<const std::uint8_t *>(data);
-    while (bytes > 0) {
-        const ssize_t put = ::write(file, from, bytes);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put < 0)
-            return false;
-        from += put;
-        bytes -= static_cast<std::size_t>(put);
     }
     return true;
 }

@@ -10,10 +10,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <sys/socket.h>
 
+#include "free_block.h"
 #include "mts.h"
 #include "unique_fd.h"
 
@@ -53,11 +53,7 @@ static_assert(offsetof(mts_frame_header, request_id) == 24);
 constexpr std::uint32_t MTS_ZEROS_BEHIND_PAYLOAD = 704;
 static_assert(MTS_ZEROS_BEHIND_PAYLOAD >= MTS_READABLE_PAYLOAD_BYTES);
 
-// Owner of a block from malloc.
-struct free_block {
-    void operator()(void *block) const { std::free(block); }
-};
-using mts_block = std::unique_ptr<std::uint8_t, free_block>;
+using mts_block = owned_block<std::uint8_t>;
 
 // A block for a payload, which is not initialised, and the zeros behind it. Null when there is no memory.
 mts_block mts_payload_block(std::uint32_t payload_bytes);

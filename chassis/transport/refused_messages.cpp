@@ -1,24 +1,20 @@
 #include "refused_messages.h"
 
 #include <bit>
-#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 
+#include "c_boundary.h"
 #include "line_file.h"
 
 void mts_note_refused(mts_address_t endpoint, std::uint64_t count, uid_t sender) noexcept
 {
     if (!std::has_single_bit(count))
         return;
-    const int before = errno; // the caller's business is the next message
-    try {
+    best_effort([&] { // the caller's business is the next message
         char text[96];
         (void)std::snprintf(text, sizeof text, "%08x.%08x %" PRIu64 " %u", endpoint.node, endpoint.sap, count,
                             static_cast<unsigned>(sender));
         (void)append_line("transport/refused", text); // what cannot be written is left out
-    } catch (...) {
-        // No memory for a line of diagnostics.
-    }
-    errno = before;
+    });
 }

@@ -114,13 +114,3 @@ std::uint32_t get_sw_card_family(std::uint32_t card_id)
     }
     return NO_CARD_FAMILY;
 }
-
-bool is_tarvik_a_supervisor(std::uint32_t card_id)
-{
-    return card_id == 183 || card_id == 282 || has_flash_selection(card_id);
-}
-
-bool has_flash_selection(std::uint32_t card_id)
-{
-    return card_id == 314 || card_id == 316 || card_id == 318;
-}

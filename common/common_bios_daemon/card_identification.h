@@ -18,10 +18,3 @@ std::uint32_t get_sw_card_family(std::uint32_t card_id);
 } // extern "C"
 
 constexpr std::uint32_t NO_CARD_FAMILY = 9999;
-
-// The tarvik-a supervisors: the BIOS set of module 18 is the one meant, whatever module a request names, and
-// the own card id, not the module's, selects the flash entries.
-bool is_tarvik_a_supervisor(std::uint32_t card_id);
-
-// The boards whose BIOS flash is selected through a card control register.
-bool has_flash_selection(std::uint32_t card_id);

@@ -31,8 +31,8 @@ constexpr const char *WORK_IMAGE = "/tmp/new_bios";
 constexpr const char *WORK_DIGEST = "/tmp/chksum";
 constexpr const char *DIGEST_COMMAND = "/usr/bin/md5sum /tmp/new_bios";
 
-constexpr std::int32_t CHECKSUM_NOT_OPENED = -1081147420;
-constexpr std::int32_t CHECKSUM_NOT_WRITTEN = -1081147426;
+constexpr std::int32_t CHECKSUM_NOT_OPENED = -bios_signed(BIOS_ERR_IMAGE_VERSION_READ);
+constexpr std::int32_t CHECKSUM_NOT_WRITTEN = -bios_signed(BIOS_ERR_WORK_FILE);
 
 constexpr std::int32_t FIELD_DIGITS = 2;
 constexpr std::int32_t MONTH_LETTERS = 3;

@@ -11,6 +11,7 @@
 #include "chassis_dir.h"
 #include "flash_folder.h"
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -26,20 +27,6 @@ bool make_folders(const std::string &path)
         if (end == std::string::npos)
             return true;
     }
-}
-
-bool write_whole(int fd, const std::uint8_t *bytes, std::size_t length)
-{
-    while (length > 0) {
-        const ssize_t put = ::write(fd, bytes, length);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put < 0)
-            return false;
-        bytes += put;
-        length -= static_cast<std::size_t>(put);
-    }
-    return true;
 }
 
 // Copies the image and tells how many bytes it had.
@@ -59,7 +46,7 @@ bool copy_image(int destination, const std::string &image_path, std::uint32_t li
             errno = EFBIG;
             return false;
         }
-        if (!write_whole(destination, piece.data(), static_cast<std::size_t>(got)))
+        if (!write_all(destination, piece.data(), static_cast<std::size_t>(got)))
             return false;
         copied += static_cast<std::uint32_t>(got);
     }
@@ -78,7 +65,7 @@ bool write_contents(const std::string &path, std::uint32_t size_bytes, const std
     while (written < size_bytes) {
         const std::uint32_t rest = size_bytes - written;
         const std::uint32_t length = rest < PIECE_BYTES ? rest : static_cast<std::uint32_t>(PIECE_BYTES);
-        if (!write_whole(data.get(), erased.data(), length))
+        if (!write_all(data.get(), erased.data(), length))
             return false;
         written += length;
     }

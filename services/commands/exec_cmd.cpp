@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "spawn_actions.h"
 #include "unique_fd.h"
 
 namespace
@@ -54,32 +54,6 @@ int32_t wait_for(pid_t child)
     }
     return status;
 }
-
-class spawn_actions
-{
-public:
-    spawn_actions() { result_ = ::posix_spawn_file_actions_init(&actions_); }
-    spawn_actions(const spawn_actions &) = delete;
-    spawn_actions &operator=(const spawn_actions &) = delete;
-    ~spawn_actions() { (void)::posix_spawn_file_actions_destroy(&actions_); }
-
-    void connect(int fd, int stream)
-    {
-        if (result_ == 0)
-            result_ = ::posix_spawn_file_actions_adddup2(&actions_, fd, stream);
-    }
-    void close(int stream)
-    {
-        if (result_ == 0)
-            result_ = ::posix_spawn_file_actions_addclose(&actions_, stream);
-    }
-    [[nodiscard]] int result() const { return result_; }
-    const posix_spawn_file_actions_t *get() const { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_{};
-    int result_ = 0;
-};
 
 int32_t run(const char *command, const command_streams &streams)
 {

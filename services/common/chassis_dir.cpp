@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "pfm.h"
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -50,7 +52,8 @@ void attach_from_environment()
     own.known = true;
     own.dir_fd = dir_from_environment();
     unsigned long long slot = 0;
-    if (const char *text = std::getenv(CHASSIS_ENV_SLOT); text != nullptr && parse_number(text, 232, slot))
+    if (const char *text = std::getenv(CHASSIS_ENV_SLOT);
+        text != nullptr && parse_number(text, PFM_MODULE_COUNT, slot))
         own.slot = static_cast<unsigned>(slot);
 }
 
@@ -139,18 +142,11 @@ bool chassis_write_file(const std::string &path, const std::string &content)
             ::openat(chassis_dir_fd(), fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!file)
             return false;
-        std::size_t done = 0;
-        while (done < content.size()) {
-            const ssize_t put = ::write(file.get(), content.data() + done, content.size() - done);
-            if (put < 0 && errno == EINTR)
-                continue;
-            if (put < 0) {
-                const int failure = errno;
-                ::unlinkat(chassis_dir_fd(), fresh.c_str(), 0);
-                errno = failure;
-                return false;
-            }
-            done += static_cast<std::size_t>(put);
+        if (!write_all(file.get(), content.data(), content.size())) {
+            const int failure = errno;
+            ::unlinkat(chassis_dir_fd(), fresh.c_str(), 0);
+            errno = failure;
+            return false;
         }
     }
     return ::renameat(chassis_dir_fd(), fresh.c_str(), chassis_dir_fd(), path.c_str()) == 0;

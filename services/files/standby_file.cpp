@@ -15,6 +15,7 @@
 
 #include "chassis_dir.h"
 #include "unique_fd.h"
+#include "write_all.h"
 
 namespace
 {
@@ -112,20 +113,6 @@ unique_fd open_source(const char *path, struct stat &status)
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     }
     return source;
-}
-
-bool write_all(int fd, const char *data, std::size_t length)
-{
-    while (length > 0) {
-        const ssize_t put = ::write(fd, data, length);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put < 0)
-            return false;
-        data += put;
-        length -= static_cast<std::size_t>(put);
-    }
-    return true;
 }
 
 bool copy_content(int source, int destination)

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <optional>
@@ -10,6 +9,7 @@
 
 #include "bios_header.h"
 #include "bios_results.h"
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_event_log.h"
 #include "flash_folder.h"
@@ -54,18 +54,6 @@ std::uint64_t steady_ms()
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-template<class call>
-void leave_errno(call &&work) noexcept
-{
-    const int before = errno; // the caller's business is the flash
-    try {
-        work();
-    } catch (...) {
-        // No memory for a line of diagnostics.
-    }
-    errno = before;
-}
-
 flash_event event_of(std::uint32_t instance, flash_event_kind kind)
 {
     return {.slot = chassis_own_slot(), .instance = instance, .kind = kind};
@@ -103,7 +91,7 @@ void end_failed_programming(std::uint32_t instance)
 
 void at_exit()
 {
-    leave_errno([] {
+    best_effort([] {
         for (std::uint32_t instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
             end_failed_programming(instance);
     });
@@ -180,7 +168,7 @@ flash_attempt_events::flash_attempt_events(const flash_device &flash, std::uint3
       was_marked_(flash.is_marked()),
       begun_ms_(steady_ms())
 {
-    leave_errno([&] {
+    best_effort([&] {
         flash_event event = event_of(instance_, flash_event_kind::attempt);
         event.image_bytes = image.size_bytes();
         event.version = version_of(image);
@@ -195,7 +183,7 @@ flash_attempt_events::flash_attempt_events(const flash_device &flash, std::uint3
       was_marked_(flash.is_marked()),
       begun_ms_(steady_ms())
 {
-    leave_errno(
+    best_effort(
         [&] { begin_attempt(instance_, ERASE, was_marked_, event_of(instance_, flash_event_kind::begun)); });
 }
 
@@ -208,7 +196,7 @@ flash_attempt_events::~flash_attempt_events()
 std::int32_t flash_attempt_events::ended(std::int32_t result) noexcept
 {
     has_ended_ = true;
-    leave_errno([&] {
+    best_effort([&] {
         open_programming *open = own_programming(instance_);
         if (open == nullptr)
             return;
@@ -234,7 +222,7 @@ std::int32_t flash_attempt_events::ended(std::int32_t result) noexcept
 
 std::int32_t flash_attempt_refused(std::uint32_t instance, std::uint32_t attempt, std::int32_t result) noexcept
 {
-    leave_errno([&] {
+    best_effort([&] {
         if (instance >= FLASH_INSTANCE_COUNT)
             return;
         flash_event event = event_of(instance, flash_event_kind::refused);
@@ -257,7 +245,7 @@ std::int32_t flash_attempt_refused(std::uint32_t instance, std::uint32_t attempt
 void flash_found_marked(std::uint32_t instance) noexcept
 {
     static std::array<pid_t, FLASH_INSTANCE_COUNT> told_by{};
-    leave_errno([&] {
+    best_effort([&] {
         // Looking for a writer would take the lock away by which this process is known as one.
         if (instance >= FLASH_INSTANCE_COUNT || told_by[instance] == ::getpid() ||
             own_programming(instance) != nullptr)

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
@@ -160,13 +160,9 @@ std::optional<flash_progress_line> flash_progress_parse(std::string_view text)
 void flash_progress_note(unsigned slot, unsigned instance, bios_programming_phase phase, std::uint32_t percent,
                          std::uint32_t attempt) noexcept
 {
-    const int before = errno; // the caller's business is the flash
-    try {
+    best_effort([&] { // the caller's business is the flash
         note(slot, instance, {.phase = phase, .percent = percent, .attempt = attempt, .pid = 0, .since = {}});
-    } catch (...) {
-        // No memory for a line of diagnostics.
-    }
-    errno = before;
+    });
 }
 
 flash_activity flash_activity_of(unsigned slot, unsigned instance)

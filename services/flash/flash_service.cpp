@@ -10,9 +10,9 @@
 #include <memory>
 
 #include "bios_results.h"
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_device.h"
-#include "flash_guard.h"
 #include "flash_image.h"
 #include "flash_programming.h"
 #include "flash_programming_events.h"
@@ -70,7 +70,7 @@ std::int32_t program_bios_flash(std::int32_t handle, std::uint32_t requester_nod
     (void)own_module; // the chassis knows the card by its slot
     flash_progress progress(image_type, handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
-    return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
+    return c_boundary(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         return program_flash(path, image_type, attempt, flash_programming_mode::erase_and_write, progress);
     });
 }
@@ -87,7 +87,7 @@ std::uint32_t ibexpeak_bios_which_flash(const char *name, std::uint32_t variant)
 
 std::int32_t ibexpeak_bios_flash_erase(std::uint32_t selector)
 {
-    return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
+    return c_boundary(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         std::int32_t failure = 0;
         const auto flash = open_for_writing(instance_of(selector), failure);
         if (!flash)
@@ -105,7 +105,7 @@ std::int32_t ibexpeak_program_bios_command_ex(const char *path, std::uint32_t se
     (void)own_module; // the chassis knows the card by its slot
     flash_progress progress(instance_of(selector), handle, requester_node, requester_sap, attempt,
                             static_cast<bios_flash_progress_area_t *>(progress_area));
-    return without_exceptions(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
+    return c_boundary(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
         return program_flash(path, instance_of(selector), attempt, flash_programming_mode::write_only, progress);
     });
 }

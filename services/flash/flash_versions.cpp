@@ -5,9 +5,9 @@
 
 #include "bios_header.h"
 #include "bios_results.h"
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_device.h"
-#include "flash_guard.h"
 #include "flash_image.h"
 #include "flash_programming_events.h"
 
@@ -46,7 +46,7 @@ std::int32_t header_version(const std::uint8_t *header_bytes, char *version_out)
 std::int32_t flash_version(char *version_out, std::uint32_t flash_select)
 {
     std::memset(version_out, 0, BIOS_VERSION_TEXT_BYTES);
-    return without_exceptions(BIOS_READER_NO_ACCESS, [&]() -> std::int32_t {
+    return c_boundary(BIOS_READER_NO_ACCESS, [&]() -> std::int32_t {
         const auto flash = flash_device::open(flash_select, flash_access::read);
         if (!flash)
             return BIOS_READER_NO_ACCESS;
@@ -61,7 +61,7 @@ std::int32_t flash_version(char *version_out, std::uint32_t flash_select)
 std::int32_t image_version(const char *image_path, std::uint32_t phys_offset, char *version_out)
 {
     std::memset(version_out, 0, BIOS_VERSION_TEXT_BYTES);
-    return without_exceptions(BIOS_READER_NO_ACCESS, [&]() -> std::int32_t {
+    return c_boundary(BIOS_READER_NO_ACCESS, [&]() -> std::int32_t {
         const auto image = flash_image::open(image_path);
         if (!image)
             return BIOS_READER_NO_ACCESS;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
-#include "pfm.h"
 
 std::uint32_t inventory_value(unsigned slot, const char *name, std::uint32_t limit)
 {
@@ -15,9 +14,4 @@ std::uint32_t inventory_value(unsigned slot, const char *name, std::uint32_t lim
 bool inventory_has(unsigned slot, const char *name)
 {
     return ::faccessat(chassis_dir_fd(), chassis_inventory_path(slot, name).c_str(), F_OK, 0) == 0;
-}
-
-bool is_supervisor_kind(std::uint32_t kind)
-{
-    return kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
 }

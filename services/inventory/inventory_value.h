@@ -4,14 +4,8 @@
 
 #include <cstdint>
 
-constexpr unsigned MODULE_FIRST = 1;
-constexpr unsigned MODULE_LAST = 232;
-
 // Value of inventory/SLOT/NAME; 0 when the file is absent, holds no number or one above limit.
 std::uint32_t inventory_value(unsigned slot, const char *name, std::uint32_t limit = UINT32_MAX);
 
 // Tells whether the file inventory/SLOT/NAME is there.
 bool inventory_has(unsigned slot, const char *name);
-
-// Tells whether a kind (PFM_KIND_...) is one of the supervisors'.
-bool is_supervisor_kind(std::uint32_t kind);

@@ -5,7 +5,9 @@
 #include <exception>
 
 #include "chassis_dir.h"
+#include "daemon_node.h"
 #include "inventory_value.h"
+#include "pfm.h"
 #include "standby_file.h"
 
 namespace
@@ -14,7 +16,7 @@ namespace
 // Slot of the other supervisor that is on standby, 0 when there is none.
 unsigned standby_slot()
 {
-    for (unsigned slot = MODULE_FIRST; slot <= MODULE_LAST; ++slot) {
+    for (unsigned slot = 1; slot <= PFM_MODULE_COUNT; ++slot) {
         if (slot == chassis_own_slot())
             continue;
         if (is_supervisor_kind(inventory_value(slot, "kind")) &&

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "c_boundary.h"
 #include "chassis_dir.h"
 #include "chassis_module_lock.h"
 #include "module_lock_record.h"
@@ -111,18 +112,6 @@ int collect_others(const client &client, std::uint32_t first, std::uint32_t end,
                                                                  : collect_others(client, found_end, end, held);
 }
 
-// The callers are built without exceptions; only memory can run out.
-template<class Call>
-std::int32_t guarded(Call call) noexcept
-{
-    try {
-        return call();
-    } catch (...) {
-        errno = ENOMEM;
-        return -1;
-    }
-}
-
 std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
 {
     if (!is_open(client))
@@ -135,7 +124,7 @@ std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, st
         return -1;
     }
     // The lock is what counts: where its record cannot be written, the holder is only not shown by name.
-    (void)guarded([&] { return module_lock_record_write(node_id, owner, reason) ? 0 : -1; });
+    (void)c_boundary([&] { return module_lock_record_write(node_id, owner, reason) ? 0 : -1; });
     return 0;
 }
 
@@ -159,7 +148,7 @@ std::int32_t release(client &client, std::uint16_t node_id)
 
 int32_t modlock_init(void)
 {
-    return guarded([] {
+    return c_boundary([] {
         client &client = this_client();
         client.own.clear(); // opening anew closes the old descriptor, and with it go all locks
         return open_lock_file(client) ? 0 : -1;
@@ -172,14 +161,14 @@ int32_t modlock_module_lock(uint32_t owner, uint32_t node_id, const uint32_t req
         errno = EINVAL;
         return -1;
     }
-    return guarded([&] {
+    return c_boundary([&] {
         return take(this_client(), static_cast<std::uint16_t>(node_id), owner, request[REQUEST_REASON_WORD]);
     });
 }
 
 int32_t modlock_module_unlock(uint32_t, uint32_t node_id)
 {
-    return guarded([&] { return release(this_client(), static_cast<std::uint16_t>(node_id)); });
+    return c_boundary([&] { return release(this_client(), static_cast<std::uint16_t>(node_id)); });
 }
 
 std::vector<chassis_module_lock_holder> chassis_module_lock_holders(int &error_out)

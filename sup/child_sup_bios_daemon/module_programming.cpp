@@ -8,14 +8,11 @@
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "module_node.h"
 
 namespace
 {
-
-constexpr std::uint32_t REQUEST_TYPE = 3;
-constexpr const char *REQUEST_TAG = "ABCD";
-constexpr std::uint32_t REQUEST_WAIT_LIMIT = 1800;
 
 constexpr int MAX_TIME_OUTS = 1800; // one more ends the wait
 constexpr std::uint32_t RECEIVE_WAIT_LIMIT = 1;
@@ -46,9 +43,9 @@ std::int32_t bios_prog_in_modules(std::int32_t handle, const pfm_module_record_t
 
     void *response = nullptr;
     std::uint32_t length = sizeof *request_body;
-    const std::int32_t rc =
-        cmi_remote_req_resp(MTS_OPC_BIOS_PROGRAMMING_START, REQUEST_TYPE, request_body, &response, &length,
-                            REQUEST_TAG, REQUEST_TAG, BIOS_DAEMON_SAP, node, handle, REQUEST_WAIT_LIMIT);
+    const std::int32_t rc = cmi_remote_req_resp(MTS_OPC_BIOS_PROGRAMMING_START, REQUEST_TYPE, request_body,
+                                                &response, &length, MODULE_REQUEST_TAG, MODULE_REQUEST_TAG,
+                                                BIOS_DAEMON_SAP, node, handle, MODULE_REQUEST_WAIT_LIMIT);
     const int request_errno = errno;
     std::free(response);
     BIOS_LOG("resp = %d", rc);

@@ -5,10 +5,6 @@
 
 #include "mts.h"
 
-// Six words that every endpoint of the daemon is bound with; their meaning is the transport's.
-constexpr std::uint32_t BIND_OPTIONS[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
-constexpr std::uint32_t BIND_KIND = 1;
-
 struct daemon_context {
     std::int32_t handle;               // the daemon's endpoint
     std::uint8_t my_module_num;        // own slot

@@ -4,6 +4,7 @@
 
 #include "bios_log.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "card_identification.h"
 #include "cctrl.h"
 

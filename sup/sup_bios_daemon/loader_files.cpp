@@ -9,6 +9,7 @@
 #include "free_block.h"
 #include "image_files.h"
 #include "loader_partition.h"
+#include "request_body.h"
 
 namespace
 {
@@ -44,8 +45,7 @@ void answer_failure(const daemon_context &context, mts_message_t *message, std::
 void answer_with_file(daemon_context &context, mts_message_t *message, file_source clone)
 {
     context.payload = mts_payload_get(message);
-    const auto *body = static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES;
-    const std::uint32_t length = reinterpret_cast<const bios_loader_file_req_t *>(body)->length.load();
+    const std::uint32_t length = request_body<bios_loader_file_req_t>(context.payload).length.load();
 
     constexpr std::uint32_t HEADER_BYTES = sizeof(bios_loader_file_reply_t);
     if (length > LARGEST_BLOCK_BYTES - HEADER_BYTES)

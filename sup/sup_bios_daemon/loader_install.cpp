@@ -18,6 +18,7 @@
 #include "image_files.h"
 #include "loader_partition.h"
 #include "output_redirection.h"
+#include "request_body.h"
 #include "text_field.h"
 
 namespace
@@ -129,9 +130,7 @@ std::uint32_t install_loader(const char *image_path)
 std::uint32_t handle_install_loader(daemon_context &context, mts_message_t *message)
 {
     context.payload = mts_payload_get(message);
-    bios_install_loader_req_t request;
-    std::memcpy(&request, static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES,
-                sizeof request);
+    const auto request = request_body<bios_install_loader_req_t>(context.payload);
     const field_text image_path(request.image_path);
     const std::uint32_t result = install_loader(image_path.text);
     if (request.remove_image.load() != 0)

@@ -14,6 +14,7 @@
 #include "card_identification.h"
 #include "card_table.h"
 #include "daemon_context.h"
+#include "endpoints.h"
 #include "exit_handler.h"
 #include "message_loop.h"
 #include "modlock.h"

@@ -10,8 +10,10 @@
 #include "bios_messages.h"
 #include "bios_results.h"
 #include "cmi.h"
+#include "daemon_node.h"
 #include "modlock.h"
 #include "module_node.h"
+#include "request_body.h"
 
 namespace
 {
@@ -22,7 +24,7 @@ constexpr std::uint32_t PEER_LOCK_ERRNO_MASK = 0xfff;
 
 constexpr std::uint32_t supervisor_node_id(std::uint32_t module)
 {
-    return (module * 256 + 1) & 0xffff;
+    return daemon_node(module, true);
 }
 
 std::uint32_t target_node_id(std::int32_t handle, std::uint32_t module)
@@ -109,12 +111,11 @@ std::int32_t bios_daemon_release_lock(std::int32_t handle, std::uint32_t my_modu
 
 void serve_module_lock(std::int32_t handle, mts_message_t *message, const void *payload)
 {
-    const auto *body = static_cast<const std::uint8_t *>(payload) + MTS_REQUEST_HEADER_BYTES;
-    const auto *request = reinterpret_cast<const bios_module_lock_req_t *>(body);
-    const std::uint32_t node_id = request->node_id.load() & 0xffff;
+    const auto request = request_body<bios_module_lock_req_t>(payload);
+    const std::uint32_t node_id = request.node_id.load() & 0xffff;
 
     std::uint32_t result = BIOS_OK;
-    switch (request->operation.load()) {
+    switch (request.operation.load()) {
     case BIOS_MODULE_LOCK_TAKE:
         result = lock_for_peer(node_id);
         break;
@@ -125,6 +126,6 @@ void serve_module_lock(std::int32_t handle, mts_message_t *message, const void *
         break;
     }
 
-    const bios_module_lock_reply_t reply{request->operation, request->node_id, be32::of(result)};
+    const bios_module_lock_reply_t reply{request.operation, request.node_id, be32::of(result)};
     (void)cmi_response(&reply, sizeof reply, handle, message, 0);
 }

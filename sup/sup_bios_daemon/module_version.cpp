@@ -8,6 +8,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "free_block.h"
 #include "module_node.h"
 #include "text_field.h"
@@ -16,10 +17,7 @@
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
-constexpr const char *REQUEST_FILLER = "ABCD"; // also the request's payload; no receiver looks at it
-constexpr std::uint32_t REQUEST_FILLER_BYTES = 4;
-constexpr std::uint32_t REQUEST_WAIT_LIMIT = 1800;
+constexpr std::uint32_t REQUEST_BODY_BYTES = 4; // the tag; no receiver looks at it
 
 constexpr std::uint32_t FORWARDED_SWID = 11; // whatever the module sent
 constexpr const char *FORWARDED_LABEL = "swid-bios";
@@ -148,10 +146,10 @@ std::int32_t bios_get_version_info_from_mod(std::int32_t handle, std::uint32_t m
     BIOS_LOG("mod=%d dest_node=%x\n", static_cast<int>(module), node);
 
     void *response_block = nullptr;
-    std::uint32_t length = REQUEST_FILLER_BYTES;
-    const std::int32_t rc =
-        cmi_remote_req_resp(MTS_OPC_BIOS_GET_LC_BIOS_VERSION, REQUEST_TYPE, &length, &response_block, &length,
-                            REQUEST_FILLER, REQUEST_FILLER, BIOS_DAEMON_SAP, node, handle, REQUEST_WAIT_LIMIT);
+    std::uint32_t length = REQUEST_BODY_BYTES;
+    const std::int32_t rc = cmi_remote_req_resp(MTS_OPC_BIOS_GET_LC_BIOS_VERSION, REQUEST_TYPE, &length,
+                                                &response_block, &length, MODULE_REQUEST_TAG, MODULE_REQUEST_TAG,
+                                                BIOS_DAEMON_SAP, node, handle, MODULE_REQUEST_WAIT_LIMIT);
     const owned_block<void> response(response_block);
     BIOS_LOG("resp = %d\n", rc);
     if (rc != 0) {

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "bios_daemon_state.h"
 #include "bios_flash.h"
@@ -22,6 +21,21 @@ namespace
 constexpr std::int32_t NO_MEMORY = 12;
 constexpr std::size_t PATH_BYTES = 256;
 constexpr std::size_t SCRATCH_BYTES = 256;
+
+// The image that a request names. A text that fills its field is cut there.
+class named_image
+{
+public:
+    explicit named_image(const bios_src_version_req &request) : in_tree_(request.def != 0)
+    {
+        (void)std::snprintf(path_, sizeof path_, "%.*s", static_cast<int>(sizeof path_ - 1), request.image_path);
+    }
+    const char *path() const { return in_tree_ ? nullptr : path_; } // null for the image tree
+
+private:
+    bool in_tree_;
+    char path_[sizeof(bios_src_version_req::image_path)];
+};
 
 // What the walk over the rows works on.
 struct walk {
@@ -121,10 +135,37 @@ row_outcome report_row(walk &w, const bios_flash_entry &row, std::uint32_t k, st
     return row_outcome::next_row;
 }
 
-std::int32_t report_without_entries(std::int32_t handle, mts_message_t *msg, std::uint32_t length,
+void walk_rows(walk &w, const bios_card_table &table)
+{
+    for (std::uint32_t k = 0; k < table.count; ++k) {
+        send_progress(w, k, table.count);
+        if (report_row(w, table.entries()[k], k, table.count) == row_outcome::end_of_walk)
+            return;
+    }
+}
+
+// The rows of this card, or null and why there are none.
+owned_card_table own_rows(std::int32_t &status)
+{
+    BIOS_LOG("get the sw card id.....");
+    card_module_info_t info = {};
+    if (get_card_module_info(&info) != 0) {
+        BIOS_LOG("SYSERR_BIOS_PFM_GET_MODULES_FAILED.");
+        status = bios_signed(BIOS_ERR_MODULE_INFO);
+        return nullptr;
+    }
+    BIOS_LOG("sw card id = %d", info.card_id);
+    const bool first_generation = info.card_id == 39 || info.card_id == 44 || info.card_id == 40;
+    BIOS_LOG("%s", first_generation ? "case 1" : "case 2"); // told apart in the log alone
+    owned_card_table table(bios_get_card_id_ent(info.card_id, 0));
+    status = table == nullptr ? bios_signed(BIOS_ERR_NO_ENTRIES) : 0;
+    return table;
+}
+
+std::int32_t report_without_entries(std::int32_t handle, mts_message_t *msg, std::size_t length,
                                     std::int32_t status)
 {
-    (void)cmi_response(nullptr, length, handle, msg, 0);
+    (void)cmi_response(nullptr, static_cast<std::uint32_t>(length), handle, msg, 0);
     return status;
 }
 
@@ -132,44 +173,22 @@ std::int32_t report_without_entries(std::int32_t handle, mts_message_t *msg, std
 
 std::int32_t bios_return_src_version(std::int32_t handle, const bios_src_version_req *request, mts_message_t *msg)
 {
-    char cut_path[sizeof request->image_path]; // a text that fills its field is cut there
-    const char *image_path = request->def != 0 ? nullptr : request->image_path;
-    if (image_path != nullptr && std::memchr(image_path, '\0', sizeof request->image_path) == nullptr) {
-        (void)std::snprintf(cut_path, sizeof cut_path, "%.*s", static_cast<int>(sizeof cut_path - 1), image_path);
-        image_path = cut_path;
-    }
-
-    BIOS_LOG("get the sw card id.....");
-    card_module_info_t info = {};
-    if (get_card_module_info(&info) != 0) {
-        BIOS_LOG("SYSERR_BIOS_PFM_GET_MODULES_FAILED.");
-        return report_without_entries(handle, msg, sizeof(bios_src_version_reply),
-                                      bios_signed(BIOS_ERR_MODULE_INFO));
-    }
-    BIOS_LOG("sw card id = %d", info.card_id);
-    const bool first_generation = info.card_id == 39 || info.card_id == 44 || info.card_id == 40;
-    BIOS_LOG("%s", first_generation ? "case 1" : "case 2"); // told apart in the log alone
-    owned_card_table table(bios_get_card_id_ent(info.card_id, 0));
+    const named_image image(*request);
+    std::int32_t status = 0;
+    owned_card_table table = own_rows(status);
     if (table == nullptr)
-        return report_without_entries(handle, msg, sizeof(bios_src_version_reply),
-                                      bios_signed(BIOS_ERR_NO_ENTRIES));
+        return report_without_entries(handle, msg, sizeof(bios_src_version_reply), status);
 
-    const std::uint32_t rows = table->count;
-    const std::size_t length = sizeof(bios_src_version_reply) + rows * sizeof(bios_src_version_entry);
+    const std::size_t length = sizeof(bios_src_version_reply) + table->count * sizeof(bios_src_version_entry);
     const owned_block<std::uint8_t> reply(static_cast<std::uint8_t *>(std::calloc(1, length)));
     if (reply == nullptr) {
         table.reset();
-        return report_without_entries(handle, msg, static_cast<std::uint32_t>(length), NO_MEMORY);
+        return report_without_entries(handle, msg, length, NO_MEMORY);
     }
 
     auto *entries = reinterpret_cast<bios_src_version_entry *>(reply.get() + sizeof(bios_src_version_reply));
-    walk w = {handle, *request, image_path, entries, 0, 0};
-    for (std::uint32_t k = 0; k < rows; ++k) {
-        send_progress(w, k, rows);
-        if (report_row(w, table->entries()[k], k, rows) == row_outcome::end_of_walk)
-            break;
-    }
-
+    walk w = {handle, *request, image.path(), entries, 0, 0};
+    walk_rows(w, *table);
     auto *header = reinterpret_cast<bios_src_version_reply *>(reply.get());
     header->status.store(static_cast<std::uint32_t>(w.status));
     header->count.store(w.filled);

@@ -1,13 +1,7 @@
 #include "tarvik_a_override.h"
 
 #include "bios_log.h"
-
-namespace
-{
-
-constexpr std::uint32_t TARVIK_A_MODULE_NUM = 18;
-
-} // namespace
+#include "card_groups.h"
 
 std::uint32_t override_module_num(std::uint32_t sup_id, std::uint32_t module_num, std::uint32_t my_module_num)
 {

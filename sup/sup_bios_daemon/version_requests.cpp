@@ -1,6 +1,5 @@
 #include "version_requests.h"
 
-#include <cstring>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -8,8 +7,10 @@
 #include "bios_log.h"
 #include "bios_messages.h"
 #include "bios_results.h"
+#include "card_groups.h"
 #include "card_identification.h"
 #include "module_version.h"
+#include "request_body.h"
 #include "self_version.h"
 #include "source_version.h"
 #include "tarvik_a_override.h"
@@ -27,20 +28,13 @@ void set_priority(int priority)
     (void)::setpriority(PRIO_PROCESS, static_cast<id_t>(::getpid()), priority);
 }
 
-const std::uint8_t *fetch_body(daemon_context &context, mts_message_t *message)
-{
-    context.payload = mts_payload_get(message);
-    return static_cast<const std::uint8_t *>(context.payload) + MTS_REQUEST_HEADER_BYTES;
-}
-
 } // namespace
 
 std::uint32_t handle_get_src_bios_version(daemon_context &context, mts_message_t *message)
 {
-    const std::uint8_t *body = fetch_body(context, message);
+    context.payload = mts_payload_get(message);
     BIOS_LOG("called MTS_OPC_BIOS_GET_SRC_BIOS_VERSION");
-    bios_src_version_req request;
-    std::memcpy(&request, body, sizeof request);
+    const auto request = request_body<bios_src_version_req>(context.payload);
     const bool low_priority = request.progress_addr.sap == LOW_PRIORITY_SAP;
     if (low_priority)
         set_priority(LOW_PRIORITY);
@@ -52,10 +46,9 @@ std::uint32_t handle_get_src_bios_version(daemon_context &context, mts_message_t
 
 std::uint32_t handle_get_mod_bios_version(daemon_context &context, mts_message_t *message)
 {
-    bios_mod_version_req_t request;
-    std::memcpy(&request, fetch_body(context, message), sizeof request);
+    context.payload = mts_payload_get(message);
     BIOS_LOG("called MTS_OPC_BIOS_GET_MOD_BIOS_VERSION");
-    std::uint32_t module_num = request.module_num.load();
+    std::uint32_t module_num = request_body<bios_mod_version_req_t>(context.payload).module_num.load();
     BIOS_LOG("NEW VERSION: SUP : Got version request for mod=%d my mod = %d", static_cast<int>(module_num),
              context.my_module_num);
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "bios_flash_entry.h"
+#include "free_block.h"
 
 extern "C" {
 
@@ -15,3 +16,5 @@ extern const std::uint32_t max_bios_id_entries;
 bios_card_table *bios_get_card_id_ent(std::uint32_t card_id, std::uint32_t reserved);
 
 } // extern "C"
+
+using owned_card_table = owned_block<bios_card_table>;

@@ -33,7 +33,7 @@ struct path_copy {
 
 bool flash_left_unprogrammed(std::int32_t result)
 {
-    return result == bios_signed(BIOS_ERR_ERASE) || result == bios_signed(BIOS_ERR_PROGRAM);
+    return result == bios_signed(BIOS_FLASH_ERR_ERASE) || result == bios_signed(BIOS_FLASH_ERR_PROGRAM);
 }
 
 void warn_of_corrupted_bios()

@@ -7,20 +7,19 @@
 #include "bios_opcodes.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "version_messages.h"
 
 namespace
 {
 
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr std::uint32_t WAIT_LIMIT_S = 60;
-constexpr std::uint32_t BIND_OPTIONS[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
 constexpr std::uint32_t NEVER_LOCKED = 0x4242; // node id of no card
 
 } // namespace
 
 lock_client::lock_client(unsigned slot)
-    : handle_(mts_bind(1, -1, BIND_OPTIONS, "bench")),
+    : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "bench")),
       node_(chassis_mts_node_of_slot(slot)),
       body_(be32_bytes(BIOS_MODULE_LOCK_RELEASE) + be32_bytes(NEVER_LOCKED))
 {

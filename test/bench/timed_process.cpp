@@ -2,11 +2,12 @@
 
 #include <fcntl.h>
 #include <filesystem>
-#include <spawn.h>
 #include <stdexcept>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "spawn_actions.h"
 
 double run_timed_ms(const std::vector<std::string> &command)
 {
@@ -15,17 +16,16 @@ double run_timed_ms(const std::vector<std::string> &command)
         arguments.push_back(const_cast<char *>(word.c_str())); // posix_spawn changes none
     arguments.push_back(nullptr);
 
-    posix_spawn_file_actions_t to_nowhere;
-    ::posix_spawn_file_actions_init(&to_nowhere);
-    ::posix_spawn_file_actions_addopen(&to_nowhere, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    spawn_actions to_nowhere;
+    to_nowhere.open("/dev/null", O_WRONLY, STDOUT_FILENO);
     int status = -1;
     bool ran = false;
     const double took = timed_ms([&] {
         pid_t process = -1;
-        ran = ::posix_spawnp(&process, arguments[0], &to_nowhere, nullptr, arguments.data(), environ) == 0 &&
+        ran = to_nowhere.result() == 0 &&
+              ::posix_spawnp(&process, arguments[0], to_nowhere.get(), nullptr, arguments.data(), environ) == 0 &&
               ::waitpid(process, &status, 0) == process;
     });
-    ::posix_spawn_file_actions_destroy(&to_nowhere);
     if (!ran || status != 0)
         throw std::runtime_error(command[0] + " failed");
     return took;

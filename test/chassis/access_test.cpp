@@ -11,6 +11,7 @@
 #include "chassis_dir.h"
 #include "chassis_fixture.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "mts_frame.h"
 #include "other_user.h"
 
@@ -308,8 +309,7 @@ TEST_P(AccessOfAnotherUser, ChangesNothingOfTheTransport)
         "leave a notice", [this] {
             if (chassis_attach(chassis_directory(), 0) != 0)
                 return errno;
-            const std::uint32_t options[6] = {1, 0, 1024, 0, 0, 15};
-            const std::int32_t handle = mts_bind(1, -1, options, "test");
+            const std::int32_t handle = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "test");
             return handle < 0 || mts_send(handle, MTS_NODE_LISTENERS, 0, 4792, "x", 1, 0, 0, 0) < 0 ? errno : 0;
         }};
     expect_refused({notice}); // the owner's makes the file

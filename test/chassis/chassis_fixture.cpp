@@ -13,6 +13,7 @@
 
 #include "bios_flash.h"
 #include "chassis_dir.h"
+#include "daemon_node.h"
 #include "without_pauses.h"
 
 namespace
@@ -368,7 +369,7 @@ bool chassis_test::is_locked(unsigned slot) const
     struct flock lock = {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    lock.l_start = static_cast<off_t>(slot * 256 + 1);
+    lock.l_start = static_cast<off_t>(daemon_node(slot, true));
     lock.l_len = 1;
     return ::fcntl(file.get(), F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "bios_flash.h"
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "chassis_fixture.h"
@@ -108,8 +109,8 @@ TEST_F(ForwardedProgramming, IsTheRequestAsItCameAndItsProgressIsRelayedUnchange
     EXPECT_EQ(locks_held(), BOTH_BY_THE_ACTIVE);
     EXPECT_TRUE(card_has(ACTIVE, RUNNING_VERSION_RECORD));
 
-    ASSERT_TRUE(target().send_end(BIOS_ERR_ERASE));
-    expect_end(asking, BIOS_ERR_ERASE);
+    ASSERT_TRUE(target().send_end(BIOS_FLASH_ERR_ERASE));
+    expect_end(asking, BIOS_FLASH_ERR_ERASE);
     EXPECT_EQ(seen_.progress.size(), 3U);
     EXPECT_FALSE(card_has(ACTIVE, RUNNING_VERSION_RECORD)) << "the record outlived the failure";
     for (const char *line : {"mod=2 dest_node=201", "resp = 0", "MTS_OPC_BIOS_PROGRAMMING_DONE status=40710009",
@@ -217,11 +218,11 @@ TEST_F(ForwardedProgramming, RefusesASecondRequestAndServesQueriesMeanwhile)
     }
     EXPECT_EQ(lines_with(ACTIVE, "Sorry busy ... in progress here "), 4U);
 
-    ASSERT_TRUE(target().send_end(BIOS_ERR_PROGRAM));
-    expect_end(first, BIOS_ERR_PROGRAM);
+    ASSERT_TRUE(target().send_end(BIOS_FLASH_ERR_PROGRAM));
+    expect_end(first, BIOS_FLASH_ERR_PROGRAM);
     programming overheard;
     second.await_end(overheard);
-    EXPECT_EQ(overheard.result, std::optional<std::uint32_t>(BIOS_ERR_PROGRAM));
+    EXPECT_EQ(overheard.result, std::optional<std::uint32_t>(BIOS_FLASH_ERR_PROGRAM));
 }
 
 TEST_F(ForwardedProgramming, EndsForAllOthersWhenTheRequesterDies)

@@ -2,6 +2,7 @@
 // with the module that it names.
 #include <filesystem>
 
+#include "bios_flash.h"
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "chassis_fixture.h"
@@ -166,9 +167,9 @@ TEST_P(OverriddenSupervisor, ForwardsTheRequestToTheModuleThatItNames)
     EXPECT_EQ(line_card.body(), std::string(reinterpret_cast<const char *>(&asked), sizeof asked));
     EXPECT_EQ(locks_held(), (held_locks{{OTHER_NODE, OTHER}, {OVERRIDE_NODE, OTHER}}));
     line_card.answer(0);
-    ASSERT_TRUE(line_card.send_end(BIOS_ERR_ERASE));
+    ASSERT_TRUE(line_card.send_end(BIOS_FLASH_ERR_ERASE));
     asking.await_end(seen);
-    EXPECT_EQ(seen.result, std::optional<std::uint32_t>(BIOS_ERR_ERASE)) << seen;
+    EXPECT_EQ(seen.result, std::optional<std::uint32_t>(BIOS_FLASH_ERR_ERASE)) << seen;
     EXPECT_EQ(seen.module, std::optional(OVERRIDE));
     expect_overridden(OTHER, {LINE_CARD});
     EXPECT_EQ(lines_with(OVERRIDE, "got MTS_OPC_BIOS_PROGRAMMING_START"), 0U);

@@ -9,11 +9,11 @@
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 
 namespace
 {
 
-constexpr std::uint32_t BIND_OPTIONS[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
 constexpr std::int32_t NO_ENDPOINT = -1;
 
 // An endpoint has the node of the slot that its process belongs to when it is bound.
@@ -21,7 +21,7 @@ std::int32_t bind_as_daemon(const std::string &chassis_directory, unsigned slot)
 {
     if (chassis_attach(chassis_directory, slot) != 0)
         throw std::runtime_error("chassis_attach");
-    const std::int32_t handle = mts_bind(1, BIOS_DAEMON_SAP, BIND_OPTIONS, "played module");
+    const std::int32_t handle = mts_bind(BIND_KIND, BIOS_DAEMON_SAP, BIND_OPTIONS, "played module");
     const int failure = errno;
     if (chassis_attach(chassis_directory, 0) != 0)
         throw std::runtime_error("chassis_attach");

@@ -9,12 +9,10 @@
 #include "bios_opcodes.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 
 namespace
 {
-
-constexpr std::uint32_t BIND_OPTIONS[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
-constexpr std::uint32_t REQUEST_TYPE = 3;
 
 template<class record>
 std::optional<record> record_in(mts_message_t *message)
@@ -76,7 +74,7 @@ bios_programming_req_t programming_request(std::uint32_t module, const programmi
     return request;
 }
 
-requester::requester() : handle_(mts_bind(1, -1, BIND_OPTIONS, "chassis test"))
+requester::requester() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "chassis test"))
 {
     if (handle_ < 0 || chassis_mts_listen(handle_, MTS_OPC_BIOS_PROGRAMMING_NOTIFY) != 0)
         throw std::runtime_error(std::string("endpoint of the test: ") + std::strerror(errno));

@@ -36,9 +36,7 @@ def compare_results(root, document):
     headers = (root / "include/bios_results.h").read_text() + (root / "platform/bios_flash.h").read_text()
     promised = {(name, code) for name, code in RESULT.findall(headers) if name not in NO_RESULTS}
     shown = numbers_in_table(document, r"\| `(0x40[57][13][0-9a-f]{4})` \| `(\w+)` \|")
-    by_code = {code for _, code in shown}
-    # Two headers may name one code.
-    return compare("result", {pair for pair in promised if pair in shown or pair[1] not in by_code}, shown)
+    return compare("result", promised, shown)
 
 
 def records_of(document):

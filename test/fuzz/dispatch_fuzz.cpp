@@ -11,7 +11,6 @@
 #include "bios_results.h"
 #include "card_table.h"
 #include "daemon_context.h"
-#include "free_block.h"
 #include "fuzz_platform.h"
 #include "message_loop.h"
 #include "open_descriptor_check.h"

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "cmi.h"
+#include "endpoints.h"
 #include "fuzz_platform.h"
 #include "known_answers.h"
 #include "sdwrap.h"
@@ -13,7 +14,6 @@ namespace
 constexpr std::int32_t HANDLE = 7;
 constexpr std::int32_t CHILD_HANDLE = 8;
 constexpr std::uint32_t LONGEST_WAIT_S = 5;
-constexpr std::uint32_t REQUEST_TYPE = 3;
 constexpr std::uint32_t REQUEST_WAIT_S = 1800;
 constexpr std::uint32_t PROGRAMMING_DONE_OPCODE = 4793;
 constexpr std::size_t LOG_LINE_BYTES = 512;

@@ -20,8 +20,8 @@ protected:
     {
         length_ = static_cast<std::uint32_t>(body.size());
         errno = 0;
-        return cmi_remote_req_resp(TEST_OPCODE, 3, body.data(), &response_, &length_, "tag one", "tag two",
-                                   peer_sap(), peer_node_, own_endpoint(), wait_s);
+        return cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, body.data(), &response_, &length_, "tag one",
+                                   "tag two", peer_sap(), peer_node_, own_endpoint(), wait_s);
     }
     std::string answer() const
     {
@@ -57,8 +57,8 @@ TEST_F(CmiRemoteReqResp, SendsTheFirstTagAsBodyWhenTheRequestIsTheLengthItself)
 {
     peer_->tell("answer echo 1");
     length_ = 7;
-    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, &length_, &response_, &length_, "tag one and more", "tag two",
-                                  peer_sap(), peer_node_, own_endpoint(), 20),
+    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, &length_, &response_, &length_, "tag one and more",
+                                  "tag two", peer_sap(), peer_node_, own_endpoint(), 20),
               0);
     const std::string line = peer_->answer();
     EXPECT_EQ(line.substr(line.rfind(' ') + 1, 14), hex_of("tag one"));
@@ -105,8 +105,8 @@ TEST_F(CmiRemoteReqResp, FailsWithEconnrefusedWhenNobodyHasTheAddress)
 {
     length_ = 1;
     errno = 0;
-    EXPECT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, "x", &response_, &length_, "", "", contract_sap(3), peer_node_,
-                                  own_endpoint(), 20),
+    EXPECT_EQ(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &response_, &length_, "", "", contract_sap(3),
+                                  peer_node_, own_endpoint(), 20),
               -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(response_, nullptr);

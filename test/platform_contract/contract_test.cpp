@@ -7,10 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "daemon_node.h"
+
 std::int32_t own_endpoint()
 {
     static const std::int32_t handle =
-        mts_bind(1, static_cast<std::int32_t>(contract_sap(0)), BIND_OPTIONS, "contract tests");
+        mts_bind(BIND_KIND, static_cast<std::int32_t>(contract_sap(0)), BIND_OPTIONS, "contract tests");
     return handle;
 }
 
@@ -18,7 +20,7 @@ std::uint32_t own_node()
 {
     contract_card card{};
     contract_this_card(&card);
-    return card.module * 256U + (card.is_supervisor != 0 ? 1U : 2U);
+    return daemon_node(card.module, card.is_supervisor != 0);
 }
 
 held_message receive(std::uint32_t wait_s, std::int32_t handle)

@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "contract_surroundings.h"
+#include "endpoints.h"
 #include "mts.h"
 #include "peer.h"
 
@@ -23,7 +24,6 @@
     } while (false)
 
 constexpr std::uint32_t TEST_OPCODE = 4791; // one of the daemon's: transports may know the opcodes that they carry
-constexpr std::uint32_t BIND_OPTIONS[6] = {1, 0, 1024, 0, 0, 15};
 
 inline double seconds_of(const std::function<void()> &work)
 {

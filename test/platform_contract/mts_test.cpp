@@ -84,8 +84,8 @@ using MtsNode = OtherCardTest;
 
 TEST_F(MtsBind, GivesAnotherHandleForEachEndpoint)
 {
-    const std::int32_t first = mts_bind(1, -1, BIND_OPTIONS, "first");
-    const std::int32_t second = mts_bind(1, -1, BIND_OPTIONS, "second");
+    const std::int32_t first = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "first");
+    const std::int32_t second = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "second");
     EXPECT_GE(first, 0);
     EXPECT_GE(second, 0);
     EXPECT_NE(first, second);
@@ -95,7 +95,7 @@ TEST_F(MtsBindBesideAnother, ChoosesSapsThatNobodyHas)
 {
     std::vector<std::uint32_t> saps;
     for (unsigned endpoint = 0; endpoint < 2; ++endpoint) {
-        const std::int32_t handle = mts_bind(1, -1, BIND_OPTIONS, "chosen");
+        const std::int32_t handle = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "chosen");
         ASSERT_EQ(mts_send(handle, peer_node_, peer_sap(), TEST_OPCODE, "x", 1, 0, 0, 0), 0);
         unsigned opcode = 0;
         unsigned node = 0;
@@ -111,7 +111,7 @@ TEST_F(MtsBindBesideAnother, ChoosesSapsThatNobodyHas)
 TEST_F(MtsBindBesideAnother, FailsWithEaddrinuseWhenALivingEndpointHasTheSap)
 {
     errno = 0;
-    EXPECT_EQ(mts_bind(1, static_cast<std::int32_t>(peer_sap()), BIND_OPTIONS, "second"), -1);
+    EXPECT_EQ(mts_bind(BIND_KIND, static_cast<std::int32_t>(peer_sap()), BIND_OPTIONS, "second"), -1);
     EXPECT_EQ(errno, EADDRINUSE);
 }
 
@@ -127,7 +127,7 @@ TEST_F(MtsBindBesideAnother, GivesTheSapOfAProcessThatDied)
 TEST_F(MtsBindBesideAnother, GivesAForkedChildAnEndpointOfItsOwn)
 {
     EXPECT_EQ(exit_status_of_child([&] {
-                  const std::int32_t handle = mts_bind(1, -1, BIND_OPTIONS, "child");
+                  const std::int32_t handle = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "child");
                   return handle >= 0 && mts_send(handle, peer_node_, peer_sap(), TEST_OPCODE, "c", 1, 0, 0, 0) == 0
                              ? 0
                              : 1;

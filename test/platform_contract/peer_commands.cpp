@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "cmi.h"
+#include "daemon_node.h"
+#include "endpoints.h"
 #include "hex.h"
 #include "modlock.h"
 #include "mts.h"
@@ -22,7 +24,6 @@ namespace
 constexpr std::uint32_t WAIT_S = 30;
 constexpr std::size_t SHOWN_BODY_BYTES = 32;
 constexpr std::uint32_t NEWS_OPCODE = 4795;
-constexpr std::uint32_t BIND_OPTIONS[6] = {1, 0, 1024, 0, 0, 15};
 constexpr std::uint32_t LOCK_REQUEST[4] = {1, 0, 0, 0x4071000b};
 
 std::int32_t own_handle = -1;
@@ -39,16 +40,15 @@ std::string tell_node()
     if (get_platform_info(&own) != 0 ||
         pfm_get_all_modules_in_chassis(own_handle, records.data(), PFM_MODULE_COUNT) < 0 || own.module_num == 0)
         return "errno " + std::to_string(errno);
-    const std::uint8_t kind = records[own.module_num - 1U].kind;
-    const bool supervisor = kind == PFM_KIND_SUPERVISOR || kind == PFM_KIND_SUPERVISOR_ALTERNATE;
-    return "node " + std::to_string(own.module_num * 256U + (supervisor ? 1U : 2U));
+    const bool supervisor = is_supervisor_kind(records[own.module_num - 1U].kind);
+    return "node " + std::to_string(daemon_node(own.module_num, supervisor));
 }
 
 std::string bind_endpoint(std::istream &words)
 {
     std::int32_t sap = 0;
     words >> sap;
-    own_handle = mts_bind(1, sap, BIND_OPTIONS, "contract peer");
+    own_handle = mts_bind(BIND_KIND, sap, BIND_OPTIONS, "contract peer");
     return own_handle >= 0 ? "ok" : "errno " + std::to_string(errno);
 }
 

@@ -20,7 +20,7 @@ constexpr std::uint32_t SILENCE_LIMIT_S = 300;                           // the 
 [[noreturn]] void run_child(const programming::work &job)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const std::int32_t handle = mts_bind(1, -1, BIND_OPTIONS, "contract programming");
+    const std::int32_t handle = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "contract programming");
     if (handle < 0)
         ::_exit(1);
     bios_flash_progress_area_t area = {};

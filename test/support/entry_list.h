@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
-#include <memory>
 #include <new>
 
 #include "bios_flash_entry.h"
+#include "free_block.h"
 
 class entry_list
 {
@@ -18,10 +18,6 @@ public:
     bios_card_table *release() { return table_.release(); } // the block is freed by who takes it
 
 private:
-    struct freed_block {
-        void operator()(bios_card_table *table) const { std::free(table); }
-    };
-
     static bios_card_table *made(std::initializer_list<bios_flash_entry> rows)
     {
         void *block = std::malloc(sizeof(bios_card_table) + rows.size() * sizeof(bios_flash_entry));
@@ -32,5 +28,5 @@ private:
         return table;
     }
 
-    std::unique_ptr<bios_card_table, freed_block> table_;
+    owned_block<bios_card_table> table_;
 };

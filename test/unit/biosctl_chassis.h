@@ -25,6 +25,7 @@
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "unique_fd.h"
 
 constexpr auto TEST_DEADLINE = std::chrono::seconds(60);
@@ -143,8 +144,7 @@ public:
 private:
     static std::int32_t bind(std::int32_t sap)
     {
-        static constexpr std::uint32_t options[MTS_BIND_OPTION_WORDS] = {1, 0, 1024, 0, 0, 15};
-        const std::int32_t handle = mts_bind(1, sap, options, "scripted daemon");
+        const std::int32_t handle = mts_bind(BIND_KIND, sap, BIND_OPTIONS, "scripted daemon");
         if (handle < 0)
             ::_exit(71);
         return handle;

@@ -510,7 +510,7 @@ TEST(Watch, TellsOfEachChangeThatItSees)
         static constexpr std::uint32_t request[4] = {1, 0, 0, BIOS_LOCK_FOR_PEER};
         if (modlock_init() != 0 || modlock_module_lock(129, NODE_5, request) != 0)
             ::_exit(73);
-        side.notify(BIOS_ERR_PROGRAM, 5);
+        side.notify(BIOS_FLASH_ERR_PROGRAM, 5);
     });
     ASSERT_TRUE(run.wait_for_output(R"("result":"0x4071000c")"));
     daemon.kill();

@@ -1,10 +1,10 @@
 // The families that a description can name are those of the daemon's own table.
 #include "card_families.h"
 
+#include "card_groups.h"
 #include "card_identification.h"
 #include "card_table.h"
 #include "daemon_test.h"
-#include "free_block.h"
 
 namespace
 {

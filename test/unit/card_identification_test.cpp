@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <map>
 
+#include "card_groups.h"
 #include "daemon_test.h"
 
 namespace

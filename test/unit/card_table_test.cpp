@@ -1,18 +1,12 @@
 // A card's own copy of its rows.
 #include "card_table.h"
 
-#include <cstdlib>
-#include <memory>
-
 #include "daemon_test.h"
 
 namespace
 {
 
-struct freed_block {
-    void operator()(bios_card_table *table) const { std::free(table); }
-};
-using owned_table = std::unique_ptr<bios_card_table, freed_block>;
+using owned_table = owned_card_table;
 
 class CardTable : public daemon_test
 {

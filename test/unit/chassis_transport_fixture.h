@@ -21,9 +21,11 @@
 #include <sys/wait.h>
 #include <vector>
 
+#include "bios_opcodes.h"
 #include "chassis_dir.h"
 #include "chassis_transport.h"
 #include "cmi.h"
+#include "endpoints.h"
 #include "unique_fd.h"
 
 namespace chassis_test
@@ -34,14 +36,13 @@ namespace fs = std::filesystem;
 using steady = std::chrono::steady_clock;
 
 constexpr std::uint32_t OPCODE = 4791;
-constexpr std::uint32_t DAEMON_SAP = 1010;
+constexpr std::uint32_t DAEMON_SAP = BIOS_DAEMON_SAP;
 constexpr std::uint32_t CARD_1 = 0x101; // a supervisor
 constexpr std::uint32_t CARD_2 = 0x202; // a line card
-constexpr std::uint32_t BIND_OPTIONS[6] = {1, 0, 1024, 0, 0, 15};
 
 inline std::int32_t bind_endpoint(std::int32_t sap)
 {
-    return mts_bind(1, sap, BIND_OPTIONS, "test");
+    return mts_bind(BIND_KIND, sap, BIND_OPTIONS, "test");
 }
 
 inline std::int32_t receive(std::int32_t handle, mts_message_t **message, std::uint32_t wait_s)
@@ -247,8 +248,8 @@ protected:
     {
         auto length = static_cast<std::uint32_t>(body_and_answer.size());
         void *response = nullptr;
-        const std::int32_t result = cmi_remote_req_resp(OPCODE, 3, body_and_answer.data(), &response, &length,
-                                                        "ABCD", "ABCD", DAEMON_SAP, node, handle_, wait_s);
+        const std::int32_t result = cmi_remote_req_resp(OPCODE, REQUEST_TYPE, body_and_answer.data(), &response,
+                                                        &length, "ABCD", "ABCD", DAEMON_SAP, node, handle_, wait_s);
         const int failure = errno;
         body_and_answer.assign(static_cast<const char *>(response), response != nullptr ? length : 0);
         std::free(response);

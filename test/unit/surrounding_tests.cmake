@@ -15,6 +15,9 @@ target_compile_definitions(chassis_description_test PRIVATE FAMILIES_DEMO="${CMA
 target_compile_definitions(chassis_standin_test PRIVATE MODULE_STANDIN_PROGRAM="$<TARGET_FILE:module_standin>")
 add_dependencies(chassis_standin_test module_standin)
 
+add_unit_test(write_all_test write_all_test.cpp)
+target_link_options(write_all_test PRIVATE LINKER:--wrap=write)
+
 foreach(subject
         arguments events json loader lock metrics program_all program_report program_request program program_wait progress_bar
         result_text show source sync sync_plan terminal verdict watch)
