@@ -57,6 +57,7 @@ int32_t get_bios_src_version(const char *image_path, uint32_t phys_offset, char 
 int32_t get_ibexpeak_bios_src_version(const char *image_path, uint32_t phys_offset, char *version_out);
 
 // Writes an image into the flash of this card (the plain x86 layout): erases what differs, writes, reads back.
+// The image lies at the beginning of the flash. What is behind a smaller image is erased, 0xff, and read back, too.
 // Blocks until done. Sends progress messages to the requester (MTS_OPC_BIOS_PROGRAMMING_PROGRESS with a
 // bios_programming_progress_t, see include/bios_messages.h): over all attempts with one progress area the
 // percentages never go back, and 100 is sent only when the flash was found equal to the image. A requester that

@@ -12,7 +12,7 @@ extern "C" {
 typedef struct syslog_facility {
     const char *name;
     uint32_t number;
-    uint8_t first_level;
+    uint8_t first_level;   // current_level at the start of the process
     uint8_t current_level; // a message is sent only when this is at least its severity
 } syslog_facility_t;
 
