@@ -1,6 +1,7 @@
 // BIOS flash access: versions, erasing and programming.
 //
-// Version texts are NUL-terminated and at most 127 characters in a buffer of 128 bytes. The version calls
+// Version texts are NUL-terminated and at most 127 characters in a buffer of 128 bytes, whatever the flash or the
+// image holds; a longer text is cut, or there is no version. The version calls
 // return 0, or a negative code: -61 no version was found, also for a flash whose programming was begun and not
 // ended; -22 the flash or the image could not be opened or mapped.
 //
@@ -57,10 +58,11 @@ int32_t get_bios_src_version(const char *image_path, uint32_t phys_offset, char 
 int32_t get_ibexpeak_bios_src_version(const char *image_path, uint32_t phys_offset, char *version_out);
 
 // Writes an image into the flash of this card (the plain x86 layout): erases what differs, writes, reads back.
+// The image lies at the beginning of the flash. What is behind a smaller image is erased, 0xff, and read back, too.
 // Blocks until done. Sends progress messages to the requester (MTS_OPC_BIOS_PROGRAMMING_PROGRESS with a
 // bios_programming_progress_t, see include/bios_messages.h): over all attempts with one progress area the
-// percentages never go back, and 100 is sent only when the flash was found equal to the image. A requester that
-// cannot be reached is no failure.
+// percentages never go back, and 100 is sent only when the flash was found equal to the image and has its version.
+// A requester that cannot be reached is no failure.
 //   handle         endpoint of this process that the messages are sent from
 //   path           image file; removed by the caller
 //   attempt        1-based number of the attempt

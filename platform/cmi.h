@@ -17,7 +17,8 @@ extern "C" {
 int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_message_t *message, uint32_t status);
 
 // Sends a request to an endpoint of another node and waits for its answer. Other messages that arrive at the
-// handle meanwhile are kept for mts_recv.
+// handle meanwhile are kept for mts_recv. An answer that comes when nobody waits for it any more is dropped: it is
+// neither taken for the answer to another request nor received by mts_recv.
 //   opcode            of the request
 //   request_type      3
 //   request           the request's body, *length bytes; or the same pointer as length, for a request without

@@ -2,7 +2,9 @@
 //
 // An endpoint is addressed by a node word and a service-access-point (sap) word. The node of the daemon of
 // module m is m * 256 + 1 on a supervisor and m * 256 + 2 on any other card. A handle belongs to the process
-// that bound it: a forked child binds an endpoint of its own and does not use its parent's.
+// that bound it: a forked child binds an endpoint of its own and does not use its parent's. By the end of that
+// mts_bind the child has closed what it inherited of its parent's endpoints, and every descriptor of the service
+// is close-on-exec: neither a child nor a command that outlives the parent may keep the parent's address.
 // Requests and their answers are in cmi.h.
 #ifndef PLATFORM_MTS_H
 #define PLATFORM_MTS_H
@@ -55,6 +57,9 @@ int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const ch
 // Waits for the next message of an endpoint, at most options[MTS_RECV_OPTION_WAIT_S] seconds.
 //   message_out  set on success only; the caller gives it back with mts_drop
 // 0, or not 0 with errno MTS_ERRNO_TIMED_OUT, MTS_ERRNO_INTERRUPTED, or that of the system call that failed.
+// The daemon calls again at once after any failure. So an error that lasts, such as that of an endpoint that is
+// broken for good, is returned after a pause of about a second, but not later than the wait limit; or the call
+// ends the process, which is then started again.
 int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10]);
 
 // Opcode of a received message, host order.

@@ -22,7 +22,8 @@ typedef struct platform_info {
 
 // One module; the record of module m stands at index m - 1. All zero for an empty slot.
 typedef struct pfm_module_record {
-    uint8_t kind; // PFM_KIND_SUPERVISOR or _ALTERNATE: its daemon is at node m * 256 + 1, else + 2
+    uint8_t kind; // PFM_KIND_SUPERVISOR or _ALTERNATE: its daemon is at node m * 256 + 1. Any other value, for
+                  // instance 2: a line card or another card, whose daemon is at node m * 256 + 2
     uint8_t reserved_1[7];
     uint16_t card_id; // hardware card id, host order
     uint8_t reserved_2[6];

@@ -12,7 +12,7 @@ extern "C" {
 typedef struct syslog_facility {
     const char *name;
     uint32_t number;
-    uint8_t first_level;
+    uint8_t first_level;   // current_level at the start of the process
     uint8_t current_level; // a message is sent only when this is at least its severity
 } syslog_facility_t;
 
@@ -41,14 +41,14 @@ int32_t sdwrap_hist_event_subtype_check(uint32_t event_type, uint32_t subtype);
 
 // Records a history event.
 //   length  bytes of text, without terminator
-//   text    NUL-terminated; copied
+//   text    NUL-terminated; copied, at least 255 characters of it
 // 0, or not 0 with errno; the daemon does not look at it.
 int32_t sdwrap_hist_event(uint32_t event_type, uint32_t length, const char *text);
 
 // Tells whether a debug category is switched on. Not 0 when it is.
 int32_t sdwrap_chk_int(uint32_t category, uint32_t reserved_1, uint32_t reserved_2, uint32_t reserved_3);
 
-// Prints one debug message; printf format.
+// Prints one debug message; printf format. At least 255 characters of it are printed.
 #ifdef __GNUC__
 __attribute__((format(printf, 1, 2)))
 #endif

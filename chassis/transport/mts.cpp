@@ -1,7 +1,9 @@
 // The message transport's calls (platform/mts.h).
 #include "mts.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 #include "c_boundary.h"
 #include "chassis_notices.h"
@@ -11,6 +13,9 @@
 
 namespace
 {
+
+constexpr std::int64_t MICROSECONDS = 1'000'000;
+constexpr std::int64_t BROKEN_ENDPOINT_PAUSE_US = MICROSECONDS;
 
 mts_frame_header header_of(mts_frame_kind kind, std::uint32_t opcode)
 {
@@ -40,6 +45,27 @@ int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, co
     return 0;
 }
 
+// The daemon's loop receives again at once after any failure: without a pause an endpoint that is broken for good
+// would take all of a processor. errno stays that of the failure.
+void pause_after_failure(std::int64_t deadline)
+{
+    const int failure = errno;
+    const std::int64_t pause_us = std::min(deadline - mts_now_us(), BROKEN_ENDPOINT_PAUSE_US);
+    if (pause_us > 0 && failure != MTS_ERRNO_TIMED_OUT && failure != MTS_ERRNO_INTERRUPTED) {
+        timespec pause{};
+        pause.tv_sec = static_cast<decltype(pause.tv_sec)>(pause_us / MICROSECONDS);
+        pause.tv_nsec = static_cast<decltype(pause.tv_nsec)>(pause_us % MICROSECONDS * 1000);
+        (void)::nanosleep(&pause, nullptr); // a signal ends it
+    }
+    errno = failure;
+}
+
+std::unique_ptr<mts_message> next_message(mts_endpoint &endpoint, std::int64_t now, std::int64_t deadline)
+{
+    std::unique_ptr<mts_message> message = mts_endpoint_take_kept(endpoint);
+    return message ? std::move(message) : mts_endpoint_receive(endpoint, mts_wanted::messages, now, deadline);
+}
+
 } // namespace
 
 int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name)
@@ -53,25 +79,24 @@ int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const ch
 
 int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10])
 {
-    mts_endpoint *endpoint = mts_endpoint_of(handle);
-    if (endpoint == nullptr)
-        return -1;
     if (message_out == nullptr || options == nullptr) {
         errno = EINVAL;
         return -1;
     }
-    return c_boundary([&] {
-        std::unique_ptr<mts_message> message = mts_endpoint_take_kept(*endpoint);
-        if (!message) {
-            const std::int64_t now = mts_now_us();
-            const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * 1'000'000;
-            message = mts_endpoint_receive(*endpoint, mts_wanted::messages, now, deadline);
-        }
+    const std::int64_t now = mts_now_us();
+    const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
+    const std::int32_t result = c_boundary([&] {
+        mts_endpoint *endpoint = mts_endpoint_of(handle);
+        std::unique_ptr<mts_message> message =
+            endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
         if (!message)
             return -1;
         *message_out = message.release();
         return 0;
     });
+    if (result != 0)
+        pause_after_failure(deadline);
+    return result;
 }
 
 uint32_t mts_opc_get(const mts_message_t *message)

@@ -72,7 +72,9 @@ describe_package(dev NAME bios-daemon-dev SECTION libdevel
     SUMMARY "BIOS upgrade daemon as a library, for platforms"
     TEXT "The daemon's code as a static library, the headers of its messages and of
 the platform services that it calls, and a CMake package to link the daemon
-with a platform's own library.")
+with a platform's own library. The conformance kit, as sources, tests whether
+such a library keeps what the headers promise."
+    SUGGESTS googletest)
 
 describe_package(chassis PROGRAMS NAME bios-daemon-chassis SECTION utils
     SUMMARY "chassis on one machine for the BIOS upgrade daemon"

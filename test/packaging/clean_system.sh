@@ -88,20 +88,26 @@ use_service() {
     rm -rf "$work/service"
 }
 
-# The project of doc/packages.md with a platform in which every call fails: the daemon ends with 0x40710010.
+# The project of doc/packages.md with the package's examples, a platform in which every call fails and surroundings
+# that have nothing: the daemon ends with 0x40710010, and the kit passes a promise of failure and finds a broken one.
 link_platform() { # architecture, folder of the libraries, flags
     local place=$work/dev-$1
     rm -rf "$place"
     mkdir -p "$place"
     dpkg-deb -x "$packages"/bios-daemon-dev_*_"$1".deb "$place/root"
-    cp "$source/test/link/foreign_platform.c" "$place/platform.c"
-    sed -n '/^    cmake_minimum_required/,/^    add_bios_daemon/s/^    //p' "$source/doc/packages.md" >"$place/CMakeLists.txt"
+    cp "$place"/root/usr/share/doc/bios-daemon-dev/examples/{platform,surroundings}.c "$place"
+    sed -n '/^    cmake_minimum_required/,/^    add_platform_contract/s/^    //p' "$source/doc/packages.md" \
+        >"$place/CMakeLists.txt"
     CFLAGS=$3 CXXFLAGS=$3 cmake -S "$place" -B "$place/build" \
         -Dbios_daemon_DIR="$place/root/usr/lib/$2/cmake/bios_daemon"
     cmake --build "$place/build"
     local status=0
     "$place/build/switch_daemon" || status=$?
     [ "$status" -eq 16 ] || { echo "the linked daemon ended with $status"; return 1; }
+    "$place/build/switch_contract" --gtest_filter='SrgFileClone.GivesAnError*' | tail -1 | grep -F 'PASSED  ] 1 test.'
+    status=0
+    "$place/build/switch_contract" --gtest_filter='GetPlatformInfo.*' || status=$?
+    [ "$status" -eq 1 ] || { echo "the kit ended with $status"; return 1; }
     rm -rf "$place"
 }
 

@@ -2,8 +2,10 @@
 // destroyed.
 #include "bios_flash.h"
 
+#include <algorithm>
 #include <cstring>
-#include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <unistd.h>
 #include <vector>
 
@@ -13,19 +15,28 @@
 namespace
 {
 
-constexpr std::int32_t ERASE_FAILED = 0x40710009;
-constexpr std::int32_t PROGRAM_FAILED = 0x4071000c;
-constexpr std::int32_t IMAGE_SIZE = 0x40710020;
-constexpr std::int32_t PROTECTED = 0x40710021;
-constexpr std::int32_t IMAGE_READ = 0x40710023;
-constexpr std::int32_t NO_FLASH = 0x40710024;
-constexpr std::int32_t IN_USE = 0x40710027;
-constexpr std::int32_t NO_ACCESS = -22;
-constexpr std::int32_t NO_VERSION = -61;
+constexpr result_code ERASE_FAILED = 0x40710009;
+constexpr result_code PROGRAM_FAILED = 0x4071000c;
+constexpr result_code IMAGE_SIZE = 0x40710020;
+constexpr result_code PROTECTED = 0x40710021;
+constexpr result_code IMAGE_READ = 0x40710023;
+constexpr result_code NO_FLASH = 0x40710024;
+constexpr result_code IN_USE = 0x40710027;
+constexpr result_code NO_ACCESS = -22;
+constexpr result_code NO_VERSION = -61;
+constexpr std::size_t VERSION_TEXT_CHARACTERS = BIOS_VERSION_TEXT_BYTES - 1;
+constexpr char FILLER = 'F';
+
+// Images with a long number or text somewhere in their header, or where their version text stands.
+constexpr std::size_t HOSTILE_HEADER_BYTES = 1024;
+constexpr std::size_t HOSTILE_STEP = 3;
+constexpr std::size_t HOSTILE_TEXT_BYTES = 400;
+constexpr char HOSTILE_DIGIT = '9'; // part of any version
+
 constexpr unsigned INTERRUPTION_TRIES = 5; // a programming may have ended before it is interrupted
 
 struct version {
-    std::int32_t result;
+    result_code result;
     std::string text;
 };
 
@@ -33,15 +44,58 @@ struct version {
 template<class Call>
 version version_by(Call call)
 {
-    char text[BIOS_VERSION_TEXT_BYTES + 1];
-    std::memset(text, 'F', sizeof text);
+    char text[2 * HOSTILE_TEXT_BYTES]; // so that what is written beyond the 128 bytes is found and harms nothing
+    std::memset(text, FILLER, sizeof text);
     const std::int32_t result = call(text);
-    EXPECT_EQ(text[BIOS_VERSION_TEXT_BYTES], 'F') << "more than 128 bytes were written";
+    const char *beyond = text + BIOS_VERSION_TEXT_BYTES;
+    EXPECT_TRUE(std::all_of(beyond, std::cend(text), [](char c) { return c == FILLER; }))
+        << "more than 128 bytes were written";
     if (result != 0)
         return {result, ""};
-    EXPECT_NE(std::memchr(text, '\0', BIOS_VERSION_TEXT_BYTES), nullptr) << "not terminated";
-    return {result, std::string(text, ::strnlen(text, BIOS_VERSION_TEXT_BYTES))};
+    const std::size_t length = ::strnlen(text, BIOS_VERSION_TEXT_BYTES);
+    EXPECT_LE(length, VERSION_TEXT_CHARACTERS) << "not terminated";
+    return {result, std::string(text, length)};
 }
+
+// Where images may be made hostile: the header's bytes, and the places where the version text stands as it is.
+std::vector<std::size_t> hostile_offsets(const std::string &image, std::string version_text)
+{
+    std::vector<std::size_t> offsets;
+    for (std::size_t offset = 0; offset < std::min(HOSTILE_HEADER_BYTES, image.size()); offset += HOSTILE_STEP)
+        offsets.push_back(offset);
+    version_text.erase(0, version_text.find_first_not_of(' '));
+    for (std::size_t at = image.find(version_text); at != std::string::npos && !version_text.empty();
+         at = image.find(version_text, at + 1))
+        offsets.push_back(at + 1); // its first character may be what it is known by
+    return offsets;
+}
+
+// An image file that has digits in the place of some bytes.
+class hostile_image
+{
+public:
+    explicit hostile_image(const std::string &image) : image_(image), file_("hostile", image) {}
+
+    void place_digits(std::size_t offset)
+    {
+        put(offset_, image_.substr(offset_, HOSTILE_TEXT_BYTES));
+        offset_ = offset;
+        put(offset_, std::string(std::min(HOSTILE_TEXT_BYTES, image_.size() - offset_), HOSTILE_DIGIT));
+    }
+    const char *path() const { return file_.path(); }
+
+private:
+    void put(std::size_t offset, const std::string &bytes) const
+    {
+        std::fstream file(file_.path(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(offset));
+        file << bytes;
+    }
+
+    const std::string image_;
+    scratch_file file_;
+    std::size_t offset_ = 0;
+};
 
 std::int32_t program(std::int32_t handle, bios_flash_progress_area_t *area, std::uint32_t instance,
                      const char *path, std::uint32_t attempt = 1)
@@ -88,7 +142,7 @@ protected:
         ASSERT_EQ(result_of(flash_.image[0]), 0);
     }
 
-    std::optional<std::int32_t> result_of(const char *path) const
+    std::optional<result_code> result_of(const char *path) const
     {
         return programming(programs(flash_.instance, path)).result();
     }
@@ -106,7 +160,7 @@ protected:
         }
         return nullptr;
     }
-    void expect_failure_leaves_the_flash(const char *path, std::int32_t failure) const
+    void expect_failure_leaves_the_flash(const char *path, result_code failure) const
     {
         EXPECT_EQ(result_of(path), failure);
         EXPECT_TRUE(holds(content_of_file(flash_.image[0])));
@@ -123,7 +177,7 @@ protected:
         selector_ = ibexpeak_bios_which_flash("pri", flash_.variant) & 0xff;
     }
 
-    std::optional<std::int32_t> erase() const
+    std::optional<result_code> erase() const
     {
         return programming(
                    [&](std::int32_t, bios_flash_progress_area_t *) { return ibexpeak_bios_flash_erase(selector_); })
@@ -193,6 +247,39 @@ TEST_F(BiosImageVersion, IsMinus61ForAFileWithoutAVersion)
               NO_VERSION);
 }
 
+TEST_F(BiosImageVersion, HasAtMost127CharactersWhateverTheImageHolds)
+{
+    NEEDS(contract_plain_flash(&flash_));
+    const std::string image = content_of_file(flash_.image[0]);
+    hostile_image hostile(image);
+    for (const std::size_t offset : hostile_offsets(image, flash_.image_version[0])) {
+        hostile.place_digits(offset);
+        (void)version_by([&](char *text) { return get_bios_src_version(hostile.path(), 0, text); });
+        (void)version_by([&](char *text) { return get_ibexpeak_bios_src_version(hostile.path(), 0, text); });
+        ASSERT_FALSE(HasFailure()) << "the digit 9 in the bytes from " << offset << " on";
+    }
+}
+
+TEST_F(BiosFlash, HasAVersionOfAtMost127CharactersWhateverItHolds)
+{
+    const std::string image = content_of_file(flash_.image[0]);
+    hostile_image hostile(image);
+    std::size_t longest = 0;
+    std::size_t longest_offset = 0;
+    for (const std::size_t offset : hostile_offsets(image, flash_.image_version[0])) {
+        hostile.place_digits(offset);
+        const version found = version_by([&](char *text) { return get_bios_src_version(hostile.path(), 0, text); });
+        if (found.result == 0 && found.text.size() > longest) {
+            longest = found.text.size();
+            longest_offset = offset;
+        }
+    }
+    ASSERT_GT(longest, 0U) << "no image with digits somewhere has a version";
+    hostile.place_digits(longest_offset);
+    ASSERT_EQ(result_of(hostile.path()), 0);
+    EXPECT_EQ(flash_version().result, 0);
+}
+
 TEST_F(BiosFlash, ProgrammedFlashReadsBackEqual)
 {
     ASSERT_EQ(result_of(flash_.image[1]), 0);
@@ -240,6 +327,25 @@ TEST_F(BiosFlash, IsProgrammedThoughNobodyReceivesTheProgress)
     EXPECT_EQ(other.result(), 0);
     EXPECT_TRUE(other.told().empty());
     EXPECT_TRUE(holds(content_of_file(flash_.image[1])));
+}
+
+TEST_F(BiosFlash, HasItsVersionWhen100PercentAreReported)
+{
+    programming other(programs(flash_.instance, flash_.image[1]));
+    ASSERT_TRUE(other.wait_for_progress(99));
+    other.kill(); // whatever it still had to do is not done
+    EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+    EXPECT_TRUE(holds(content_of_file(flash_.image[1])));
+}
+
+TEST_F(BiosFlash, IsErasedBehindASmallerImage)
+{
+    const std::string half = content_of_file(flash_.image[1]).substr(0, flash_.size_bytes / 2);
+    const scratch_file smaller("smaller", half);
+    ASSERT_EQ(result_of(smaller.path()), 0);
+    const std::string found = contents();
+    NEEDS(unread_);
+    EXPECT_TRUE(found == half + std::string(flash_.size_bytes - half.size(), '\xff'));
 }
 
 TEST_F(BiosFlash, RefusesAnEmptyImage)
@@ -300,6 +406,19 @@ TEST_F(BiosFlash, TellsWhenItCannotBeWrittenAndCanBeProgrammedLater)
     EXPECT_EQ(flash_version().text, flash_.image_version[1]);
 }
 
+TEST_F(BiosFlash, TellsWhenItDoesNotReadBackAsTheImage)
+{
+    held_condition fault(CONTRACT_FLASH_KEEPS_OTHER_BYTES);
+    NEEDS(fault.reason());
+    programming failed(programs(flash_.instance, flash_.image[1]));
+    EXPECT_EQ(failed.result(), PROGRAM_FAILED);
+    EXPECT_FALSE(failed.told_percent(100)) << "100 percent were reported before the flash was read back";
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+    fault.end();
+    EXPECT_EQ(result_of(flash_.image[1]), 0);
+    EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+}
+
 TEST_F(BiosFlash, TellsNoPercentageTwiceInASecondAttempt)
 {
     const std::string path = flash_.image[1];
@@ -339,7 +458,7 @@ TEST_F(BiosFlash, IsProgrammedByOneProcessAtATime)
     const auto first = begun_programming();
     ASSERT_TRUE(first) << "no programming was slow enough to be met";
     bios_flash_progress_area_t area = {};
-    EXPECT_EQ(program(own_endpoint(), &area, flash_.instance, flash_.image[0]), IN_USE);
+    EXPECT_EQ(result_code(program(own_endpoint(), &area, flash_.instance, flash_.image[0])), IN_USE);
     EXPECT_EQ(first->result(), 0);
 }
 
@@ -372,6 +491,38 @@ TEST_F(ChipsetFlash, ReadsBackEqualWhenItWasErasedAndProgrammed)
         EXPECT_EQ(flash_version().text, flash_.image_version[image]);
         EXPECT_TRUE(holds(content_of_file(flash_.image[image])));
     }
+}
+
+// Without erasing, a part keeps bits of what it held. Whatever the service does about it, 0 and 100 percent say
+// that the flash equals the image.
+TEST_F(ChipsetFlash, IsNotDoneWhileItHoldsBitsOfAnotherImage)
+{
+    ASSERT_EQ(erase(), 0);
+    ASSERT_EQ(programming(writes(flash_.image[0])).result(), 0);
+    programming over_it(writes(flash_.image[1]));
+    const std::optional<result_code> result = over_it.result();
+    if (result == 0) {
+        EXPECT_TRUE(holds(content_of_file(flash_.image[1])));
+        EXPECT_EQ(flash_version().text, flash_.image_version[1]);
+    } else {
+        EXPECT_EQ(result, PROGRAM_FAILED);
+        EXPECT_FALSE(over_it.told_percent(100)) << "100 percent were reported before the flash was read back";
+        EXPECT_EQ(flash_version().result, NO_VERSION);
+    }
+}
+
+TEST_F(ChipsetFlash, TellsWhenItDoesNotReadBackAsTheImage)
+{
+    ASSERT_EQ(erase(), 0);
+    held_condition fault(CONTRACT_FLASH_KEEPS_OTHER_BYTES);
+    NEEDS(fault.reason());
+    programming failed(writes(flash_.image[1]));
+    EXPECT_EQ(failed.result(), PROGRAM_FAILED);
+    EXPECT_FALSE(failed.told_percent(100)) << "100 percent were reported before the flash was read back";
+    EXPECT_EQ(flash_version().result, NO_VERSION);
+    fault.end();
+    ASSERT_EQ(erase(), 0);
+    EXPECT_EQ(programming(writes(flash_.image[1])).result(), 0);
 }
 
 TEST_F(ChipsetFlash, HasNoVersionBetweenErasingAndProgramming)

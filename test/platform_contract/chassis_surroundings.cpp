@@ -228,6 +228,9 @@ const char *contract_set_condition(enum contract_condition condition, int on)
     case CONTRACT_FLASH_CANNOT_BE_WRITTEN:
         set_or_remove(flash + "faults", "fail program always\n", on);
         return nullptr;
+    case CONTRACT_FLASH_KEEPS_OTHER_BYTES:
+        set_or_remove(flash + "faults", "flip program always\n", on);
+        return nullptr;
     case CONTRACT_FLASH_IS_PROTECTED:
         set_or_remove(flash + "protected", "5\n", on);
         return nullptr;

@@ -16,7 +16,7 @@ class CmiRemoteReqResp : public OtherCardTest
 protected:
     void TearDown() override { std::free(response_); }
 
-    std::int32_t request(const std::string &body, std::uint32_t wait_s = 20)
+    result_code request(const std::string &body, std::uint32_t wait_s = 20)
     {
         length_ = static_cast<std::uint32_t>(body.size());
         errno = 0;
@@ -57,8 +57,8 @@ TEST_F(CmiRemoteReqResp, SendsTheFirstTagAsBodyWhenTheRequestIsTheLengthItself)
 {
     peer_->tell("answer echo 1");
     length_ = 7;
-    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, &length_, &response_, &length_, "tag one and more",
-                                  "tag two", peer_sap(), peer_node_, own_endpoint(), 20),
+    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, &length_, &response_, &length_, "tag one and more",
+                                              "tag two", peer_sap(), peer_node_, own_endpoint(), 20)),
               0);
     const std::string line = peer_->answer();
     EXPECT_EQ(line.substr(line.rfind(' ') + 1, 14), hex_of("tag one"));
@@ -70,6 +70,18 @@ TEST_F(CmiRemoteReqResp, HasAnAnswerThatIsReadableAndZeroBeyondItsEnd)
     ASSERT_EQ(request("x"), 0);
     ASSERT_NE(response_, nullptr);
     EXPECT_EQ(std::string(static_cast<const char *>(response_), 641), "ABC" + std::string(638, '\0'));
+}
+
+TEST_F(CmiRemoteReqResp, TakesTagsOfAnyLength)
+{
+    const std::string tag(300, 't');
+    peer_->tell("answer echo 4");
+    length_ = 4;
+    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, 3, "body", &response_, &length_, tag.c_str(),
+                                              tag.c_str(), peer_sap(), peer_node_, own_endpoint(), 20)),
+              0)
+        << "errno " << errno;
+    EXPECT_EQ(answer(), "body");
 }
 
 TEST_F(CmiRemoteReqResp, ReturnsTheAnswersStatusWhenItIsNot0)
@@ -89,7 +101,7 @@ TEST_F(CmiRemoteReqResp, FailsWhenTheReceiverRejects)
 TEST_F(CmiRemoteReqResp, ReturnsWithErrno62WhenTheWaitLimitPasses)
 {
     peer_->tell("answer silence");
-    std::int32_t result = NOT_ASKED;
+    result_code result = NOT_ASKED;
     int failure = 0;
     const double waited_s = seconds_of([&] {
         result = request("x", 1);
@@ -105,8 +117,8 @@ TEST_F(CmiRemoteReqResp, FailsWithEconnrefusedWhenNobodyHasTheAddress)
 {
     length_ = 1;
     errno = 0;
-    EXPECT_EQ(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &response_, &length_, "", "", contract_sap(3),
-                                  peer_node_, own_endpoint(), 20),
+    EXPECT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &response_, &length_, "", "", contract_sap(3),
+                                              peer_node_, own_endpoint(), 20)),
               -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(response_, nullptr);
@@ -132,11 +144,21 @@ TEST_F(CmiRemoteReqResp, KeepsOtherMessagesForMtsRecv)
     EXPECT_EQ(payload_of(news, 4), "news");
 }
 
+TEST_F(CmiRemoteReqResp, DropsAnAnswerThatComesWhenNobodyWaitsForIt)
+{
+    peer_->tell("answer late 3");
+    ASSERT_EQ(request("first", 1), -1);
+    ASSERT_NE(peer_->answer(), "") << "the peer has not answered";
+    errno = 0;
+    EXPECT_FALSE(receive(2)) << "mts_recv returns the answer, as if it were a message or a request";
+    EXPECT_EQ(errno, 62);
+}
+
 TEST_F(CmiRemoteReqResp, DoesNotTakeALateAnswerForThatOfTheNextRequest)
 {
-    peer_->tell("receive 0 1"); // the first request is dropped without an answer
-    EXPECT_EQ(request("first", 1), -1);
-    ASSERT_EQ(peer_->answer().substr(0, 7), "message");
+    peer_->tell("answer late 3");
+    ASSERT_EQ(request("first", 1), -1);
+    ASSERT_NE(peer_->answer(), "") << "the peer has not answered";
     peer_->tell("answer bytes 32");
     ASSERT_EQ(request("second"), 0);
     EXPECT_EQ(answer(), "2");

@@ -71,7 +71,8 @@ const char *contract_read_flash(uint32_t instance, uint32_t offset, void *bytes_
 enum contract_condition {
     CONTRACT_FLASH_CANNOT_BE_ERASED = 1,
     CONTRACT_FLASH_CANNOT_BE_WRITTEN,
-    CONTRACT_FLASH_IS_PROTECTED, /* at least one sector, against erasing and writing */
+    CONTRACT_FLASH_KEEPS_OTHER_BYTES, /* writes succeed, but a byte of the flash is not what was written */
+    CONTRACT_FLASH_IS_PROTECTED,      /* at least one sector, against erasing and writing */
     CONTRACT_REGISTER_CANNOT_BE_WRITTEN,
     CONTRACT_MODULE_INFO_CANNOT_BE_READ,
     CONTRACT_MODULES_CANNOT_BE_LISTED,

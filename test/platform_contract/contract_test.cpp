@@ -1,13 +1,46 @@
 #include "contract_test.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fstream>
 #include <iterator>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "daemon_node.h"
+#include "modlock.h"
+#include "sdwrap.h"
+
+namespace
+{
+
+constexpr auto CHILD_LIMIT = std::chrono::seconds(60);
+constexpr useconds_t CHILD_POLL_US = 10'000;
+constexpr std::uint32_t FACILITY_NUMBER = 904;
+constexpr const char *CATEGORIES[] = {"Bios Daemon Errors", "Bios Daemon Warnings", "Bios Daemon Info"};
+
+syslog_facility_t facility = {"bios_daemon", FACILITY_NUMBER, 2, 2};
+std::set<int> descriptors_before;
+
+// Waits until the child has ended. false when it was killed because it did not.
+bool reap(pid_t child, int &status)
+{
+    const auto deadline = std::chrono::steady_clock::now() + CHILD_LIMIT;
+    while (::waitpid(child, &status, WNOHANG) != child) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            (void)::waitpid(child, &status, 0);
+            return false;
+        }
+        ::usleep(CHILD_POLL_US);
+    }
+    return true;
+}
+
+} // namespace
 
 std::int32_t own_endpoint()
 {
@@ -45,12 +78,62 @@ int exit_status_of_child(const std::function<int()> &work)
 {
     std::fflush(nullptr);
     const pid_t child = ::fork();
-    if (child == 0)
+    if (child == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // one that is stuck does not outlive the kit
         ::_exit(work());
+    }
+    if (child < 0)
+        return -1;
     int status = -1;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR)
-        ;
-    return child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (!reap(child, status))
+        return CHILD_WAS_STUCK;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::int32_t prepare_locks()
+{
+    static const std::int32_t result = modlock_init();
+    return result;
+}
+
+std::int32_t register_debug()
+{
+    static const std::int32_t result =
+        sdwrap_dbg_init(own_endpoint(), "bios_daemon", "BIOS Daemon", std::size(CATEGORIES), CATEGORIES, 0, 0, 0);
+    return result;
+}
+
+std::int32_t register_syslog()
+{
+    sdwrap_sys_facility = &facility;
+    static const std::int32_t result =
+        sdwrap_sys_init_helper(own_endpoint(), "bios_daemon", "BIOS Daemon", FACILITY_NUMBER, 0, 0, 0);
+    return result;
+}
+
+std::set<int> open_descriptors()
+{
+    std::set<int> open;
+    DIR *folder = ::opendir("/proc/self/fd");
+    if (folder == nullptr)
+        return open;
+    while (const dirent *entry = ::readdir(folder)) {
+        if (entry->d_name[0] != '.')
+            open.insert(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
+    }
+    open.erase(::dirfd(folder));
+    (void)::closedir(folder);
+    return open;
+}
+
+const std::set<int> &foreign_descriptors()
+{
+    return descriptors_before;
+}
+
+void note_foreign_descriptors()
+{
+    descriptors_before = open_descriptors();
 }
 
 scratch_file::scratch_file(const std::string &name)

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/types.h>
 
@@ -15,6 +16,7 @@
 #include "endpoints.h"
 #include "mts.h"
 #include "peer.h"
+#include "result_code.h"
 
 // Skips the test when the surroundings cannot have something.
 #define NEEDS(surroundings_call)                                                                                   \
@@ -50,8 +52,24 @@ void drop_waiting_messages();
 // First bytes of a message's payload.
 std::string payload_of(const held_message &message, std::size_t bytes);
 
-// Runs something in a forked child; its exit status, or -1 when it did not end by itself.
+// Prepares the lock service for this process, once. The result of modlock_init.
+std::int32_t prepare_locks();
+
+// Register the debug module and the syslog facility of this process, once, as the daemon does at its start. The
+// platform's results.
+std::int32_t register_debug();
+std::int32_t register_syslog();
+
+// Runs something in a forked child; its exit status, or -1 when a signal ended it. A child that does not end within
+// a minute, because a call blocks, is killed: CHILD_WAS_STUCK.
+constexpr int CHILD_WAS_STUCK = -2;
 int exit_status_of_child(const std::function<int()> &work);
+
+// Descriptors that this process has open.
+std::set<int> open_descriptors();
+// Those that were open before the first call of the platform: not the platform's.
+const std::set<int> &foreign_descriptors();
+void note_foreign_descriptors();
 
 // A file of the scratch folder, removed with the object.
 class scratch_file

@@ -56,6 +56,14 @@ TEST(ExecCmdWithIoPrint, RunsTheCommandLineThroughTheShell)
     EXPECT_EQ(result.content(), "shell 42\n");
 }
 
+TEST(ExecCmdWithIoPrint, RunsACommandLineOfAnyLength)
+{
+    const scratch_file result("result");
+    const std::string text(3000, 'l');
+    EXPECT_EQ(run("echo " + text + " > " + result.path()), 0);
+    EXPECT_EQ(result.content(), text + "\n");
+}
+
 TEST(ExecCmdWithIoPrint, HasWaitedForTheCommandWhenItReturns)
 {
     const scratch_file result("result");

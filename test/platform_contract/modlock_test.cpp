@@ -10,9 +10,9 @@ constexpr std::uint32_t NODE_ID = 0xfe03; // of no module
 constexpr std::uint32_t OWNER = 129;
 constexpr std::uint32_t REQUEST[4] = {1, 0, 0, 0x4071000b};
 
-std::string command(const char *what)
+std::string command(const char *what, std::uint32_t node_id = NODE_ID)
 {
-    return what + (" " + std::to_string(NODE_ID));
+    return what + (" " + std::to_string(node_id));
 }
 
 std::int32_t take(std::uint32_t node_id = NODE_ID)
@@ -27,21 +27,19 @@ std::int32_t release(std::uint32_t node_id = NODE_ID)
     return modlock_module_unlock(OWNER, node_id);
 }
 
-std::int32_t prepare_once()
-{
-    static const std::int32_t result = modlock_init();
-    return result;
-}
-
 class Modlock : public SameCardTest
 {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(prepare_once(), 0) << "errno " << errno;
+        ASSERT_EQ(prepare_locks(), 0) << "errno " << errno;
         SameCardTest::SetUp();
     }
-    void TearDown() override { (void)release(); }
+    void TearDown() override
+    {
+        (void)release();
+        (void)release(NODE_ID + 1);
+    }
 };
 
 class ModlockAcrossCards : public OtherCardTest
@@ -49,7 +47,7 @@ class ModlockAcrossCards : public OtherCardTest
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(prepare_once(), 0) << "errno " << errno;
+        ASSERT_EQ(prepare_locks(), 0) << "errno " << errno;
         OtherCardTest::SetUp();
     }
     void TearDown() override { (void)release(); }
@@ -88,6 +86,30 @@ TEST_F(Modlock, IsGrantedAgainToItsHolderAndOneUnlockFreesIt)
     ASSERT_EQ(take(), 0);
     ASSERT_EQ(release(), 0);
     EXPECT_EQ(peer_->ask(command("lock")), "ok");
+}
+
+// A programming of another module holds that of its own module as well.
+TEST_F(Modlock, IsHeldForTwoNodesByOneProcess)
+{
+    const std::string busy = "errno " + std::to_string(EBUSY);
+    ASSERT_EQ(take(), 0);
+    ASSERT_EQ(take(NODE_ID + 1), 0) << "errno " << errno;
+    EXPECT_EQ(peer_->ask(command("lock")), busy);
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), busy);
+    ASSERT_EQ(release(), 0) << "errno " << errno;
+    EXPECT_EQ(peer_->ask(command("lock")), "ok");
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), busy) << "freed with the other";
+    EXPECT_EQ(release(NODE_ID + 1), 0) << "errno " << errno;
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), "ok");
+}
+
+TEST_F(Modlock, IsReleasedForBothNodesWhenTheirOwnerDies)
+{
+    ASSERT_EQ(peer_->ask(command("lock")), "ok");
+    ASSERT_EQ(peer_->ask(command("lock", NODE_ID + 1)), "ok");
+    peer_->finish("die");
+    EXPECT_EQ(take(), 0) << "errno " << errno;
+    EXPECT_EQ(take(NODE_ID + 1), 0) << "errno " << errno;
 }
 
 TEST_F(Modlock, IsReleasedWhenItsOwnerDies)

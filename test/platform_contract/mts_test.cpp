@@ -1,7 +1,9 @@
 // platform/mts.h: endpoints, messages, waiting, rejections.
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 #include <vector>
 
 #include "contract_test.h"
@@ -10,7 +12,19 @@
 namespace
 {
 
-constexpr std::uint32_t QUEUE_PATIENCE_MESSAGES = 1'000'000;
+constexpr std::uint32_t QUEUE_PATIENCE_MESSAGES = 100'000;
+
+// Exit statuses of children whose call is not what it should be; no errno is as large.
+constexpr int UNBOUND = 201;
+constexpr int UNBROKEN = 202;
+constexpr int ENDLESS = 203;
+constexpr int TOO_LATE = 204;
+
+// A receive loop like the daemon's, over an endpoint that fails at every call.
+constexpr auto BROKEN_FOR = std::chrono::seconds(4);
+constexpr unsigned BROKEN_CALLS = 10; // with a pause of about a second: 4
+constexpr std::uint32_t BROKEN_WAIT_S = 5;
+constexpr double BROKEN_LATEST_S = 10;
 
 std::int32_t send(std::uint32_t node, std::uint32_t sap, const void *payload, std::uint32_t length)
 {
@@ -62,6 +76,62 @@ private:
     struct sigaction before_ {
     };
 };
+
+// Puts something that receives nothing in the place of all that a call has opened. false when it has opened
+// nothing.
+bool break_descriptors(const std::set<int> &before)
+{
+    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    bool broken = false;
+    for (const int descriptor : open_descriptors()) {
+        if (descriptor != nothing && !before.contains(descriptor))
+            broken = ::dup3(nothing, descriptor, O_CLOEXEC) >= 0 || broken;
+    }
+    return broken;
+}
+
+// In a child: 0 when the loop was held back, or one of the statuses above.
+int receive_from_broken_endpoint()
+{
+    const std::set<int> before = open_descriptors();
+    const std::int32_t handle = mts_bind(1, -1, BIND_OPTIONS, "broken");
+    if (handle < 0)
+        return UNBOUND;
+    if (!break_descriptors(before))
+        return UNBROKEN;
+    const auto end = std::chrono::steady_clock::now() + BROKEN_FOR;
+    for (unsigned calls = 0; std::chrono::steady_clock::now() < end; ++calls) {
+        if (calls == BROKEN_CALLS)
+            return ENDLESS;
+        const std::uint32_t options[10] = {1, 0, BROKEN_WAIT_S};
+        mts_message_t *message = nullptr;
+        std::int32_t result = 0;
+        int failure = 0;
+        const double waited_s = seconds_of([&] {
+            result = mts_recv(handle, &message, options);
+            failure = errno;
+        });
+        if (waited_s > BROKEN_LATEST_S)
+            return TOO_LATE;
+        if (result == 0 || failure == MTS_ERRNO_TIMED_OUT)
+            return UNBROKEN;
+    }
+    return 0;
+}
+
+// In a child: the errno of the first message that was not taken, or one of the statuses above.
+int fill_queue(std::uint32_t node, std::uint32_t sap)
+{
+    const std::int32_t handle = mts_bind(1, -1, BIND_OPTIONS, "sender");
+    if (handle < 0)
+        return UNBOUND;
+    const std::string payload(4096, 'f');
+    for (std::uint32_t sent = 0; sent < QUEUE_PATIENCE_MESSAGES; ++sent) {
+        if (mts_send(handle, node, sap, TEST_OPCODE, payload.data(), 4096, 0, 0, 0) != 0)
+            return errno;
+    }
+    return ENDLESS;
+}
 
 class Mts : public testing::Test
 {
@@ -124,6 +194,27 @@ TEST_F(MtsBindBesideAnother, GivesTheSapOfAProcessThatDied)
     EXPECT_EQ(successor->ask("bind " + std::to_string(peer_sap())), "ok");
 }
 
+TEST_F(MtsBindBesideAnother, GivesTheSapOfAProcessThatDiedThoughItsForkedChildLives)
+{
+    const std::string forked = peer_->ask("fork");
+    pid_t child = 0;
+    ASSERT_EQ(std::sscanf(forked.c_str(), "child %d", &child), 1) << forked;
+    peer_->finish("die");
+    errno = 0;
+    EXPECT_EQ(send(own_node(), peer_sap(), "x", 1), -1) << "the child keeps its parent's address";
+    EXPECT_EQ(errno, ECONNREFUSED);
+    std::string reason;
+    const auto successor = start_peer_on_this_card(reason);
+    const std::string bound = successor ? successor->ask("bind " + std::to_string(peer_sap())) : "no successor";
+    EXPECT_EQ(bound, "ok") << reason;
+    ::kill(child, SIGKILL);
+}
+
+TEST_F(MtsBind, TakesANameOfAnyLength)
+{
+    EXPECT_GE(mts_bind(1, -1, BIND_OPTIONS, std::string(300, 'n').c_str()), 0) << "errno " << errno;
+}
+
 TEST_F(MtsBindBesideAnother, GivesAForkedChildAnEndpointOfItsOwn)
 {
     EXPECT_EQ(exit_status_of_child([&] {
@@ -161,6 +252,19 @@ TEST_F(MtsRecv, ReturnsWithErrno4WhenASignalEndsTheWait)
     errno = 0;
     EXPECT_FALSE(receive(10));
     EXPECT_EQ(errno, 4);
+}
+
+// In a child, as the endpoint is of no use afterwards. One that ends by itself is right, too: the daemon is started
+// again.
+TEST_F(MtsRecv, PausesBeforeItReportsAnEndpointThatIsBrokenForGood)
+{
+    const int status = exit_status_of_child(receive_from_broken_endpoint);
+    ASSERT_NE(status, UNBOUND);
+    if (status == UNBROKEN)
+        GTEST_SKIP() << "an endpoint has no descriptors here that can be broken";
+    EXPECT_NE(status, ENDLESS) << "the daemon's loop would take all of a processor";
+    EXPECT_NE(status, TOO_LATE) << "mts_recv returns long after the wait limit";
+    EXPECT_NE(status, CHILD_WAS_STUCK) << "mts_recv does not return";
 }
 
 TEST_F(MtsMessage, IsReceivedThoughItCameBeforeTheWait)
@@ -251,9 +355,10 @@ TEST_F(MtsSend, CarriesThePayloadsOfTheLargestFiles)
 {
     std::string payload((64U << 20) + 4096U, 'x');
     payload.back() = 'e';
+    peer_->tell("receive " + std::to_string(payload.size() - 2) + " 2");
     ASSERT_EQ(send(peer_node_, peer_sap(), payload.data(), static_cast<std::uint32_t>(payload.size())), 0)
         << "errno " << errno;
-    const std::string answer = peer_->ask("receive " + std::to_string(payload.size() - 2) + " 2");
+    const std::string answer = peer_->answer();
     EXPECT_EQ(answer.substr(answer.rfind(' ') + 1), "7865");
 }
 
@@ -283,12 +388,11 @@ TEST_F(MtsSend, FailsWithEconnrefusedWhenTheReceiverHasDied)
 
 TEST_F(MtsSend, FailsWithErrno62WhenTheReceiversQueueStaysFull)
 {
-    const std::string payload(4096, 'f');
-    std::uint32_t sent = 0;
-    while (sent < QUEUE_PATIENCE_MESSAGES && send(peer_node_, peer_sap(), payload.data(), 4096) == 0)
-        ++sent;
-    ASSERT_LT(sent, QUEUE_PATIENCE_MESSAGES) << "a queue without bound";
-    EXPECT_EQ(errno, 62);
+    // In a child, which can be ended when the call blocks.
+    const int status = exit_status_of_child([&] { return fill_queue(peer_node_, peer_sap()); });
+    ASSERT_NE(status, CHILD_WAS_STUCK) << "mts_send blocks until the receiver has room";
+    ASSERT_NE(status, ENDLESS) << "a queue without bound";
+    EXPECT_EQ(status, 62);
 }
 
 TEST_F(MtsSend, SucceedsToListenersThoughNobodyListens)

@@ -12,12 +12,12 @@
 //   bind SAP                      "ok", or "errno NUMBER" here and in all other answers
 //   send NODE SAP OPCODE HEX      "ok"
 //   receive OFFSET COUNT          the next message: "message OPCODE NODE SAP HEX", bytes of the payload from OFFSET
-//   on answer WAY                    the next request: "request OPCODE NODE SAP HEX" with 32 bytes of the body,
-//   after
-//                                 the answer. WAY is "echo COUNT", "bytes HEX", "status NUMBER", "nothing" (an
-//                                 answer without payload), "reject", "silence", or "news SAP" (a message to the
-//                                 sender at that sap, then an answer)
+//   answer WAY                    the next request: "request OPCODE NODE SAP HEX" with 32 bytes of the body, after
+//                                 the answer. WAY is "echo COUNT", "bytes HEX", "late SECONDS" (answers only then),
+//                                 "status NUMBER", "nothing" (an answer without payload), "reject", "silence", or
+//                                 "news SAP" (a message to the sender at that sap, then an answer)
 //   lock ID, unlock ID            "ok"
+//   fork                          "child PID": a forked child that has bound an endpoint of its own and lives on
 //   end                           ends by exit, without an answer
 //   die                           kills itself, without an answer
 int run_peer();

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -24,6 +25,7 @@ namespace
 constexpr std::uint32_t WAIT_S = 30;
 constexpr std::size_t SHOWN_BODY_BYTES = 32;
 constexpr std::uint32_t NEWS_OPCODE = 4795;
+constexpr unsigned CHILD_LIFE_S = 60; // unless the test ends it before
 constexpr std::uint32_t LOCK_REQUEST[4] = {1, 0, 0, 0x4071000b};
 
 std::int32_t own_handle = -1;
@@ -124,6 +126,10 @@ std::int32_t answer_request(mts_message_t *message, std::istream &words)
     }
     std::uint32_t number = 0;
     words >> number;
+    if (way == "late") {
+        (void)::sleep(number);
+        return respond(message, "late");
+    }
     if (way == "status")
         return respond(message, "failed", number);
     if (way == "news" && send_news(message, number) == 0)
@@ -154,6 +160,34 @@ std::string change_lock(std::istream &words, bool take)
     return outcome(take ? modlock_module_lock(129, node_id, LOCK_REQUEST) : modlock_module_unlock(129, node_id));
 }
 
+// A child like the daemon's: it begins with an endpoint of its own. It must not hold the streams of its parent, at
+// whose end the parent's death is seen.
+[[noreturn]] void run_child(int bound)
+{
+    const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ::dup2(nothing, STDIN_FILENO);
+    ::dup2(nothing, STDOUT_FILENO);
+    const char outcome = mts_bind(1, -1, BIND_OPTIONS, "contract child") >= 0 ? '1' : '0';
+    (void)!::write(bound, &outcome, 1);
+    (void)::sleep(CHILD_LIFE_S);
+    ::_exit(0);
+}
+
+std::string leave_child()
+{
+    int bound[2];
+    if (::pipe2(bound, O_CLOEXEC) != 0)
+        return "errno " + std::to_string(errno);
+    const pid_t child = ::fork();
+    if (child == 0)
+        run_child(bound[1]);
+    ::close(bound[1]);
+    char outcome = '0';
+    const bool is_bound = child > 0 && ::read(bound[0], &outcome, 1) == 1 && outcome == '1';
+    ::close(bound[0]);
+    return is_bound ? "child " + std::to_string(child) : "the child has no endpoint";
+}
+
 std::string obey(const std::string &command, std::istream &words)
 {
     if (command == "node")
@@ -168,6 +202,8 @@ std::string obey(const std::string &command, std::istream &words)
         return answer_next(words);
     if (command == "lock" || command == "unlock")
         return change_lock(words, command == "lock");
+    if (command == "fork")
+        return leave_child();
     return "unknown command";
 }
 

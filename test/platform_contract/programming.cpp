@@ -80,7 +80,7 @@ bool programming::wait_for_progress(std::uint32_t above_percent)
     return false;
 }
 
-std::optional<std::int32_t> programming::result()
+std::optional<result_code> programming::result()
 {
     while (!ended_ && receive_one())
         ;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bios_flash.h"
+#include "result_code.h"
 
 class programming
 {
@@ -24,7 +25,7 @@ public:
     // Waits until a percentage above the given one has been told. false when the work ended before.
     bool wait_for_progress(std::uint32_t above_percent);
     // Waits for the end; the work's result, or nothing when the child did not tell one.
-    std::optional<std::int32_t> result();
+    std::optional<result_code> result();
     // Ends the child where it is.
     void kill();
 
@@ -42,6 +43,6 @@ private:
 
     pid_t child_ = -1;
     bool ended_ = false;
-    std::optional<std::int32_t> result_;
+    std::optional<result_code> result_;
     std::vector<progress> told_;
 };

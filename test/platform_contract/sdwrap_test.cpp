@@ -14,22 +14,27 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr std::uint32_t FACILITY_NUMBER = 904;
 constexpr std::uint32_t EVENT_TYPE = 0x730000;
 constexpr std::uint32_t EVENT_SUBTYPE = 102;
 constexpr std::uint32_t FIRST_CATEGORY = 100; // of the daemon's three
 constexpr std::uint32_t CATEGORY = 102;
 constexpr auto RECORD_TIME = 10s;
 constexpr std::size_t RECORD_BYTES = 65536;
-
-const char *const CATEGORIES[] = {"Bios Daemon Errors", "Bios Daemon Warnings", "Bios Daemon Info"};
-syslog_facility_t facility = {"bios_daemon", FACILITY_NUMBER, 2, 2};
+constexpr std::size_t LONGEST_TEXT = 255;
 
 // A text that no earlier run has left in a record.
 std::string unique_text(const char *what)
 {
     return std::string("contract ") + what + " " + std::to_string(::getpid()) + "." +
            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+}
+
+// As long as the longest line that the daemon logs.
+std::string padded(std::string text)
+{
+    text.resize(LONGEST_TEXT, 'x');
+    text.back() = 'e';
+    return text;
 }
 
 // What is recorded once it has the text, or when the time is up. Sets the reason when it cannot be read.
@@ -44,22 +49,6 @@ std::string record_with(contract_record record, const std::string &text, const c
             return reason == nullptr ? found.data() : "";
         std::this_thread::sleep_for(20ms);
     }
-}
-
-// Once in a process, in the order of the daemon's start.
-std::int32_t register_debug()
-{
-    static const std::int32_t result =
-        sdwrap_dbg_init(own_endpoint(), "bios_daemon", "BIOS Daemon", 3, CATEGORIES, 0, 0, 0);
-    return result;
-}
-
-std::int32_t register_syslog()
-{
-    sdwrap_sys_facility = &facility;
-    static const std::int32_t result =
-        sdwrap_sys_init_helper(own_endpoint(), "bios_daemon", "BIOS Daemon", FACILITY_NUMBER, 0, 0, 0);
-    return result;
 }
 
 class Sdwrap : public testing::Test
@@ -91,8 +80,9 @@ TEST_F(SdwrapDbgInit, RegistersTheDebugCategories)
 TEST_F(SdwrapSysInitHelper, RegistersTheFacilityAndLeavesALevel)
 {
     EXPECT_EQ(register_syslog(), 0);
-    EXPECT_EQ(sdwrap_sys_facility, &facility);
-    EXPECT_LE(facility.current_level, 7);
+    ASSERT_NE(sdwrap_sys_facility, nullptr);
+    EXPECT_STREQ(sdwrap_sys_facility->name, "bios_daemon");
+    EXPECT_LE(sdwrap_sys_facility->current_level, 7);
 }
 
 TEST_F(SdwrapProcessMsg, LeavesTheDaemonsMessagesToTheDaemon)
@@ -139,6 +129,18 @@ TEST_F(SdwrapHistEvent, RecordsACopyOfTheText)
     EXPECT_NE(history.find(text), std::string::npos) << history;
 }
 
+TEST_F(SdwrapHistEvent, KeepsATextOf255Characters)
+{
+    if (sdwrap_hist_event_subtype_check(EVENT_TYPE, EVENT_SUBTYPE) != 0)
+        GTEST_SKIP() << "events of this subtype are not recorded";
+    const std::string text = padded(unique_text("long event"));
+    EXPECT_EQ(sdwrap_hist_event(EVENT_TYPE, static_cast<std::uint32_t>(text.size()), text.c_str()), 0);
+    const char *reason = nullptr;
+    const std::string history = record_with(CONTRACT_HISTORY, text, reason);
+    NEEDS(reason);
+    EXPECT_NE(history.find(text), std::string::npos) << history;
+}
+
 TEST_F(Buginf, PrintsAFormattedMessage)
 {
     NEEDS(contract_set_debug_category(CATEGORY, 1));
@@ -149,6 +151,18 @@ TEST_F(Buginf, PrintsAFormattedMessage)
     (void)contract_set_debug_category(CATEGORY, 0);
     NEEDS(reason);
     EXPECT_NE(output.find(text + " 42%"), std::string::npos) << output;
+}
+
+TEST_F(Buginf, PrintsAMessageOf255Characters)
+{
+    NEEDS(contract_set_debug_category(CATEGORY, 1));
+    const std::string text = padded(unique_text("long debug"));
+    buginf("%s", text.c_str());
+    const char *reason = nullptr;
+    const std::string output = record_with(CONTRACT_DEBUG_OUTPUT, text, reason);
+    (void)contract_set_debug_category(CATEGORY, 0);
+    NEEDS(reason);
+    EXPECT_NE(output.find(text), std::string::npos) << output;
 }
 
 TEST_F(VeskSyslog, FillsInPercentSignFacilityAndSeverity)

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <sys/stat.h>
+#include <tuple>
 
 #include "chassis_transport_fixture.h"
 #include "mts_frame.h"
@@ -150,6 +151,21 @@ TEST_F(Transport, RefusesArgumentsThatMeanNothing)
     EXPECT_EQ(mts_drop(handle_, nullptr), -1);
     mts_address_t address;
     EXPECT_EQ(mts_saddr_get(nullptr, &address), -1);
+}
+
+TEST_F(Transport, PausesBeforeItReportsABrokenEndpointWithinTheWaitLimit)
+{
+    const unique_fd file(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    ASSERT_GE(::dup3(file.get(), chassis_mts_descriptor(handle_), O_CLOEXEC), 0); // no socket any more
+    for (const auto &[wait_s, least, most] :
+         {std::tuple{5U, 900ms, 4000ms}, std::tuple{1U, 900ms, 4000ms}, std::tuple{0U, 0ms, 500ms}}) {
+        mts_message_t *message = nullptr;
+        const auto start = steady::now();
+        EXPECT_EQ(receive(handle_, &message, wait_s), -1);
+        EXPECT_EQ(errno, ENOTSOCK);
+        EXPECT_GE(steady::now() - start, least) << "wait limit " << wait_s;
+        EXPECT_LE(steady::now() - start, most) << "wait limit " << wait_s;
+    }
 }
 
 TEST_F(Transport, LeavesTheWorkingDirectoryWhereItWas)
