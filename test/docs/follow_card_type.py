@@ -50,7 +50,8 @@ def main():
             shutil.copytree(given.sources / name, copy / name)
         shutil.copy(given.sources / "CMakeLists.txt", copy)
         run(["patch", "-p1", "--fuzz=0"], cwd=copy, input=patch_of(page))
-        run(["cmake", "-G", "Ninja", "-S", copy, "-B", copy / "build", f"-DBIOS_DAEMON_PLATFORM={given.platform}"])
+        run(["cmake", "-G", "Ninja", "-S", copy, "-B", copy / "build", "-DCMAKE_BUILD_TYPE=Debug",
+             f"-DBIOS_DAEMON_PLATFORM={given.platform}"])
         run(["cmake", "--build", copy / "build", "--target", "bios_daemon"])
         run(["g++", "-std=c++20", "-fsyntax-only", copy / CHECKED_HEADER])
 

@@ -17,7 +17,7 @@ ar rcs "$work/libforeign.a" "$work/foreign_platform.o"
     echo "#include \"$source/test/link/foreign_surroundings.c\""
     echo 'static int nobody_calls_this(int unused) { unsigned narrow = -1; return (char)narrow; }'
 } >"$work/surroundings.c"
-cmake -S "$source" -B "$work/build" -G Ninja -DBIOS_DAEMON_ARCH="$arch" \
+cmake -S "$source" -B "$work/build" -G Ninja -DBIOS_DAEMON_ARCH="$arch" -DCMAKE_BUILD_TYPE=Debug \
     -DBIOS_DAEMON_PLATFORM="$work/libforeign.a" \
     -DBIOS_DAEMON_CONTRACT_SURROUNDINGS="$work/surroundings.c" >"$work/configure.log"
 cmake --build "$work/build" --target bios_daemon platform_contract >"$work/build.log" ||
