@@ -13,10 +13,10 @@
 #include "flash_event_log.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
-#include "nor_file_layout.h"
 #include "flash_progress_file.h"
 #include "flash_wear.h"
 #include "inventory.h"
+#include "nor_file_layout.h"
 #include "result_text.h"
 #include "serving_slot.h"
 

@@ -152,7 +152,8 @@ std::optional<flash_progress_line> flash_progress_parse(std::string_view text)
     const auto *known = std::find(std::begin(PHASE_NAMES), std::end(PHASE_NAMES), std::string_view(phase));
     if (known == std::end(PHASE_NAMES))
         return std::nullopt;
-    parsed.phase = static_cast<bios_programming_phase>(BIOS_PHASE_ERASE + static_cast<unsigned>(known - std::begin(PHASE_NAMES)));
+    parsed.phase = static_cast<bios_programming_phase>(BIOS_PHASE_ERASE +
+                                                       static_cast<unsigned>(known - std::begin(PHASE_NAMES)));
     parsed.since = since;
     return parsed;
 }

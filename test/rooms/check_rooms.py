@@ -7,7 +7,7 @@
 import re
 import sys
 from fnmatch import fnmatchcase
-from pathlib import Path, PurePosixPath
+from pathlib import Path
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:"([^"]+)"|<([^>]+)>)')
 SOURCE_SUFFIXES = {".c", ".cpp", ".h"}
@@ -20,12 +20,13 @@ def fits(path, pattern):
 
 
 def folder_of(path):
-    return str(PurePosixPath(path).parent)
+    return path.rpartition("/")[0]
 
 
 class Table:
     def __init__(self, text):
         self.rooms, self.libraries = {}, {}
+        self.rows = {}  # found so far, by folder
         for line in text.splitlines():
             line = line.split("#")[0].strip()
             if line:
@@ -38,8 +39,10 @@ class Table:
 
     def permissions(self, folder):
         """Of the folder's row; None when there is none."""
-        rows = [room for room in self.rooms if fits(folder, room)]
-        return self.rooms[min(rows, key=lambda room: room.count("*"))] if rows else None
+        if folder not in self.rows:
+            rows = [room for room in self.rooms if fits(folder, room)]
+            self.rows[folder] = self.rooms[min(rows, key=lambda room: room.count("*"))] if rows else None
+        return self.rows[folder]
 
     def permits(self, folder, header):
         wanted = [folder, *self.permissions(folder)]
@@ -55,16 +58,13 @@ def sources_below(root):
     return {str(path): (root / path).read_text() for path in paths if path.parts[0] not in NO_SOURCES}
 
 
-def headers_named(name, folder, headers):
-    """What an include may mean: the header beside the source, else all of that name."""
-    beside = str(PurePosixPath(folder) / name)
-    return [beside] if beside in headers else [path for path in headers if f"/{path}".endswith(f"/{name}")]
-
-
 class Check:
     def __init__(self, sources, table):
         self.table = table
-        self.headers = [path for path in sources if path.endswith(".h")]
+        self.headers = {}  # their paths by their file names
+        for path in sources:
+            if path.endswith(".h"):
+                self.headers.setdefault(path.rpartition("/")[2], []).append(path)
         self.complaints = []
         self.first_include = {}  # where the first folder includes the second
         self.count = 0
@@ -79,6 +79,12 @@ class Check:
                 self.complaints.append(f"{one} and {other} include each other: {place} and "
                                        f"{self.first_include[other, one]}")
 
+    def headers_named(self, name, folder):
+        """What an include may mean: the header beside the source, else all of that name."""
+        found = [path for path in self.headers.get(name.rpartition("/")[2], []) if f"/{path}".endswith(f"/{name}")]
+        beside = f"{folder}/{name}"
+        return [beside] if beside in found else found
+
     def check_source(self, path, text):
         for number, line in enumerate(text.splitlines(), 1):
             found = INCLUDE.match(line)
@@ -88,7 +94,7 @@ class Check:
 
     def check_include(self, path, place, name, quoted):
         folder = folder_of(path)
-        meant = headers_named(name, folder, self.headers)
+        meant = self.headers_named(name, folder)
         if not meant:
             rooms = self.table.rooms_of_library(name)
             if rooms is not None and not any(fits(folder, room) for room in rooms):
