@@ -145,7 +145,7 @@ TEST_F(BiosctlCommand, LooksAwayOnInterruptAndTheProgrammingGoesOn)
 {
     keep_pauses(1);
     running_program watching(biosctl_words({"program", "1"}));
-    ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
+    ASSERT_TRUE(wait_until([&] { return says(watching.output() + watching.errors(), "module 1: "); }));
     watching.signal(SIGINT);
     const finished_program finished = watching.wait();
     EXPECT_EQ(finished.exit_code, INTERRUPTED);
