@@ -84,7 +84,8 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
     const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
     const std::int32_t result = mts_guarded([&] {
         mts_endpoint *endpoint = mts_endpoint_of(handle);
-        std::unique_ptr<mts_message> message = endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
+        std::unique_ptr<mts_message> message =
+            endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
         if (!message)
             return -1;
         *message_out = message.release();

@@ -57,8 +57,8 @@ TEST_F(CmiRemoteReqResp, SendsTheFirstTagAsBodyWhenTheRequestIsTheLengthItself)
 {
     peer_->tell("answer echo 1");
     length_ = 7;
-    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, &length_, &response_, &length_, "tag one and more", "tag two",
-                                  peer_sap(), peer_node_, own_endpoint(), 20),
+    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, 3, &length_, &response_, &length_, "tag one and more",
+                                              "tag two", peer_sap(), peer_node_, own_endpoint(), 20)),
               0);
     const std::string line = peer_->answer();
     EXPECT_EQ(line.substr(line.rfind(' ') + 1, 14), hex_of("tag one"));
@@ -77,8 +77,8 @@ TEST_F(CmiRemoteReqResp, TakesTagsOfAnyLength)
     const std::string tag(300, 't');
     peer_->tell("answer echo 4");
     length_ = 4;
-    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, "body", &response_, &length_, tag.c_str(), tag.c_str(),
-                                  peer_sap(), peer_node_, own_endpoint(), 20),
+    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, 3, "body", &response_, &length_, tag.c_str(),
+                                              tag.c_str(), peer_sap(), peer_node_, own_endpoint(), 20)),
               0)
         << "errno " << errno;
     EXPECT_EQ(answer(), "body");
@@ -117,8 +117,8 @@ TEST_F(CmiRemoteReqResp, FailsWithEconnrefusedWhenNobodyHasTheAddress)
 {
     length_ = 1;
     errno = 0;
-    EXPECT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, "x", &response_, &length_, "", "", contract_sap(3), peer_node_,
-                                  own_endpoint(), 20),
+    EXPECT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, 3, "x", &response_, &length_, "", "", contract_sap(3),
+                                              peer_node_, own_endpoint(), 20)),
               -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(response_, nullptr);

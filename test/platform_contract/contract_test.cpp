@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fstream>
 #include <iterator>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,8 +77,10 @@ int exit_status_of_child(const std::function<int()> &work)
 {
     std::fflush(nullptr);
     const pid_t child = ::fork();
-    if (child == 0)
+    if (child == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // one that is stuck does not outlive the kit
         ::_exit(work());
+    }
     if (child < 0)
         return -1;
     int status = -1;

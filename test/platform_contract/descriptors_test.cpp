@@ -81,8 +81,8 @@ TEST_F(Descriptors, AreCloseOnExecAfterMessagesAndRequests)
     peer_->tell("answer news " + std::to_string(contract_sap(0)));
     void *response = nullptr;
     std::uint32_t length = 1;
-    ASSERT_EQ(cmi_remote_req_resp(TEST_OPCODE, 3, "x", &response, &length, "", "", peer_sap(), peer_node_,
-                                  own_endpoint(), 20),
+    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, 3, "x", &response, &length, "", "", peer_sap(),
+                                              peer_node_, own_endpoint(), 20)),
               0);
     std::free(response);
     const held_message news = receive(10);
