@@ -19,6 +19,16 @@ work=$(cd "$2" && pwd)
 read -r mirror release < <(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' \
     'Created-By: Packages' 'Component: main' 'Origin: Debian')
 
+# Whether the base system can be fetched at all.
+reach_mirror() {
+    local file
+    file=$(mktemp)
+    /usr/lib/apt/apt-helper -qq -o Acquire::Retries=2 download-file "$mirror/dists/$release/Release" "$file" >/dev/null 2>&1
+    local status=$?
+    rm -f "$file"
+    return $status
+}
+
 # Debian's minimal system; it knows the 32-bit packages, and has python3 for the sessions of the documents.
 make_base() {
     rm -rf "$work/base" "$work/base.tar.new"
@@ -125,6 +135,7 @@ begin=$SECONDS
 exec 9>"$work/lock"
 flock 9
 if [ ! -e "$work/base.tar" ]; then
+    reach_mirror || skip "no Debian mirror can be reached"
     (in_subshell base make_base 9>&-)
 fi
 exec 9>&-
