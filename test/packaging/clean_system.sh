@@ -23,7 +23,7 @@ read -r mirror release < <(apt-get indextargets --format '$(REPO_URI) $(RELEASE)
 reach_mirror() {
     local file
     file=$(mktemp)
-    /usr/lib/apt/apt-helper -qq -o Acquire::Retries=2 download-file "$mirror/dists/$release/Release" "$file" >/dev/null 2>&1
+    /usr/lib/apt/apt-helper -o Acquire::Retries=2 download-file "${mirror%/}/dists/$release/Release" "$file" >/dev/null 2>&1
     local status=$?
     rm -f "$file"
     return $status
