@@ -111,7 +111,8 @@ def main():
     given = parser.parse_args()
 
     labels = labels_by_test() if given.times else {}
-    tests = [test for path in given.results for test in tests_of(path, labels)]
+    missing = [path for path in given.results if not path.exists()]
+    tests = [test for path in given.results if path not in missing for test in tests_of(path, labels)]
     if given.times:
         print_times(given.phase, given.build, tests)
     why = collections.Counter()
@@ -127,9 +128,11 @@ def main():
         print("\nFailed:")
         for test in failed:
             print(f"{test.failed:6}  {test.name}")
+    for path in missing:
+        print(f"\nctest has written no results: {path}")
     passed, skipped = sum(test.passed for test in tests), sum(test.skipped for test in tests)
     print(f"\n{passed} passed, {sum(test.failed for test in failed)} failed, {skipped} skipped")
-    sys.exit(1 if failed or passed == 0 else 0)
+    sys.exit(1 if failed or missing or passed == 0 else 0)
 
 
 if __name__ == "__main__":
