@@ -9,7 +9,7 @@
 
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 #include "free_block.h"
@@ -35,12 +35,12 @@ client_endpoint::client_endpoint() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_O
 client_endpoint::~client_endpoint()
 {
     if (bound())
-        chassis_mts_unbind(handle_);
+        mts_unbind(handle_);
 }
 
 bool client_endpoint::listen(std::uint32_t opcode)
 {
-    return chassis_mts_listen(handle_, opcode) == 0;
+    return mts_listen(handle_, opcode) == 0;
 }
 
 request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode,
@@ -67,13 +67,13 @@ request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode
 mts_address_t client_endpoint::address() const
 {
     mts_address_t address{};
-    (void)chassis_mts_address(handle_, &address); // fails for an endpoint that is not bound only
+    (void)mts_own_address(handle_, &address); // fails for an endpoint that is not bound only
     return address;
 }
 
 int client_endpoint::descriptor() const
 {
-    return chassis_mts_descriptor(handle_);
+    return mts_descriptor(handle_);
 }
 
 std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
@@ -88,7 +88,7 @@ std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
     message.opcode = mts_opc_get(msg);
     (void)mts_saddr_get(msg, &message.source); // fails for null only
     const auto *bytes = static_cast<const std::uint8_t *>(mts_payload_get(msg));
-    message.payload.assign(bytes, bytes + chassis_mts_payload_length(msg));
+    message.payload.assign(bytes, bytes + mts_payload_length(msg));
     (void)mts_drop(handle_, msg);
     return message;
 }
@@ -108,7 +108,7 @@ std::optional<daemon_probe::file_identity> daemon_probe::endpoint_file(std::uint
 
 bool daemon_probe::alive() const
 {
-    return first_ && first_ == endpoint_file(node_) && chassis_mts_is_bound(node_, BIOS_DAEMON_SAP);
+    return first_ && first_ == endpoint_file(node_) && mts_is_bound(node_, BIOS_DAEMON_SAP);
 }
 
 std::string no_answer_text(int error)

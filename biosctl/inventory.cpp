@@ -8,7 +8,7 @@
 
 #include "card_groups.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "daemon_node.h"
 #include "pfm.h"
 #include "sysmgr.h"
@@ -79,7 +79,7 @@ std::uint32_t card_id_of(unsigned module)
 
 std::uint32_t node_of_module(unsigned module)
 {
-    return chassis_mts_node_of_slot(module);
+    return mts_node_of_slot(module);
 }
 
 bool slot_is_active(unsigned slot)

@@ -8,7 +8,7 @@
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
 #include "chassis_module_lock.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "daemon_node.h"
 #include "flash_event_log.h"
 #include "flash_folder.h"
@@ -156,7 +156,7 @@ card_facts look_at_card(unsigned slot, const std::vector<chassis_module_lock_hol
     return {.slot = slot,
             .card_id = card_id_of(slot),
             .role = slot_is_active(slot) ? "active" : (slot_is_standby(slot) ? "standby" : "none"),
-            .serves = chassis_mts_is_bound(node_of_module(slot), BIOS_DAEMON_SAP),
+            .serves = mts_is_bound(node_of_module(slot), BIOS_DAEMON_SAP),
             .locked = locks_readable ? std::optional(locked) : std::nullopt};
 }
 

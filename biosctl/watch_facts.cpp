@@ -5,7 +5,7 @@
 
 #include "bios_messages.h"
 #include "bios_opcodes.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "daemon_node.h"
 #include "inventory.h"
 #include "pfm.h"
@@ -28,7 +28,7 @@ watched_card look_at(unsigned slot)
     watched_card card;
     card.slot = slot;
     card.role = role_of(slot);
-    card.serves = chassis_mts_is_bound(node_of_module(slot), BIOS_DAEMON_SAP);
+    card.serves = mts_is_bound(node_of_module(slot), BIOS_DAEMON_SAP);
     for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
         card.flashes[instance] = flash_activity_of(slot, instance);
     return card;
@@ -36,7 +36,7 @@ watched_card look_at(unsigned slot)
 
 } // namespace
 
-void take_result(results_by_module &results, const chassis_notice &notice)
+void take_result(results_by_module &results, const kept_notice &notice)
 {
     bios_programming_notify_t told{};
     if (notice.opcode != MTS_OPC_BIOS_PROGRAMMING_NOTIFY || notice.source.sap != BIOS_DAEMON_SAP ||
@@ -54,7 +54,7 @@ watch_facts watch_reader::read()
 {
     watch_facts facts;
     facts.now = utc_now();
-    for (const chassis_notice &notice : notices_.take())
+    for (const kept_notice &notice : notices_.take())
         take_result(results_, notice);
     facts.results = results_;
     int error = 0;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "chassis_module_lock.h"
-#include "chassis_notices.h"
+#include "kept_notices.h"
 #include "flash_geometry.h"
 #include "flash_progress_file.h"
 
@@ -31,7 +31,7 @@ struct programming_result {
 using results_by_module = std::map<unsigned, programming_result>;
 
 // Takes a notice, when it is one about the end of a programming from a daemon.
-void take_result(results_by_module &results, const chassis_notice &notice);
+void take_result(results_by_module &results, const kept_notice &notice);
 
 struct watch_facts {
     std::string now; // UTC, "2026-01-31T23:59:59Z"
@@ -50,6 +50,6 @@ public:
 
 private:
     std::vector<unsigned> modules_;
-    chassis_notice_reader notices_;
+    kept_notice_reader notices_;
     results_by_module results_;
 };

@@ -5,7 +5,7 @@
 
 #include "bios_messages.h"
 #include "bios_opcodes.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 #include "version_messages.h"
@@ -20,7 +20,7 @@ constexpr std::uint32_t NEVER_LOCKED = 0x4242; // node id of no card
 
 lock_client::lock_client(unsigned slot)
     : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "bench")),
-      node_(chassis_mts_node_of_slot(slot)),
+      node_(mts_node_of_slot(slot)),
       body_(be32_bytes(BIOS_MODULE_LOCK_RELEASE) + be32_bytes(NEVER_LOCKED))
 {
 }

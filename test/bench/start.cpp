@@ -13,7 +13,7 @@
 #include "benchmarks.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "in_turn.h"
 #include "started_process.h"
 #include "timed_process.h"
@@ -32,7 +32,7 @@ unique_fd connect_to_daemon(const std::string &chassis_directory)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s/mts/%08x.%08x", chassis_directory.c_str(),
-                        chassis_mts_node_of_slot(SLOT), BIOS_DAEMON_SAP);
+                        mts_node_of_slot(SLOT), BIOS_DAEMON_SAP);
     unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return {};

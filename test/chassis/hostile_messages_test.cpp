@@ -13,7 +13,7 @@
 #include "bios_results.h"
 #include "chassis_dir.h"
 #include "chassis_fixture.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 
 namespace
 {
@@ -265,7 +265,7 @@ TEST_F(HostileMessages, BytesThatAreNoMessageAreSurvived)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/mts/%08x.%08x", chassis_dir_fd(),
-                  chassis_mts_node_of_slot(1), BIOS_DAEMON_SAP);
+                  mts_node_of_slot(1), BIOS_DAEMON_SAP);
     ASSERT_EQ(::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     for (unsigned i = 0; i < 500; ++i) {
         std::string bytes(random() % 900, '\0');

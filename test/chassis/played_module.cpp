@@ -7,7 +7,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 
@@ -53,7 +53,7 @@ void played_module::leave()
 {
     forget_request();
     if (handle_ != NO_ENDPOINT)
-        chassis_mts_unbind(handle_);
+        mts_unbind(handle_);
     handle_ = NO_ENDPOINT;
 }
 
@@ -84,7 +84,7 @@ std::string played_module::header() const
 
 std::string played_module::body() const
 {
-    const std::uint32_t length = chassis_mts_payload_length(request_);
+    const std::uint32_t length = mts_payload_length(request_);
     if (length < MTS_REQUEST_HEADER_BYTES)
         return {};
     return {static_cast<const char *>(mts_payload_get(request_)) + MTS_REQUEST_HEADER_BYTES,

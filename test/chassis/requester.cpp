@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "bios_opcodes.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 
@@ -17,7 +17,7 @@ namespace
 template<class record>
 std::optional<record> record_in(mts_message_t *message)
 {
-    if (chassis_mts_payload_length(message) != sizeof(record))
+    if (mts_payload_length(message) != sizeof(record))
         return std::nullopt;
     record found;
     std::memcpy(&found, mts_payload_get(message), sizeof found);
@@ -76,13 +76,13 @@ bios_programming_req_t programming_request(std::uint32_t module, const programmi
 
 requester::requester() : handle_(mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "chassis test"))
 {
-    if (handle_ < 0 || chassis_mts_listen(handle_, MTS_OPC_BIOS_PROGRAMMING_NOTIFY) != 0)
+    if (handle_ < 0 || mts_listen(handle_, MTS_OPC_BIOS_PROGRAMMING_NOTIFY) != 0)
         throw std::runtime_error(std::string("endpoint of the test: ") + std::strerror(errno));
 }
 
 requester::~requester()
 {
-    chassis_mts_unbind(handle_);
+    mts_unbind(handle_);
 }
 
 programming requester::start(std::uint32_t module, const programming_options &options)
@@ -128,7 +128,7 @@ request_reply requester::ask(unsigned slot, std::uint32_t opcode, const std::str
     auto length = static_cast<std::uint32_t>(body.size());
     const std::int32_t status =
         cmi_remote_req_resp(opcode, REQUEST_TYPE, body.data(), &answer, &length, "test", "test", BIOS_DAEMON_SAP,
-                            chassis_mts_node_of_slot(slot), handle_, wait_limit_s);
+                            mts_node_of_slot(slot), handle_, wait_limit_s);
     request_reply reply;
     reply.error = status == -1 ? errno : 0;
     if (status != -1)
@@ -150,7 +150,7 @@ std::optional<std::uint32_t> requester::request(unsigned slot, std::uint32_t opc
 mts_address_t requester::address() const
 {
     mts_address_t own = {};
-    if (chassis_mts_address(handle_, &own) != 0)
+    if (mts_own_address(handle_, &own) != 0)
         throw std::runtime_error("address of the test's endpoint");
     return own;
 }
@@ -170,6 +170,6 @@ unsigned requester::take_waiting(std::uint32_t opcode)
 
 bool requester::send(unsigned slot, std::uint32_t opcode, const void *payload, std::uint32_t length)
 {
-    return mts_send(handle_, chassis_mts_node_of_slot(slot), BIOS_DAEMON_SAP, opcode, payload, length, 0, 0, 0) ==
+    return mts_send(handle_, mts_node_of_slot(slot), BIOS_DAEMON_SAP, opcode, payload, length, 0, 0, 0) ==
            0;
 }

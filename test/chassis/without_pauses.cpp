@@ -13,7 +13,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "mts.h"
 #include "without_pauses.h"
 
@@ -42,7 +42,7 @@ milliseconds child_receive_wait()
 void wait_for_message(std::int32_t handle)
 {
     const bool is_daemon = ::getpid() == daemon_process;
-    pollfd arrival = {chassis_mts_descriptor(handle), POLLIN, 0};
+    pollfd arrival = {mts_descriptor(handle), POLLIN, 0};
     const auto begin = steady_clock::now();
     for (;;) {
         const milliseconds left = (is_daemon ? LOOK : child_receive_wait()) -

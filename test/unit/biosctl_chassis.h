@@ -23,7 +23,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 #include "unique_fd.h"
@@ -90,7 +90,7 @@ public:
             ::_exit(72);
         (void)mts_saddr_get(msg_, &requester_);
         const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(msg_));
-        return {payload + MTS_REQUEST_HEADER_BYTES, payload + chassis_mts_payload_length(msg_)};
+        return {payload + MTS_REQUEST_HEADER_BYTES, payload + mts_payload_length(msg_)};
     }
     // Any request; its opcode.
     std::uint32_t receive_any(std::vector<std::uint8_t> &body_out)
@@ -100,7 +100,7 @@ public:
             ::_exit(73);
         (void)mts_saddr_get(msg_, &requester_);
         const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(msg_));
-        body_out.assign(payload + MTS_REQUEST_HEADER_BYTES, payload + chassis_mts_payload_length(msg_));
+        body_out.assign(payload + MTS_REQUEST_HEADER_BYTES, payload + mts_payload_length(msg_));
         return mts_opc_get(msg_);
     }
     void answer(std::uint32_t status, const void *payload = "\0\0\0", std::uint32_t length = 4)

@@ -78,7 +78,7 @@ std::vector<std::string> lines(const watch_facts &facts, std::optional<watch_spa
     return watch_lines(make_snapshot(facts), space);
 }
 
-chassis_notice notice(std::uint32_t opcode, mts_address_t source, std::vector<std::uint8_t> payload)
+kept_notice notice(std::uint32_t opcode, mts_address_t source, std::vector<std::uint8_t> payload)
 {
     return {"2026-01-31T11:00:00.123456Z", source, opcode, std::move(payload)};
 }

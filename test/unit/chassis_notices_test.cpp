@@ -1,6 +1,6 @@
 // The notices that the transport keeps for latecomers: their lines, the files and their turning over, and what
 // readers make of anything else.
-#include "chassis_notices.h"
+#include "kept_notices.h"
 
 #include <set>
 #include <sys/resource.h>
@@ -34,22 +34,22 @@ protected:
     }
 };
 
-std::string text_of(const chassis_notice &notice)
+std::string text_of(const kept_notice &notice)
 {
     return {notice.payload.begin(), notice.payload.end()};
 }
 
-std::vector<std::string> texts_of(const std::vector<chassis_notice> &notices)
+std::vector<std::string> texts_of(const std::vector<kept_notice> &notices)
 {
     std::vector<std::string> texts;
-    for (const chassis_notice &notice : notices)
+    for (const kept_notice &notice : notices)
         texts.push_back(text_of(notice));
     return texts;
 }
 
 std::string line(const std::string &text)
 {
-    return chassis_notice_format({TIME, {CARD_1, DAEMON_SAP}, NOTIFY, {text.begin(), text.end()}}) + "\n";
+    return kept_notice_format({TIME, {CARD_1, DAEMON_SAP}, NOTIFY, {text.begin(), text.end()}}) + "\n";
 }
 
 using texts = std::vector<std::string>;
@@ -58,10 +58,10 @@ using texts = std::vector<std::string>;
 
 TEST(NoticeLine, HasAFixedForm)
 {
-    const chassis_notice notice = {TIME, {0x101, 1010}, NOTIFY, {0x40, 0x71, 0x00, 0x0c, 0x00, 0x00, 0x00, 0x02}};
-    const std::string text = chassis_notice_format(notice);
+    const kept_notice notice = {TIME, {0x101, 1010}, NOTIFY, {0x40, 0x71, 0x00, 0x0c, 0x00, 0x00, 0x00, 0x02}};
+    const std::string text = kept_notice_format(notice);
     EXPECT_EQ(text, "2026-01-31T23:59:59.123456Z 00000101.000003f2 4792 4071000c00000002");
-    const auto parsed = chassis_notice_parse(text);
+    const auto parsed = kept_notice_parse(text);
     ASSERT_TRUE(parsed);
     EXPECT_EQ(parsed->time, TIME);
     EXPECT_EQ(parsed->source.node, 0x101U);
@@ -69,16 +69,16 @@ TEST(NoticeLine, HasAFixedForm)
     EXPECT_EQ(parsed->opcode, NOTIFY);
     EXPECT_EQ(parsed->payload, notice.payload);
 
-    const chassis_notice empty = {TIME, {UINT32_MAX, 0}, UINT32_MAX, {}};
-    EXPECT_EQ(chassis_notice_format(empty), "2026-01-31T23:59:59.123456Z ffffffff.00000000 4294967295 -");
-    EXPECT_TRUE(chassis_notice_parse(chassis_notice_format(empty)));
+    const kept_notice empty = {TIME, {UINT32_MAX, 0}, UINT32_MAX, {}};
+    EXPECT_EQ(kept_notice_format(empty), "2026-01-31T23:59:59.123456Z ffffffff.00000000 4294967295 -");
+    EXPECT_TRUE(kept_notice_parse(kept_notice_format(empty)));
 }
 
 TEST(NoticeLine, IsNotMadeOutOfAnythingElse)
 {
     const std::string head = std::string(TIME) + " 00000101.000003f2 4792 ";
     const std::string longest(2 * NOTICE_PAYLOAD_BYTES_MAX, 'a');
-    EXPECT_TRUE(chassis_notice_parse(head + longest));
+    EXPECT_TRUE(kept_notice_parse(head + longest));
     for (const std::string &wrong : {std::string(),
                                      std::string(" "),
                                      std::string(100, '\0'),
@@ -99,16 +99,16 @@ TEST(NoticeLine, IsNotMadeOutOfAnythingElse)
                                      std::string("2026-01-31T23:59:59Z 00000101.000003f2 4792 40"),
                                      std::string("2026-01-31 23:59:59.123456Z 00000101.000003f2 4792 40"),
                                      "x" + head + "40"})
-        EXPECT_FALSE(chassis_notice_parse(wrong)) << wrong;
+        EXPECT_FALSE(kept_notice_parse(wrong)) << wrong;
 }
 
 TEST_F(Notices, AreKeptWhetherAnybodyListensOrNot)
 {
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(reader.take().size(), 0U);
     const std::int32_t listener = bind_endpoint(-1);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, "nobody", NOTIFY), 0);
-    ASSERT_EQ(chassis_mts_listen(listener, NOTIFY), 0);
+    ASSERT_EQ(mts_listen(listener, NOTIFY), 0);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, "somebody", NOTIFY), 0);
     EXPECT_EQ(chassis_test::text_of(received(listener, 0).get()), "somebody");
     const auto kept = reader.take();
@@ -118,19 +118,19 @@ TEST_F(Notices, AreKeptWhetherAnybodyListensOrNot)
     EXPECT_EQ(kept[0].source.sap, DAEMON_SAP);
     EXPECT_EQ(kept[0].opcode, NOTIFY);
     EXPECT_EQ(reader.take().size(), 0U) << "told twice";
-    chassis_mts_unbind(listener);
+    mts_unbind(listener);
 }
 
 TEST_F(Notices, AreThereWhenTheMessageArrives)
 {
     const std::int32_t listener = bind_endpoint(-1);
-    ASSERT_EQ(chassis_mts_listen(listener, NOTIFY), 0);
+    ASSERT_EQ(mts_listen(listener, NOTIFY), 0);
     card_process sender(chassis_, 2, 600, [](std::int32_t handle) {
         return send_text(handle, MTS_NODE_LISTENERS, 0, "from card 2", NOTIFY);
     });
     ASSERT_TRUE(received(listener));
-    EXPECT_EQ(texts_of(chassis_notice_reader().take()), texts{"from card 2"});
-    chassis_mts_unbind(listener);
+    EXPECT_EQ(texts_of(kept_notice_reader().take()), texts{"from card 2"});
+    mts_unbind(listener);
 }
 
 TEST_F(Notices, OnlyWhatIsSentToListenersIsKept)
@@ -146,7 +146,7 @@ TEST_F(Notices, EmptyAndLongOnes)
     const std::string longest(NOTICE_PAYLOAD_BYTES_MAX, 'l');
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, longest, NOTIFY), 0);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, longest + "l", NOTIFY), 0);
-    EXPECT_EQ(texts_of(chassis_notice_reader().take()), (texts{"", longest}));
+    EXPECT_EQ(texts_of(kept_notice_reader().take()), (texts{"", longest}));
 }
 
 TEST_F(Notices, AreTheUsersAlone)
@@ -161,7 +161,7 @@ TEST_F(Notices, AreTheUsersAlone)
 TEST_F(Notices, CannotBeWrittenAndAreSentAllTheSame)
 {
     const std::int32_t listener = bind_endpoint(-1);
-    ASSERT_EQ(chassis_mts_listen(listener, NOTIFY), 0);
+    ASSERT_EQ(mts_listen(listener, NOTIFY), 0);
     const auto is_sent = [&] {
         errno = 0;
         return send_text(handle_, MTS_NODE_LISTENERS, 0, "x", NOTIFY) == 0 && received(listener, 0) != nullptr;
@@ -173,15 +173,15 @@ TEST_F(Notices, CannotBeWrittenAndAreSentAllTheSame)
     fs::remove(file());
     ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
     EXPECT_TRUE(is_sent());
-    EXPECT_EQ(chassis_notice_reader().take().size(), 0U);
+    EXPECT_EQ(kept_notice_reader().take().size(), 0U);
     fs::remove(file());
     fs::create_directory(file());
     EXPECT_TRUE(is_sent());
     fs::remove_all(chassis_ + "/transport");
     std::ofstream(chassis_ + "/transport") << "no folder";
     EXPECT_TRUE(is_sent());
-    EXPECT_EQ(chassis_notice_reader().take().size(), 0U);
-    chassis_mts_unbind(listener);
+    EXPECT_EQ(kept_notice_reader().take().size(), 0U);
+    mts_unbind(listener);
 }
 
 TEST_F(Notices, OfAFullDiskAreSentAndTheNextLineIsWhole)
@@ -198,14 +198,14 @@ TEST_F(Notices, OfAFullDiskAreSentAndTheNextLineIsWhole)
     });
     EXPECT_EQ(sender.exit_code(), 0);
     EXPECT_EQ(content().find('\n'), line("first").size() / 2) << content();
-    EXPECT_EQ(texts_of(chassis_notice_reader().take()), texts{"second"});
+    EXPECT_EQ(texts_of(kept_notice_reader().take()), texts{"second"});
 }
 
 TEST_F(Notices, ATornLastLineIsTakenWhenItIsWhole)
 {
     const std::string second = line("second");
     write(line("first") + second.substr(0, 20));
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(texts_of(reader.take()), texts{"first"});
     append(second.substr(20, 30));
     EXPECT_EQ(reader.take().size(), 0U);
@@ -219,7 +219,7 @@ TEST_F(Notices, GarbageIsPassedOver)
     for (std::size_t place = 0; place < garbage.size(); ++place)
         garbage[place] = static_cast<char>(place * 7919 % 251);
     write(line("first") + garbage + "\n" + line("second") + std::string(200'000, 'g') + "\n\n\n" + line("third"));
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(texts_of(reader.take()), (texts{"first", "second", "third"}));
     append(std::string(200'000, 'h'));
     EXPECT_EQ(reader.take().size(), 0U);
@@ -232,13 +232,13 @@ TEST_F(Notices, OfAHugeFileAreThoseAtItsEnd)
     write(line("first"));
     fs::resize_file(file(), std::uintmax_t{8} << 30); // with a hole that reads as zeros
     append("\n" + line("last"));
-    EXPECT_EQ(texts_of(chassis_notice_reader().take()), texts{"last"});
+    EXPECT_EQ(texts_of(kept_notice_reader().take()), texts{"last"});
 }
 
 TEST_F(Notices, OfAnEmptiedFileAreReadAnew)
 {
     write(line("first") + line("second"));
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(reader.take().size(), 2U);
     fs::resize_file(file(), 0);
     append(line("third"));
@@ -252,14 +252,14 @@ TEST_F(Notices, AreTurnedOverToOneOlderFile)
     };
     write("oldest\n", "notices.1");
     write(line("first") + std::string(NOTICES_FILE_BYTES_MAX, 'g') + "\n");
-    chassis_notice_reader early;
+    kept_notice_reader early;
     EXPECT_EQ(texts_of(early.take()), texts{"first"});
     append(line("second")); // by a process that had the file open
     send("third");
     EXPECT_EQ(content().size(), line("third").size());
     EXPECT_NE(content("notices.1").find(line("second")), std::string::npos);
     EXPECT_EQ(texts_of(early.take()), (texts{"second", "third"}));
-    EXPECT_EQ(texts_of(chassis_notice_reader().take()), (texts{"first", "second", "third"}));
+    EXPECT_EQ(texts_of(kept_notice_reader().take()), (texts{"first", "second", "third"}));
     send("fourth");
     EXPECT_EQ(texts_of(early.take()), texts{"fourth"});
 }
@@ -267,7 +267,7 @@ TEST_F(Notices, AreTurnedOverToOneOlderFile)
 TEST_F(Notices, OfAReaderThatMissedATurn)
 {
     write(line("first"));
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(texts_of(reader.take()), texts{"first"});
     write(line("second"), "fresh"); // turned over twice: the first file is gone
     fs::rename(file("fresh"), file("notices.1"));
@@ -280,7 +280,7 @@ TEST_F(Notices, OfAReaderThatMissedATurn)
 TEST_F(Notices, OlderFileAlone)
 {
     write(line("first"), "notices.1");
-    chassis_notice_reader reader;
+    kept_notice_reader reader;
     EXPECT_EQ(texts_of(reader.take()), texts{"first"});
     EXPECT_EQ(reader.take().size(), 0U) << "told twice";
     write(line("second"));
@@ -303,7 +303,7 @@ TEST_F(Notices, OfSeveralSendersAreWholeLines)
     card_process second(chassis_, 2, 602, send_many);
     card_process third(chassis_, 4, 603, send_many);
     EXPECT_EQ(first.exit_code() + second.exit_code() + third.exit_code(), 0);
-    const auto kept = texts_of(chassis_notice_reader().take());
+    const auto kept = texts_of(kept_notice_reader().take());
     EXPECT_EQ(kept.size(), 300U);
     EXPECT_EQ(std::set<std::string>(kept.begin(), kept.end()).size(), 300U);
     EXPECT_TRUE(fs::exists(file("notices.1")));

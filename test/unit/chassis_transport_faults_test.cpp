@@ -5,7 +5,7 @@
 #include <set>
 
 #include "chassis_transport_fixture.h"
-#include "mts_faults.h"
+#include "message_faults.h"
 #include "rest_of.h"
 
 using namespace chassis_test;

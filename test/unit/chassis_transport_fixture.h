@@ -23,7 +23,7 @@
 
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 #include "unique_fd.h"
@@ -64,7 +64,7 @@ inline held_message received(std::int32_t handle, std::uint32_t wait_s = 5)
 
 inline std::string text_of(mts_message_t *message)
 {
-    return {static_cast<const char *>(mts_payload_get(message)), chassis_mts_payload_length(message)};
+    return {static_cast<const char *>(mts_payload_get(message)), mts_payload_length(message)};
 }
 
 inline int send_text(std::int32_t handle, std::uint32_t node, std::uint32_t sap, const std::string &text,
@@ -165,7 +165,7 @@ inline int echo_for_ever(std::int32_t handle)
             continue;
         const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(message.get()));
         cmi_response(payload + MTS_REQUEST_HEADER_BYTES,
-                     chassis_mts_payload_length(message.get()) - MTS_REQUEST_HEADER_BYTES, handle, message.get(),
+                     mts_payload_length(message.get()) - MTS_REQUEST_HEADER_BYTES, handle, message.get(),
                      0);
     }
 }
@@ -220,7 +220,7 @@ protected:
 
     void TearDown() override
     {
-        chassis_mts_unbind(handle_);
+        mts_unbind(handle_);
         fs::remove_all(chassis_);
     }
 

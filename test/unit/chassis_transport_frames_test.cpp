@@ -172,7 +172,7 @@ TEST_F(TransportFrames, SurvivesRandomFrames)
             frame[random() % frame.size()] = static_cast<std::uint8_t>(below(256));
         send_raw(socket.get(), frame, std::vector<int>(below(8) == 0 ? below(3) : 0, file.get()));
         if (const held_message message = received(handle_, 0)) {
-            ASSERT_LE(chassis_mts_payload_length(message.get()), MTS_MAX_PAYLOAD_BYTES);
+            ASSERT_LE(mts_payload_length(message.get()), MTS_MAX_PAYLOAD_BYTES);
             ASSERT_EQ(static_cast<char *>(mts_payload_get(message.get()))[640], 0);
         }
     }

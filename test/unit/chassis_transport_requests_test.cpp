@@ -25,7 +25,7 @@ TEST_F(TransportRequests, PutsTheTagsIntoTheHeaderAndZerosBehindTheAnswer)
 {
     const card_process card(chassis_, 2, DAEMON_SAP, [](std::int32_t handle) {
         const held_message message = received(handle);
-        return cmi_response(mts_payload_get(message.get()), chassis_mts_payload_length(message.get()), handle,
+        return cmi_response(mts_payload_get(message.get()), mts_payload_length(message.get()), handle,
                             message.get(), 0);
     });
     std::uint32_t length = 3;
@@ -229,7 +229,7 @@ TEST_F(TransportRequests, NoticesThatTheReceiverWasReplaced)
     EXPECT_EQ(request(CARD_2, text, 60), -1);
     EXPECT_EQ(errno, ECONNRESET);
     EXPECT_LT(steady::now() - start, 3s);
-    EXPECT_TRUE(chassis_mts_is_bound(CARD_2, DAEMON_SAP));
+    EXPECT_TRUE(mts_is_bound(CARD_2, DAEMON_SAP));
     ::kill(restarter, SIGKILL);
     ::waitpid(restarter, nullptr, 0);
 }

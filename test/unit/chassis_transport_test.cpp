@@ -15,13 +15,13 @@ namespace
 
 TEST_F(Transport, GivesEachCardTheNodeOfItsKind)
 {
-    EXPECT_EQ(chassis_mts_node_of_slot(1), 0x101u);
-    EXPECT_EQ(chassis_mts_node_of_slot(2), 0x202u);
-    EXPECT_EQ(chassis_mts_node_of_slot(4), 0x401u);
-    EXPECT_EQ(chassis_mts_node_of_slot(9), 0x902u);
-    EXPECT_EQ(chassis_mts_node_of_slot(0), 1u);
+    EXPECT_EQ(mts_node_of_slot(1), 0x101u);
+    EXPECT_EQ(mts_node_of_slot(2), 0x202u);
+    EXPECT_EQ(mts_node_of_slot(4), 0x401u);
+    EXPECT_EQ(mts_node_of_slot(9), 0x902u);
+    EXPECT_EQ(mts_node_of_slot(0), 1u);
     mts_address_t own{};
-    ASSERT_EQ(chassis_mts_address(handle_, &own), 0);
+    ASSERT_EQ(mts_own_address(handle_, &own), 0);
     EXPECT_EQ(own.node, CARD_1);
     EXPECT_EQ(own.sap, DAEMON_SAP);
 }
@@ -40,10 +40,10 @@ TEST_F(Transport, TakesOverTheAddressOfAKilledProcess)
     ASSERT_TRUE(first.bound());
     first.kill();
     ASSERT_TRUE(fs::exists(file_of(CARD_2, DAEMON_SAP)));
-    EXPECT_FALSE(chassis_mts_is_bound(CARD_2, DAEMON_SAP));
+    EXPECT_FALSE(mts_is_bound(CARD_2, DAEMON_SAP));
     const card_process second(chassis_, 2, DAEMON_SAP, sleep_for_ever);
     EXPECT_TRUE(second.bound());
-    EXPECT_TRUE(chassis_mts_is_bound(CARD_2, DAEMON_SAP));
+    EXPECT_TRUE(mts_is_bound(CARD_2, DAEMON_SAP));
 }
 
 TEST_F(Transport, LetsOnlyOneOfManyTakeOverADeadAddress)
@@ -85,7 +85,7 @@ TEST_F(Transport, RemovesItsFilesAtAnOrderlyExit)
     card_process card(
         chassis_, 2, DAEMON_SAP,
         [&](std::int32_t handle) {
-            if (chassis_mts_listen(handle, OPCODE) != 0 || !fs::exists(file_of(CARD_2, DAEMON_SAP)))
+            if (mts_listen(handle, OPCODE) != 0 || !fs::exists(file_of(CARD_2, DAEMON_SAP)))
                 return 1;
             return 0;
         },
@@ -102,11 +102,11 @@ TEST_F(Transport, ChoosesAnotherFreeSapEachTime)
 {
     mts_address_t first{}, second{};
     const std::int32_t first_handle = bind_endpoint(-1);
-    ASSERT_EQ(chassis_mts_address(first_handle, &first), 0);
-    chassis_mts_unbind(first_handle);
+    ASSERT_EQ(mts_own_address(first_handle, &first), 0);
+    mts_unbind(first_handle);
     const std::int32_t second_handle = bind_endpoint(-1);
-    ASSERT_EQ(chassis_mts_address(second_handle, &second), 0);
-    chassis_mts_unbind(second_handle);
+    ASSERT_EQ(mts_own_address(second_handle, &second), 0);
+    mts_unbind(second_handle);
     EXPECT_GE(first.sap, 0x10000u);
     EXPECT_NE(first.sap, second.sap);
     EXPECT_EQ(mts_send(second_handle, CARD_1, DAEMON_SAP, 1, nullptr, 0, 0, 0, 0), -1);
@@ -119,9 +119,9 @@ TEST_F(Transport, SweepsAwayTheEphemeralEndpointsOfKilledTools)
     const std::string left = file_of(1, 0x10000);
     ASSERT_TRUE(fs::exists(left));
     for (int round = 0; round < 70; ++round)
-        chassis_mts_unbind(bind_endpoint(-1));
+        mts_unbind(bind_endpoint(-1));
     EXPECT_FALSE(fs::exists(left));
-    EXPECT_TRUE(chassis_mts_is_bound(CARD_1, DAEMON_SAP));
+    EXPECT_TRUE(mts_is_bound(CARD_1, DAEMON_SAP));
 }
 
 TEST_F(Transport, BindsSocketsThatAreClosedToOthersWhateverTheUmask)
@@ -133,8 +133,8 @@ TEST_F(Transport, BindsSocketsThatAreClosedToOthersWhateverTheUmask)
     };
     ASSERT_EQ(::stat(file_of(CARD_1, 77).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
-    EXPECT_TRUE(chassis_mts_is_bound(CARD_1, 77));
-    chassis_mts_unbind(handle);
+    EXPECT_TRUE(mts_is_bound(CARD_1, 77));
+    mts_unbind(handle);
 }
 
 TEST_F(Transport, RefusesArgumentsThatMeanNothing)
@@ -156,7 +156,7 @@ TEST_F(Transport, RefusesArgumentsThatMeanNothing)
 TEST_F(Transport, PausesBeforeItReportsABrokenEndpointWithinTheWaitLimit)
 {
     const unique_fd file(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    ASSERT_GE(::dup3(file.get(), chassis_mts_descriptor(handle_), O_CLOEXEC), 0); // no socket any more
+    ASSERT_GE(::dup3(file.get(), mts_descriptor(handle_), O_CLOEXEC), 0); // no socket any more
     for (const auto &[wait_s, least, most] :
          {std::tuple{5U, 900ms, 4000ms}, std::tuple{1U, 900ms, 4000ms}, std::tuple{0U, 0ms, 500ms}}) {
         mts_message_t *message = nullptr;
@@ -171,7 +171,7 @@ TEST_F(Transport, PausesBeforeItReportsABrokenEndpointWithinTheWaitLimit)
 TEST_F(Transport, LeavesTheWorkingDirectoryWhereItWas)
 {
     const fs::path before = fs::current_path();
-    chassis_mts_unbind(bind_endpoint(-1));
+    mts_unbind(bind_endpoint(-1));
     EXPECT_EQ(send_text(handle_, CARD_1, DAEMON_SAP, "x"), 0);
     EXPECT_EQ(send_text(handle_, CARD_2, DAEMON_SAP, "x"), -1);
     EXPECT_EQ(fs::current_path(), before);
@@ -212,7 +212,7 @@ TEST_F(Transport, LeavesTheParentsEndpointToTheParent)
     int status = 0;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
-    EXPECT_TRUE(chassis_mts_is_bound(CARD_1, DAEMON_SAP));
+    EXPECT_TRUE(mts_is_bound(CARD_1, DAEMON_SAP));
 }
 
 TEST_F(Transport, EndsTheParentsEndpointWithTheParentThoughItsChildLives)
@@ -229,7 +229,7 @@ TEST_F(Transport, EndsTheParentsEndpointWithTheParentThoughItsChildLives)
         return 0;
     });
     EXPECT_EQ(parent.exit_code(), 0);
-    EXPECT_TRUE(eventually([] { return !chassis_mts_is_bound(CARD_2, DAEMON_SAP); }));
+    EXPECT_TRUE(eventually([] { return !mts_is_bound(CARD_2, DAEMON_SAP); }));
     EXPECT_EQ(send_text(handle_, CARD_2, DAEMON_SAP, "x"), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     ::close(life[0]);
@@ -248,7 +248,7 @@ TEST_F(Transport, GivesNoDescriptorToAProgramThatIsRun)
     ::pclose(program);
     EXPECT_EQ(seen.find(chassis_), std::string::npos) << seen;
     struct stat facts;
-    ASSERT_EQ(::fstat(chassis_mts_descriptor(handle_), &facts), 0);
+    ASSERT_EQ(::fstat(mts_descriptor(handle_), &facts), 0);
     EXPECT_EQ(seen.find("socket:[" + std::to_string(facts.st_ino) + "]"), std::string::npos) << seen;
 }
 
@@ -276,7 +276,7 @@ TEST_F(Transport, DeliversAnEmptyMessage)
     ASSERT_EQ(mts_send(handle_, CARD_1, DAEMON_SAP, 4792, nullptr, 0, 0, 0, 0), 0);
     const held_message message = received(handle_);
     ASSERT_TRUE(message);
-    EXPECT_EQ(chassis_mts_payload_length(message.get()), 0u);
+    EXPECT_EQ(mts_payload_length(message.get()), 0u);
     ASSERT_NE(mts_payload_get(message.get()), nullptr);
 }
 
@@ -291,7 +291,7 @@ TEST_F(Transport, DeliversEverySizeUpToTheLargestUnchanged)
         ASSERT_EQ(send_text(handle_, CARD_1, DAEMON_SAP, payload), 0) << bytes << std::strerror(errno);
         const held_message message = received(handle_);
         ASSERT_TRUE(message) << bytes;
-        ASSERT_EQ(chassis_mts_payload_length(message.get()), bytes);
+        ASSERT_EQ(mts_payload_length(message.get()), bytes);
         auto *data = static_cast<char *>(mts_payload_get(message.get()));
         ASSERT_EQ(std::memcmp(data, payload.data(), bytes), 0) << bytes;
         ASSERT_EQ(data[bytes], 0);
@@ -359,14 +359,14 @@ TEST_F(Transport, KeepsABoundedNumberOfConnections)
     for (int round = 0; round < 2; ++round) {
         for (const std::int32_t other : handles) {
             mts_address_t address{};
-            ASSERT_EQ(chassis_mts_address(other, &address), 0);
+            ASSERT_EQ(mts_own_address(other, &address), 0);
             ASSERT_EQ(send_text(handle_, address.node, address.sap, "x"), 0);
             EXPECT_TRUE(received(other));
         }
     }
     EXPECT_LE(open_descriptors(), before + 32);
     for (const std::int32_t other : handles)
-        chassis_mts_unbind(other);
+        mts_unbind(other);
 }
 
 TEST_F(Transport, DoesNotWaitForEverForAFullReceiver)
@@ -393,7 +393,7 @@ TEST_F(Transport, DoesNotWaitForEverForAFullReceiver)
         EXPECT_EQ(text_of(received(deaf).get()), std::to_string(number));
     EXPECT_EQ(send_text(handle_, CARD_1, 500, "again"), 0);
     EXPECT_EQ(text_of(received(deaf).get()), "again");
-    chassis_mts_unbind(deaf);
+    mts_unbind(deaf);
 }
 
 TEST_F(Transport, WaitsForAReceiverThatMakesRoomInTime)
@@ -487,10 +487,10 @@ TEST_F(Transport, DeliversToEveryListenerOfTheOpcodeAndToNobodyElse)
     const std::int32_t both = bind_endpoint(-1);
     const std::int32_t other = bind_endpoint(-1);
     const std::int32_t none = bind_endpoint(-1);
-    ASSERT_EQ(chassis_mts_listen(both, 4792), 0);
-    ASSERT_EQ(chassis_mts_listen(both, 4793), 0);
-    ASSERT_EQ(chassis_mts_listen(both, 4793), 0);
-    ASSERT_EQ(chassis_mts_listen(other, 4792), 0);
+    ASSERT_EQ(mts_listen(both, 4792), 0);
+    ASSERT_EQ(mts_listen(both, 4793), 0);
+    ASSERT_EQ(mts_listen(both, 4793), 0);
+    ASSERT_EQ(mts_listen(other, 4792), 0);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 99, "to both", 4792), 0);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, "to one", 4793), 0);
     EXPECT_EQ(text_of(received(both, 0).get()), "to both");
@@ -499,16 +499,16 @@ TEST_F(Transport, DeliversToEveryListenerOfTheOpcodeAndToNobodyElse)
     EXPECT_FALSE(received(both, 0));
     EXPECT_FALSE(received(other, 0));
     EXPECT_FALSE(received(none, 0));
-    chassis_mts_unbind(both);
-    chassis_mts_unbind(other);
-    chassis_mts_unbind(none);
+    mts_unbind(both);
+    mts_unbind(other);
+    mts_unbind(none);
     EXPECT_EQ(send_text(handle_, MTS_NODE_LISTENERS, 0, "to nobody", 4792), 0);
 }
 
 TEST_F(Transport, RemovesTheMarkersOfKilledListeners)
 {
     card_process listener(chassis_, 0, 600, [](std::int32_t handle) {
-        if (chassis_mts_listen(handle, 4792) != 0 || send_text(handle, CARD_1, DAEMON_SAP, "listening") != 0)
+        if (mts_listen(handle, 4792) != 0 || send_text(handle, CARD_1, DAEMON_SAP, "listening") != 0)
             return 1;
         return sleep_for_ever(handle);
     });
@@ -523,7 +523,7 @@ TEST_F(Transport, RemovesTheMarkersOfKilledListeners)
 TEST_F(Transport, DoesNotInheritTheMarkersOfADeadPredecessor)
 {
     card_process listener(chassis_, 0, 600, [](std::int32_t handle) {
-        if (chassis_mts_listen(handle, 4792) != 0 || send_text(handle, CARD_1, DAEMON_SAP, "listening") != 0)
+        if (mts_listen(handle, 4792) != 0 || send_text(handle, CARD_1, DAEMON_SAP, "listening") != 0)
             return 1;
         return sleep_for_ever(handle);
     });

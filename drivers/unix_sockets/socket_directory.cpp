@@ -1,4 +1,4 @@
-#include "mts_directory.h"
+#include "socket_directory.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "write_all.h"
 
 namespace

@@ -24,7 +24,7 @@
 constexpr std::size_t NOTICE_PAYLOAD_BYTES_MAX = 256;                      // longer notices are not kept
 constexpr std::int64_t NOTICES_FILE_BYTES_MAX = std::int64_t{1024} * 1024; // then it becomes the older file
 
-struct chassis_notice {
+struct kept_notice {
     std::string time; // UTC, "2026-01-31T23:59:59.123456Z"
     mts_address_t source{};
     std::uint32_t opcode = 0;
@@ -32,24 +32,24 @@ struct chassis_notice {
 };
 
 // A line without its newline, and back; none for anything that format does not give.
-std::string chassis_notice_format(const chassis_notice &notice);
-std::optional<chassis_notice> chassis_notice_parse(std::string_view line);
+std::string kept_notice_format(const kept_notice &notice);
+std::optional<kept_notice> kept_notice_parse(std::string_view line);
 
 // Writes a notice down, in one write; several processes may at the same time. Keeps errno.
-void chassis_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
+void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
                          std::size_t bytes) noexcept;
 
 // Follows the notices of the chassis that this process belongs to.
-class chassis_notice_reader
+class kept_notice_reader
 {
 public:
     // What came since the last call, the oldest first; at the first call all that are kept. Lines that are no
     // notices are passed over; one that has no newline yet is left for the next call.
-    std::vector<chassis_notice> take();
+    std::vector<kept_notice> take();
 
 private:
     bool follow(const char *name);
-    void read_rest(std::vector<chassis_notice> &notices);
+    void read_rest(std::vector<kept_notice> &notices);
 
     unique_fd file_;
     std::int64_t offset_ = 0;  // of the first line that was not taken

@@ -1,4 +1,4 @@
-#include "chassis_transport.h"
+#include "mts_tools.h"
 
 #include <algorithm>
 
@@ -29,7 +29,7 @@ bool address_is_bound(std::uint32_t node, std::uint32_t sap)
 
 } // namespace
 
-std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode)
+std::int32_t mts_listen(std::int32_t handle, std::uint32_t opcode)
 {
     mts_endpoint *endpoint = mts_endpoint_of(handle);
     if (endpoint == nullptr)
@@ -46,7 +46,7 @@ std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode)
     });
 }
 
-void chassis_mts_unbind(std::int32_t handle)
+void mts_unbind(std::int32_t handle)
 {
     (void)c_boundary([&] {
         mts_endpoint_unbind(handle);
@@ -54,12 +54,12 @@ void chassis_mts_unbind(std::int32_t handle)
     });
 }
 
-std::uint32_t chassis_mts_payload_length(const mts_message_t *message)
+std::uint32_t mts_payload_length(const mts_message_t *message)
 {
     return message->header.payload_bytes;
 }
 
-std::int32_t chassis_mts_address(std::int32_t handle, mts_address_t *address_out)
+std::int32_t mts_own_address(std::int32_t handle, mts_address_t *address_out)
 {
     const mts_endpoint *endpoint = mts_endpoint_of(handle);
     if (endpoint == nullptr)
@@ -68,18 +68,18 @@ std::int32_t chassis_mts_address(std::int32_t handle, mts_address_t *address_out
     return 0;
 }
 
-std::int32_t chassis_mts_descriptor(std::int32_t handle)
+std::int32_t mts_descriptor(std::int32_t handle)
 {
     const mts_endpoint *endpoint = mts_endpoint_of(handle);
     return endpoint != nullptr ? endpoint->socket.get() : -1;
 }
 
-std::uint32_t chassis_mts_node_of_slot(std::uint32_t slot)
+std::uint32_t mts_node_of_slot(std::uint32_t slot)
 {
     return c_boundary(0, [&] { return node_of_slot(slot); });
 }
 
-bool chassis_mts_is_bound(std::uint32_t node, std::uint32_t sap)
+bool mts_is_bound(std::uint32_t node, std::uint32_t sap)
 {
     return c_boundary(false, [&] { return address_is_bound(node, sap); });
 }

@@ -19,7 +19,7 @@
 
 #include "c_boundary.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "endpoints.h"
 #include "known_answers.h"
 #include "mts_endpoint.h"

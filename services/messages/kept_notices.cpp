@@ -1,4 +1,4 @@
-#include "chassis_notices.h"
+#include "kept_notices.h"
 
 #include <cerrno>
 #include <charconv>
@@ -124,19 +124,19 @@ bool ends_inside_line(const unique_fd &file)
     return size > 0 && ::pread(file.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
 
-void append(const chassis_notice &notice)
+void append(const kept_notice &notice)
 {
     unique_fd file = open_to_append();
     if (!file)
         return;
     turn_over_if_full(file);
-    const std::string line = (ends_inside_line(file) ? "\n" : "") + chassis_notice_format(notice) + "\n";
+    const std::string line = (ends_inside_line(file) ? "\n" : "") + kept_notice_format(notice) + "\n";
     (void)!::write(file.get(), line.data(), line.size()); // what cannot be kept is left out
 }
 
 } // namespace
 
-std::string chassis_notice_format(const chassis_notice &notice)
+std::string kept_notice_format(const kept_notice &notice)
 {
     char head[96];
     (void)std::snprintf(head, sizeof head, "%s %08x.%08x %u ", notice.time.c_str(), notice.source.node,
@@ -149,9 +149,9 @@ std::string chassis_notice_format(const chassis_notice &notice)
     return notice.payload.empty() ? line + "-" : line;
 }
 
-std::optional<chassis_notice> chassis_notice_parse(std::string_view line)
+std::optional<kept_notice> kept_notice_parse(std::string_view line)
 {
-    chassis_notice notice;
+    kept_notice notice;
     notice.time = take_field(line);
     if (!is_time(notice.time) || !parse_address(take_field(line), notice.source) ||
         !parse_number(take_field(line), notice.opcode, 10) || !parse_payload(line, notice.payload))
@@ -159,7 +159,7 @@ std::optional<chassis_notice> chassis_notice_parse(std::string_view line)
     return notice;
 }
 
-void chassis_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
+void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
                          std::size_t bytes) noexcept
 {
     if (bytes > NOTICE_PAYLOAD_BYTES_MAX)
@@ -170,9 +170,9 @@ void chassis_notice_keep(mts_address_t source, std::uint32_t opcode, const void 
     });
 }
 
-std::vector<chassis_notice> chassis_notice_reader::take()
+std::vector<kept_notice> kept_notice_reader::take()
 {
-    std::vector<chassis_notice> notices;
+    std::vector<kept_notice> notices;
     if (!file_ && !follow(OLDER_FILE_NAME) && !follow(FILE_NAME))
         return notices;
     for (unsigned turn = 0; turn < TURNS_MAX; ++turn) {
@@ -189,7 +189,7 @@ std::vector<chassis_notice> chassis_notice_reader::take()
     return notices;
 }
 
-bool chassis_notice_reader::follow(const char *name)
+bool kept_notice_reader::follow(const char *name)
 {
     unique_fd file = open_regular(name, O_RDONLY);
     if (!file)
@@ -200,7 +200,7 @@ bool chassis_notice_reader::follow(const char *name)
     return true;
 }
 
-void chassis_notice_reader::read_rest(std::vector<chassis_notice> &notices)
+void kept_notice_reader::read_rest(std::vector<kept_notice> &notices)
 {
     const std::int64_t size = size_of(file_);
     if (size < offset_) { // somebody has emptied it
@@ -219,7 +219,7 @@ void chassis_notice_reader::read_rest(std::vector<chassis_notice> &notices)
             return;
         std::string_view rest(piece.data(), static_cast<std::size_t>(got));
         for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-            const auto notice = inside_line_ ? std::nullopt : chassis_notice_parse(rest.substr(0, end));
+            const auto notice = inside_line_ ? std::nullopt : kept_notice_parse(rest.substr(0, end));
             if (notice)
                 notices.push_back(*notice);
             inside_line_ = false;

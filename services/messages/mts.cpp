@@ -6,8 +6,8 @@
 #include <ctime>
 
 #include "c_boundary.h"
-#include "chassis_notices.h"
-#include "chassis_transport.h"
+#include "kept_notices.h"
+#include "mts_tools.h"
 #include "endpoints.h"
 #include "mts_endpoint.h"
 
@@ -34,7 +34,7 @@ int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, co
     }
     // First, so that whoever gets the message finds it there.
     if (payload.body_bytes == 0)
-        chassis_notice_keep(endpoint.address, header.opcode, payload.head, payload.head_bytes);
+        kept_notice_keep(endpoint.address, header.opcode, payload.head, payload.head_bytes);
     const int directory = endpoint.directory.get();
     for (const mts_listener &listener : mts_listeners(directory)) {
         if (listener.opcode != header.opcode)

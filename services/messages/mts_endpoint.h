@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "mts_directory.h"
-#include "mts_faults.h"
+#include "socket_directory.h"
+#include "message_faults.h"
 #include "mts_frame.h"
 
 // The connection of an endpoint to one destination.

@@ -16,27 +16,27 @@
 extern "C" {
 
 // Has messages to MTS_NODE_LISTENERS with this opcode delivered to the endpoint too. 0, or -1 with errno.
-std::int32_t chassis_mts_listen(std::int32_t handle, std::uint32_t opcode);
+std::int32_t mts_listen(std::int32_t handle, std::uint32_t opcode);
 
 // Closes an endpoint and removes its files. Messages received from it stay valid until they are dropped.
-void chassis_mts_unbind(std::int32_t handle);
+void mts_unbind(std::int32_t handle);
 
 // Bytes of a received message's payload.
-std::uint32_t chassis_mts_payload_length(const mts_message_t *message);
+std::uint32_t mts_payload_length(const mts_message_t *message);
 
 // Address of an endpoint of this process, to be named in requests as where notices go.
 // 0, or -1 with errno EBADF and the output as it was.
-std::int32_t chassis_mts_address(std::int32_t handle, mts_address_t *address_out);
+std::int32_t mts_own_address(std::int32_t handle, mts_address_t *address_out);
 
 // Descriptor that becomes readable when a message arrives, for poll beside a terminal or a signal descriptor; it
 // stays the transport's. Messages kept back during a cmi_remote_req_resp do not make it readable: after a request,
 // receive with a wait limit of 0 until MTS_ERRNO_TIMED_OUT first. -1 with errno EBADF.
-std::int32_t chassis_mts_descriptor(std::int32_t handle);
+std::int32_t mts_descriptor(std::int32_t handle);
 
 // Node of the daemon of a slot by the inventory: slot * 256 + 1 on a supervisor, + 2 on any other card; 1, the node
 // of tools, for slot 0.
-std::uint32_t chassis_mts_node_of_slot(std::uint32_t slot);
+std::uint32_t mts_node_of_slot(std::uint32_t slot);
 
 // Whether a living process has the address.
-bool chassis_mts_is_bound(std::uint32_t node, std::uint32_t sap);
+bool mts_is_bound(std::uint32_t node, std::uint32_t sap);
 }

@@ -9,7 +9,7 @@
 
 #include "c_boundary.h"
 #include "chassis_dir.h"
-#include "chassis_transport.h"
+#include "mts_tools.h"
 #include "refused_messages.h"
 
 namespace
@@ -134,7 +134,7 @@ std::int32_t mts_endpoint_bind(std::int32_t sap, const char *name)
         return -1;
     endpoint->user = ::geteuid();
     endpoint->name = name != nullptr ? name : "";
-    endpoint->address.node = chassis_mts_node_of_slot(chassis_own_slot());
+    endpoint->address.node = mts_node_of_slot(chassis_own_slot());
     endpoint_table &table = endpoints();
     table.reserve(table.size() + 1);
     if (bind_address(*endpoint, sap) != 0)

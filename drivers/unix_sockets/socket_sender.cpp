@@ -7,7 +7,7 @@
 #include <cstring>
 #include <poll.h>
 
-#include "chassis_transport.h"
+#include "mts_tools.h"
 
 namespace
 {

@@ -1,4 +1,4 @@
-#include "mts_faults.h"
+#include "message_faults.h"
 
 #include <algorithm>
 #include <charconv>
