@@ -10,7 +10,7 @@
 
 #include "chassis_dir.h"
 #include "line_file.h"
-#include "mts_endpoint.h"
+#include "monotonic_clock.h"
 #include "seeded_chance.h"
 
 namespace
@@ -30,7 +30,7 @@ constexpr std::size_t LATE_MESSAGES_LIMIT = 1024;
 constexpr std::uint64_t LATE_BYTES_LIMIT = 2ull * MTS_MAX_PAYLOAD_BYTES;
 
 struct fault_rule {
-    mts_fault fault;
+    message_fault fault;
     double share;
     std::uint64_t seed;
     std::uint32_t longest_ms;
@@ -52,13 +52,13 @@ bool parse_whole(std::string_view word, number &value)
     return failure == std::errc() && end == word.data() + word.size();
 }
 
-mts_fault fault_named(std::string_view name)
+message_fault fault_named(std::string_view name)
 {
     for (std::size_t index = 1; index < std::size(FAULT_NAMES); ++index) {
         if (FAULT_NAMES[index] == name)
-            return static_cast<mts_fault>(index);
+            return static_cast<message_fault>(index);
     }
-    return mts_fault::none;
+    return message_fault::none;
 }
 
 std::optional<fault_rule> parse_rule(std::string_view line)
@@ -66,7 +66,7 @@ std::optional<fault_rule> parse_rule(std::string_view line)
     fault_rule rule{fault_named(take_word(line)), 0, 0, DELAY_MS};
     std::string_view percent_text = take_word(line);
     double percent = 0;
-    if (rule.fault == mts_fault::none || !percent_text.ends_with('%'))
+    if (rule.fault == message_fault::none || !percent_text.ends_with('%'))
         return std::nullopt;
     percent_text.remove_suffix(1);
     if (!parse_whole(percent_text, percent) || !(percent >= LEAST_PERCENT && percent <= MOST_PERCENT) ||
@@ -74,7 +74,7 @@ std::optional<fault_rule> parse_rule(std::string_view line)
         return std::nullopt;
     rule.share = percent / MOST_PERCENT;
     if (const std::string_view longest = take_word(line); !longest.empty()) {
-        if (rule.fault != mts_fault::delay || !parse_whole(longest, rule.longest_ms) || rule.longest_ms == 0 ||
+        if (rule.fault != message_fault::delay || !parse_whole(longest, rule.longest_ms) || rule.longest_ms == 0 ||
             rule.longest_ms > LONGEST_DELAY_MS)
             return std::nullopt;
     }
@@ -102,12 +102,12 @@ std::unique_ptr<mts_message> copy_of(const mts_message &message, std::uint32_t p
     return copy;
 }
 
-void record(const mts_message &message, mts_address_t receiver, const mts_fault_order &order)
+void record(const mts_message &message, mts_address_t receiver, const message_fault_order &order)
 {
     char extent[48] = "";
-    if (order.fault == mts_fault::delay)
+    if (order.fault == message_fault::delay)
         (void)std::snprintf(extent, sizeof extent, ", %u ms late", order.delay_ms);
-    if (order.fault == mts_fault::truncate)
+    if (order.fault == message_fault::truncate)
         (void)std::snprintf(extent, sizeof extent, ", %u left", order.bytes_left);
     char line[192];
     (void)std::snprintf(line, sizeof line, "%08x.%08x %s %s %u, %u bytes%s", receiver.node, receiver.sap,
@@ -119,30 +119,30 @@ void record(const mts_message &message, mts_address_t receiver, const mts_fault_
 
 } // namespace
 
-mts_fault_order mts_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
+message_fault_order message_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
                                 std::uint32_t payload_bytes)
 {
     while (!rules.empty()) {
         const std::string_view line = rules.substr(0, rules.find('\n'));
         rules.remove_prefix(std::min(line.size() + 1, rules.size()));
         const auto rule = parse_rule(line);
-        if (!rule || (rule->fault == mts_fault::truncate && payload_bytes == 0))
+        if (!rule || (rule->fault == message_fault::truncate && payload_bytes == 0))
             continue;
         const std::uint64_t number = drawn_number(*rule, receiver, arrival);
         if (!chance_happens(number, rule->share))
             continue;
         const std::uint64_t extent = spread_number(number);
-        mts_fault_order order{.fault = rule->fault};
-        if (rule->fault == mts_fault::delay)
+        message_fault_order order{.fault = rule->fault};
+        if (rule->fault == message_fault::delay)
             order.delay_ms = static_cast<std::uint32_t>(extent % rule->longest_ms) + 1;
-        if (rule->fault == mts_fault::truncate)
+        if (rule->fault == message_fault::truncate)
             order.bytes_left = static_cast<std::uint32_t>(extent % payload_bytes);
         return order;
     }
     return {};
 }
 
-std::unique_ptr<mts_message> mts_late_messages::add(std::unique_ptr<mts_message> message, std::int64_t due)
+std::unique_ptr<mts_message> late_messages::add(std::unique_ptr<mts_message> message, std::int64_t due)
 {
     const std::uint32_t bytes = message->header.payload_bytes;
     if (messages_.size() >= LATE_MESSAGES_LIMIT || bytes_ + bytes > LATE_BYTES_LIMIT)
@@ -154,7 +154,7 @@ std::unique_ptr<mts_message> mts_late_messages::add(std::unique_ptr<mts_message>
     return nullptr;
 }
 
-std::unique_ptr<mts_message> mts_late_messages::take_due(std::int64_t now)
+std::unique_ptr<mts_message> late_messages::take_due(std::int64_t now)
 {
     if (messages_.empty() || messages_.front().due > now)
         return nullptr;
@@ -164,31 +164,31 @@ std::unique_ptr<mts_message> mts_late_messages::take_due(std::int64_t now)
     return message;
 }
 
-std::int64_t mts_late_messages::next_due(std::int64_t deadline) const
+std::int64_t late_messages::next_due(std::int64_t deadline) const
 {
     return messages_.empty() ? deadline : std::min(deadline, messages_.front().due);
 }
 
-std::unique_ptr<mts_message> mts_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
-                                             std::uint64_t arrival, mts_late_messages &late)
+std::unique_ptr<mts_message> message_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
+                                             std::uint64_t arrival, late_messages &late)
 {
     std::string rules;
     if (!chassis_read_file(RULES_FILE, rules))
         return message;
-    const mts_fault_order order = mts_fault_drawn(rules, receiver, arrival, message->header.payload_bytes);
-    if (order.fault == mts_fault::none)
+    const message_fault_order order = message_fault_drawn(rules, receiver, arrival, message->header.payload_bytes);
+    if (order.fault == message_fault::none)
         return message;
     record(*message, receiver, order);
     switch (order.fault) {
-    case mts_fault::lose:
+    case message_fault::lose:
         return nullptr;
-    case mts_fault::twice:
+    case message_fault::twice:
         if (auto copy = copy_of(*message, message->header.payload_bytes))
-            (void)late.add(std::move(copy), mts_now_us());
+            (void)late.add(std::move(copy), monotonic_us());
         return message;
-    case mts_fault::delay:
-        return late.add(std::move(message), mts_now_us() + order.delay_ms * MICROSECONDS_PER_MS);
-    case mts_fault::truncate:
+    case message_fault::delay:
+        return late.add(std::move(message), monotonic_us() + order.delay_ms * MICROSECONDS_PER_MS);
+    case message_fault::truncate:
         return copy_of(*message, order.bytes_left); // in a block of its own, so that a read beyond it is noticed
     default:
         return message;

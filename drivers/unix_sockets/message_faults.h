@@ -26,27 +26,29 @@
 
 #include "mts_frame.h"
 
-enum class mts_fault : std::uint8_t { none, lose, twice, delay, truncate };
+enum class message_fault : std::uint8_t { none, lose, twice, delay, truncate };
 
-struct mts_fault_order {
-    mts_fault fault = mts_fault::none;
+struct message_fault_order {
+    message_fault fault = message_fault::none;
     std::uint32_t delay_ms = 0;   // of delay
     std::uint32_t bytes_left = 0; // of truncate
 };
 
 // What rules order for the arrival-th message that a receiver gets, which has so many bytes of payload.
-[[nodiscard]] mts_fault_order mts_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
+[[nodiscard]] message_fault_order message_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
                                               std::uint32_t payload_bytes);
 
 // Messages that came and are to be received later.
-class mts_late_messages
+class late_messages
 {
 public:
-    // due: as of mts_now_us. Gives the message back when too many are kept.
+    // due: as of monotonic_us. Gives the message back when too many are kept.
     [[nodiscard]] std::unique_ptr<mts_message> add(std::unique_ptr<mts_message> message, std::int64_t due);
 
     // The message that is due first, or null when none is due yet.
     std::unique_ptr<mts_message> take_due(std::int64_t now);
+
+    bool empty() const { return messages_.empty(); }
 
     // When the next one is due; deadline when that is earlier, or there is none.
     std::int64_t next_due(std::int64_t deadline) const;
@@ -62,5 +64,5 @@ private:
 
 // Has the rules' way with a message that has arrived, the arrival-th of its receiver. The message to be received
 // now; null when it is lost or late.
-std::unique_ptr<mts_message> mts_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
-                                             std::uint64_t arrival, mts_late_messages &late);
+std::unique_ptr<mts_message> message_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
+                                             std::uint64_t arrival, late_messages &late);

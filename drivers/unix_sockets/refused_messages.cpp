@@ -7,7 +7,7 @@
 #include "c_boundary.h"
 #include "line_file.h"
 
-void mts_note_refused(mts_address_t endpoint, std::uint64_t count, uid_t sender) noexcept
+void note_refused_message(mts_address_t endpoint, std::uint64_t count, uid_t sender) noexcept
 {
     if (!std::has_single_bit(count))
         return;

@@ -37,7 +37,7 @@ std::string socket_name(mts_address_t address)
     return name;
 }
 
-std::string marker_name(const mts_listener &listener)
+std::string marker_name(const socket_listener &listener)
 {
     char name[48];
     std::snprintf(name, sizeof name, "listen.%08x.%08x.%08x", listener.opcode, listener.address.node,
@@ -99,12 +99,14 @@ bool is_dead(int directory, mts_address_t address)
     return !connect_socket(directory, address) && errno == ECONNREFUSED;
 }
 
-bool read_identity(int directory, mts_address_t address, mts_socket_identity &identity)
+bool read_identity(int directory, mts_address_t address, datagram_peer &identity)
 {
     struct stat facts;
     if (::fstatat(directory, socket_name(address).c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
-    identity = {facts.st_ino, facts.st_ctim.tv_sec, facts.st_ctim.tv_nsec};
+    // Inode numbers alone are used again.
+    identity.word = {facts.st_ino, static_cast<std::uint64_t>(facts.st_ctim.tv_sec),
+                     static_cast<std::uint64_t>(facts.st_ctim.tv_nsec)};
     return true;
 }
 
@@ -131,7 +133,7 @@ bool parse_socket_name(const std::string &name, mts_address_t &address)
            name == socket_name(address);
 }
 
-bool parse_marker_name(const std::string &name, mts_listener &listener)
+bool parse_marker_name(const std::string &name, socket_listener &listener)
 {
     return std::sscanf(name.c_str(), "listen.%8x.%8x.%8x", &listener.opcode, &listener.address.node,
                        &listener.address.sap) == 3 &&
@@ -141,11 +143,11 @@ bool parse_marker_name(const std::string &name, mts_listener &listener)
 // A process that was killed leaves its socket and its markers behind.
 void remove_leftovers(int directory, mts_address_t dead)
 {
-    for (const mts_listener &listener : mts_listeners(directory)) {
+    for (const socket_listener &listener : listeners(directory)) {
         if (listener.address.node == dead.node && listener.address.sap == dead.sap)
-            mts_listener_remove(directory, listener);
+            listener_remove(directory, listener);
     }
-    mts_directory_remove(directory, dead);
+    socket_directory_remove(directory, dead);
 }
 
 // Ephemeral addresses are not taken over by a successor: somebody has to clean up behind killed tools.
@@ -153,7 +155,7 @@ void sweep(int directory)
 {
     for (const std::string &name : names_in(directory)) {
         mts_address_t address{};
-        if (parse_socket_name(name, address) && address.sap >= MTS_FIRST_EPHEMERAL_SAP &&
+        if (parse_socket_name(name, address) && address.sap >= DATAGRAM_FIRST_CHOSEN_SAP &&
             is_dead(directory, address))
             remove_leftovers(directory, address);
     }
@@ -163,10 +165,10 @@ std::uint32_t load_next_sap(int lock)
 {
     char text[32] = {};
     if (::pread(lock, text, sizeof text - 1, 0) <= 0)
-        return MTS_FIRST_EPHEMERAL_SAP;
+        return DATAGRAM_FIRST_CHOSEN_SAP;
     const unsigned long number = std::strtoul(text, nullptr, 10);
-    if (number < MTS_FIRST_EPHEMERAL_SAP || number > LAST_EPHEMERAL_SAP)
-        return MTS_FIRST_EPHEMERAL_SAP;
+    if (number < DATAGRAM_FIRST_CHOSEN_SAP || number > LAST_EPHEMERAL_SAP)
+        return DATAGRAM_FIRST_CHOSEN_SAP;
     return static_cast<std::uint32_t>(number);
 }
 
@@ -180,7 +182,7 @@ void store_next_sap(int lock, std::uint32_t sap)
 
 } // namespace
 
-unique_fd mts_directory_open()
+unique_fd socket_directory_open()
 {
     const int chassis = chassis_dir_fd();
     if (chassis < 0)
@@ -190,7 +192,7 @@ unique_fd mts_directory_open()
     return unique_fd(::openat(chassis, DIRECTORY_NAME, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-unique_fd mts_directory_lock(int directory)
+unique_fd socket_directory_lock(int directory)
 {
     unique_fd lock(::openat(directory, LOCK_NAME, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     while (lock && ::flock(lock.get(), LOCK_EX) != 0) {
@@ -200,7 +202,7 @@ unique_fd mts_directory_lock(int directory)
     return lock;
 }
 
-int mts_directory_bind(int directory, int socket, mts_address_t address)
+int socket_directory_bind(int directory, int socket, mts_address_t address)
 {
     if (bind_socket(directory, socket, address) == 0)
         return 0;
@@ -214,15 +216,15 @@ int mts_directory_bind(int directory, int socket, mts_address_t address)
     return bind_socket(directory, socket, address);
 }
 
-int mts_directory_bind_ephemeral(int directory, int lock, int socket, std::uint32_t node, std::uint32_t &sap_out)
+int socket_directory_bind_ephemeral(int directory, int lock, int socket, std::uint32_t node, std::uint32_t &sap_out)
 {
     std::uint32_t sap = load_next_sap(lock);
     for (unsigned attempt = 0; attempt < EPHEMERAL_SAP_TRIES; ++attempt) {
         const std::uint32_t candidate = sap;
-        sap = candidate == LAST_EPHEMERAL_SAP ? MTS_FIRST_EPHEMERAL_SAP : candidate + 1;
+        sap = candidate == LAST_EPHEMERAL_SAP ? DATAGRAM_FIRST_CHOSEN_SAP : candidate + 1;
         if (candidate % EPHEMERAL_SAPS_PER_SWEEP == 0)
             sweep(directory);
-        if (mts_directory_bind(directory, socket, {node, candidate}) == 0) {
+        if (socket_directory_bind(directory, socket, {node, candidate}) == 0) {
             store_next_sap(lock, sap);
             sap_out = candidate;
             return 0;
@@ -233,10 +235,10 @@ int mts_directory_bind_ephemeral(int directory, int lock, int socket, std::uint3
     return -1;
 }
 
-unique_fd mts_directory_connect(int directory, mts_address_t address, mts_socket_identity &identity_out)
+unique_fd socket_directory_connect(int directory, mts_address_t address, datagram_peer &identity_out)
 {
     for (unsigned attempt = 0; attempt < CONNECT_TRIES; ++attempt) {
-        mts_socket_identity before, after;
+        datagram_peer before, after;
         const bool was_there = read_identity(directory, address, before);
         unique_fd socket = connect_socket(directory, address);
         if (!socket)
@@ -252,45 +254,45 @@ unique_fd mts_directory_connect(int directory, mts_address_t address, mts_socket
     return unique_fd();
 }
 
-bool mts_directory_is_alive(int directory, mts_address_t address, const mts_socket_identity &identity)
+bool socket_directory_is_alive(int directory, mts_address_t address, const datagram_peer &identity)
 {
-    mts_socket_identity now;
+    datagram_peer now;
     if (!read_identity(directory, address, now) || !(now == identity))
         return false;
     return !is_dead(directory, address);
 }
 
-void mts_directory_remove(int directory, mts_address_t address)
+void socket_directory_remove(int directory, mts_address_t address)
 {
     (void)::unlinkat(directory, socket_name(address).c_str(), 0);
 }
 
-int mts_listener_add(int directory, const mts_listener &listener)
+int listener_add(int directory, const socket_listener &listener)
 {
     const unique_fd marker(
         ::openat(directory, marker_name(listener).c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     return marker ? 0 : -1;
 }
 
-void mts_listener_remove(int directory, const mts_listener &listener)
+void listener_remove(int directory, const socket_listener &listener)
 {
     (void)::unlinkat(directory, marker_name(listener).c_str(), 0);
 }
 
-std::vector<mts_listener> mts_listeners(int directory)
+std::vector<socket_listener> listeners(int directory)
 {
-    std::vector<mts_listener> listeners;
+    std::vector<socket_listener> listeners;
     for (const std::string &name : names_in(directory)) {
-        mts_listener listener{};
+        socket_listener listener{};
         if (parse_marker_name(name, listener))
             listeners.push_back(listener);
     }
     return listeners;
 }
 
-void mts_listener_remove_dead(int directory, const mts_listener &listener)
+void listener_remove_dead(int directory, const socket_listener &listener)
 {
-    const unique_fd lock = mts_directory_lock(directory);
+    const unique_fd lock = socket_directory_lock(directory);
     if (lock && is_dead(directory, listener.address))
-        mts_listener_remove(directory, listener);
+        listener_remove(directory, listener);
 }

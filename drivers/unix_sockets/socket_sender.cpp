@@ -1,5 +1,5 @@
 // Sending: connections to destinations, kept for the next message, and the bounded wait for a full receiver.
-#include "mts_endpoint.h"
+#include "socket_port.h"
 
 #include <algorithm>
 #include <array>
@@ -7,13 +7,15 @@
 #include <cstring>
 #include <poll.h>
 
-#include "mts_tools.h"
+#include "monotonic_clock.h"
+#include "socket_datagram.h"
+#include "socket_directory.h"
 
 namespace
 {
 
 constexpr std::int64_t FULL_RECEIVER_WAIT_US = 2'000'000;
-constexpr std::size_t SENDERS_LIMIT = 32; // connections kept per endpoint
+constexpr std::size_t SENDERS_LIMIT = 32; // connections kept per port
 
 // What recvmsg and sendmsg need for one frame.
 struct outgoing {
@@ -48,7 +50,7 @@ int prepare(outgoing &frame, const mts_payload &payload)
     frame.message = {};
     frame.message.msg_iov = frame.part.data();
     frame.part[0] = part_of(&frame.header, sizeof frame.header);
-    if (payload.size() <= MTS_INLINE_PAYLOAD_BYTES) {
+    if (payload.size() <= INLINE_PAYLOAD_BYTES) {
         frame.header.place = mts_frame_place::in_datagram;
         frame.part[1] = part_of(payload.head, payload.head_bytes);
         frame.part[2] = part_of(payload.body, payload.body_bytes);
@@ -56,7 +58,7 @@ int prepare(outgoing &frame, const mts_payload &payload)
         return 0;
     }
     frame.header.place = mts_frame_place::memory_file;
-    frame.memory_file = mts_memory_file(payload);
+    frame.memory_file = payload_memory_file(payload);
     if (!frame.memory_file)
         return -1;
     frame.message.msg_iovlen = 1;
@@ -64,43 +66,43 @@ int prepare(outgoing &frame, const mts_payload &payload)
     return 0;
 }
 
-auto find_sender(mts_endpoint &endpoint, mts_address_t to)
+auto find_sender(datagram_port &port, mts_address_t to)
 {
-    return std::find_if(endpoint.senders.begin(), endpoint.senders.end(), [&](const mts_sender &sender) {
+    return std::find_if(port.senders.begin(), port.senders.end(), [&](const socket_sender &sender) {
         return sender.address.node == to.node && sender.address.sap == to.sap;
     });
 }
 
-void forget_sender(mts_endpoint &endpoint, mts_address_t to)
+void forget_sender(datagram_port &port, mts_address_t to)
 {
-    const auto found = find_sender(endpoint, to);
-    if (found != endpoint.senders.end())
-        endpoint.senders.erase(found);
+    const auto found = find_sender(port, to);
+    if (found != port.senders.end())
+        port.senders.erase(found);
 }
 
 // The connection to a destination, made when there is none. Null with errno.
-mts_sender *sender_to(mts_endpoint &endpoint, mts_address_t to)
+socket_sender *sender_to(datagram_port &port, mts_address_t to)
 {
-    const auto found = find_sender(endpoint, to);
-    if (found != endpoint.senders.end()) {
-        std::rotate(found, found + 1, endpoint.senders.end());
-        return &endpoint.senders.back();
+    const auto found = find_sender(port, to);
+    if (found != port.senders.end()) {
+        std::rotate(found, found + 1, port.senders.end());
+        return &port.senders.back();
     }
-    mts_sender fresh{};
+    socket_sender fresh{};
     fresh.address = to;
-    fresh.socket = mts_directory_connect(endpoint.directory.get(), to, fresh.identity);
+    fresh.socket = socket_directory_connect(port.directory.get(), to, fresh.identity);
     if (!fresh.socket)
         return nullptr;
-    if (endpoint.senders.size() == SENDERS_LIMIT)
-        endpoint.senders.erase(endpoint.senders.begin());
-    endpoint.senders.push_back(std::move(fresh));
-    return &endpoint.senders.back();
+    if (port.senders.size() == SENDERS_LIMIT)
+        port.senders.erase(port.senders.begin());
+    port.senders.push_back(std::move(fresh));
+    return &port.senders.back();
 }
 
 // Waits until the receiver may have room. false when there was none until the deadline.
-bool wait_for_room(const mts_sender &sender, std::int64_t deadline)
+bool wait_for_room(const socket_sender &sender, std::int64_t deadline)
 {
-    const std::int64_t left_ms = (deadline - mts_now_us() + 999) / 1000;
+    const std::int64_t left_ms = (deadline - monotonic_us() + 999) / 1000;
     if (left_ms <= 0)
         return false;
     pollfd room = {sender.socket.get(), POLLOUT, 0};
@@ -110,7 +112,7 @@ bool wait_for_room(const mts_sender &sender, std::int64_t deadline)
 
 // 0, or -1 with the errno of sendmsg or MTS_ERRNO_TIMED_OUT. A receiver that has kept one message waiting in vain
 // is not waited for again until it takes one: a caller that sends many must not stand still for each.
-int send_to(mts_sender &sender, const msghdr &message)
+int send_to(socket_sender &sender, const msghdr &message)
 {
     std::int64_t deadline = 0;
     for (;;) {
@@ -123,7 +125,7 @@ int send_to(mts_sender &sender, const msghdr &message)
         if (errno != EAGAIN)
             return -1;
         if (deadline == 0)
-            deadline = mts_now_us() + FULL_RECEIVER_WAIT_US;
+            deadline = monotonic_us() + FULL_RECEIVER_WAIT_US;
         if (sender.stuck || !wait_for_room(sender, deadline)) {
             sender.stuck = true;
             errno = MTS_ERRNO_TIMED_OUT;
@@ -139,37 +141,32 @@ bool means_dead_receiver(int error)
 
 } // namespace
 
-int mts_endpoint_send(mts_endpoint &endpoint, mts_address_t to, mts_frame_header header, const mts_payload &payload,
-                      mts_socket_identity *identity_out)
+bool socket_send(datagram_port &port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+                 datagram_peer *peer_out)
 {
     if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
         errno = EMSGSIZE;
-        return -1;
+        return false;
     }
     outgoing frame;
     frame.header = header;
-    frame.header.magic = MTS_FRAME_MAGIC;
-    frame.header.version = MTS_FRAME_VERSION;
-    frame.header.source_node = endpoint.address.node;
-    frame.header.source_sap = endpoint.address.sap;
-    frame.header.payload_bytes = static_cast<std::uint32_t>(payload.size());
     if (prepare(frame, payload) != 0)
-        return -1;
+        return false;
 
     // A kept connection may lead to a process that is gone and has a successor: connect anew, once.
     for (unsigned attempt = 0; attempt < 2; ++attempt) {
-        mts_sender *sender = sender_to(endpoint, to);
+        socket_sender *sender = sender_to(port, to);
         if (sender == nullptr)
-            return -1;
+            return false;
         if (send_to(*sender, frame.message) == 0) {
-            if (identity_out != nullptr)
-                *identity_out = sender->identity;
-            return 0;
+            if (peer_out != nullptr)
+                *peer_out = sender->identity;
+            return true;
         }
         if (!means_dead_receiver(errno))
-            return -1;
-        forget_sender(endpoint, to);
+            return false;
+        forget_sender(port, to);
     }
     errno = ECONNREFUSED;
-    return -1;
+    return false;
 }

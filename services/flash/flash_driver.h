@@ -69,5 +69,5 @@ struct flash_driver {
     const flash_wear &(*wear)(const flash_part *part);
 };
 
-// The driver of this program's flashes; which one that is, drivers/card_drivers.cpp says.
+// The driver of this program's flashes; which one that is, drivers/card_flash_driver.cpp says.
 extern const flash_driver *const card_flash_driver;

@@ -19,16 +19,15 @@
 
 #include "c_boundary.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "endpoints.h"
 #include "known_answers.h"
+#include "monotonic_clock.h"
 #include "mts_endpoint.h"
 
 namespace
 {
 
 constexpr std::size_t TAG_BYTES = 32;
-constexpr std::int64_t MICROSECONDS = 1'000'000;
 constexpr std::int64_t PEER_CHECK_US = MICROSECONDS;
 constexpr const char *WAIT_LIMIT_FILE = "transport/wait_limit_s";
 
@@ -61,7 +60,7 @@ std::uint64_t next_request_id()
     if (process != ::getpid()) { // a forked child must not go on with its parent's numbers
         process = ::getpid();
         if (::getrandom(&last, sizeof last, 0) != sizeof last)
-            last = static_cast<std::uint64_t>(mts_now_us()) << 20 | static_cast<std::uint64_t>(process);
+            last = static_cast<std::uint64_t>(monotonic_us()) << 20 | static_cast<std::uint64_t>(process);
     }
     return ++last;
 }
@@ -70,7 +69,7 @@ std::uint64_t next_request_id()
 struct pending {
     mts_endpoint &endpoint;
     mts_address_t to;
-    mts_socket_identity receiver;
+    datagram_peer receiver;
     std::uint64_t id;
     std::int64_t start;
     std::uint32_t wait_limit_s;
@@ -117,14 +116,14 @@ std::unique_ptr<mts_message> wait_for_answer(const pending &request)
         if (failure != 0 && failure != MTS_ERRNO_TIMED_OUT && failure != MTS_ERRNO_INTERRUPTED)
             return nullptr;
 
-        now = mts_now_us();
+        now = monotonic_us();
         if (receiver_gone && failure == MTS_ERRNO_TIMED_OUT) {
             errno = ECONNRESET;
             return nullptr;
         }
         if (now >= next_check) {
             next_check = now + PEER_CHECK_US;
-            receiver_gone = !mts_directory_is_alive(request.endpoint.directory.get(), request.to, request.receiver);
+            receiver_gone = !card_datagram_driver->is_there(request.endpoint.port, request.to, request.receiver);
             deadline = deadline_of(request, allowed_wait_s(request));
         }
         if (now >= deadline) {
@@ -142,7 +141,7 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
     header.kind = mts_frame_kind::request;
     header.opcode = opcode;
     header.request_id = next_request_id();
-    pending request{endpoint, to, {}, header.request_id, mts_now_us(), wait_limit};
+    pending request{endpoint, to, {}, header.request_id, monotonic_us(), wait_limit};
     if (mts_endpoint_send(endpoint, to, header, payload, &request.receiver) != 0)
         return -1;
 

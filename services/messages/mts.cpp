@@ -6,15 +6,14 @@
 #include <ctime>
 
 #include "c_boundary.h"
-#include "kept_notices.h"
-#include "mts_tools.h"
 #include "endpoints.h"
+#include "kept_notices.h"
+#include "monotonic_clock.h"
 #include "mts_endpoint.h"
 
 namespace
 {
 
-constexpr std::int64_t MICROSECONDS = 1'000'000;
 constexpr std::int64_t BROKEN_ENDPOINT_PAUSE_US = MICROSECONDS;
 
 mts_frame_header header_of(mts_frame_kind kind, std::uint32_t opcode)
@@ -25,32 +24,12 @@ mts_frame_header header_of(mts_frame_kind kind, std::uint32_t opcode)
     return header;
 }
 
-// Each listener gets the message or not by itself; there may be none.
-int send_to_listeners(mts_endpoint &endpoint, const mts_frame_header &header, const mts_payload &payload)
-{
-    if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
-        errno = EMSGSIZE;
-        return -1;
-    }
-    // First, so that whoever gets the message finds it there.
-    if (payload.body_bytes == 0)
-        kept_notice_keep(endpoint.address, header.opcode, payload.head, payload.head_bytes);
-    const int directory = endpoint.directory.get();
-    for (const mts_listener &listener : mts_listeners(directory)) {
-        if (listener.opcode != header.opcode)
-            continue;
-        if (mts_endpoint_send(endpoint, listener.address, header, payload, nullptr) != 0 && errno == ECONNREFUSED)
-            mts_listener_remove_dead(directory, listener);
-    }
-    return 0;
-}
-
 // The daemon's loop receives again at once after any failure: without a pause an endpoint that is broken for good
 // would take all of a processor. errno stays that of the failure.
 void pause_after_failure(std::int64_t deadline)
 {
     const int failure = errno;
-    const std::int64_t pause_us = std::min(deadline - mts_now_us(), BROKEN_ENDPOINT_PAUSE_US);
+    const std::int64_t pause_us = std::min(deadline - monotonic_us(), BROKEN_ENDPOINT_PAUSE_US);
     if (pause_us > 0 && failure != MTS_ERRNO_TIMED_OUT && failure != MTS_ERRNO_INTERRUPTED) {
         timespec pause{};
         pause.tv_sec = static_cast<decltype(pause.tv_sec)>(pause_us / MICROSECONDS);
@@ -68,13 +47,13 @@ std::unique_ptr<mts_message> next_message(mts_endpoint &endpoint, std::int64_t n
 
 } // namespace
 
-int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name)
+int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *)
 {
     if (kind != BIND_KIND || sap < ANY_SAP || options == nullptr) {
         errno = EINVAL;
         return -1;
     }
-    return c_boundary([&] { return mts_endpoint_bind(sap, name); });
+    return c_boundary([&] { return mts_endpoint_bind(sap); });
 }
 
 int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10])
@@ -83,7 +62,7 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
         errno = EINVAL;
         return -1;
     }
-    const std::int64_t now = mts_now_us();
+    const std::int64_t now = monotonic_us();
     const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
     const std::int32_t result = c_boundary([&] {
         mts_endpoint *endpoint = mts_endpoint_of(handle);
@@ -129,10 +108,9 @@ int32_t mts_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
     }
     return c_boundary([&] {
         const mts_frame_header header = header_of(mts_frame_kind::unsolicited, opcode);
-        const mts_payload whole = {payload, length, nullptr, 0};
-        if (node == MTS_NODE_LISTENERS)
-            return send_to_listeners(*endpoint, header, whole);
-        return mts_endpoint_send(*endpoint, {node, sap}, header, whole, nullptr);
+        if (node == MTS_NODE_LISTENERS) // first, so that whoever gets the message finds it there
+            kept_notice_keep(endpoint->address(), opcode, payload, length);
+        return mts_endpoint_send(*endpoint, {node, sap}, header, {payload, length, nullptr, 0}, nullptr);
     });
 }
 

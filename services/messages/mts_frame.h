@@ -1,25 +1,20 @@
-// Frames: what a datagram between two endpoints looks like, and a received message.
+// Frames: what goes from one endpoint to another, and a received message.
 //
-//   datagram    = header, payload       when the payload is inline
-//               | header                when it is in a memory file, whose descriptor comes with the datagram
+//   frame       = header, payload
 //
-// Both ends are on one machine, so numbers are in host order; they are of fixed width, because a 32-bit daemon
-// talks to 64-bit tools. What arrives is checked in the order of trust: who sent it, its length, its header, its
-// values.
+// Numbers are in host order; they are of fixed width, because a 32-bit daemon talks to 64-bit tools. What arrives is
+// checked in the order of trust: who sent it, its length, its header, its values.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <sys/socket.h>
 
 #include "free_block.h"
 #include "mts.h"
-#include "unique_fd.h"
 
 constexpr std::uint32_t MTS_FRAME_MAGIC = 0x4d545346;
 constexpr std::uint16_t MTS_FRAME_VERSION = 1;
-constexpr std::uint32_t MTS_INLINE_PAYLOAD_BYTES = 64u << 10; // a larger payload travels in a memory file
 
 enum class mts_frame_kind : std::uint8_t {
     unsolicited = 1,
@@ -28,9 +23,10 @@ enum class mts_frame_kind : std::uint8_t {
     reject = 4, // an answer: the request is not served
 };
 
+// Where the payload is; the driver's business.
 enum class mts_frame_place : std::uint8_t {
-    in_datagram = 0,
-    memory_file = 1,
+    in_datagram = 0, // behind the header
+    memory_file = 1, // in a file whose descriptor comes with the header
 };
 
 struct mts_frame_header {
@@ -74,24 +70,5 @@ struct mts_payload {
     std::uint64_t size() const { return std::uint64_t{head_bytes} + body_bytes; }
 };
 
-// A received datagram as it came: at most one frame, and the descriptors that came with it.
-struct mts_datagram {
-    struct {
-        mts_frame_header header;
-        std::uint8_t payload[MTS_INLINE_PAYLOAD_BYTES];
-    } frame;
-    std::size_t bytes;     // of frame that were received
-    bool cut;              // the datagram was longer, or descriptors were lost
-    uid_t sender;          // (uid_t)-1 when unknown
-    unique_fd memory_file; // the one descriptor that came
-    unsigned descriptors;  // how many came
-};
-
-// Reads one datagram from a socket. flags as of recvmsg. 0, or -1 with the errno of recvmsg.
-int mts_datagram_receive(int socket, int flags, mts_datagram &datagram);
-
-// The message in a datagram, or null when the datagram is none that user may send, or there is no memory for it.
-std::unique_ptr<mts_message> mts_datagram_accept(mts_datagram &datagram, uid_t user);
-
-// A sealed memory file that holds the payload. No descriptor and errno when it cannot be made.
-unique_fd mts_memory_file(const mts_payload &payload);
+// Whether a header that has arrived is one that this version of the frames knows.
+bool mts_frame_header_is_sound(const mts_frame_header &header);

@@ -1,7 +1,5 @@
 #include "mts_tools.h"
 
-#include <algorithm>
-
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "daemon_node.h"
@@ -20,13 +18,6 @@ std::uint32_t node_of_slot(std::uint32_t slot)
     return daemon_node(slot, is_supervisor_kind(kind));
 }
 
-bool address_is_bound(std::uint32_t node, std::uint32_t sap)
-{
-    const unique_fd directory = mts_directory_open();
-    mts_socket_identity identity;
-    return directory && mts_directory_connect(directory.get(), {node, sap}, identity);
-}
-
 } // namespace
 
 std::int32_t mts_listen(std::int32_t handle, std::uint32_t opcode)
@@ -34,16 +25,7 @@ std::int32_t mts_listen(std::int32_t handle, std::uint32_t opcode)
     mts_endpoint *endpoint = mts_endpoint_of(handle);
     if (endpoint == nullptr)
         return -1;
-    return c_boundary([&] {
-        std::vector<std::uint32_t> &listens = endpoint->listens;
-        if (std::find(listens.begin(), listens.end(), opcode) != listens.end())
-            return 0;
-        listens.push_back(opcode);
-        if (mts_listener_add(endpoint->directory.get(), {opcode, endpoint->address}) == 0)
-            return 0;
-        listens.pop_back();
-        return -1;
-    });
+    return c_boundary([&] { return card_datagram_driver->listen(endpoint->port, opcode) ? 0 : -1; });
 }
 
 void mts_unbind(std::int32_t handle)
@@ -64,14 +46,14 @@ std::int32_t mts_own_address(std::int32_t handle, mts_address_t *address_out)
     const mts_endpoint *endpoint = mts_endpoint_of(handle);
     if (endpoint == nullptr)
         return -1;
-    *address_out = endpoint->address;
+    *address_out = endpoint->address();
     return 0;
 }
 
 std::int32_t mts_descriptor(std::int32_t handle)
 {
     const mts_endpoint *endpoint = mts_endpoint_of(handle);
-    return endpoint != nullptr ? endpoint->socket.get() : -1;
+    return endpoint != nullptr ? card_datagram_driver->descriptor(endpoint->port) : -1;
 }
 
 std::uint32_t mts_node_of_slot(std::uint32_t slot)
@@ -81,5 +63,5 @@ std::uint32_t mts_node_of_slot(std::uint32_t slot)
 
 bool mts_is_bound(std::uint32_t node, std::uint32_t sap)
 {
-    return c_boundary(false, [&] { return address_is_bound(node, sap); });
+    return c_boundary(false, [&] { return card_datagram_driver->is_bound({node, sap}); });
 }

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 
 #include "fuzz_input.h"
-#include "mts_frame.h"
+#include "socket_datagram.h"
 #include "open_descriptor_check.h"
 
 namespace
@@ -91,9 +91,9 @@ bool is_message(std::span<const std::uint8_t> datagram, const sent_file &file, u
         return false;
     const std::size_t behind = datagram.size() - sizeof header;
     if (static_cast<unsigned>(header.place) == 0)
-        return descriptors == 0 && behind == header.payload_bytes && behind <= MTS_INLINE_PAYLOAD_BYTES;
+        return descriptors == 0 && behind == header.payload_bytes && behind <= INLINE_PAYLOAD_BYTES;
     return static_cast<unsigned>(header.place) == 1 && descriptors == 1 && behind == 0 &&
-           header.payload_bytes > MTS_INLINE_PAYLOAD_BYTES && file.bytes == header.payload_bytes &&
+           header.payload_bytes > INLINE_PAYLOAD_BYTES && file.bytes == header.payload_bytes &&
            file.seals == ALL_SEALS;
 }
 
@@ -115,14 +115,14 @@ void expect_whole(const mts_message &message, std::span<const std::uint8_t> data
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    static mts_datagram received{};
+    static socket_datagram received{};
     static const socket_pair sockets;
     const open_descriptor_check descriptors_as_before;
     fuzz_input input(data, size);
     const unsigned descriptors = input.byte() % (MOST_DESCRIPTORS + 1);
     const int seals = input.byte();
     const std::uint32_t file_high = input.byte();
-    const std::uint32_t file_bytes = (file_high << 16 | input.word()) % (2 * MTS_INLINE_PAYLOAD_BYTES);
+    const std::uint32_t file_bytes = (file_high << 16 | input.word()) % (2 * INLINE_PAYLOAD_BYTES);
     sent_file file{};
     if (descriptors > 0)
         file = make_memory_file(file_bytes, seals);
@@ -130,12 +130,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     if (!send_datagram(sockets.sending.get(), datagram, file, descriptors))
         return 0; // larger than a socket takes
-    require(mts_datagram_receive(sockets.receiving.get(), MSG_DONTWAIT, received) == 0,
+    require(socket_datagram_receive(sockets.receiving.get(), MSG_DONTWAIT, received) == 0,
             "what was sent is received");
-    const auto message = mts_datagram_accept(received, ::getuid());
+    const auto message = socket_datagram_accept(received, ::getuid());
     require((message != nullptr) == is_message(datagram, file, descriptors), "a message is what the rules say");
     if (message != nullptr)
         expect_whole(*message, datagram);
-    require(mts_datagram_accept(received, ::getuid() + 1) == nullptr, "another user sends nothing");
+    require(socket_datagram_accept(received, ::getuid() + 1) == nullptr, "another user sends nothing");
     return 0;
 }

@@ -1,5 +1,5 @@
 // Calls of the C library that reach beyond the process: recorded, answered from the test's script and without
-// their effect. The linker's --wrap sends the daemon's calls here (list in test/unit/CMakeLists.txt).
+// their effect. The linker's --wrap sends the daemon's calls here (list in test/unit/daemon/CMakeLists.txt).
 #include <array>
 #include <cstdarg>
 #include <cstdio>

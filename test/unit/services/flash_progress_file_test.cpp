@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 #include "flash_progress_file.h"
 
 namespace

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <random>
 
-#include "chassis_transport_fixture.h"
+#include "transport_fixture.h"
 #include "mts_frame.h"
 #include "tlv.h"
 

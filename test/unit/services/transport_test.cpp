@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <tuple>
 
-#include "chassis_transport_fixture.h"
-#include "mts_frame.h"
+#include "socket_datagram.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 
@@ -283,8 +283,8 @@ TEST_F(Transport, DeliversAnEmptyMessage)
 TEST_F(Transport, DeliversEverySizeUpToTheLargestUnchanged)
 {
     const std::size_t descriptors = open_descriptors();
-    for (const std::uint32_t bytes : {1u, 111u, 641u, MTS_INLINE_PAYLOAD_BYTES - 1, MTS_INLINE_PAYLOAD_BYTES,
-                                      MTS_INLINE_PAYLOAD_BYTES + 1, 5'000'001u, MTS_MAX_PAYLOAD_BYTES}) {
+    for (const std::uint32_t bytes : {1u, 111u, 641u, INLINE_PAYLOAD_BYTES - 1, INLINE_PAYLOAD_BYTES,
+                                      INLINE_PAYLOAD_BYTES + 1, 5'000'001u, MTS_MAX_PAYLOAD_BYTES}) {
         std::string payload(bytes, '\0');
         for (std::size_t offset = 0; offset < bytes; ++offset)
             payload[offset] = static_cast<char>(offset * 31 + offset / 4099);

@@ -1,5 +1,5 @@
 // Operations on runs of bytes, against the same done byte by byte, for every length and place within a register.
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 
 #include "flash_bytes.h"
 

@@ -1,7 +1,7 @@
 // Requests and answers over the chassis's transport.
 #include <gtest/gtest.h>
 
-#include "chassis_transport_fixture.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 

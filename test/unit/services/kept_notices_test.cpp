@@ -6,7 +6,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "chassis_transport_fixture.h"
+#include "transport_fixture.h"
 #include "rest_of.h"
 
 using namespace chassis_test;

@@ -1,6 +1,6 @@
 // The event log of a flash: its lines, the file under many writers, cuts and turning over, what the totals keep,
 // and what the flash service notes.
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 
 #include <csignal>
 #include <sys/stat.h>

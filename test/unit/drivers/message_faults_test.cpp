@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <set>
 
-#include "chassis_transport_fixture.h"
 #include "message_faults.h"
 #include "rest_of.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 
@@ -17,23 +17,23 @@ constexpr mts_address_t RECEIVER = {CARD_1, DAEMON_SAP};
 constexpr unsigned MANY = 10'000;
 constexpr std::uint32_t PAYLOAD_BYTES = 100;
 
-std::vector<mts_fault_order> drawn(const std::string &rules, mts_address_t receiver = RECEIVER)
+std::vector<message_fault_order> drawn(const std::string &rules, mts_address_t receiver = RECEIVER)
 {
-    std::vector<mts_fault_order> orders;
+    std::vector<message_fault_order> orders;
     for (std::uint64_t arrival = 1; arrival <= MANY; ++arrival)
-        orders.push_back(mts_fault_drawn(rules, receiver, arrival, PAYLOAD_BYTES));
+        orders.push_back(message_fault_drawn(rules, receiver, arrival, PAYLOAD_BYTES));
     return orders;
 }
 
-std::vector<mts_fault> faults_of(const std::vector<mts_fault_order> &orders)
+std::vector<message_fault> faults_of(const std::vector<message_fault_order> &orders)
 {
-    std::vector<mts_fault> faults;
-    for (const mts_fault_order &order : orders)
+    std::vector<message_fault> faults;
+    for (const message_fault_order &order : orders)
         faults.push_back(order.fault);
     return faults;
 }
 
-unsigned count_of(const std::vector<mts_fault_order> &orders, mts_fault fault)
+unsigned count_of(const std::vector<message_fault_order> &orders, message_fault fault)
 {
     const auto faults = faults_of(orders);
     return static_cast<unsigned>(std::count(faults.begin(), faults.end(), fault));
@@ -41,11 +41,11 @@ unsigned count_of(const std::vector<mts_fault_order> &orders, mts_fault fault)
 
 TEST(TransportFaultRules, HappenAsOftenAsTheySay)
 {
-    EXPECT_EQ(count_of(drawn("lose 100% 1\n"), mts_fault::lose), MANY);
-    const unsigned twentieth = count_of(drawn("lose 5% 1"), mts_fault::lose);
+    EXPECT_EQ(count_of(drawn("lose 100% 1\n"), message_fault::lose), MANY);
+    const unsigned twentieth = count_of(drawn("lose 5% 1"), message_fault::lose);
     EXPECT_GT(twentieth, MANY / 20 - 100);
     EXPECT_LT(twentieth, MANY / 20 + 100);
-    EXPECT_EQ(count_of(drawn(""), mts_fault::none), MANY);
+    EXPECT_EQ(count_of(drawn(""), message_fault::none), MANY);
 }
 
 TEST(TransportFaultRules, AreTheSameForTheSameSeedAndEndpointAndOthersElsewhere)
@@ -60,28 +60,28 @@ TEST(TransportFaultRules, AreTheSameForTheSameSeedAndEndpointAndOthersElsewhere)
 TEST(TransportFaultRules, DrawForThemselvesAlsoWithOneSeed)
 {
     const auto orders = drawn("# everything at once\n\nlose 20% 3\ndouble 20% 3\ndelay 20% 3\ntruncate 20% 3\n");
-    EXPECT_NEAR(count_of(orders, mts_fault::lose), MANY * 0.2, 200);
-    EXPECT_NEAR(count_of(orders, mts_fault::twice), MANY * 0.2 * 0.8, 200);
-    EXPECT_NEAR(count_of(orders, mts_fault::delay), MANY * 0.2 * 0.8 * 0.8, 200);
-    EXPECT_NEAR(count_of(orders, mts_fault::truncate), MANY * 0.2 * 0.8 * 0.8 * 0.8, 200);
+    EXPECT_NEAR(count_of(orders, message_fault::lose), MANY * 0.2, 200);
+    EXPECT_NEAR(count_of(orders, message_fault::twice), MANY * 0.2 * 0.8, 200);
+    EXPECT_NEAR(count_of(orders, message_fault::delay), MANY * 0.2 * 0.8 * 0.8, 200);
+    EXPECT_NEAR(count_of(orders, message_fault::truncate), MANY * 0.2 * 0.8 * 0.8 * 0.8, 200);
 }
 
 TEST(TransportFaultRules, DelayAndTruncateByAllThatTheyMay)
 {
     std::set<std::uint32_t> delays;
-    for (const mts_fault_order &order : drawn("delay 100% 1 5"))
+    for (const message_fault_order &order : drawn("delay 100% 1 5"))
         delays.insert(order.delay_ms);
     EXPECT_EQ(delays, (std::set<std::uint32_t>{1, 2, 3, 4, 5}));
     const auto usual = drawn("delay 100% 1");
-    EXPECT_TRUE(std::all_of(usual.begin(), usual.end(), [](const mts_fault_order &order) {
+    EXPECT_TRUE(std::all_of(usual.begin(), usual.end(), [](const message_fault_order &order) {
         return order.delay_ms >= 1 && order.delay_ms <= 1000;
     }));
     std::set<std::uint32_t> left;
-    for (const mts_fault_order &order : drawn("truncate 100% 1"))
+    for (const message_fault_order &order : drawn("truncate 100% 1"))
         left.insert(order.bytes_left);
     EXPECT_EQ(left.size(), PAYLOAD_BYTES);
     EXPECT_EQ(*left.rbegin(), PAYLOAD_BYTES - 1);
-    EXPECT_EQ(mts_fault_drawn("truncate 100% 1\nlose 100% 1", RECEIVER, 1, 0).fault, mts_fault::lose)
+    EXPECT_EQ(message_fault_drawn("truncate 100% 1\nlose 100% 1", RECEIVER, 1, 0).fault, message_fault::lose)
         << "there is nothing to be cut off";
 }
 
@@ -90,8 +90,8 @@ TEST(TransportFaultRules, AreNotTakenFromOtherLines)
     for (const char *line : {"lose", "lose 5%", "lose 5 1", "lose 0% 1", "lose 101% 1", "lose -5% 1", "lose nan% 1",
                              "lose 100% x", "lose 100% -1", "lose 100% 1 10", "none 100% 1", "eat 100% 1",
                              "delay 100% 1 0", "delay 100% 1 60001", "delay 100% 1 10 10", "# lose 100% 1"})
-        EXPECT_EQ(mts_fault_drawn(line, RECEIVER, 1, 1).fault, mts_fault::none) << line;
-    EXPECT_EQ(mts_fault_drawn("lose\n \t\nlose 100%\t 1 \r\n", RECEIVER, 1, 1).fault, mts_fault::lose);
+        EXPECT_EQ(message_fault_drawn(line, RECEIVER, 1, 1).fault, message_fault::none) << line;
+    EXPECT_EQ(message_fault_drawn("lose\n \t\nlose 100%\t 1 \r\n", RECEIVER, 1, 1).fault, message_fault::lose);
 }
 
 class TransportFaults : public Transport
@@ -240,7 +240,7 @@ TEST_F(TransportFaults, TruncateAMessageToItsBeginning)
 
 TEST_F(TransportFaults, KeepNoMoreLateMessagesThanThereIsRoomFor)
 {
-    mts_late_messages late;
+    late_messages late;
     const auto message_of = [](std::uint32_t bytes) {
         mts_frame_header header{};
         header.payload_bytes = bytes;

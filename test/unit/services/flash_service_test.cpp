@@ -1,5 +1,5 @@
 // The flash service: versions, programming, erasing, progress messages. The transport is played by mts_send below.
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

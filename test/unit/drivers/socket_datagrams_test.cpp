@@ -6,8 +6,8 @@
 #include <sched.h>
 #include <sys/mman.h>
 
-#include "chassis_transport_fixture.h"
-#include "mts_frame.h"
+#include "socket_datagram.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 
@@ -100,7 +100,7 @@ TEST_F(TransportFrames, DropsFramesThatAreNotSound)
         EXPECT_FALSE(received(handle_, 0)) << bytes;
     }
     send_raw(socket.get(),
-             frame_of(sound_header(MTS_INLINE_PAYLOAD_BYTES + 1), std::string(MTS_INLINE_PAYLOAD_BYTES + 1, 'x')));
+             frame_of(sound_header(INLINE_PAYLOAD_BYTES + 1), std::string(INLINE_PAYLOAD_BYTES + 1, 'x')));
     EXPECT_FALSE(received(handle_, 0));
     send_raw(socket.get(), sound);
     EXPECT_TRUE(received(handle_, 0));
@@ -110,7 +110,7 @@ TEST_F(TransportFrames, DropsFramesThatAreNotSound)
 TEST_F(TransportFrames, DropsMemoryFilesThatAreNotSealedAndOfTheSizeStated)
 {
     const unique_fd socket = raw_socket_to(CARD_1, DAEMON_SAP);
-    constexpr std::uint32_t BYTES = MTS_INLINE_PAYLOAD_BYTES + 1000;
+    constexpr std::uint32_t BYTES = INLINE_PAYLOAD_BYTES + 1000;
     const unique_fd good = memory_file(BYTES, ALL_SEALS);
     const unique_fd longer = memory_file(BYTES + 1, ALL_SEALS);
     const unique_fd shorter = memory_file(BYTES - 1, ALL_SEALS);
@@ -164,7 +164,7 @@ TEST_F(TransportFrames, SurvivesRandomFrames)
     std::mt19937 random(seed);
     const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random()) % limit; };
     const unique_fd socket = raw_socket_to(CARD_1, DAEMON_SAP);
-    const unique_fd file = memory_file(MTS_INLINE_PAYLOAD_BYTES + 1, ALL_SEALS);
+    const unique_fd file = memory_file(INLINE_PAYLOAD_BYTES + 1, ALL_SEALS);
     const std::size_t descriptors = open_descriptors();
     for (int round = 0; round < 5000; ++round) {
         std::vector<std::uint8_t> frame = frame_of(sound_header(below(40)), std::string(below(40), 'x'));

@@ -1,4 +1,4 @@
-// Which drivers the programs of a card have.
+// The driver of a card's flashes.
 #include "nor_file_driver.h"
 
 const flash_driver *const card_flash_driver = &nor_file_driver;

@@ -1,5 +1,5 @@
 // The flash device: its NOR manners, its owner, its faults on demand, and how it is made.
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 
 #include <algorithm>
 #include <cerrno>

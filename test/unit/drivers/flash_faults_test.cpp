@@ -1,6 +1,6 @@
 // Faults of a flash that go on: operations that are done by half or wrong, faults at random, and processes that
 // stand still or end after the operation.
-#include "chassis_flash_fixture.h"
+#include "flash_fixture.h"
 
 #include <algorithm>
 #include <bit>
