@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -12,7 +13,8 @@
 namespace
 {
 
-constexpr std::size_t PLACE_BYTES = 128;
+constexpr std::size_t PLACE_BYTES = 128; // "file:line"; a longer name is cut
+constexpr std::size_t LINE_BYTES = 12;   // of them for ":line"
 
 // "file:line message" and the same with a colon more and a newline, put together from two texts that are formatted
 // once: every request is logged, and formatting is most of what that costs the processor.
@@ -23,8 +25,11 @@ public:
         : message_(message),
           message_bytes_(std::strlen(message))
     {
-        const int wanted = std::snprintf(text_, PLACE_BYTES, "%s:%d", file, line);
-        place_bytes_ = std::min(static_cast<std::size_t>(wanted), PLACE_BYTES - 1);
+        char *const end = text_ + PLACE_BYTES - LINE_BYTES;
+        char *place = std::copy_n(file, ::strnlen(file, static_cast<std::size_t>(end - text_)), text_);
+        *place++ = ':';
+        place = std::to_chars(place, place + LINE_BYTES - 1, line).ptr;
+        place_bytes_ = static_cast<std::size_t>(place - text_);
     }
 
     // Valid until the next call; length without the terminator.

@@ -12,11 +12,12 @@
 #include "line_file.h"
 #include "monotonic_clock.h"
 #include "seeded_chance.h"
+#include "watched_file.h"
 
 namespace
 {
 
-const std::string RULES_FILE = "transport/faults"; // looked for at each message
+constexpr const char *RULES_FILE = "transport/faults";
 constexpr const char *RECORD_FILE = "transport/faulted";
 constexpr std::string_view FAULT_NAMES[] = {"none", "lose", "double", "delay", "truncate"};
 constexpr const char *KIND_NAMES[] = {"none", "message", "request", "answer", "rejection"};
@@ -35,6 +36,16 @@ struct fault_rule {
     std::uint64_t seed;
     std::uint32_t longest_ms;
 };
+
+// Kept from message to message. Empty when there are none.
+const std::string &current_rules()
+{
+    static watched_file file(RULES_FILE);
+    static std::string rules;
+    if (file.may_have_changed() && !chassis_read_file(file.path(), rules))
+        rules.clear();
+    return rules;
+}
 
 std::string_view take_word(std::string_view &line)
 {
@@ -91,14 +102,13 @@ std::uint64_t drawn_number(const fault_rule &rule, mts_address_t receiver, std::
     return number;
 }
 
-std::unique_ptr<mts_message> copy_of(const mts_message &message, std::uint32_t payload_bytes)
+mts_held_message copy_of(const mts_message &message, std::uint32_t payload_bytes)
 {
-    mts_block payload = mts_payload_block(payload_bytes);
-    if (!payload)
-        return nullptr;
-    std::memcpy(payload.get(), message.payload.get(), payload_bytes);
-    auto copy = std::make_unique<mts_message>(mts_message{message.header, std::move(payload)});
-    copy->header.payload_bytes = payload_bytes;
+    mts_frame_header header = message.header;
+    header.payload_bytes = payload_bytes;
+    mts_held_message copy = mts_message_for(header);
+    if (copy)
+        std::memcpy(copy->payload, message.payload, payload_bytes);
     return copy;
 }
 
@@ -142,7 +152,7 @@ message_fault_order message_fault_drawn(std::string_view rules, mts_address_t re
     return {};
 }
 
-std::unique_ptr<mts_message> late_messages::add(std::unique_ptr<mts_message> message, std::int64_t due)
+mts_held_message late_messages::add(mts_held_message message, std::int64_t due)
 {
     const std::uint32_t bytes = message->header.payload_bytes;
     if (messages_.size() >= LATE_MESSAGES_LIMIT || bytes_ + bytes > LATE_BYTES_LIMIT)
@@ -154,11 +164,11 @@ std::unique_ptr<mts_message> late_messages::add(std::unique_ptr<mts_message> mes
     return nullptr;
 }
 
-std::unique_ptr<mts_message> late_messages::take_due(std::int64_t now)
+mts_held_message late_messages::take_due(std::int64_t now)
 {
     if (messages_.empty() || messages_.front().due > now)
         return nullptr;
-    std::unique_ptr<mts_message> message = std::move(messages_.front().message);
+    mts_held_message message = std::move(messages_.front().message);
     messages_.pop_front();
     bytes_ -= message->header.payload_bytes;
     return message;
@@ -169,11 +179,11 @@ std::int64_t late_messages::next_due(std::int64_t deadline) const
     return messages_.empty() ? deadline : std::min(deadline, messages_.front().due);
 }
 
-std::unique_ptr<mts_message> message_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
+mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver,
                                              std::uint64_t arrival, late_messages &late)
 {
-    std::string rules;
-    if (!chassis_read_file(RULES_FILE, rules))
+    const std::string &rules = current_rules();
+    if (rules.empty())
         return message;
     const message_fault_order order = message_fault_drawn(rules, receiver, arrival, message->header.payload_bytes);
     if (order.fault == message_fault::none)

@@ -11,8 +11,8 @@
 //   percent   of the messages, 0.001 to 100
 //
 // Every message counts: requests, answers, rejections and others, to daemons and to tools. To each message happens
-// what the first rule says whose turn it is; empty lines, and those that are no rules, count for nothing. The file
-// is looked for at each message that arrives. The same rules do the same to the n-th message that an endpoint
+// what the first rule says whose turn it is; empty lines, and those that are no rules, count for nothing. A change
+// of the file counts some milliseconds later (watched_file.h). The same rules do the same to the n-th message that an endpoint
 // receives.
 //
 // What happened is told in `transport/faulted`, a line for each: time, receiver, fault, kind of message, opcode,
@@ -43,10 +43,10 @@ class late_messages
 {
 public:
     // due: as of monotonic_us. Gives the message back when too many are kept.
-    [[nodiscard]] std::unique_ptr<mts_message> add(std::unique_ptr<mts_message> message, std::int64_t due);
+    [[nodiscard]] mts_held_message add(mts_held_message message, std::int64_t due);
 
     // The message that is due first, or null when none is due yet.
-    std::unique_ptr<mts_message> take_due(std::int64_t now);
+    mts_held_message take_due(std::int64_t now);
 
     bool empty() const { return messages_.empty(); }
 
@@ -56,7 +56,7 @@ public:
 private:
     struct late_message {
         std::int64_t due;
-        std::unique_ptr<mts_message> message;
+        mts_held_message message;
     };
     std::deque<late_message> messages_; // by when they are due
     std::uint64_t bytes_ = 0;
@@ -64,5 +64,5 @@ private:
 
 // Has the rules' way with a message that has arrived, the arrival-th of its receiver. The message to be received
 // now; null when it is lost or late.
-std::unique_ptr<mts_message> message_faults_pass(std::unique_ptr<mts_message> message, mts_address_t receiver,
+mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver,
                                              std::uint64_t arrival, late_messages &late);

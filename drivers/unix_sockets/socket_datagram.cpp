@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -98,7 +97,7 @@ int socket_datagram_receive(int socket, int flags, socket_datagram &datagram)
     return 0;
 }
 
-std::unique_ptr<mts_message> socket_datagram_accept(socket_datagram &datagram, uid_t user)
+mts_held_message socket_datagram_accept(socket_datagram &datagram, uid_t user)
 {
     const unique_fd memory_file = std::move(datagram.memory_file);
     const mts_frame_header &header = datagram.frame.header;
@@ -107,14 +106,14 @@ std::unique_ptr<mts_message> socket_datagram_accept(socket_datagram &datagram, u
     if (!mts_frame_header_is_sound(header) || !payload_is_sound(datagram))
         return nullptr;
 
-    mts_block payload = mts_payload_block(header.payload_bytes);
-    if (!payload)
+    mts_held_message message = mts_message_for(header);
+    if (!message)
         return nullptr;
     if (header.place == mts_frame_place::in_datagram)
-        std::memcpy(payload.get(), datagram.frame.payload, header.payload_bytes);
-    else if (!read_memory_file(memory_file.get(), payload.get(), header.payload_bytes))
+        std::memcpy(message->payload, datagram.frame.payload, header.payload_bytes);
+    else if (!read_memory_file(memory_file.get(), message->payload, header.payload_bytes))
         return nullptr;
-    return std::unique_ptr<mts_message>(new (std::nothrow) mts_message{header, std::move(payload)});
+    return message;
 }
 
 unique_fd payload_memory_file(const mts_payload &payload)

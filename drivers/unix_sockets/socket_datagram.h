@@ -30,7 +30,7 @@ struct socket_datagram {
 int socket_datagram_receive(int socket, int flags, socket_datagram &datagram);
 
 // The message in a datagram, or null when the datagram is not one that user may send, or there is no memory for it.
-std::unique_ptr<mts_message> socket_datagram_accept(socket_datagram &datagram, uid_t user);
+mts_held_message socket_datagram_accept(socket_datagram &datagram, uid_t user);
 
 // A sealed memory file that holds the payload. No descriptor and errno when it cannot be made.
 unique_fd payload_memory_file(const mts_payload &payload);

@@ -13,6 +13,7 @@
 #include <sys/un.h>
 
 #include "chassis_dir.h"
+#include "inside_folder.h"
 
 namespace
 {
@@ -53,29 +54,14 @@ sockaddr_un socket_address(mts_address_t address)
     return result;
 }
 
-// Runs a call with the directory as the working directory and restores that. errno is the call's.
-template<class Call>
-int inside(int directory, Call call)
-{
-    const unique_fd before(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!before || ::fchdir(directory) != 0)
-        return -1;
-    const int result = call();
-    const int failure = errno;
-    if (::fchdir(before.get()) != 0)
-        std::abort(); // from here on every relative path of the process would be another file
-    errno = failure;
-    return result;
-}
-
 int bind_socket(int directory, int socket, mts_address_t address)
 {
     // The file of a socket gets the mode that the socket has, whatever is open in this process's umask.
     if (::fchmod(socket, SOCKET_MODE) != 0)
         return -1;
     const sockaddr_un name = socket_address(address);
-    return inside(directory,
-                  [&] { return ::bind(socket, reinterpret_cast<const sockaddr *>(&name), sizeof name); });
+    return inside_folder(directory,
+                         [&] { return ::bind(socket, reinterpret_cast<const sockaddr *>(&name), sizeof name); });
 }
 
 // ECONNREFUSED also when there is no file: for a sender that is the same.
@@ -85,7 +71,7 @@ unique_fd connect_socket(int directory, mts_address_t address)
     if (!socket)
         return socket;
     const sockaddr_un name = socket_address(address);
-    const int result = inside(
+    const int result = inside_folder(
         directory, [&] { return ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&name), sizeof name); });
     if (result == 0)
         return socket;

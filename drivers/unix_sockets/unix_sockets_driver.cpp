@@ -105,7 +105,7 @@ int receive_within(datagram_port &port, std::int64_t wait_us)
     return socket_datagram_receive(port.socket.get(), 0, arrival());
 }
 
-std::unique_ptr<mts_message> receive(datagram_port *port, std::int64_t wait_us)
+mts_held_message receive(datagram_port *port, std::int64_t wait_us)
 {
     if (!port->late.empty()) {
         const std::int64_t now = monotonic_us();

@@ -10,6 +10,7 @@
 
 #include "pfm.h"
 #include "unique_fd.h"
+#include "watched_file.h"
 #include "write_all.h"
 
 namespace
@@ -83,6 +84,7 @@ int chassis_attach(const std::string &path, unsigned slot)
     if (own.dir_fd >= 0)
         ::close(own.dir_fd);
     own = {dir_fd, slot, true};
+    watched_files_restart();
     return 0;
 }
 

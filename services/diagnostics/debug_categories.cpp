@@ -1,19 +1,21 @@
 // Debug categories of a card: which are registered, which are switched on, and the debug print.
 //
 // The flags of a card are a file that a person or a tool writes while the card runs. They are asked for with
-// every log line; the file is therefore only looked at, and read again when it is another one than last time.
+// every log line; the file is therefore only looked at when it may have changed, and read again when it has.
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "line_file.h"
 #include "sdwrap.h"
+#include "watched_file.h"
 
 namespace
 {
@@ -45,28 +47,29 @@ std::uint32_t read_mask(unsigned slot)
     return mask;
 }
 
-// Kept, because it is wanted with every log line.
-const std::string &flags_path(unsigned slot)
+watched_file &flags_file(unsigned slot)
 {
-    static unsigned slot_of_path = slot;
-    static std::string path = chassis_debug_flags_path(slot);
-    if (slot != slot_of_path) {
-        path = chassis_debug_flags_path(slot);
-        slot_of_path = slot;
+    static unsigned slot_of_file = slot;
+    static std::optional<watched_file> file;
+    if (!file || slot != slot_of_file) {
+        file.emplace(chassis_debug_flags_path(slot));
+        own_flags.stale = true;
+        slot_of_file = slot;
     }
-    return path;
+    return *file;
 }
 
 std::uint32_t current_mask()
 {
     const unsigned slot = chassis_own_slot();
+    watched_file &flags = flags_file(slot);
+    if (!flags.may_have_changed() && !own_flags.stale)
+        return own_flags.mask;
     struct stat file {
     };
-    if (::fstatat(chassis_dir_fd(), flags_path(slot).c_str(), &file, 0) != 0) {
-        own_flags = {};
-        return 0;
-    }
-    if (own_flags.stale || !same_file(file, own_flags.file))
+    if (::fstatat(chassis_dir_fd(), flags.path().c_str(), &file, 0) != 0)
+        own_flags = {.stale = false};
+    else if (own_flags.stale || !same_file(file, own_flags.file))
         own_flags = {file, read_mask(slot), false};
     return own_flags.mask;
 }

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <exception>
 #include <fcntl.h>
+#include <optional>
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -20,7 +21,9 @@
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "sdwrap.h"
+#include "this_process.h"
 #include "unique_fd.h"
+#include "watched_file.h"
 
 namespace
 {
@@ -28,7 +31,7 @@ namespace
 constexpr std::uint32_t DAEMON_EVENT_TYPE = 0x730000;
 constexpr std::uint32_t DAEMON_EVENT_SUBTYPE = 102;
 
-constexpr char RING_MAGIC[8] = {'E', 'V', 'T', 'R', 'I', 'N', 'G', '1'};
+constexpr char RING_MAGIC[8] = {'E', 'V', 'T', 'R', 'I', 'N', 'G', '2'};
 constexpr std::uint32_t RECORD_COUNT = 1024;
 constexpr std::size_t TEXT_BYTES = 352; // with the terminator
 
@@ -66,17 +69,24 @@ std::string history_path(unsigned slot)
     return chassis_slot_path(slot, "history");
 }
 
-// FNV-1a. Of a zero only the factor is left: a stretch of them costs one multiplication by its power.
+// FNV-1a over words of 32 bits. Of a zero only the factor is left: a stretch of them costs one multiplication by its
+// power.
 class fnv_sum
 {
 public:
+    // REQUIRES: length is a multiple of a word's.
     void add(const void *data, std::size_t length)
     {
-        for (std::size_t index = 0; index < length; ++index)
-            sum_ = (sum_ ^ static_cast<const unsigned char *>(data)[index]) * FACTOR;
+        const auto *bytes = static_cast<const unsigned char *>(data);
+        for (std::size_t index = 0; index < length; index += WORD_BYTES) {
+            std::uint32_t word = 0;
+            std::memcpy(&word, bytes + index, WORD_BYTES);
+            sum_ = (sum_ ^ word) * FACTOR;
+        }
     }
-    void add_zeros(std::size_t count)
+    void add_zeros(std::size_t length)
     {
+        std::size_t count = length / WORD_BYTES;
         for (std::uint32_t power = FACTOR; count > 0; count /= 2, power *= power) {
             if (count % 2 != 0)
                 sum_ *= power;
@@ -84,18 +94,22 @@ public:
     }
     std::uint32_t value() const { return sum_; }
 
+    static constexpr std::size_t WORD_BYTES = sizeof(std::uint32_t);
+
 private:
     static constexpr std::uint32_t FACTOR = 16777619U;
     std::uint32_t sum_ = 2166136261U;
 };
+static_assert(offsetof(ring_record, checksum) % fnv_sum::WORD_BYTES == 0 && TEXT_BYTES % fnv_sum::WORD_BYTES == 0);
 
-// REQUIRES: the text holds zeros from text_bytes on.
+// Of a record whose text holds zeros from text_bytes on.
 std::uint32_t checksum_of(const ring_record &record, std::size_t text_bytes)
 {
+    const std::size_t used = (text_bytes + fnv_sum::WORD_BYTES - 1) / fnv_sum::WORD_BYTES * fnv_sum::WORD_BYTES;
     fnv_sum sum;
     sum.add(&record, offsetof(ring_record, checksum));
-    sum.add(record.text, text_bytes);
-    sum.add_zeros(sizeof record.text - text_bytes);
+    sum.add(record.text, used);
+    sum.add_zeros(sizeof record.text - used);
     return sum.value() != 0 ? sum.value() : 1;
 }
 
@@ -119,20 +133,24 @@ class mapped_ring
 {
 public:
     // The ring of a card; made anew when there is none or what is there is no ring. null with errno.
-    // The file is looked at each time: one that was removed or cut would otherwise lose events or end the process.
+    // The file is looked at when it may have changed: one that was removed or cut would otherwise lose events or end
+    // the process.
     ring_file *of(unsigned slot)
     {
-        struct stat status {
-        };
-        if (slot != slot_) {
-            path_ = history_path(slot);
+        if (!file_ || slot != slot_) {
+            file_.emplace(history_path(slot));
             slot_ = slot;
         }
-        if (::fstatat(chassis_dir_fd(), path_.c_str(), &status, 0) == 0 && is_mapped(status))
+        if (!file_->may_have_changed() && ring_ != nullptr && is_ring_header(ring_->header))
+            return ring_;
+        const std::string &path = file_->path();
+        struct stat status {
+        };
+        if (::fstatat(chassis_dir_fd(), path.c_str(), &status, 0) == 0 && is_mapped(status))
             return ring_;
         unmap();
-        if (!map(path_) && chassis_write_file(path_, empty_file()))
-            (void)map(path_);
+        if (!map(path) && chassis_write_file(path, empty_file()))
+            (void)map(path);
         return ring_;
     }
 
@@ -179,8 +197,8 @@ private:
         return content;
     }
 
-    unsigned slot_ = 0; // that path_ is of; 0: none
-    std::string path_;
+    unsigned slot_ = 0; // that file_ is of
+    std::optional<watched_file> file_;
     ring_file *ring_ = nullptr;
     dev_t device_ = 0;
     ino_t inode_ = 0;
@@ -201,7 +219,7 @@ void record_event(ring_file &ring, std::uint32_t event_type, std::string_view te
     ring_record fresh{};
     fresh.sequence = last_sequence.fetch_add(1) + 1;
     fresh.time_ns = now_ns();
-    fresh.pid = static_cast<std::uint32_t>(::getpid());
+    fresh.pid = static_cast<std::uint32_t>(this_process());
     fresh.event_type = event_type;
     const std::size_t text_bytes = std::min(text.size(), TEXT_BYTES - 1);
     std::memcpy(fresh.text, text.data(), text_bytes);

@@ -17,7 +17,9 @@
 #include "chassis_dir.h"
 #include "chassis_module_lock.h"
 #include "module_lock_record.h"
+#include "this_process.h"
 #include "unique_fd.h"
+#include "watched_file.h"
 
 namespace
 {
@@ -31,14 +33,16 @@ struct client {
     unique_fd file;
     pid_t process = 0; // whose locks are listed; a forked child has none
     std::set<std::uint16_t> own;
+    std::set<std::uint16_t> known_free; // nobody's when last asked for, and since then nobody has taken any lock
 };
 
 client &this_client()
 {
     static client *const the_client = new client; // never freed: the locks last as long as the process
-    if (the_client->process != ::getpid()) {
-        the_client->process = ::getpid();
+    if (the_client->process != this_process()) {
+        the_client->process = this_process();
         the_client->own.clear();
+        the_client->known_free.clear();
     }
     return *the_client;
 }
@@ -128,6 +132,20 @@ std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, st
     return 0;
 }
 
+// Whoever takes a lock writes a record beside the lock file.
+bool was_any_lock_taken()
+{
+    static watched_file lock_file(LOCK_FILE_NAME);
+    return lock_file.may_have_changed();
+}
+
+bool is_known_free(client &client, std::uint16_t node_id)
+{
+    if (was_any_lock_taken())
+        client.known_free.clear();
+    return client.known_free.contains(node_id);
+}
+
 std::int32_t release(client &client, std::uint16_t node_id)
 {
     if (!is_open(client))
@@ -138,9 +156,16 @@ std::int32_t release(client &client, std::uint16_t node_id)
         return set_lock(client, F_UNLCK, node_id);
     }
     struct flock found;
-    if (find_other_holder(client, node_id, 1, found) != 0)
-        return -1;
-    errno = found.l_type == F_UNLCK ? ENOENT : EPERM;
+    if (!is_known_free(client, node_id)) {
+        if (find_other_holder(client, node_id, 1, found) != 0)
+            return -1;
+        if (found.l_type != F_UNLCK) {
+            errno = EPERM;
+            return -1;
+        }
+        client.known_free.insert(node_id);
+    }
+    errno = ENOENT;
     return -1;
 }
 

@@ -23,6 +23,7 @@
 #include "known_answers.h"
 #include "monotonic_clock.h"
 #include "mts_endpoint.h"
+#include "this_process.h"
 
 namespace
 {
@@ -57,8 +58,8 @@ std::uint64_t next_request_id()
 {
     static std::uint64_t last = 0;
     static pid_t process = 0;
-    if (process != ::getpid()) { // a forked child must not go on with its parent's numbers
-        process = ::getpid();
+    if (process != this_process()) { // a forked child must not go on with its parent's numbers
+        process = this_process();
         if (::getrandom(&last, sizeof last, 0) != sizeof last)
             last = static_cast<std::uint64_t>(monotonic_us()) << 20 | static_cast<std::uint64_t>(process);
     }
@@ -98,7 +99,7 @@ std::uint32_t allowed_wait_s(const pending &request)
 
 // Once a second it is looked whether the receiver still lives and whether the chassis's wait limit has changed.
 // When the receiver is gone, what it sent before is still read; then there is nothing left to wait for.
-std::unique_ptr<mts_message> wait_for_answer(const pending &request)
+mts_held_message wait_for_answer(const pending &request)
 {
     std::int64_t now = request.start;
     std::int64_t deadline = deadline_of(request, request.wait_limit_s);
@@ -141,11 +142,11 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
     header.kind = mts_frame_kind::request;
     header.opcode = opcode;
     header.request_id = next_request_id();
-    pending request{endpoint, to, {}, header.request_id, monotonic_us(), wait_limit};
+    pending request{endpoint, to, {}, header.request_id, monotonic_tick_us(), wait_limit};
     if (mts_endpoint_send(endpoint, to, header, payload, &request.receiver) != 0)
         return -1;
 
-    const std::unique_ptr<mts_message> answer = wait_for_answer(request);
+    mts_held_message answer = wait_for_answer(request);
     if (!answer)
         return -1;
     if (answer->header.kind == mts_frame_kind::reject) {
@@ -153,9 +154,10 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
         return -1;
     }
     *length = answer->header.payload_bytes;
-    known_answer_add(answer->payload.get(), *length, *length + MTS_ZEROS_BEHIND_PAYLOAD);
-    *response_out = answer->payload.release();
-    return static_cast<std::int32_t>(answer->header.status);
+    const auto status = static_cast<std::int32_t>(answer->header.status);
+    known_answer_add(answer->payload, *length, *length + MTS_ZEROS_BEHIND_PAYLOAD);
+    *response_out = answer.release()->payload;
+    return status;
 }
 
 } // namespace

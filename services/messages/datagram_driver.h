@@ -55,7 +55,7 @@ struct datagram_driver {
     //   EBADMSG  what came was dropped: another user's, cut, no frame; the rest of the wait is the caller's
     //   EINTR    a signal ended the wait
     //   else     that of the system call that failed
-    std::unique_ptr<mts_message> (*receive)(datagram_port *port, std::int64_t wait_us);
+    mts_held_message (*receive)(datagram_port *port, std::int64_t wait_us);
 
     // Sends a frame; all of the header but place is the caller's. Waits for room in the receiver's queue, at most
     // 2 s, and not again for a receiver that has kept the last message waiting in vain until it takes one.

@@ -39,9 +39,9 @@ void pause_after_failure(std::int64_t deadline)
     errno = failure;
 }
 
-std::unique_ptr<mts_message> next_message(mts_endpoint &endpoint, std::int64_t now, std::int64_t deadline)
+mts_held_message next_message(mts_endpoint &endpoint, std::int64_t now, std::int64_t deadline)
 {
-    std::unique_ptr<mts_message> message = mts_endpoint_take_kept(endpoint);
+    mts_held_message message = mts_endpoint_take_kept(endpoint);
     return message ? std::move(message) : mts_endpoint_receive(endpoint, mts_wanted::messages, now, deadline);
 }
 
@@ -62,11 +62,11 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
         errno = EINVAL;
         return -1;
     }
-    const std::int64_t now = monotonic_us();
+    const std::int64_t now = monotonic_tick_us();
     const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
     const std::int32_t result = c_boundary([&] {
         mts_endpoint *endpoint = mts_endpoint_of(handle);
-        std::unique_ptr<mts_message> message =
+        mts_held_message message =
             endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
         if (!message)
             return -1;
@@ -85,7 +85,7 @@ uint32_t mts_opc_get(const mts_message_t *message)
 
 void *mts_payload_get(mts_message_t *message)
 {
-    return message->payload.get();
+    return message->payload;
 }
 
 int32_t mts_saddr_get(const mts_message_t *message, mts_address_t *address_out)
@@ -139,6 +139,6 @@ int32_t mts_drop(int32_t, mts_message_t *message)
         errno = EINVAL;
         return -1;
     }
-    delete message;
+    free_message()(message);
     return 0;
 }

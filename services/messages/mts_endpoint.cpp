@@ -98,7 +98,7 @@ void mts_endpoint_unbind(std::int32_t handle)
         unbind(endpoints()[static_cast<std::size_t>(handle)]);
 }
 
-std::unique_ptr<mts_message> mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
+mts_held_message mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
                                                   std::int64_t deadline)
 {
     unsigned late = 0;
@@ -125,7 +125,7 @@ std::unique_ptr<mts_message> mts_endpoint_receive(mts_endpoint &endpoint, mts_wa
 
 bool mts_seen_requests::repeats(const mts_frame_header &header)
 {
-    const seen_request request = {header.source_node, header.source_sap, header.request_id};
+    const seen_request request = {header.request_id, header.source_node, header.source_sap};
     if (header.kind != mts_frame_kind::request || request.id == 0)
         return false;
     if (std::find(requests_.begin(), requests_.end(), request) != requests_.end())
@@ -135,7 +135,7 @@ bool mts_seen_requests::repeats(const mts_frame_header &header)
     return false;
 }
 
-void mts_endpoint_keep(mts_endpoint &endpoint, std::unique_ptr<mts_message> message)
+void mts_endpoint_keep(mts_endpoint &endpoint, mts_held_message message)
 {
     const std::uint32_t bytes = message->header.payload_bytes;
     if (endpoint.kept.size() >= KEPT_MESSAGES_LIMIT || endpoint.kept_bytes + bytes > KEPT_BYTES_LIMIT)
@@ -144,11 +144,11 @@ void mts_endpoint_keep(mts_endpoint &endpoint, std::unique_ptr<mts_message> mess
     endpoint.kept_bytes += bytes;
 }
 
-std::unique_ptr<mts_message> mts_endpoint_take_kept(mts_endpoint &endpoint)
+mts_held_message mts_endpoint_take_kept(mts_endpoint &endpoint)
 {
     if (endpoint.kept.empty())
         return nullptr;
-    std::unique_ptr<mts_message> message = std::move(endpoint.kept.front());
+    mts_held_message message = std::move(endpoint.kept.front());
     endpoint.kept.pop_front();
     endpoint.kept_bytes -= message->header.payload_bytes;
     return message;

@@ -20,9 +20,9 @@ public:
 
 private:
     struct seen_request {
+        std::uint64_t id = 0; // first: it tells most of them apart
         std::uint32_t node = 0;
         std::uint32_t sap = 0;
-        std::uint64_t id = 0;
 
         bool operator==(const seen_request &) const = default;
     };
@@ -32,7 +32,7 @@ private:
 
 struct mts_endpoint {
     datagram_port *port; // given back by mts_endpoint_unbind, or at the end of the process
-    std::deque<std::unique_ptr<mts_message>> kept; // received while waiting for an answer
+    std::deque<mts_held_message> kept; // received while waiting for an answer
     std::uint64_t kept_bytes = 0;
     mts_seen_requests seen;
 
@@ -55,14 +55,14 @@ enum class mts_wanted {
 // Receives the next message from the endpoint's port, waiting from now until deadline (monotonic_us). What is not
 // wanted is dropped and does not prolong the wait.
 // Null with errno: MTS_ERRNO_TIMED_OUT, MTS_ERRNO_INTERRUPTED, or that of the system call that failed.
-std::unique_ptr<mts_message> mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
+mts_held_message mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
                                                   std::int64_t deadline);
 
 // Keeps a message for a later mts_recv; drops it when too many are kept.
-void mts_endpoint_keep(mts_endpoint &endpoint, std::unique_ptr<mts_message> message);
+void mts_endpoint_keep(mts_endpoint &endpoint, mts_held_message message);
 
 // The oldest message kept, or null.
-std::unique_ptr<mts_message> mts_endpoint_take_kept(mts_endpoint &endpoint);
+mts_held_message mts_endpoint_take_kept(mts_endpoint &endpoint);
 
 // Sends a frame; header needs kind, opcode, status and request_id, the rest is filled in.
 //   to        MTS_NODE_LISTENERS as its node: whoever listens for the opcode

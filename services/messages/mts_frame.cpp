@@ -1,7 +1,7 @@
 #include "mts_frame.h"
 
-#include <cstdlib>
 #include <cstring>
+#include <new>
 
 bool mts_frame_header_is_sound(const mts_frame_header &header)
 {
@@ -10,10 +10,14 @@ bool mts_frame_header_is_sound(const mts_frame_header &header)
            header.payload_bytes <= MTS_MAX_PAYLOAD_BYTES;
 }
 
-mts_block mts_payload_block(std::uint32_t payload_bytes)
+mts_held_message mts_message_for(const mts_frame_header &header)
 {
-    mts_block block(static_cast<std::uint8_t *>(std::malloc(payload_bytes + MTS_ZEROS_BEHIND_PAYLOAD)));
-    if (block)
-        std::memset(block.get() + payload_bytes, 0, MTS_ZEROS_BEHIND_PAYLOAD);
-    return block;
+    constexpr std::size_t ALIGNMENT = alignof(mts_message);
+    const std::size_t payload_end = std::size_t{header.payload_bytes} + MTS_ZEROS_BEHIND_PAYLOAD;
+    const std::size_t message_at = (payload_end + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+    auto *const block = static_cast<std::uint8_t *>(std::malloc(message_at + sizeof(mts_message)));
+    if (block == nullptr)
+        return nullptr;
+    std::memset(block + header.payload_bytes, 0, MTS_ZEROS_BEHIND_PAYLOAD);
+    return mts_held_message(new (block + message_at) mts_message{header, block});
 }

@@ -8,9 +8,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 
-#include "free_block.h"
 #include "mts.h"
 
 constexpr std::uint32_t MTS_FRAME_MAGIC = 0x4d545346;
@@ -49,16 +49,20 @@ static_assert(offsetof(mts_frame_header, request_id) == 24);
 constexpr std::uint32_t MTS_ZEROS_BEHIND_PAYLOAD = 704;
 static_assert(MTS_ZEROS_BEHIND_PAYLOAD >= MTS_READABLE_PAYLOAD_BYTES);
 
-using mts_block = owned_block<std::uint8_t>;
-
-// A block for a payload, which is not initialised, and the zeros behind it. Null when there is no memory.
-mts_block mts_payload_block(std::uint32_t payload_bytes);
-
-// A received message.
+// A received message. It lies in one block with its payload, which comes first: whoever is given an answer's payload
+// frees it with free().
 struct mts_message {
     mts_frame_header header;
-    mts_block payload; // from mts_payload_block
+    std::uint8_t *payload; // header.payload_bytes, and the zeros behind them
 };
+
+struct free_message {
+    void operator()(mts_message *message) const { std::free(message->payload); }
+};
+using mts_held_message = std::unique_ptr<mts_message, free_message>;
+
+// A message whose payload is to be filled in. Null when there is no memory.
+mts_held_message mts_message_for(const mts_frame_header &header);
 
 // A payload to be sent, in one or two pieces.
 struct mts_payload {

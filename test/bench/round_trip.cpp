@@ -18,16 +18,17 @@ namespace
 constexpr unsigned SLOT = 1;
 constexpr unsigned ROUNDS = 25;
 constexpr std::chrono::milliseconds ROUND{50};
-constexpr double GOAL = 3;
+constexpr double FREE_GOAL = 3;
+constexpr double ONE_PROCESSOR_GOAL = 1.8;
 
-figure measured(const std::string &name, const lock_client &client, ping_pong &bare)
+figure measured(const std::string &name, double goal, const lock_client &client, ping_pong &bare)
 {
     figure told{.row = 1,
                 .name = name,
                 .unit = "us",
                 .ours = {"bios_daemon", {}},
                 .reference = {"SOCK_SEQPACKET ping-pong", {}},
-                .goal = GOAL};
+                .goal = goal};
     measure_in_turn(
         told.ours, [&] { return median_us(ROUND, [&] { client.unlock(); }); }, told.reference,
         [&] { return median_us(ROUND, [&] { bare.round_trip(); }); }, ROUNDS);
@@ -48,10 +49,10 @@ std::vector<figure> measure_round_trip()
                    sizeof(mts_frame_header) + sizeof(bios_module_lock_reply_t));
 
     // First where the system puts the processes: they stay together for a while after they were kept together.
-    std::vector<figure> figures{measured("round trip, free", client, bare)};
+    std::vector<figure> figures{measured("round trip, free", FREE_GOAL, client, bare)};
     figures.front().remark +=
         "; a wake-up across processors takes ten times as long, and which side has them is chance";
     const on_one_processor together({0, chassis.daemon_pid(SLOT), bare.other_process()});
-    figures.push_back(measured("round trip, one processor", client, bare));
+    figures.push_back(measured("round trip, one processor", ONE_PROCESSOR_GOAL, client, bare));
     return figures;
 }

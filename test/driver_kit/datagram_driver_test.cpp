@@ -70,7 +70,7 @@ bool send_bytes(const bound_port &port, mts_address_t to, const std::string &byt
 }
 
 // What the driver has in hand within a time, past what it drops.
-std::unique_ptr<mts_message> received(const bound_port &port, std::int64_t wait_us = LONG_US)
+mts_held_message received(const bound_port &port, std::int64_t wait_us = LONG_US)
 {
     const std::int64_t deadline = monotonic_us() + wait_us;
     for (;;) {
@@ -80,11 +80,11 @@ std::unique_ptr<mts_message> received(const bound_port &port, std::int64_t wait_
     }
 }
 
-std::string text_of(const std::unique_ptr<mts_message> &message)
+std::string text_of(const mts_held_message &message)
 {
     if (!message)
         return "no message";
-    return {reinterpret_cast<const char *>(message->payload.get()), message->header.payload_bytes};
+    return {reinterpret_cast<const char *>(message->payload), message->header.payload_bytes};
 }
 
 std::string pattern_of(std::size_t bytes)
@@ -263,7 +263,7 @@ TEST_F(DatagramDriver, DeliversEverySizeWithZerosBehindIt)
         ASSERT_TRUE(send_bytes(port, address_of(port), sent)) << bytes << " bytes: " << std::strerror(errno);
         const auto message = received(port);
         ASSERT_TRUE(text_of(message) == sent) << bytes << " bytes";
-        const std::uint8_t *behind = message->payload.get() + bytes;
+        const std::uint8_t *behind = message->payload + bytes;
         EXPECT_EQ(std::accumulate(behind, behind + MTS_ZEROS_BEHIND_PAYLOAD, 0U), 0U) << bytes << " bytes";
     }
 }
@@ -438,6 +438,19 @@ TEST_F(DatagramDriver, DeliversToTheListenersOfAnOpcode)
     EXPECT_EQ(received(listening, 200'000), nullptr);
     EXPECT_EQ(received(to_another, 0), nullptr);
     EXPECT_EQ(received(sender, 0), nullptr);
+}
+
+TEST_F(DatagramDriver, DeliversNoMoreToAnAddressThatWasGivenBack)
+{
+    const bound_port sender = bound(SAP);
+    const auto listen_and_leave = [] {
+        const bound_port port = bound(OTHER_SAP);
+        return tested_datagram_driver.listen(port.get(), OPCODE);
+    };
+    ASSERT_TRUE(listen_and_leave());
+    const bound_port successor = bound(OTHER_SAP);
+    ASSERT_TRUE(tested_datagram_driver.send_to_listeners(sender.get(), header_from(sender), {nullptr, 0, nullptr, 0}));
+    EXPECT_EQ(received(successor, 200'000), nullptr);
 }
 
 TEST_F(DatagramDriver, SendsToListenersAlsoWhenThereIsNone)

@@ -100,7 +100,7 @@ bool is_message(std::span<const std::uint8_t> datagram, const sent_file &file, u
 void expect_whole(const mts_message &message, std::span<const std::uint8_t> datagram)
 {
     const std::uint32_t length = message.header.payload_bytes;
-    const std::uint8_t *payload = message.payload.get();
+    const std::uint8_t *payload = message.payload;
     if (message.header.place == mts_frame_place::in_datagram)
         require(length == 0 || std::memcmp(payload, datagram.data() + sizeof(mts_frame_header), length) == 0,
                 "an inline payload is what was sent");

@@ -244,7 +244,7 @@ TEST_F(TransportFaults, KeepNoMoreLateMessagesThanThereIsRoomFor)
     const auto message_of = [](std::uint32_t bytes) {
         mts_frame_header header{};
         header.payload_bytes = bytes;
-        return std::make_unique<mts_message>(mts_message{header, nullptr});
+        return mts_message_for(header);
     };
     EXPECT_EQ(late.add(message_of(MTS_MAX_PAYLOAD_BYTES), 30), nullptr);
     EXPECT_EQ(late.add(message_of(MTS_MAX_PAYLOAD_BYTES), 20), nullptr);
