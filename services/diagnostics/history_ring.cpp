@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "bios_log.h"
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "sdwrap.h"
@@ -27,9 +28,6 @@
 
 namespace
 {
-
-constexpr std::uint32_t DAEMON_EVENT_TYPE = 0x730000;
-constexpr std::uint32_t DAEMON_EVENT_SUBTYPE = 102;
 
 constexpr char RING_MAGIC[8] = {'E', 'V', 'T', 'R', 'I', 'N', 'G', '2'};
 constexpr std::uint32_t RECORD_COUNT = 1024;
@@ -237,7 +235,7 @@ bool is_whole(const ring_record &record, std::uint32_t index)
 
 int32_t sdwrap_hist_event_subtype_check(uint32_t event_type, uint32_t subtype)
 {
-    return event_type == DAEMON_EVENT_TYPE && subtype == DAEMON_EVENT_SUBTYPE ? 0 : 1;
+    return event_type == BIOS_LOG_EVENT_TYPE && subtype == BIOS_LOG_SUBTYPE ? 0 : 1;
 }
 
 int32_t sdwrap_hist_event(uint32_t event_type, uint32_t length, const char *text)

@@ -2,7 +2,6 @@
 #include "memory_flash.h"
 
 const flash_driver &tested_flash_driver = memory_flash_driver;
-const flash_driver *const card_flash_driver = &memory_flash_driver;
 
 void make_flash()
 {
