@@ -26,11 +26,6 @@ struct card {
     std::uint32_t node() const { return node_of_module(module); }
 };
 
-std::string slot_text(unsigned slot)
-{
-    return "slot " + std::to_string(slot);
-}
-
 class flash_collection
 {
 public:

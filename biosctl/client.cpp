@@ -78,9 +78,7 @@ int client_endpoint::descriptor() const
 
 std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
 {
-    std::array<std::uint32_t, MTS_RECV_OPTION_WORDS> options{};
-    options[MTS_RECV_OPTION_MODE] = 1;
-    options[MTS_RECV_OPTION_WAIT_S] = wait_limit_s;
+    const auto options = receive_options(wait_limit_s);
     mts_message_t *msg = nullptr;
     if (mts_recv(handle_, &msg, options.data()) != 0)
         return std::nullopt;

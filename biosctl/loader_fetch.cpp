@@ -11,6 +11,7 @@
 #include "inventory.h"
 #include "loader.h"
 #include "output_file.h"
+#include "result_text.h"
 #include "serving_slot.h"
 
 namespace
@@ -34,7 +35,7 @@ const file_kind &kind_of(const loader_file_options &options)
 
 std::string subject_text(const loader_file_options &options, unsigned slot)
 {
-    return "slot " + std::to_string(slot) + ": " + kind_of(options).name;
+    return slot_text(slot) + ": " + kind_of(options).name;
 }
 
 class file_asker

@@ -7,6 +7,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "loader.h"
+#include "result_text.h"
 #include "serving_slot.h"
 
 namespace
@@ -45,7 +46,7 @@ std::vector<std::uint8_t> encode_loader_install_request(const loader_install_opt
 
 outcome report_loader_install(const loader_install_options &options, unsigned slot, std::uint32_t result)
 {
-    const std::string where = "slot " + std::to_string(slot) + ": boot loader of " + options.image_path;
+    const std::string where = slot_text(slot) + ": boot loader of " + options.image_path;
     outcome told;
     if (result == BIOS_OK) {
         const std::string next = "reboot the card for the new boot loader to take effect";

@@ -9,6 +9,7 @@
 #include "client.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "result_text.h"
 #include "serving_slot.h"
 
 namespace
@@ -103,7 +104,7 @@ outcome run_lock(const lock_options &options)
         return no_answer_failure(slot, answer.error);
     const auto result = result_of(answer, request);
     if (!result)
-        return failure(EXIT_FAILED, "slot " + std::to_string(slot) + ": the daemon's answer is not understood",
+        return failure(EXIT_FAILED, slot_text(slot) + ": the daemon's answer is not understood",
                        "check that biosctl and the daemon are of the same version");
     outcome told = report_lock(options, slot, *result);
     // After an unlock too: the daemon also says yes when the lock was never taken for a peer.

@@ -48,7 +48,7 @@ std::string holder_text(const chassis_module_lock_holder &holder)
 {
     if (holder.since.empty())
         return "held by a process that has not told who it is yet";
-    const std::string who = holder.slot == 0 ? "a tool" : "slot " + std::to_string(holder.slot);
+    const std::string who = holder.slot == 0 ? "a tool" : slot_text(holder.slot);
     return "held by " + who + ", process " + std::to_string(holder.pid) + ", since " + holder.since + ", " +
            reason_text(holder.reason);
 }

@@ -22,11 +22,6 @@ namespace
 
 // The daemon answers before it does any work, but it may be busy with the installation of a boot loader.
 
-std::string slot_text(unsigned slot)
-{
-    return "slot " + std::to_string(slot);
-}
-
 // Which module the card in the serving slot will program, and a word when it is not the one asked for.
 program_subject subject_of(const program_options &options, unsigned slot)
 {

@@ -297,6 +297,11 @@ result_description describe_result(std::uint32_t code)
     return describe_unknown(code);
 }
 
+std::string slot_text(unsigned slot)
+{
+    return "slot " + std::to_string(slot);
+}
+
 std::string code_text(std::uint32_t code)
 {
     char text[sizeof "0x00000000"];

@@ -36,3 +36,6 @@ result_description describe_result(std::uint32_t code);
 
 // "0x4071000a".
 std::string code_text(std::uint32_t code);
+
+// "slot 3".
+std::string slot_text(unsigned slot);

@@ -5,6 +5,7 @@
 
 #include "card_groups.h"
 #include "inventory.h"
+#include "result_text.h"
 
 namespace
 {
@@ -91,7 +92,7 @@ std::string reasons_text(const std::vector<card_report> &cards)
 
 std::string one_module_note(unsigned serving_slot)
 {
-    return "slot " + std::to_string(serving_slot) + " tells of module " + std::to_string(TARVIK_A_MODULE_NUM) +
+    return slot_text(serving_slot) + " tells of module " + std::to_string(TARVIK_A_MODULE_NUM) +
            " whatever module it is asked for";
 }
 

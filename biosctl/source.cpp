@@ -16,6 +16,7 @@
 #include "lock_holders.h"
 #include "progress_bar.h"
 #include "query_process.h"
+#include "result_text.h"
 #include "serving_slot.h"
 
 namespace
@@ -26,11 +27,6 @@ using steady = std::chrono::steady_clock;
 constexpr unsigned UNPACKING_TIMEOUT_S = 300; // a system image is unpacked twice, with pauses
 constexpr int REDRAW_MS = 1000;
 constexpr std::string_view BOOTFLASH_SCHEME = "bootflash:";
-
-std::string slot_text(unsigned slot)
-{
-    return "slot " + std::to_string(slot);
-}
 
 std::string image_text(const source_options &options)
 {

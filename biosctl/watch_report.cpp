@@ -92,7 +92,7 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
         return NOTHING;
     if (row.lock->since.empty())
         return "being taken";
-    const std::string who = row.lock->slot == 0 ? "a tool" : "slot " + std::to_string(row.lock->slot);
+    const std::string who = row.lock->slot == 0 ? "a tool" : slot_text(row.lock->slot);
     const std::string since = time_cell(row.lock->since, snapshot.time, words);
     if (words >= wording::compact)
         return who + " " + since;

@@ -128,12 +128,10 @@ void module_standin::take(mts_message_t *message)
 
 int module_standin::serve()
 {
-    std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-    options[MTS_RECV_OPTION_MODE] = 1;
-    options[MTS_RECV_OPTION_WAIT_S] = RECEIVE_WAIT_S;
+    const auto options = receive_options(RECEIVE_WAIT_S);
     for (;;) {
         mts_message_t *message = nullptr;
-        if (mts_recv(handle_, &message, options) != 0) {
+        if (mts_recv(handle_, &message, options.data()) != 0) {
             if (errno == MTS_ERRNO_TIMED_OUT || errno == MTS_ERRNO_INTERRUPTED)
                 continue;
             log("cannot receive: %s", std::strerror(errno));

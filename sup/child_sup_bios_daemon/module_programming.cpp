@@ -60,11 +60,9 @@ std::int32_t wait_for_completion(std::int32_t handle, std::uint32_t requester_no
 {
     int time_outs = 0;
     for (;;) {
-        std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-        options[MTS_RECV_OPTION_MODE] = 1;
-        options[MTS_RECV_OPTION_WAIT_S] = RECEIVE_WAIT_LIMIT;
+        const auto options = receive_options(RECEIVE_WAIT_LIMIT);
         mts_message_t *message = nullptr;
-        if (mts_recv(handle, &message, options) == 0) {
+        if (mts_recv(handle, &message, options.data()) == 0) {
             const std::uint32_t opcode = mts_opc_get(message);
             if (opcode == MTS_OPC_BIOS_PROGRAMMING_DONE)
                 return completion_status(handle, message);

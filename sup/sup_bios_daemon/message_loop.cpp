@@ -8,6 +8,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "bios_results.h"
+#include "endpoints.h"
 #include "loader_files.h"
 #include "loader_install.h"
 #include "module_lock.h"
@@ -63,10 +64,8 @@ std::uint32_t dispatch(daemon_context &context, std::uint32_t opcode, mts_messag
 
 std::int32_t receive(const daemon_context &context, mts_message_t **message)
 {
-    std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-    options[MTS_RECV_OPTION_MODE] = 1;
-    options[MTS_RECV_OPTION_WAIT_S] = bios_programming_in_progress != 0 ? WAIT_PROGRAMMING_S : WAIT_IDLE_S;
-    return mts_recv(context.handle, message, options);
+    const auto options = receive_options(bios_programming_in_progress != 0 ? WAIT_PROGRAMMING_S : WAIT_IDLE_S);
+    return mts_recv(context.handle, message, options.data());
 }
 
 // The child's exit byte is the low byte of its result. A child that was killed has none, and counts as 0.

@@ -62,10 +62,8 @@ bool played_module::await_request(std::uint32_t opcode, std::chrono::seconds pat
     forget_request();
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
-        std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-        options[MTS_RECV_OPTION_MODE] = 1;
-        options[MTS_RECV_OPTION_WAIT_S] = 1;
-        if (mts_recv(handle_, &request_, options) != 0) {
+        const auto options = receive_options(1);
+        if (mts_recv(handle_, &request_, options.data()) != 0) {
             request_ = nullptr;
             continue;
         }

@@ -111,11 +111,9 @@ void requester::take_progress(programming &seen)
 
 bool requester::receive_one(programming &seen, unsigned wait_limit_s)
 {
-    std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-    options[MTS_RECV_OPTION_MODE] = 1;
-    options[MTS_RECV_OPTION_WAIT_S] = wait_limit_s;
+    const auto options = receive_options(wait_limit_s);
     mts_message_t *message = nullptr;
-    if (mts_recv(handle_, &message, options) != 0)
+    if (mts_recv(handle_, &message, options.data()) != 0)
         return false;
     take_message(seen, message);
     (void)mts_drop(handle_, message);
@@ -157,11 +155,10 @@ mts_address_t requester::address() const
 
 unsigned requester::take_waiting(std::uint32_t opcode)
 {
-    std::uint32_t options[MTS_RECV_OPTION_WORDS] = {};
-    options[MTS_RECV_OPTION_MODE] = 1;
+    const auto options = receive_options(0);
     unsigned count = 0;
     mts_message_t *message = nullptr;
-    while (mts_recv(handle_, &message, options) == 0) {
+    while (mts_recv(handle_, &message, options.data()) == 0) {
         count += mts_opc_get(message) == opcode ? 1U : 0U;
         (void)mts_drop(handle_, message);
     }

@@ -4,9 +4,9 @@
 #include <iostream>
 #include <random>
 
-#include "transport_fixture.h"
-#include "mts_frame.h"
+#include "free_block.h"
 #include "tlv.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 
@@ -42,7 +42,7 @@ protected:
     std::string value() const { return {static_cast<const char *>(value_), length_}; }
 
     std::unique_ptr<card_process> card_;
-    mts_block answer_;
+    owned_block<std::uint8_t> answer_;
     std::uint16_t type_ = 0;
     std::uint16_t length_ = 0;
     const void *value_ = nullptr;
