@@ -21,6 +21,7 @@
 #include "bios_log.h"
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
+#include "mapping_guard.h"
 #include "sdwrap.h"
 #include "this_process.h"
 #include "unique_fd.h"
@@ -100,14 +101,18 @@ private:
 };
 static_assert(offsetof(ring_record, checksum) % fnv_sum::WORD_BYTES == 0 && TEXT_BYTES % fnv_sum::WORD_BYTES == 0);
 
-// Of a record whose text holds zeros from text_bytes on.
-std::uint32_t checksum_of(const ring_record &record, std::size_t text_bytes)
+constexpr std::size_t whole_words(std::size_t bytes)
 {
-    const std::size_t used = (text_bytes + fnv_sum::WORD_BYTES - 1) / fnv_sum::WORD_BYTES * fnv_sum::WORD_BYTES;
+    return (bytes + fnv_sum::WORD_BYTES - 1) / fnv_sum::WORD_BYTES * fnv_sum::WORD_BYTES;
+}
+
+// Of a record whose text is zero from text_words bytes on, or is to be.
+std::uint32_t checksum_of(const ring_record &record, std::size_t text_words)
+{
     fnv_sum sum;
     sum.add(&record, offsetof(ring_record, checksum));
-    sum.add(record.text, used);
-    sum.add_zeros(sizeof record.text - used);
+    sum.add(record.text, text_words);
+    sum.add_zeros(sizeof record.text - text_words);
     return sum.value() != 0 ? sum.value() : 1;
 }
 
@@ -131,39 +136,39 @@ class mapped_ring
 {
 public:
     // The ring of a card; made anew when there is none or what is there is no ring. null with errno.
-    // The file is looked at when it may have changed: one that was removed or cut would otherwise lose events or end
-    // the process.
+    // The file is looked at when it may have changed: one that was removed would otherwise lose events.
     ring_file *of(unsigned slot)
     {
         if (!file_ || slot != slot_) {
             file_.emplace(history_path(slot));
             slot_ = slot;
         }
-        if (!file_->may_have_changed() && ring_ != nullptr && is_ring_header(ring_->header))
+        if (!file_->may_have_changed() && ring_ != nullptr)
             return ring_;
         const std::string &path = file_->path();
         struct stat status {
         };
         if (::fstatat(chassis_dir_fd(), path.c_str(), &status, 0) == 0 && is_mapped(status))
             return ring_;
-        unmap();
+        forget();
         if (!map(path) && chassis_write_file(path, empty_file()))
             (void)map(path);
         return ring_;
+    }
+
+    // For one that turned out to be no ring any more: it is looked at anew.
+    void forget()
+    {
+        if (ring_ != nullptr)
+            (void)::munmap(ring_, sizeof(ring_file));
+        ring_ = nullptr;
     }
 
 private:
     bool is_mapped(const struct stat &status) const
     {
         return ring_ != nullptr && status.st_dev == device_ && status.st_ino == inode_ &&
-               status.st_size == static_cast<off_t>(sizeof(ring_file)) && is_ring_header(ring_->header);
-    }
-
-    void unmap()
-    {
-        if (ring_ != nullptr)
-            (void)::munmap(ring_, sizeof(ring_file));
-        ring_ = nullptr;
+               status.st_size == static_cast<off_t>(sizeof(ring_file));
     }
 
     bool map(const std::string &path)
@@ -171,8 +176,11 @@ private:
         const unique_fd file(::openat(chassis_dir_fd(), path.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         struct stat status {
         };
+        ring_header header{};
         if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-            status.st_size != static_cast<off_t>(sizeof(ring_file)))
+            status.st_size != static_cast<off_t>(sizeof(ring_file)) ||
+            ::pread(file.get(), &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header) ||
+            !is_ring_header(header))
             return false;
         void *memory = ::mmap(nullptr, sizeof(ring_file), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
         if (memory == MAP_FAILED)
@@ -180,10 +188,7 @@ private:
         ring_ = static_cast<ring_file *>(memory);
         device_ = status.st_dev;
         inode_ = status.st_ino;
-        if (is_ring_header(ring_->header))
-            return true;
-        unmap();
-        return false;
+        return true;
     }
 
     // Written in full, not only extended: a mapped file without its blocks ends the process on a full disk.
@@ -211,18 +216,43 @@ std::uint64_t now_ns()
     return static_cast<std::uint64_t>(now.tv_sec) * 1000000000U + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-void record_event(ring_file &ring, std::uint32_t event_type, std::string_view text)
+struct event_to_record {
+    ring_file *ring;
+    std::uint32_t event_type;
+    std::string_view text;
+    bool is_recorded;
+};
+
+// Records an event, unless what is mapped is no ring.
+void record_event(event_to_record &event)
 {
+    ring_file &ring = *event.ring;
+    if (!is_ring_header(ring.header))
+        return;
     std::atomic_ref<std::uint64_t> last_sequence(ring.header.last_sequence);
-    ring_record fresh{};
+    ring_record fresh; // of its text no more is set than is used
     fresh.sequence = last_sequence.fetch_add(1) + 1;
     fresh.time_ns = now_ns();
     fresh.pid = static_cast<std::uint32_t>(this_process());
-    fresh.event_type = event_type;
-    const std::size_t text_bytes = std::min(text.size(), TEXT_BYTES - 1);
-    std::memcpy(fresh.text, text.data(), text_bytes);
-    fresh.checksum = checksum_of(fresh, text_bytes);
-    std::memcpy(&ring.record[(fresh.sequence - 1) % RECORD_COUNT], &fresh, sizeof fresh);
+    fresh.event_type = event.event_type;
+    fresh.reserved = 0;
+    const std::size_t text_bytes = std::min(event.text.size(), TEXT_BYTES - 1);
+    const std::size_t text_words = whole_words(text_bytes);
+    std::memcpy(fresh.text, event.text.data(), text_bytes);
+    std::memset(fresh.text + text_bytes, 0, text_words - text_bytes);
+    fresh.checksum = checksum_of(fresh, text_words);
+
+    ring_record &record = ring.record[(fresh.sequence - 1) % RECORD_COUNT];
+    std::memcpy(&record, &fresh, offsetof(ring_record, text) + text_words);
+    std::memset(record.text + text_words, 0, TEXT_BYTES - text_words);
+    event.is_recorded = true;
+}
+
+bool try_to_record(event_to_record &event)
+{
+    event.is_recorded = false;
+    const auto record = [](void *context) { record_event(*static_cast<event_to_record *>(context)); };
+    return survives_lost_pages(record, &event) && event.is_recorded;
 }
 
 bool is_whole(const ring_record &record, std::uint32_t index)
@@ -245,11 +275,15 @@ try {
         errno = text == nullptr ? EINVAL : ENODEV;
         return -1;
     }
-    ring_file *const ring = own_ring.of(slot);
-    if (ring == nullptr)
+    event_to_record event = {own_ring.of(slot), event_type, {text, ::strnlen(text, length)}, false};
+    if (event.ring == nullptr)
         return -1;
-    record_event(*ring, event_type, {text, ::strnlen(text, length)});
-    return 0;
+    if (try_to_record(event))
+        return 0;
+    // It was cut or spoiled since it was looked at.
+    own_ring.forget();
+    event.ring = own_ring.of(slot);
+    return event.ring != nullptr && try_to_record(event) ? 0 : -1;
 } catch (const std::exception &) {
     errno = ENOMEM;
     return -1;

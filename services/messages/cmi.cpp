@@ -142,7 +142,7 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
     header.kind = mts_frame_kind::request;
     header.opcode = opcode;
     header.request_id = next_request_id();
-    pending request{endpoint, to, {}, header.request_id, monotonic_tick_us(), wait_limit};
+    pending request{endpoint, to, {}, header.request_id, monotonic_us(), wait_limit};
     if (mts_endpoint_send(endpoint, to, header, payload, &request.receiver) != 0)
         return -1;
 

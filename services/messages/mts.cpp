@@ -62,7 +62,7 @@ int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t opt
         errno = EINVAL;
         return -1;
     }
-    const std::int64_t now = monotonic_tick_us();
+    const std::int64_t now = monotonic_us();
     const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
     const std::int32_t result = c_boundary([&] {
         mts_endpoint *endpoint = mts_endpoint_of(handle);

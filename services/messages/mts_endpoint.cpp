@@ -1,6 +1,5 @@
 #include "mts_endpoint.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <pthread.h>
@@ -128,10 +127,10 @@ bool mts_seen_requests::repeats(const mts_frame_header &header)
     const seen_request request = {header.request_id, header.source_node, header.source_sap};
     if (header.kind != mts_frame_kind::request || request.id == 0)
         return false;
-    if (std::find(requests_.begin(), requests_.end(), request) != requests_.end())
+    seen_request &place = requests_[request.id % PLACES];
+    if (place == request)
         return true;
-    requests_[next_] = request;
-    next_ = (next_ + 1) % requests_.size();
+    place = request;
     return false;
 }
 

@@ -39,6 +39,8 @@ uint32_t mts_opc_get(const mts_message_t *message)
 namespace
 {
 
+constexpr useconds_t SEVERAL_TICKS_US = 30'000; // a change of a file is known to a busy process by then
+
 namespace fs = std::filesystem;
 
 constexpr unsigned OWN_SLOT = 5;
@@ -439,6 +441,7 @@ TEST_F(History, FileThatIsNoRingIsMadeAnew)
          {std::string(), std::string("garbage"), std::string(64 + 1024 * 384, 'x'), std::string(1 << 20, '\0')}) {
         fs::remove(slot_file("history"));
         put("history", content);
+        ::usleep(SEVERAL_TICKS_US);
         std::vector<chassis_history_event> found{{}};
         EXPECT_FALSE(chassis_read_history(OWN_SLOT, found));
         EXPECT_EQ(EBADMSG, errno);
@@ -460,11 +463,33 @@ TEST_F(History, MappedFileMayBeCutRemovedOrSpoiled)
     ASSERT_EQ(0, record("cut again"));
     EXPECT_EQ((std::vector<std::string>{"cut again"}), texts());
     fs::remove(slot_file("history"));
+    ::usleep(SEVERAL_TICKS_US);
     ASSERT_EQ(0, record("three"));
     EXPECT_EQ((std::vector<std::string>{"three"}), texts());
     std::fstream(slot_file("history"), std::ios::binary | std::ios::in | std::ios::out) << "SPOILED!";
     ASSERT_EQ(0, record("four"));
     EXPECT_EQ((std::vector<std::string>{"four"}), texts());
+}
+
+TEST_F(History, IsRecordedWhileTheFileIsCutAgainAndAgain)
+{
+    const pid_t cutter = ::fork();
+    if (cutter == 0) {
+        for (;;) {
+            (void)::truncate(slot_file("history").c_str(), 100);
+            ::usleep(200);
+        }
+    }
+    unsigned recorded = 0;
+    for (unsigned number = 0; number < 20'000; ++number)
+        recorded += record("event") == 0 ? 1 : 0;
+    ::kill(cutter, SIGKILL);
+    (void)::waitpid(cutter, nullptr, 0);
+    EXPECT_GT(recorded, 1000U);
+    ASSERT_EQ(0, record("last"));
+    const auto found = texts();
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(found.back(), "last");
 }
 
 TEST_F(History, SpoiledRecordsAreLeftOut)

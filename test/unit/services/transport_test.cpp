@@ -364,7 +364,7 @@ TEST_F(Transport, KeepsABoundedNumberOfConnections)
             EXPECT_TRUE(received(other));
         }
     }
-    EXPECT_LE(open_descriptors(), before + 32);
+    EXPECT_LE(open_descriptors(), before + 32 + 1); // one watches what may be changed
     for (const std::int32_t other : handles)
         mts_unbind(other);
 }
