@@ -89,6 +89,7 @@ private:
     endpoint_probe probe_;
     std::optional<int> daemon_status_;
     unsigned starts_ = 0;
+    bool boots_ = false; // the next start is the first one since the card has booted
     steady::time_point deadline_; // pausing: of the next start; a wish that waits: of the session's end
     std::deque<steady::time_point> ends_;
 };
@@ -161,6 +162,7 @@ void card_keeper::prepare()
 void card_keeper::boot()
 {
     root_.empty_tmp();
+    boots_ = true;
     start();
 }
 
@@ -198,6 +200,7 @@ void card_keeper::start_session()
 {
     enter(phase::starting, STATE_STARTING);
     write_line(slot_file("starts"), std::to_string(++starts_));
+    write_line(slot_file(CHASSIS_SOFTWARE_RESTART), boots_ ? "0" : "1");
     program_ = program_of(options_.slot);
     root_.end_mounts();
     install_programs();
@@ -218,6 +221,7 @@ void card_keeper::start_session()
     if (child < 0)
         throw system_error_of("start of the card");
     session_ = child;
+    boots_ = false;
     daemon_ = 0;
     daemon_process_.reset();
     daemon_status_.reset();

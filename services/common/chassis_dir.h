@@ -21,6 +21,9 @@ constexpr const char *CHASSIS_ENV_DIR_FD = "CHASSIS_DIR_FD"; // inherited descri
 constexpr const char *CHASSIS_ENV_DIR = "CHASSIS_DIR";       // path of the directory, where it has one
 constexpr const char *CHASSIS_ENV_SLOT = "CHASSIS_SLOT";     // own slot, decimal; absent: not a card, slot 0
 
+// File of a slot: not 0 when its daemon was started again and the card has not booted since; absent: it has.
+constexpr const char *CHASSIS_SOFTWARE_RESTART = "software_restart";
+
 // Descriptor of the chassis directory (close-on-exec), opened at the first call from the environment.
 // -1 with errno when the environment names none or it cannot be opened.
 int chassis_dir_fd();

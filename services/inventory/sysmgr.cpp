@@ -37,7 +37,9 @@ try {
 
 int32_t sysmgr_is_upgrade_restart(void)
 try {
-    return inventory_value(chassis_own_slot(), "upgrade_restart") != 0 ? 1 : 0;
+    const unsigned slot = chassis_own_slot();
+    const bool was_upgraded = inventory_value(slot, "upgrade_restart") != 0;
+    return was_upgraded || chassis_read_value(chassis_slot_path(slot, CHASSIS_SOFTWARE_RESTART), 0) != 0 ? 1 : 0;
 } catch (const std::exception &) {
     return 0;
 }

@@ -2,8 +2,11 @@
 // software alone does not change it: the record file carries it over.
 #include "chassis_fixture.h"
 
+#include <csignal>
+
 #include "bios_opcodes.h"
 #include "version_messages.h"
+#include "wait_until.h"
 
 namespace
 {
@@ -35,6 +38,7 @@ protected:
         ASSERT_EQ(done.exit_code, 0) << done.errors;
         ASSERT_NE(daemon_pid(1), before);
     }
+    bool status_is_serving() const { return file_content(slot_file(1, "state")).starts_with("serving"); }
     std::string record() const { return file_content(card_file(1, RECORD)); }
     void write_record(const std::string &content) const { write_file(card_file(1, RECORD), content); }
 };
@@ -69,6 +73,20 @@ TEST_F(RunningVersion, IsTheOldOneUntilTheCardRestarts)
     restart(true);
     expect_told(new_text, new_text);
     expect_tidy(1);
+}
+
+// A daemon that dies is started again; the card, and so its BIOS, goes on running.
+TEST_F(RunningVersion, IsTheOldOneAfterTheDaemonHasDied)
+{
+    expect_programmed(program(1), 1, new_image());
+    const pid_t before = daemon_pid(1);
+    ASSERT_EQ(::kill(before, SIGKILL), 0);
+    ASSERT_TRUE(wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != before; }));
+    ASSERT_TRUE(wait_until([&] { return status_is_serving(); }));
+    expect_told(new_image().version, old_image().version);
+    EXPECT_TRUE(card_has(1, RECORD));
+    restart(false);
+    expect_told(new_image().version, new_image().version);
 }
 
 // Programmed twice before the restart: what runs is still the first.

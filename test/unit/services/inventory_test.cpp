@@ -232,6 +232,16 @@ TEST_F(Inventory, UpgradeRestartIsTheOwnSlotsValue)
     EXPECT_EQ(0, sysmgr_is_upgrade_restart());
 }
 
+TEST_F(Inventory, ADaemonThatWasStartedAgainHasNotSeenABoot)
+{
+    put("slots/6/software_restart", "1\n");
+    EXPECT_EQ(0, sysmgr_is_upgrade_restart());
+    put("slots/5/software_restart", "1\n");
+    EXPECT_NE(0, sysmgr_is_upgrade_restart());
+    put("slots/5/software_restart", "0\n");
+    EXPECT_EQ(0, sysmgr_is_upgrade_restart());
+}
+
 TEST_F(Inventory, SyncCopiesTheWholeFileWithItsPermissions)
 {
     insert_standby();
