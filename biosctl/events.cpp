@@ -7,9 +7,8 @@
 #include <map>
 #include <unistd.h>
 
+#include "agents.h"
 #include "events_report.h"
-#include "flash_event_log.h"
-#include "flash_geometry.h"
 #include "followed_output.h"
 #include "interrupt.h"
 #include "inventory.h"
@@ -30,10 +29,8 @@ public:
     std::vector<flash_event> take()
     {
         std::vector<std::vector<flash_event>> logs;
-        for (const unsigned slot : modules_.empty() ? modules_of_chassis() : modules_) {
-            for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
-                logs.push_back(take_of(slot, instance));
-        }
+        for (const unsigned slot : modules_.empty() ? modules_of_chassis() : modules_)
+            take_of(slot, logs);
         return in_order(logs);
     }
 
@@ -43,18 +40,24 @@ private:
         std::uint64_t sequence = 0;
     };
 
-    std::vector<flash_event> take_of(unsigned slot, unsigned instance)
+    void take_of(unsigned slot, std::vector<std::vector<flash_event>> &logs)
     {
-        read_log &known = logs_[{slot, instance}];
-        const flash_event_log_state state = flash_event_log_state_of(slot, instance);
-        if (state == known.state)
-            return {};
-        known.state = state; // as it was before the events are read: what comes meanwhile is looked for again
-        std::vector<flash_event> events = flash_event_history_of(slot, instance).events;
-        std::erase_if(events, [&](const flash_event &event) { return event.sequence <= known.sequence; });
-        if (!events.empty())
-            known.sequence = events.back().sequence;
-        return events;
+        const std::uint32_t node = node_of_module(slot);
+        const auto card = ask_for_card(node);
+        if (!card)
+            return; // what has happened to its flashes is told when it answers again
+        for (const card_flash &flash : card->flashes) {
+            read_log &known = logs_[{slot, flash.instance}];
+            if (flash.log == known.state)
+                continue;
+            auto events = ask_for_events(node, flash.instance, known.sequence);
+            if (!events)
+                continue;
+            known.state = flash.log; // as it was before: what has come meanwhile is asked for again
+            if (!events->empty())
+                known.sequence = events->back().sequence;
+            logs.push_back(std::move(*events));
+        }
     }
 
     std::vector<unsigned> modules_;

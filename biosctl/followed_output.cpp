@@ -3,11 +3,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include "chassis_dir.h"
 #include "interrupt.h"
 #include "write_all.h"
 
@@ -31,11 +29,6 @@ bool wait_before_next(int fd, std::chrono::milliseconds how_long)
     }
     (void)::sigprocmask(SIG_SETMASK, &before, nullptr);
     return (output.revents & (POLLERR | POLLNVAL)) == 0;
-}
-
-bool chassis_is_there()
-{
-    return ::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) == 0;
 }
 
 outcome chassis_gone()

@@ -12,7 +12,6 @@
 // Waits, unless Ctrl-C has come or comes (REQUIRES: catch_interrupt). false when the reader of the output has gone.
 [[nodiscard]] bool wait_before_next(int fd, std::chrono::milliseconds how_long);
 
-bool chassis_is_there();
 outcome chassis_gone();
 
 // A write has failed with that errno: no failure when the reader has gone, or Ctrl-C came.

@@ -6,38 +6,66 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "agents.h"
 #include "card_groups.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "daemon_node.h"
-#include "pfm.h"
+#include "monotonic_clock.h"
 #include "sysmgr.h"
 
 namespace
 {
 
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
-
-bool slot_is_supervisor(unsigned slot)
-{
-    return is_supervisor_kind(chassis_read_value(chassis_inventory_path(slot, "kind"), 0));
-}
+constexpr const char *TRANSPORT_FOLDER = "mts";
+constexpr std::int64_t KNOWN_FOR_US = 100'000; // a switchover is to be seen, and a command asks often
 
 bool is_usable(std::string &problem_out)
 {
-    if (chassis_dir_fd() < 0 || ::faccessat(chassis_dir_fd(), "inventory", F_OK, 0) != 0)
+    if (!chassis_is_there())
         return false;
     problem_out = chassis_folder_problem(".");
     return problem_out.empty();
 }
 
+// What the agents say, asked for anew from time to time; what was said last when none answers any more.
+const std::vector<chassis_module> &known_modules()
+{
+    static std::vector<chassis_module> modules;
+    static std::int64_t asked_at = 0;
+    if (asked_at != 0 && monotonic_us() - asked_at < KNOWN_FOR_US)
+        return modules;
+    if (auto told = ask_for_modules(); told)
+        modules = std::move(*told);
+    asked_at = monotonic_us();
+    return modules;
+}
+
+const chassis_module *find_module(unsigned slot)
+{
+    const std::vector<chassis_module> &modules = known_modules();
+    const auto found = std::ranges::find(modules, slot, &chassis_module::slot);
+    return found != modules.end() ? &*found : nullptr;
+}
+
+bool has_state(unsigned slot, std::uint32_t sup_state)
+{
+    const chassis_module *module = find_module(slot);
+    return module != nullptr && module->sup_state == sup_state;
+}
+
 } // namespace
+
+bool chassis_is_there()
+{
+    return chassis_dir_fd() >= 0 && ::faccessat(chassis_dir_fd(), TRANSPORT_FOLDER, F_OK, 0) == 0;
+}
 
 bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out)
 {
-    if (dir.empty() && chassis_dir_fd() >= 0) {
-        const char *path = std::getenv(CHASSIS_ENV_DIR);
-        where_out = path != nullptr ? path : "the directory of this card";
+    const char *named = std::getenv(CHASSIS_ENV_DIR);
+    if (dir.empty() && (named != nullptr || std::getenv(CHASSIS_ENV_DIR_FD) != nullptr)) {
+        where_out = named != nullptr ? named : "the directory of this card";
         return is_usable(problem_out);
     }
     where_out = dir.empty() ? DEFAULT_CHASSIS_DIR : dir;
@@ -48,19 +76,21 @@ bool open_chassis(const std::string &dir, std::string &where_out, std::string &p
     return false;
 }
 
+bool any_card_answers()
+{
+    return ask_for_modules().has_value();
+}
+
 bool module_exists(unsigned module)
 {
-    return chassis_read_value(chassis_inventory_path(module, "kind"), 0) != 0 ||
-           chassis_read_value(chassis_inventory_path(module, "card_id"), 0) != 0;
+    return find_module(module) != nullptr;
 }
 
 std::vector<unsigned> modules_of_chassis()
 {
     std::vector<unsigned> modules;
-    for (unsigned module = 1; module <= PFM_MODULE_COUNT; ++module) {
-        if (module_exists(module))
-            modules.push_back(module);
-    }
+    for (const chassis_module &module : known_modules())
+        modules.push_back(module.slot);
     return modules;
 }
 
@@ -74,29 +104,31 @@ std::vector<unsigned> modules_named(const std::vector<unsigned> &named)
 
 std::uint32_t card_id_of(unsigned module)
 {
-    return chassis_read_value(chassis_inventory_path(module, "card_id"), 0);
+    const chassis_module *known = find_module(module);
+    return known != nullptr ? known->card_id : 0;
 }
 
 std::uint32_t node_of_module(unsigned module)
 {
-    return mts_node_of_slot(module);
+    const chassis_module *known = find_module(module);
+    return daemon_node(module, known != nullptr && is_supervisor_kind(known->kind));
 }
 
 bool slot_is_active(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_ACTIVE;
+    return has_state(slot, SYSMGR_SUP_STATE_ACTIVE);
 }
 
 bool slot_is_standby(unsigned slot)
 {
-    return chassis_read_value(chassis_inventory_path(slot, "sup_state"), 0) == SYSMGR_SUP_STATE_STANDBY;
+    return has_state(slot, SYSMGR_SUP_STATE_STANDBY);
 }
 
 std::optional<unsigned> active_supervisor()
 {
-    for (unsigned slot = 1; slot <= PFM_MODULE_COUNT; ++slot) {
-        if (slot_is_supervisor(slot) && slot_is_active(slot))
-            return slot;
+    for (const chassis_module &module : known_modules()) {
+        if (is_supervisor_kind(module.kind) && module.sup_state == SYSMGR_SUP_STATE_ACTIVE)
+            return module.slot;
     }
     return std::nullopt;
 }

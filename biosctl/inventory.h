@@ -1,4 +1,4 @@
-// The chassis as its inventory files describe it at the moment of the call.
+// The chassis as its cards describe it at the moment of the call, or a tenth of a second before.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,16 @@
 #include <vector>
 
 // Makes this process a tool of a chassis.
-//   dir  path of the chassis directory; empty: the environment's, else ./chassis.d
+//   dir  path of the chassis directory; empty: the environment's, and ./chassis.d when the environment names none
 // false when there is no chassis; where_out tells where it was looked for. problem_out is empty then, or says why
 // one that is there is not used: another user has a hand in it.
 [[nodiscard]] bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out);
+
+// Whether the directory of the chassis is still there.
+bool chassis_is_there();
+
+// Whether the agent of any card answers.
+bool any_card_answers();
 
 // Whether a card is entered for a module number (1..232).
 bool module_exists(unsigned module);

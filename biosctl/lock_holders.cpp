@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "agents.h"
 #include "bios_results.h"
 #include "daemon_node.h"
 #include "result_text.h"
@@ -37,11 +38,12 @@ bool guards_programmer(const chassis_module_lock_holder &lock, std::span<const c
 
 std::optional<chassis_module_lock_holder> find_lock_holder(std::uint32_t node)
 {
-    int error = 0;
-    const auto holders = chassis_module_lock_holders(error);
+    const auto holders = ask_for_locks();
+    if (!holders)
+        return std::nullopt;
     const auto found =
-        std::ranges::find(holders, static_cast<std::uint16_t>(node), &chassis_module_lock_holder::node_id);
-    return found != holders.end() ? std::optional(*found) : std::nullopt;
+        std::ranges::find(*holders, static_cast<std::uint16_t>(node), &chassis_module_lock_holder::node_id);
+    return found != holders->end() ? std::optional(*found) : std::nullopt;
 }
 
 std::string holder_text(const chassis_module_lock_holder &holder)
@@ -73,7 +75,6 @@ programming_locks programming_of(std::span<const chassis_module_lock_holder> hol
 
 programming_locks find_programming()
 {
-    int error = 0;
-    const auto holders = chassis_module_lock_holders(error);
-    return error == 0 ? programming_of(holders) : programming_locks{.readable = false};
+    const auto holders = ask_for_locks();
+    return holders ? programming_of(*holders) : programming_locks{.readable = false};
 }

@@ -45,8 +45,11 @@ outcome run(const CLI::App &command, const arguments &given)
     if (!row->in_chassis)
         return row->run(command, given);
     std::string where, problem;
-    if (open_chassis(given.dir, where, problem))
-        return row->run(command, given);
+    if (open_chassis(given.dir, where, problem)) {
+        if (any_card_answers())
+            return row->run(command, given);
+        return failure(EXIT_FAILED, "no card of the chassis in '" + where + "' answers", "start it with: chassis up");
+    }
     if (problem.empty())
         return failure(EXIT_NOT_FOUND, "there is no chassis in '" + where + "'",
                        "name its directory with --dir or in the environment as CHASSIS_DIR");

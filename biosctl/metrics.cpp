@@ -4,19 +4,9 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "bios_header.h"
-#include "bios_opcodes.h"
-#include "chassis_dir.h"
-#include "chassis_module_lock.h"
-#include "mts_tools.h"
+#include "agents.h"
 #include "daemon_node.h"
-#include "flash_event_log.h"
-#include "flash_folder.h"
-#include "flash_geometry.h"
-#include "flash_progress_file.h"
-#include "flash_wear.h"
 #include "inventory.h"
-#include "nor_file_layout.h"
 #include "result_text.h"
 #include "serving_slot.h"
 
@@ -121,43 +111,32 @@ metric_family locked_modules(const std::vector<card_facts> &cards)
     return family;
 }
 
-std::string version_in(unsigned slot, unsigned instance)
+flash_facts facts_of(unsigned slot, const card_flash &flash)
 {
-    std::string bytes;
-    bios_header header;
-    if (!chassis_read_file(flash_file_path(slot, instance, FLASH_FILE_DATA), bytes, BIOS_HEADER_BYTES) ||
-        bytes.size() < BIOS_HEADER_BYTES || !bios_header_read(bytes.data(), header))
-        return UNKNOWN_VERSION;
-    const std::string text = bios_header_text(header);
-    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
-}
-
-flash_facts look_at_flash(unsigned slot, unsigned instance, std::uint32_t size_bytes)
-{
-    const std::uint32_t sector_bytes =
-        chassis_read_value(flash_file_path(slot, instance, FLASH_FILE_SECTOR_BYTES), 0);
-    const std::string version = version_in(slot, instance); // before the marker, which is set before any change
-    const flash_activity activity = flash_activity_of(slot, instance);
+    const std::uint32_t node = node_of_module(slot);
+    const std::string version = ask_for_version(node, flash.instance).value_or("");
+    // One that is marked may be half old and half new; the marker is set before any change.
+    const bool is_known = !flash.activity.marked && !version.empty();
     return {.slot = slot,
-            .instance = instance,
-            .totals = flash_event_history_of(slot, instance).totals,
-            .erases = flash_wear_load(flash_folder_path(slot, instance).c_str()).erases,
-            .sectors = sector_bytes != 0 ? size_bytes / sector_bytes : 0,
-            .marked = activity.marked,
-            .has_writer = activity.has_writer,
-            // One that is marked may be half old and half new.
-            .version = activity.marked ? UNKNOWN_VERSION : version};
+            .instance = flash.instance,
+            .totals = ask_for_totals(node, flash.instance).value_or(flash_event_totals{}),
+            .erases = flash.erases,
+            .sectors = flash.sector_bytes != 0 ? flash.size_bytes / flash.sector_bytes : 0,
+            .marked = flash.activity.marked,
+            .has_writer = flash.activity.has_writer,
+            .version = is_known ? version : UNKNOWN_VERSION};
 }
 
-card_facts look_at_card(unsigned slot, const std::vector<chassis_module_lock_holder> &locks, bool locks_readable)
+card_facts facts_of(unsigned slot, bool serves, const std::optional<std::vector<chassis_module_lock_holder>> &locks)
 {
-    const bool locked = std::ranges::any_of(
-        locks, [slot](const chassis_module_lock_holder &lock) { return module_of_node(lock.node_id) == slot; });
+    const auto is_of_slot = [slot](const chassis_module_lock_holder &lock) {
+        return module_of_node(lock.node_id) == slot;
+    };
     return {.slot = slot,
             .card_id = card_id_of(slot),
             .role = slot_is_active(slot) ? "active" : (slot_is_standby(slot) ? "standby" : "none"),
-            .serves = mts_is_bound(node_of_module(slot), BIOS_DAEMON_SAP),
-            .locked = locks_readable ? std::optional(locked) : std::nullopt};
+            .serves = serves,
+            .locked = locks ? std::optional(std::ranges::any_of(*locks, is_of_slot)) : std::nullopt};
 }
 
 } // namespace
@@ -207,20 +186,16 @@ std::vector<metric_family> metric_families(const std::vector<card_facts> &cards,
 
 outcome run_metrics(const std::vector<unsigned> &modules)
 {
-    int error = 0;
-    const auto locks = chassis_module_lock_holders(error);
+    const auto locks = ask_for_locks();
     std::vector<card_facts> cards;
     std::vector<flash_facts> flashes;
     for (const unsigned slot : modules_named(modules)) {
         if (!module_exists(slot))
             return no_module_failure(slot);
-        cards.push_back(look_at_card(slot, locks, error == 0));
-        for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
-            const std::uint32_t size_bytes =
-                chassis_read_value(flash_file_path(slot, instance, FLASH_FILE_SIZE_BYTES), 0);
-            if (size_bytes != 0)
-                flashes.push_back(look_at_flash(slot, instance, size_bytes));
-        }
+        const auto card = ask_for_card(node_of_module(slot));
+        cards.push_back(facts_of(slot, card && card->serves, locks));
+        for (const card_flash &flash : card ? card->flashes : std::vector<card_flash>{})
+            flashes.push_back(facts_of(slot, flash));
     }
     const std::vector<metric_family> families = metric_families(cards, flashes);
     return {EXIT_DONE, metrics_text(families), {{"command", "metrics"}, {"metrics", metrics_json(families)}}};

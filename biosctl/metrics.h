@@ -1,5 +1,5 @@
-// "biosctl metrics": counters and states of the flashes and cards for Prometheus. Reads files and looks at locks;
-// asks no daemon and holds nobody up.
+// "biosctl metrics": counters and states of the flashes and cards for Prometheus. The cards' agents are
+// asked: no daemon is held up.
 #pragma once
 
 #include <vector>

@@ -126,13 +126,13 @@ std::string watch_screen::text_of(const watch_snapshot &snapshot) const
     return "\n" + coloured(block_of(watch_lines(changed_rows(*shown_, snapshot), space)), fd_);
 }
 
-outcome watch(const watch_options &options, watch_reader &reader, watch_screen &screen)
+outcome watch(const watch_options &options, const std::vector<unsigned> &modules, watch_screen &screen)
 {
     const auto start = steady::now();
     for (;;) {
         if (!chassis_is_there())
             return chassis_gone();
-        if (!screen.show(make_snapshot(reader.read())))
+        if (!screen.show(make_snapshot(read_watch_facts(modules))))
             return output_not_written(errno);
         const auto watched = steady::now() - start;
         if (options.once || interrupted() || (options.duration && watched >= *options.duration))
@@ -159,9 +159,8 @@ outcome run_watch(const watch_options &options, bool json)
     catch_interrupt();
     catch_continue();
     (void)std::signal(SIGPIPE, SIG_IGN); // a reader that has gone ends the watch in an orderly way
-    watch_reader reader(std::move(modules));
     watch_screen screen(STDOUT_FILENO, json, options.once);
-    outcome end = watch(options, reader, screen);
+    outcome end = watch(options, modules, screen);
     screen.leave();
     return end;
 }

@@ -1,4 +1,4 @@
-// What "biosctl watch" reads. It only reads files and looks at the system's locks: no daemon is asked or held up.
+// What "biosctl watch" knows. The cards' agents are asked: no daemon is held up.
 #pragma once
 
 #include <array>
@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "chassis_module_lock.h"
-#include "kept_notices.h"
 #include "flash_geometry.h"
 #include "flash_progress_file.h"
 
@@ -30,9 +29,6 @@ struct programming_result {
 };
 using results_by_module = std::map<unsigned, programming_result>;
 
-// Takes a notice, when it is one about the end of a programming from a daemon.
-void take_result(results_by_module &results, const kept_notice &notice);
-
 struct watch_facts {
     std::string now; // UTC, "2026-01-31T23:59:59Z"
     std::vector<watched_card> cards;
@@ -41,15 +37,5 @@ struct watch_facts {
     results_by_module results;
 };
 
-class watch_reader
-{
-public:
-    // modules: those to look at; empty: all that the chassis has at the moment
-    explicit watch_reader(std::vector<unsigned> modules) : modules_(std::move(modules)) {}
-    watch_facts read();
-
-private:
-    std::vector<unsigned> modules_;
-    kept_notice_reader notices_;
-    results_by_module results_;
-};
+// modules: those to look at; empty: all that the chassis has at the moment
+watch_facts read_watch_facts(const std::vector<unsigned> &modules);

@@ -38,5 +38,17 @@ struct be32 {
     }
 };
 
+struct be64 {
+    be32 high;
+    be32 low;
+
+    constexpr std::uint64_t load() const { return std::uint64_t{high.load()} << 32 | low.load(); }
+    static constexpr be64 of(std::uint64_t value)
+    {
+        return {be32::of(static_cast<std::uint32_t>(value >> 32)), be32::of(static_cast<std::uint32_t>(value))};
+    }
+};
+
+static_assert(sizeof(be64) == 8 && alignof(be64) == 1);
 static_assert(sizeof(be16) == 2 && alignof(be16) == 1);
 static_assert(sizeof(be32) == 4 && alignof(be32) == 1);

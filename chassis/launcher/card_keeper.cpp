@@ -1,5 +1,6 @@
 #include "card_keeper.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -19,6 +20,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bios_opcodes.h"
+#include "card_agent.h"
 #include "card_files.h"
 #include "card_processes.h"
 #include "card_root.h"
@@ -45,7 +48,12 @@ constexpr const char *PLAIN_MOUNT = "fstab_mount"; // mount and umount of a card
 class card_keeper
 {
 public:
-    explicit card_keeper(const keeper_options &options) : options_(options), root_(options.slot) {}
+    explicit card_keeper(const keeper_options &options)
+        : options_(options),
+          root_(options.slot),
+          agent_({options.directory, options.slot, options.way, program_file(card_program::agent, {}, options.tools)})
+    {
+    }
 
     int run();
 
@@ -78,6 +86,7 @@ private:
 
     keeper_options options_;
     card_root root_;
+    card_agent agent_;
     card_program program_ = card_program::daemon; // of the present session
     unique_fd signals_;
     unique_fd reports_; // of the present session
@@ -222,6 +231,7 @@ void card_keeper::start_session()
         throw system_error_of("start of the card");
     session_ = child;
     boots_ = false;
+    agent_.ensure_started(root_);
     daemon_ = 0;
     daemon_process_.reset();
     daemon_status_.reset();
@@ -233,10 +243,12 @@ int card_keeper::wait_limit_ms() const
     const bool has_deadline = phase_ == phase::pausing || wish_ != wish::none;
     if (phase_ == phase::starting && wish_ == wish::none)
         return static_cast<int>(PROBE_INTERVAL.count());
+    const int agent_ms = agent_.wait_limit_ms();
     if (!has_deadline)
-        return -1;
+        return agent_ms;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - steady::now()).count();
-    return left > 0 ? static_cast<int>(left) + 1 : 0;
+    const int left_ms = left > 0 ? static_cast<int>(left) + 1 : 0;
+    return agent_ms >= 0 ? std::min(left_ms, agent_ms) : left_ms;
 }
 
 void card_keeper::wait_for_event()
@@ -309,6 +321,8 @@ void card_keeper::reap()
         const pid_t ended = ::waitpid(-1, nullptr, WNOHANG);
         if (ended <= 0)
             return;
+        if (agent_.has_ended(ended) && wish_ == wish::none)
+            note("bios_agent has ended");
         if (ended == session_) {
             take_reports(); // what it said last
             session_ended();
@@ -323,10 +337,13 @@ void card_keeper::tick()
         (void)::kill(session_, SIGKILL);
         deadline_ = steady::now() + KILL_PATIENCE;
     }
-    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && probe_.is_taken(options_.slot)) {
+    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && probe_.is_taken(options_.slot, BIOS_DAEMON_SAP) &&
+        agent_.serves_or_hangs()) {
         note("serves, process %d", static_cast<int>(daemon_));
         enter(phase::serving, std::string(STATE_SERVING) + " " + std::to_string(daemon_));
     }
+    if (agent_.is_due() && wish_ != wish::down)
+        agent_.ensure_started(root_);
     if (phase_ == phase::pausing && wish_ == wish::none && steady::now() >= deadline_)
         start();
 }
@@ -339,6 +356,8 @@ void card_keeper::request(wish wanted)
     deadline_ = steady::now() + KILL_PATIENCE;
     if (wanted != wish::down)
         ends_.clear();
+    if (wanted != wish::software_restart)
+        agent_.kill();
     if (session_ == 0)
         session_ended();
     else
@@ -408,7 +427,7 @@ int card_keeper::run()
     try {
         prepare();
         boot();
-        while (wish_ != wish::down || session_ != 0) {
+        while (wish_ != wish::down || session_ != 0 || agent_.runs()) {
             wait_for_event();
             tick();
         }

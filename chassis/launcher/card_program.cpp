@@ -13,7 +13,15 @@ card_program program_of(unsigned slot)
 
 const char *program_name(card_program program)
 {
-    return program == card_program::daemon ? "bios_daemon" : "module_standin";
+    switch (program) {
+    case card_program::daemon:
+        return "bios_daemon";
+    case card_program::standin:
+        return "module_standin";
+    case card_program::agent:
+        break;
+    }
+    return "bios_agent";
 }
 
 std::string place_in_root(card_program program)

@@ -143,7 +143,8 @@ void serve_session(const session_options &options)
     // would be possible.
     open_chassis(options.directory);
     const card_root root(options.slot);
-    if (has_namespaces(options.way) && !root.mount_proc())
+    const bool is_agent = options.program == card_program::agent;
+    if (has_namespaces(options.way) && !is_agent && !root.mount_proc())
         std::fprintf(stderr, "chassis: the card has no /proc: %s\n", std::strerror(errno));
 
     const pid_t daemon = ::fork();
@@ -152,7 +153,8 @@ void serve_session(const session_options &options)
     if (daemon < 0)
         throw system_error_of("fork");
     const int status = reap_until(daemon);
-    kill_the_rest(root, options.way);
+    if (!is_agent) // what is left in the root is the daemon's
+        kill_the_rest(root, options.way);
     report(options.report_fd, session_report::event::daemon_ended, status);
 }
 

@@ -1,5 +1,6 @@
 // One run of the daemon: from a boot of the card, or a restart of its software, to the daemon's end. What is said
-// of the daemon holds for the stand-in of a card that has none.
+// of the daemon holds for the stand-in of a card that has none, and for the agent, whose session needs no /proc and
+// kills nothing.
 //
 // The session is a process of its own between the card's keeper and the daemon. With namespaces it is the first
 // process of the card's process namespace, otherwise the one that the card's orphans are given to. It starts the

@@ -6,20 +6,19 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "bios_opcodes.h"
 #include "card_files.h"
 #include "chassis_dir.h"
 
 namespace
 {
 
-// A socket connected to the endpoint of the slot's daemon; none when nobody has it.
-unique_fd connect_to_endpoint(unsigned slot)
+// A socket connected to an endpoint of the slot's node; none when nobody has it.
+unique_fd connect_to_endpoint(unsigned slot, std::uint32_t sap)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/mts/%08x.%08x", chassis_dir_fd(),
-                  node_of_slot(slot), BIOS_DAEMON_SAP);
+                  node_of_slot(slot), sap);
     unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return {};
@@ -28,10 +27,10 @@ unique_fd connect_to_endpoint(unsigned slot)
 
 } // namespace
 
-bool endpoint_probe::is_taken(unsigned slot)
+bool endpoint_probe::is_taken(unsigned slot, std::uint32_t sap)
 {
     if (!socket_) {
-        socket_ = connect_to_endpoint(slot);
+        socket_ = connect_to_endpoint(slot, sap);
         if (socket_ && ::send(socket_.get(), "", 1, MSG_NOSIGNAL) != 1)
             socket_.reset(); // its queue is full; a later one may get in
         return false;
@@ -42,5 +41,5 @@ bool endpoint_probe::is_taken(unsigned slot)
         return false;
     }
     // Nothing waits either when the receiver has died with what it had not taken.
-    return waiting_bytes == 0 && static_cast<bool>(connect_to_endpoint(slot));
+    return waiting_bytes == 0 && static_cast<bool>(connect_to_endpoint(slot, sap));
 }

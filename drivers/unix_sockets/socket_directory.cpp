@@ -248,6 +248,17 @@ bool socket_directory_is_alive(int directory, mts_address_t address, const datag
     return !is_dead(directory, address);
 }
 
+std::vector<mts_address_t> socket_directory_addresses(int directory)
+{
+    std::vector<mts_address_t> addresses;
+    for (const std::string &name : names_in(directory)) {
+        mts_address_t address{};
+        if (parse_socket_name(name, address))
+            addresses.push_back(address);
+    }
+    return addresses;
+}
+
 void socket_directory_remove(int directory, mts_address_t address)
 {
     (void)::unlinkat(directory, socket_name(address).c_str(), 0);

@@ -39,6 +39,9 @@ unique_fd socket_directory_connect(int directory, mts_address_t address, datagra
 // Whether the endpoint of that identity is still there and its process lives.
 bool socket_directory_is_alive(int directory, mts_address_t address, const datagram_peer &identity);
 
+// The addresses that have a socket, in any order; of some the process may be dead.
+std::vector<mts_address_t> socket_directory_addresses(int directory);
+
 // Removes an endpoint's own socket.
 void socket_directory_remove(int directory, mts_address_t address);
 

@@ -130,11 +130,30 @@ bool is_there(datagram_port *port, mts_address_t peers_address, const datagram_p
     return socket_directory_is_alive(port->directory.get(), peers_address, peer);
 }
 
-bool is_bound(mts_address_t asked)
+bool is_bound(mts_address_t asked, datagram_peer *peer_out)
 {
     const unique_fd directory = socket_directory_open();
     datagram_peer peer;
-    return directory && socket_directory_connect(directory.get(), asked, peer);
+    if (!directory || !socket_directory_connect(directory.get(), asked, peer))
+        return false;
+    if (peer_out != nullptr)
+        *peer_out = peer;
+    return true;
+}
+
+std::vector<std::uint32_t> nodes_with(std::uint32_t sap)
+{
+    std::vector<std::uint32_t> nodes;
+    const unique_fd directory = socket_directory_open();
+    if (!directory)
+        return nodes;
+    for (const mts_address_t bound : socket_directory_addresses(directory.get())) {
+        datagram_peer peer;
+        if (bound.sap == sap && socket_directory_connect(directory.get(), bound, peer))
+            nodes.push_back(bound.node);
+    }
+    std::sort(nodes.begin(), nodes.end());
+    return nodes;
 }
 
 bool listen(datagram_port *port, std::uint32_t opcode)
@@ -184,6 +203,7 @@ const datagram_driver unix_sockets_driver = {
     .send = send,
     .is_there = is_there,
     .is_bound = is_bound,
+    .nodes_with = nodes_with,
     .listen = listen,
     .send_to_listeners = send_to_listeners,
 };

@@ -15,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "mts_frame.h"
 
@@ -69,7 +70,12 @@ struct datagram_driver {
     bool (*is_there)(datagram_port *port, mts_address_t address, const datagram_peer &peer);
 
     // Whether a living process has the address. Without a port, for those who only ask.
-    bool (*is_bound)(mts_address_t address);
+    //   peer_out  which process; may be null; set on success only
+    bool (*is_bound)(mts_address_t address, datagram_peer *peer_out);
+
+    // The nodes on which living processes have a service access point, ascending. Without a port. Empty also when
+    // that cannot be found out.
+    std::vector<std::uint32_t> (*nodes_with)(std::uint32_t sap);
 
     // Has frames of an opcode that are sent to listeners delivered to this port, too, until it is given back. Twice is
     // as good as once.

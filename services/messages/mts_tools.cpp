@@ -63,5 +63,16 @@ std::uint32_t mts_node_of_slot(std::uint32_t slot)
 
 bool mts_is_bound(std::uint32_t node, std::uint32_t sap)
 {
-    return c_boundary(false, [&] { return card_datagram_driver->is_bound({node, sap}); });
+    return c_boundary(false, [&] { return card_datagram_driver->is_bound({node, sap}, nullptr); });
+}
+
+std::optional<datagram_peer> mts_peer_at(std::uint32_t node, std::uint32_t sap)
+{
+    datagram_peer peer;
+    return card_datagram_driver->is_bound({node, sap}, &peer) ? std::optional(peer) : std::nullopt;
+}
+
+std::vector<std::uint32_t> mts_nodes_with(std::uint32_t sap)
+{
+    return card_datagram_driver->nodes_with(sap);
 }

@@ -10,7 +10,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <vector>
 
+#include "datagram_driver.h"
 #include "mts.h"
 
 extern "C" {
@@ -40,3 +43,9 @@ std::uint32_t mts_node_of_slot(std::uint32_t slot);
 // Whether a living process has the address.
 bool mts_is_bound(std::uint32_t node, std::uint32_t sap);
 }
+
+// The process that has the address; another one after it has ended. None when nobody has it.
+std::optional<datagram_peer> mts_peer_at(std::uint32_t node, std::uint32_t sap);
+
+// The nodes on which living processes have a service access point, ascending.
+std::vector<std::uint32_t> mts_nodes_with(std::uint32_t sap);

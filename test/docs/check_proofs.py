@@ -12,8 +12,8 @@ NO_RESULTS = {"BIOS_RESULT_PREFIX"}
 
 
 def defined_tests(root):
-    return {(source.parent.name, suite, name)
-            for source in root.glob("test/*/*_test.cpp")
+    return {(source.relative_to(root).parts[1], suite, name)
+            for source in root.glob("test/**/*_test.cpp")
             for suite, name in TEST_DEFINED.findall(source.read_text())}
 
 

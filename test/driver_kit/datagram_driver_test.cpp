@@ -189,7 +189,7 @@ TEST_F(DatagramDriver, RecordIsComplete)
     ASSERT_NE(driver.name, nullptr);
     EXPECT_STRNE(driver.name, "");
     EXPECT_TRUE(driver.bind && driver.unbind && driver.abandon && driver.address && driver.descriptor &&
-                driver.receive && driver.send && driver.is_there && driver.is_bound && driver.listen &&
+                driver.receive && driver.send && driver.is_there && driver.is_bound && driver.nodes_with && driver.listen &&
                 driver.send_to_listeners);
 }
 
@@ -199,8 +199,8 @@ TEST_F(DatagramDriver, BindsTheAddressAskedFor)
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(address_of(port).node, network_node(1));
     EXPECT_EQ(address_of(port).sap, static_cast<std::uint32_t>(SAP));
-    EXPECT_TRUE(tested_datagram_driver.is_bound(address_of(port)));
-    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}));
+    EXPECT_TRUE(tested_datagram_driver.is_bound(address_of(port), nullptr));
+    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}, nullptr));
 }
 
 TEST_F(DatagramDriver, BindsNoAddressWhoseOwnerLives)
@@ -217,14 +217,28 @@ TEST_F(DatagramDriver, TakesOverTheAddressOfADeadProcess)
     peer_process owner(owner_of(SAP));
     ASSERT_TRUE(owner.is_ready());
     owner.kill();
-    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), SAP}));
+    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), SAP}, nullptr));
     EXPECT_NE(bound(SAP), nullptr);
+}
+
+TEST_F(DatagramDriver, FindsTheNodesOfAServiceAccessPoint)
+{
+    EXPECT_EQ(tested_datagram_driver.nodes_with(SAP), std::vector<std::uint32_t>{});
+    const bound_port second = bound(SAP, 1);
+    const bound_port first = bound(SAP, 0);
+    const bound_port other = bound(OTHER_SAP, 0);
+    EXPECT_EQ(tested_datagram_driver.nodes_with(SAP), (std::vector<std::uint32_t>{network_node(0), network_node(1)}));
+    peer_process gone(owner_of(OTHER_SAP + 1));
+    ASSERT_TRUE(gone.is_ready());
+    EXPECT_EQ(tested_datagram_driver.nodes_with(OTHER_SAP + 1).size(), 1U);
+    gone.kill();
+    EXPECT_EQ(tested_datagram_driver.nodes_with(OTHER_SAP + 1), std::vector<std::uint32_t>{});
 }
 
 TEST_F(DatagramDriver, GivesAnAddressBack)
 {
     const mts_address_t address = address_of(bound(SAP));
-    EXPECT_FALSE(tested_datagram_driver.is_bound(address));
+    EXPECT_FALSE(tested_datagram_driver.is_bound(address, nullptr));
     EXPECT_NE(bound(SAP), nullptr);
 }
 
@@ -483,7 +497,7 @@ TEST_F(DatagramDriver, AForkedChildLeavesTheAddressToItsParent)
         sleep_for_ever();
     });
     ASSERT_TRUE(child.is_ready());
-    EXPECT_TRUE(tested_datagram_driver.is_bound(address_of(port)));
+    EXPECT_TRUE(tested_datagram_driver.is_bound(address_of(port), nullptr));
     ASSERT_TRUE(send_bytes(port, address_of(port), "still here"));
     EXPECT_EQ(text_of(received(port)), "still here");
 }
@@ -506,10 +520,10 @@ TEST_F(DatagramDriver, TheAddressIsFreeWhenTheParentIsDeadThoughItsChildLives)
     });
     pid_t child = -1;
     ASSERT_EQ(::read(children[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
-    EXPECT_TRUE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}));
+    EXPECT_TRUE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}, nullptr));
     parent.kill();
     EXPECT_EQ(::kill(child, 0), 0) << "the child is to live for this test";
-    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}));
+    EXPECT_FALSE(tested_datagram_driver.is_bound({network_node(0), OTHER_SAP}, nullptr));
     EXPECT_NE(bound(OTHER_SAP), nullptr);
     ::kill(child, SIGKILL);
     ::close(children[0]);

@@ -14,5 +14,5 @@ void make_network();
 // Takes away what make_network has made.
 void remove_network();
 
-// A node whose addresses this process and those that it forks may take; for 0 and 1 two of them, or twice the same.
+// A node whose addresses this process and those that it forks may take: two of them, that of number 0 the lower.
 std::uint32_t network_node(unsigned number);

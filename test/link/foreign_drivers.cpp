@@ -72,9 +72,15 @@ bool is_there(datagram_port *, mts_address_t, const datagram_peer &)
     return false;
 }
 
-bool is_bound(mts_address_t asked)
+bool is_bound(mts_address_t asked, datagram_peer *)
 {
     return bound_ports.contains(asked.sap);
+}
+
+std::vector<std::uint32_t> nodes_with(std::uint32_t sap)
+{
+    const auto found = bound_ports.find(sap);
+    return found == bound_ports.end() ? std::vector<std::uint32_t>{} : std::vector{found->second->address.node};
 }
 
 bool listen(datagram_port *, std::uint32_t)
@@ -98,6 +104,7 @@ constexpr datagram_driver NOBODY_ELSE = {
     .send = send,
     .is_there = is_there,
     .is_bound = is_bound,
+    .nodes_with = nodes_with,
     .listen = listen,
     .send_to_listeners = send_to_listeners,
 };

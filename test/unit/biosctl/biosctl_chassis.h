@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
+#include <memory>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
@@ -19,6 +22,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "agent_messages.h"
+#include "agent_requests.h"
 #include "big_endian.h"
 #include "bios_messages.h"
 #include "bios_opcodes.h"
@@ -30,7 +35,57 @@
 
 constexpr auto TEST_DEADLINE = std::chrono::seconds(60);
 
-// A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5.
+// The agent of a card, in a process of its own.
+class card_agent_process
+{
+public:
+    card_agent_process(const std::string &chassis, unsigned slot)
+    {
+        int ready[2];
+        if (::pipe2(ready, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe");
+        process_ = ::fork();
+        if (process_ == 0) {
+            (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            serve_for_ever(chassis, slot, ready[1]);
+        }
+        ::close(ready[1]);
+        char byte = 0;
+        const ssize_t got = ::read(ready[0], &byte, 1);
+        ::close(ready[0]);
+        if (got != 1)
+            throw std::runtime_error("the agent did not come up");
+    }
+    ~card_agent_process()
+    {
+        (void)::kill(process_, SIGKILL);
+        (void)::waitpid(process_, nullptr, 0);
+    }
+    card_agent_process(const card_agent_process &) = delete;
+    card_agent_process &operator=(const card_agent_process &) = delete;
+
+private:
+    [[noreturn]] static void serve_for_ever(const std::string &chassis, unsigned slot, int ready)
+    {
+        if (chassis_attach(chassis, slot) != 0)
+            ::_exit(70);
+        const std::int32_t handle =
+            mts_bind(BIND_KIND, static_cast<std::int32_t>(AGENT_SAP), BIND_OPTIONS, "agent of a test");
+        if (handle < 0)
+            ::_exit(71);
+        (void)!::write(ready, "r", 1);
+        const auto options = receive_options(3600);
+        for (;;) {
+            mts_message_t *message = nullptr;
+            if (mts_recv(handle, &message, options.data()) == 0)
+                serve(handle, message);
+        }
+    }
+
+    pid_t process_ = -1;
+};
+
+// A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5; each has an agent.
 class test_chassis
 {
 public:
@@ -50,6 +105,7 @@ public:
     }
     ~test_chassis()
     {
+        agents_.clear();
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
@@ -63,11 +119,27 @@ public:
         std::ofstream(folder + "/kind") << kind << "\n";
         std::ofstream(folder + "/card_id") << card_id << "\n";
         std::ofstream(folder + "/sup_state") << sup_state << "\n";
+        if (!agents_.contains(slot))
+            agents_[slot] = std::make_unique<card_agent_process>(path_, slot);
     }
+    // Makes a blank flash of 64 KiB with sectors of 4 KiB unless it is there; its folder.
+    std::string flash_folder(unsigned slot, const std::string &instance) const
+    {
+        const std::string folder = path_ + "/slots/" + std::to_string(slot) + "/flash/" + instance;
+        if (std::filesystem::create_directories(folder)) {
+            std::ofstream(folder + "/size_bytes") << "65536\n";
+            std::ofstream(folder + "/sector_bytes") << "4096\n";
+            std::ofstream(folder + "/page_bytes") << "256\n";
+            std::ofstream(folder + "/data") << std::string(65536, '\xff');
+        }
+        return folder;
+    }
+    void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 
 private:
     std::string path_;
+    mutable std::map<unsigned, std::unique_ptr<card_agent_process>> agents_; // processes, no state of this object
 };
 
 // The daemon's side of a script; lives in the daemon's process.

@@ -30,9 +30,7 @@ const std::string CUT_OFF =
 
 void append(const test_chassis &chassis, unsigned slot, const std::string &flash, const std::string &text)
 {
-    const std::string folder = chassis.path() + "/slots/" + std::to_string(slot) + "/flash/" + flash;
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder + "/events", std::ios::app) << text;
+    std::ofstream(chassis.flash_folder(slot, flash) + "/events", std::ios::app) << text;
 }
 
 void add_events(const test_chassis &chassis)

@@ -100,10 +100,7 @@ TEST(Metrics, OfTheBuiltProgram)
 {
     const test_chassis chassis;
     scripted_daemon daemon(chassis, 27, [](daemon_side &) {});
-    const std::string folder = chassis.path() + "/slots/5/flash/primary";
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder + "/size_bytes") << "65536\n";
-    std::ofstream(folder + "/sector_bytes") << "4096\n";
+    const std::string folder = chassis.flash_folder(5, "primary");
     std::ofstream(folder + "/wear") << "erases 77\nprograms 1\nreads 2\n";
     std::ofstream(folder + "/event_totals") << "sequence 10\nbegun 5\nended 0x00000000 5\n";
     std::ofstream(folder + "/events")

@@ -1,4 +1,5 @@
 // The probe that tells when a card's daemon serves: not when its endpoint is there, but when it takes messages.
+#include "bios_opcodes.h"
 #include "endpoint_probe.h"
 
 #include <gtest/gtest.h>
@@ -60,40 +61,40 @@ private:
 
 TEST_F(EndpointProbe, IsNotTakenWithoutAnEndpoint)
 {
-    EXPECT_FALSE(probe_.is_taken(SLOT));
-    EXPECT_FALSE(probe_.is_taken(SLOT));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
 }
 
 TEST_F(EndpointProbe, IsTakenOnlyWhenTheMessageWasReceived)
 {
     const unique_fd endpoint = bind_endpoint();
     for (unsigned look = 0; look < 5; ++look)
-        EXPECT_FALSE(probe_.is_taken(SLOT)) << "the endpoint is there, and nobody listens yet";
+        EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP)) << "the endpoint is there, and nobody listens yet";
     EXPECT_EQ(take_messages(endpoint), 1u) << "one message, however often it was looked";
-    EXPECT_TRUE(probe_.is_taken(SLOT));
+    EXPECT_TRUE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
     EXPECT_EQ(take_messages(endpoint), 0u);
 }
 
 TEST_F(EndpointProbe, IsNotTakenByADaemonThatDiedBeforeItListened)
 {
     unique_fd endpoint = bind_endpoint();
-    EXPECT_FALSE(probe_.is_taken(SLOT));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
     endpoint.reset();
-    EXPECT_FALSE(probe_.is_taken(SLOT));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
 }
 
 TEST_F(EndpointProbe, AsksTheNextDaemonAnew)
 {
     unique_fd endpoint = bind_endpoint();
-    EXPECT_FALSE(probe_.is_taken(SLOT));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
     (void)take_messages(endpoint);
-    EXPECT_TRUE(probe_.is_taken(SLOT));
+    EXPECT_TRUE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
     endpoint = bind_endpoint();
     probe_.reset();
-    EXPECT_FALSE(probe_.is_taken(SLOT));
-    EXPECT_FALSE(probe_.is_taken(SLOT));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
+    EXPECT_FALSE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
     EXPECT_EQ(take_messages(endpoint), 1u);
-    EXPECT_TRUE(probe_.is_taken(SLOT));
+    EXPECT_TRUE(probe_.is_taken(SLOT, BIOS_DAEMON_SAP));
 }
 
 } // namespace

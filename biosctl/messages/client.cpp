@@ -1,18 +1,14 @@
 #include "client.h"
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 
+#include "agent_messages.h"
 #include "bios_opcodes.h"
-#include "chassis_dir.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
 #include "free_block.h"
+#include "mts_tools.h"
 
 namespace
 {
@@ -46,12 +42,25 @@ bool client_endpoint::listen(std::uint32_t opcode)
 request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode,
                                         std::span<const std::uint8_t> body, unsigned wait_limit_s)
 {
+    return ask({node, BIOS_DAEMON_SAP}, opcode, body, wait_limit_s);
+}
+
+request_answer client_endpoint::request_agent(std::uint32_t node, std::uint32_t opcode,
+                                              std::span<const std::uint8_t> body, unsigned wait_limit_s)
+{
+    return ask({node, AGENT_SAP}, opcode, body, wait_limit_s);
+}
+
+request_answer client_endpoint::ask(mts_address_t to, std::uint32_t opcode,
+                                             std::span<const std::uint8_t> body, unsigned wait_limit_s)
+{
     void *block = nullptr;
     auto length = static_cast<std::uint32_t>(body.size());
     errno = 0;
+    const std::uint8_t nothing = 0;
     const std::int32_t result =
-        cmi_remote_req_resp(opcode, REQUEST_TYPE, body.data(), &block, &length, ENDPOINT_NAME, ENDPOINT_NAME,
-                            BIOS_DAEMON_SAP, node, handle_, wait_limit_s);
+        cmi_remote_req_resp(opcode, REQUEST_TYPE, body.empty() ? &nothing : body.data(), &block, &length,
+                            ENDPOINT_NAME, ENDPOINT_NAME, to.sap, to.node, handle_, wait_limit_s);
     const int error = errno;
     const owned_block<void> owned(block);
     if (result == -1)
@@ -91,22 +100,11 @@ std::optional<received_message> client_endpoint::receive(unsigned wait_limit_s)
     return message;
 }
 
-daemon_probe::daemon_probe(std::uint32_t node) : node_(node), first_(endpoint_file(node)) {}
-
-std::optional<daemon_probe::file_identity> daemon_probe::endpoint_file(std::uint32_t node)
-{
-    char path[64];
-    (void)std::snprintf(path, sizeof path, "mts/%08x.%08x", node, BIOS_DAEMON_SAP);
-    struct stat status {
-    };
-    if (::fstatat(chassis_dir_fd(), path, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return std::nullopt;
-    return file_identity{status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
-}
+daemon_probe::daemon_probe(std::uint32_t node) : node_(node), first_(mts_peer_at(node, BIOS_DAEMON_SAP)) {}
 
 bool daemon_probe::alive() const
 {
-    return first_ && first_ == endpoint_file(node_) && mts_is_bound(node_, BIOS_DAEMON_SAP);
+    return first_ && first_ == mts_peer_at(node_, BIOS_DAEMON_SAP);
 }
 
 std::string no_answer_text(int error)

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "big_endian.h"
+#include "datagram_driver.h"
 #include "mts.h"
 
 // How long a request is waited for that the daemon answers at once, but for a lock that it has to ask others for.
@@ -49,6 +50,10 @@ public:
     request_answer request(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
                            unsigned wait_limit_s);
 
+    // The same to the agent beside the daemon of a node.
+    request_answer request_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                                 unsigned wait_limit_s);
+
     // Where notices reach this endpoint. REQUIRES: bound.
     mts_address_t address() const;
 
@@ -59,11 +64,14 @@ public:
     std::optional<received_message> receive(unsigned wait_limit_s);
 
 private:
+    request_answer ask(mts_address_t to, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                                unsigned wait_limit_s);
+
     std::int32_t handle_;
 };
 
-// Tells whether the daemon that served a node when this was made is still there: its endpoint file is the same
-// one and somebody is bound to it. A daemon that was started again is another one.
+// Tells whether the daemon that served a node when this was made is still there. A daemon that was started again is
+// another one.
 class daemon_probe
 {
 public:
@@ -71,17 +79,8 @@ public:
     bool alive() const;
 
 private:
-    // The inode number alone may be used again at once.
-    struct file_identity {
-        std::uint64_t inode;
-        std::int64_t modified_s;
-        std::int64_t modified_ns;
-        bool operator==(const file_identity &) const = default;
-    };
-    static std::optional<file_identity> endpoint_file(std::uint32_t node);
-
     std::uint32_t node_;
-    std::optional<file_identity> first_;
+    std::optional<datagram_peer> first_;
 };
 
 // Why a request was not answered, in words: "nobody serves there", "rejected", ...

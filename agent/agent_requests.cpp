@@ -1,0 +1,93 @@
+#include "agent_requests.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "c_boundary.h"
+#include "card_facts.h"
+#include "chassis_facts.h"
+#include "cmi.h"
+#include "flash_history.h"
+#include "mts_tools.h"
+#include "programming_results.h"
+
+namespace
+{
+
+using request_body = std::span<const std::uint8_t>;
+
+// A request whose body is one record.
+template<class Record>
+answer with_record(request_body body, answer (*serve)(const Record &))
+{
+    if (body.size() != sizeof(Record))
+        return AGENT_ERR_REQUEST;
+    Record record;
+    std::memcpy(&record, body.data(), sizeof record);
+    return serve(record);
+}
+
+answer without_body(request_body body, answer (*serve)())
+{
+    return body.empty() ? serve() : AGENT_ERR_REQUEST;
+}
+
+struct served_opcode {
+    agent_opcode opcode;
+    answer (*serve)(request_body body);
+};
+
+constexpr served_opcode SERVED_OPCODES[] = {
+    {AGENT_OPC_GET_CHASSIS, [](request_body body) { return without_body(body, chassis_answer); }},
+    {AGENT_OPC_GET_CARD, [](request_body body) { return without_body(body, card_answer); }},
+    {AGENT_OPC_GET_VERSION, [](request_body body) { return with_record(body, version_answer); }},
+    {AGENT_OPC_GET_EVENTS, [](request_body body) { return with_record(body, events_answer); }},
+    {AGENT_OPC_GET_TOTALS, [](request_body body) { return with_record(body, totals_answer); }},
+    {AGENT_OPC_GET_LOCKS, [](request_body body) { return without_body(body, locks_answer); }},
+    {AGENT_OPC_GET_RESULTS, [](request_body body) { return without_body(body, results_answer); }},
+};
+
+// The body behind the header that the transport puts before it; none in a message that is too short for one.
+std::optional<request_body> body_of(mts_message_t *message)
+{
+    const std::uint32_t bytes = mts_payload_length(message);
+    if (bytes < MTS_REQUEST_HEADER_BYTES)
+        return std::nullopt;
+    const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(message));
+    return request_body(payload + MTS_REQUEST_HEADER_BYTES, bytes - MTS_REQUEST_HEADER_BYTES);
+}
+
+void respond(std::int32_t handle, mts_message_t *message)
+{
+    const auto body = body_of(message);
+    const auto given = body ? answer_to(mts_opc_get(message), *body) : std::nullopt;
+    if (!given) {
+        (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
+        return;
+    }
+    // Who has asked may be gone.
+    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle, message,
+                       given->status());
+}
+
+} // namespace
+
+std::optional<answer> answer_to(std::uint32_t opcode, std::span<const std::uint8_t> body)
+{
+    const auto *row = std::find_if(std::begin(SERVED_OPCODES), std::end(SERVED_OPCODES),
+                                   [opcode](const served_opcode &one) { return one.opcode == opcode; });
+    if (row == std::end(SERVED_OPCODES))
+        return std::nullopt;
+    return row->serve(body);
+}
+
+void serve(std::int32_t handle, mts_message *message)
+{
+    const bool served = c_boundary(false, [&] {
+        respond(handle, message);
+        return true;
+    });
+    if (!served) // no memory; whoever has asked is not left waiting
+        (void)cmi_response(nullptr, 0, handle, message, AGENT_ERR_UNREADABLE);
+    (void)mts_drop(handle, message);
+}

@@ -1,0 +1,80 @@
+#include "card_facts.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "bios_header.h"
+#include "bios_opcodes.h"
+#include "chassis_dir.h"
+#include "flash_device.h"
+#include "flash_event_log.h"
+#include "flash_folder.h"
+#include "flash_progress_file.h"
+#include "flash_wear.h"
+#include "mts_tools.h"
+
+namespace
+{
+
+// Empty when the flash has no header, or one that cannot be read.
+std::string version_in(flash_device &flash)
+{
+    std::uint8_t bytes[BIOS_HEADER_BYTES];
+    bios_header header;
+    if (!flash.read(0, bytes, sizeof bytes) || !bios_header_read(bytes, header))
+        return {};
+    const std::string text = bios_header_text(header);
+    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+agent_flash_t facts_of(unsigned instance, const flash_device &flash)
+{
+    const unsigned slot = chassis_own_slot();
+    const flash_activity activity = flash_activity_of(slot, instance);
+    const flash_event_log_state log = flash_event_log_state_of(slot, instance);
+    const flash_progress_line last = activity.last.value_or(flash_progress_line{});
+    agent_flash_t facts{};
+    facts.instance = be32::of(instance);
+    facts.size_bytes = be32::of(flash.geometry().size_bytes);
+    facts.sector_bytes = be32::of(flash.geometry().sector_bytes);
+    facts.state = be32::of((activity.marked ? AGENT_FLASH_MARKED : 0U) |
+                           (activity.has_writer ? AGENT_FLASH_HAS_WRITER : 0U) |
+                           (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U));
+    facts.phase = be32::of(last.phase);
+    facts.percent = be32::of(last.percent);
+    facts.attempt = be32::of(last.attempt);
+    facts.pid = be32::of(last.pid);
+    store_text(facts.since, last.since.c_str());
+    facts.erases = be64::of(flash_wear_load(flash_folder_path(slot, instance).c_str()).erases);
+    facts.log_file = be64::of(log.file);
+    facts.log_bytes = be64::of(log.size_bytes);
+    return facts;
+}
+
+} // namespace
+
+answer card_answer()
+{
+    const unsigned slot = chassis_own_slot();
+    std::vector<agent_flash_t> flashes;
+    for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
+        if (const auto flash = flash_device::open(instance, flash_access::read); flash)
+            flashes.push_back(facts_of(instance, *flash));
+    }
+    answer card;
+    card.add(agent_card_t{be32::of(slot), be32::of(mts_is_bound(mts_node_of_slot(slot), BIOS_DAEMON_SAP) ? 1 : 0),
+                          be32::of(static_cast<std::uint32_t>(flashes.size()))});
+    for (const agent_flash_t &flash : flashes)
+        card.add(flash);
+    return card;
+}
+
+answer version_answer(const agent_flash_req_t &request)
+{
+    const auto flash = flash_device::open(request.instance.load(), flash_access::read);
+    if (!flash)
+        return AGENT_ERR_FLASH;
+    answer version;
+    version.add_text(version_in(*flash));
+    return version;
+}

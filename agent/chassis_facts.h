@@ -1,0 +1,7 @@
+// What a card knows of its chassis.
+#pragma once
+
+#include "answer.h"
+
+answer chassis_answer(); // AGENT_OPC_GET_CHASSIS
+answer locks_answer();   // AGENT_OPC_GET_LOCKS

@@ -1,0 +1,118 @@
+// Messages of a card's agent, in order of their opcodes. All of them are requests; a request's body begins
+// MTS_REQUEST_HEADER_BYTES into its payload. Numbers are in network byte order, texts zero-padded and not terminated
+// when they fill their field; times are UTC, "2026-01-31T23:59:59Z".
+//
+// An answer with a status that is not 0 has no payload.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "big_endian.h"
+
+constexpr std::uint32_t AGENT_SAP = 1011; // service access point of the agent, on the node of its card's daemon
+
+enum agent_opcode : std::uint32_t {
+    AGENT_OPC_GET_CHASSIS = 4810, // the cards of the chassis, as this card knows them
+    AGENT_OPC_GET_CARD = 4811,    // this card and its flashes
+    AGENT_OPC_GET_VERSION = 4812, // version of the BIOS in a flash
+    AGENT_OPC_GET_EVENTS = 4813,  // events of a flash
+    AGENT_OPC_GET_TOTALS = 4814,  // what the events of a flash add up to
+    AGENT_OPC_GET_LOCKS = 4815,   // holders of module locks
+    AGENT_OPC_GET_RESULTS = 4816, // how the last programming of each module has ended
+};
+
+enum agent_status : std::uint32_t {
+    AGENT_OK = 0,
+    AGENT_ERR_REQUEST = 0x40720001,   // the body is not one of this request
+    AGENT_ERR_FLASH = 0x40720002,     // the card has no such flash
+    AGENT_ERR_UNREADABLE = 0x40720003 // what was asked for cannot be read; the card's disk or memory
+};
+
+constexpr std::size_t AGENT_TIME_BYTES = 24;
+
+// AGENT_OPC_GET_CHASSIS: no body. The answer is agent_chassis_t and a module for each of its count.
+struct agent_chassis_t {
+    be32 own_slot;
+    be32 count;
+};
+static_assert(sizeof(agent_chassis_t) == 8);
+
+struct agent_module_t {
+    be32 slot;
+    be32 kind;      // 1 or 4 supervisor, else another card
+    be32 card_id;   // 0: not known
+    be32 sup_state; // SYSMGR_SUP_STATE_ACTIVE, SYSMGR_SUP_STATE_STANDBY, else neither
+};
+static_assert(sizeof(agent_module_t) == 16);
+
+// AGENT_OPC_GET_CARD: no body. The answer is agent_card_t and a flash for each of its flash_count.
+struct agent_card_t {
+    be32 slot;
+    be32 serves; // 1: its daemon's endpoint is bound
+    be32 flash_count;
+};
+static_assert(sizeof(agent_card_t) == 12);
+
+enum agent_flash_state : std::uint32_t {
+    AGENT_FLASH_MARKED = 1,       // its programming was begun, and it was not found equal to the image since
+    AGENT_FLASH_HAS_WRITER = 2,   // a process changes it, or has done so and has not ended yet
+    AGENT_FLASH_HAS_PROGRESS = 4, // phase to since are those of the writer, or of the last there was
+};
+
+struct agent_flash_t {
+    be32 instance; // 0 primary, 1 alternate
+    be32 size_bytes;
+    be32 sector_bytes;
+    be32 state;   // bits of agent_flash_state
+    be32 phase;   // of bios_programming_phase
+    be32 percent; // of the attempt
+    be32 attempt; // 0: none in particular
+    be32 pid;     // of the writer, as the card sees it
+    char since[AGENT_TIME_BYTES];
+    be64 erases;    // of sectors, over the life of the flash
+    be64 log_file;  // these two change whenever the flash's events do
+    be64 log_bytes; //
+};
+static_assert(sizeof(agent_flash_t) == 80);
+static_assert(offsetof(agent_flash_t, erases) == 56);
+
+// A request about one flash.
+struct agent_flash_req_t {
+    be32 instance;
+};
+static_assert(sizeof(agent_flash_req_t) == 4);
+
+// AGENT_OPC_GET_VERSION: body agent_flash_req_t. The answer is the text, read from the flash just now; empty when the
+// flash has none that can be read.
+
+// AGENT_OPC_GET_EVENTS: body agent_events_req_t. The answer is the text of the events behind a sequence number, the oldest first: lines as
+// flash_event_format gives them.
+struct agent_events_req_t {
+    be32 instance;
+    be64 after_sequence;
+};
+static_assert(sizeof(agent_events_req_t) == 12);
+
+// AGENT_OPC_GET_TOTALS: body agent_flash_req_t. The answer is the text that flash_event_totals_format gives.
+
+// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held, in order of the node ids.
+struct agent_lock_t {
+    be32 node_id;
+    be32 slot;   // of the holder; 0: a tool
+    be32 pid;    // of the holder, as it sees itself
+    be32 owner;  // id of the kind of owner
+    be32 reason; // reason code of the request
+    char since[AGENT_TIME_BYTES]; // empty, and the numbers 0: the holder has not told who it is yet
+};
+static_assert(sizeof(agent_lock_t) == 44);
+
+// AGENT_OPC_GET_RESULTS: no body. The answer is a record for each module whose programming's end was told to
+// whoever listens, in order of the modules.
+struct agent_result_t {
+    be32 module;
+    be32 result;
+    be32 reported_by_slot; // whose daemon has told it
+    char time[AGENT_TIME_BYTES];
+};
+static_assert(sizeof(agent_result_t) == 36);

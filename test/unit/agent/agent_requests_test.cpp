@@ -1,0 +1,179 @@
+// What an agent answers, byte by byte, out of what is known of its card.
+#include <gtest/gtest.h>
+
+#include "agent_requests.h"
+#include "bios_header.h"
+#include "flash_event_log.h"
+#include "flash_fixture.h"
+#include "flash_progress_file.h"
+
+namespace
+{
+
+using bytes = std::vector<std::uint8_t>;
+
+bytes words(std::initializer_list<std::uint32_t> values)
+{
+    bytes all;
+    for (const std::uint32_t value : values) {
+        const be32 word = be32::of(value);
+        all.insert(all.end(), std::begin(word.byte), std::end(word.byte));
+    }
+    return all;
+}
+
+bytes text_field(const std::string &text, std::size_t size)
+{
+    bytes field(text.begin(), text.end());
+    field.resize(size);
+    return field;
+}
+
+bytes operator+(bytes first, const bytes &second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+class AgentRequests : public chassis_flash_fixture
+{
+protected:
+    void SetUp() override
+    {
+        chassis_flash_fixture::SetUp();
+        put("inventory/3/kind", "2\n");
+        put("inventory/3/card_id", "90\n");
+        put("inventory/27/kind", "1\n");
+        put("inventory/27/card_id", "0xce\n");
+        put("inventory/27/sup_state", "1\n");
+    }
+    void put(const std::string &file, const std::string &text) const
+    {
+        const std::filesystem::path path = dir + "/" + file;
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << text;
+    }
+    static bytes answered(std::uint32_t opcode, const bytes &body = {})
+    {
+        const auto given = answer_to(opcode, body);
+        EXPECT_TRUE(given);
+        EXPECT_EQ(given ? given->status() : ~0U, 0U);
+        return given ? given->payload() : bytes();
+    }
+    static std::uint32_t status_of(std::uint32_t opcode, const bytes &body)
+    {
+        const auto given = answer_to(opcode, body);
+        EXPECT_TRUE(given && given->payload().empty());
+        return given ? given->status() : 0;
+    }
+    static std::string answered_text(std::uint32_t opcode, const bytes &body)
+    {
+        const bytes payload = answered(opcode, body);
+        return {payload.begin(), payload.end()};
+    }
+};
+
+} // namespace
+
+TEST_F(AgentRequests, ChassisIsTheOwnSlotAndEachModule)
+{
+    EXPECT_EQ(answered(4810), words({3, 2}) + words({3, 2, 90, 0}) + words({27, 1, 206, 1}));
+}
+
+TEST_F(AgentRequests, CardWithoutFlashesIsItsSlotAlone)
+{
+    EXPECT_EQ(answered(4811), words({3, 0, 0}));
+}
+
+TEST_F(AgentRequests, CardHasARecordForEachFlash)
+{
+    create_flash(0);
+    create_flash(1, {.size_bytes = 32 << 10, .sector_bytes = 8 << 10, .page_bytes = 256});
+    put("slots/3/flash/alternate/programming", "");
+    put("slots/3/flash/alternate/wear", "erases 4294967298\nprograms 2\nreads 3\n");
+    const bytes card = answered(4811);
+    ASSERT_EQ(card.size(), 12U + 2 * 80U);
+    EXPECT_EQ(bytes(card.begin(), card.begin() + 12), words({3, 0, 2}));
+    EXPECT_EQ(bytes(card.begin() + 12, card.begin() + 92),
+              words({0, 64 << 10, 4 << 10, 0, 1, 0, 0, 0}) + bytes(24) + words({0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(bytes(card.begin() + 92, card.begin() + 156),
+              words({1, 32 << 10, 8 << 10, AGENT_FLASH_MARKED, 1, 0, 0, 0}) + bytes(24) + words({1, 2}));
+}
+
+TEST_F(AgentRequests, CardTellsHowFarTheLastProgrammingCame)
+{
+    create_flash();
+    const flash_progress_line line = {BIOS_PHASE_WRITE, 43, 2, 17, "2026-01-31T11:00:00Z"};
+    write_flash_file("progress", flash_progress_format(line));
+    const bytes card = answered(4811);
+    EXPECT_EQ(bytes(card.begin() + 24, card.begin() + 12 + 56),
+              words({AGENT_FLASH_HAS_PROGRESS, 2, 43, 2, 17}) + text_field("2026-01-31T11:00:00Z", 24));
+}
+
+TEST_F(AgentRequests, VersionIsReadFromTheFlash)
+{
+    flash_bytes image(SMALL_FLASH.size_bytes, 0xff);
+    ASSERT_TRUE(bios_header_write({.major = 3, .minor = 5, .month = 9, .day = 17, .year = 12}, image.data()));
+    create_flash(0, SMALL_FLASH, image);
+    create_flash(1);
+    EXPECT_EQ(answered_text(4812, words({0})), "v3.5.0(09/17/12)");
+    EXPECT_EQ(answered_text(4812, words({1})), "") << "a blank flash has none";
+}
+
+TEST_F(AgentRequests, EventsAreThoseBehindASequenceNumber)
+{
+    create_flash();
+    const flash_folder folder = open_flash_folder(TEST_SLOT, 0);
+    for (unsigned count = 0; count < 3; ++count)
+        flash_event_append(folder, {.slot = TEST_SLOT, .kind = flash_event_kind::cut_off});
+    const std::string all = answered_text(4813, words({0, 0, 0}));
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 3);
+    EXPECT_EQ(all, text_of_flash_file("events"));
+    const std::string last = answered_text(4813, words({0, 0, 2}));
+    EXPECT_EQ(flash_event_parse(last.substr(0, last.size() - 1))->sequence, 3U);
+    EXPECT_EQ(answered_text(4813, words({0, 1, 0})), "") << "behind 4294967296";
+}
+
+TEST_F(AgentRequests, TotalsAreThoseOfTheEvents)
+{
+    create_flash();
+    flash_event_append(open_flash_folder(TEST_SLOT, 0), {.slot = TEST_SLOT, .kind = flash_event_kind::cut_off});
+    const flash_event_totals totals = flash_event_totals_parse(answered_text(4814, words({0})));
+    EXPECT_EQ(totals.cut_off, 1U);
+    EXPECT_EQ(totals.sequence, 1U);
+}
+
+TEST_F(AgentRequests, FlashThatTheCardHasNotIsSaidSo)
+{
+    for (const std::uint32_t instance : {0U, 2U, 0xffffffffU}) {
+        EXPECT_EQ(status_of(4812, words({instance})), 0x40720002U) << instance;
+        if (instance < 2)
+            continue;
+        EXPECT_EQ(status_of(4813, words({instance, 0, 0})), 0x40720002U) << instance;
+        EXPECT_EQ(status_of(4814, words({instance})), 0x40720002U) << instance;
+    }
+}
+
+TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
+{
+    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U}) {
+        const std::size_t wanted = opcode == 4812 || opcode == 4814 ? 4 : (opcode == 4813 ? 12 : 0);
+        for (std::size_t length = 0; length <= 20; ++length) {
+            if (length == wanted)
+                continue;
+            EXPECT_EQ(status_of(opcode, bytes(length)), 0x40720001U) << opcode << " with " << length << " bytes";
+        }
+    }
+}
+
+TEST_F(AgentRequests, UnknownOpcodeIsNotServed)
+{
+    for (const std::uint32_t opcode : {0U, 4791U, 4809U, 4817U, 0xffffffffU})
+        EXPECT_FALSE(answer_to(opcode, {})) << opcode;
+}
+
+TEST_F(AgentRequests, ChassisThatCannotBeReadIsSaidSo)
+{
+    std::filesystem::remove_all(dir + "/inventory");
+    EXPECT_EQ(status_of(4810, {}), 0x40720003U);
+}
