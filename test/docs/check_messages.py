@@ -1,21 +1,26 @@
 #!/usr/bin/env python3
-"""Compares doc/messages.md and doc/version-messages.md with the headers: opcodes, result codes, records.
+"""Compares the documents of messages with the headers: opcodes, result codes, records.
 
 A record's table stands under a heading "### `RECORD`, N bytes"; its rows begin with offset and size. The rows have to
-follow each other without a gap up to N, and N has to be the size that include/bios_messages.h promises.
+follow each other without a gap up to N, and N has to be the size that the header promises.
 """
 import re
 import sys
 from pathlib import Path
 
-OPCODE = re.compile(r"^\s*(MTS_OPC_\w+) = (\d+)", re.M)
-RESULT = re.compile(r"^\s*(BIOS_\w+) = (0x40[57][13][0-9a-f]{4})", re.M)
+OPCODE = re.compile(r"^\s*((?:MTS|AGENT)_OPC_\w+) = (\d+)", re.M)
+RESULT = re.compile(r"^\s*((?:BIOS|AGENT)_\w+) = (0x40[57][123][0-9a-f]{4})", re.M)
 RECORD_SIZE = re.compile(r"static_assert\(sizeof\((\w+)\) == (\d+)")
 OFFSET = re.compile(r"static_assert\(offsetof\((\w+), (\w+)\) == (\d+)")
 RECORD_HEADING = re.compile(r"^#+ `(\w+)`, (\d+) bytes$")
 RECORD_ROW = re.compile(r"^\| (\d+) \| (\d+) \| `?(\w+)`? \|")
 
 NO_RESULTS = {"BIOS_RESULT_PREFIX"}
+PAIRS = (
+    (("messages.md", "version-messages.md"),
+     ("include/bios_messages.h", "include/bios_opcodes.h", "include/bios_results.h", "platform/bios_flash.h")),
+    (("agent-messages.md",), ("include/agent_messages.h",)),
+)
 
 
 def numbers_in_table(document, pattern):
@@ -27,15 +32,14 @@ def compare(what, promised, shown):
     return complaints + [f"{what} {' = '.join(pair)} is in no header" for pair in sorted(shown - promised)]
 
 
-def compare_opcodes(root, document):
-    promised = set(OPCODE.findall((root / "include/bios_opcodes.h").read_text()))
-    return compare("opcode", promised, numbers_in_table(document, r"\| (\d{4}) \| `(MTS_OPC_\w+)` \|"))
+def compare_opcodes(headers, document):
+    promised = set(OPCODE.findall(headers))
+    return compare("opcode", promised, numbers_in_table(document, r"\| (\d{4}) \| `((?:MTS|AGENT)_OPC_\w+)` \|"))
 
 
-def compare_results(root, document):
-    headers = (root / "include/bios_results.h").read_text() + (root / "platform/bios_flash.h").read_text()
+def compare_results(headers, document):
     promised = {(name, code) for name, code in RESULT.findall(headers) if name not in NO_RESULTS}
-    shown = numbers_in_table(document, r"\| `(0x40[57][13][0-9a-f]{4})` \| `(\w+)` \|")
+    shown = numbers_in_table(document, r"\| `(0x40[57][123][0-9a-f]{4})` \| `(\w+)` \|")
     return compare("result", promised, shown)
 
 
@@ -55,9 +59,8 @@ def records_of(document):
     return records
 
 
-def compare_records(root, document):
-    header = (root / "include/bios_messages.h").read_text()
-    promised = {name: int(size) for name, size in RECORD_SIZE.findall(header)}
+def compare_records(headers, document):
+    promised = {name: int(size) for name, size in RECORD_SIZE.findall(headers)}
     records = records_of(document)
     complaints = [f"record {name} is not in the document" for name in promised if name not in records]
     for name, (size, rows) in records.items():
@@ -70,7 +73,7 @@ def compare_records(root, document):
             end = offset + length
         if end != size:
             complaints.append(f"record {name}: its fields end at {end}, not {size}")
-    for name, field, offset in OFFSET.findall(header):
+    for name, field, offset in OFFSET.findall(headers):
         if name in records and (field, int(offset)) not in [(row[2], row[0]) for row in records[name][1]]:
             complaints.append(f"record {name}: {field} stands at {offset}")
     return complaints
@@ -78,10 +81,14 @@ def compare_records(root, document):
 
 def main():
     root = Path(sys.argv[1])
-    document = "".join((root / "doc" / name).read_text() for name in ("messages.md", "version-messages.md"))
-    complaints = (compare_opcodes(root, document) + compare_results(root, document) +
-                  compare_records(root, document))
-    print(*complaints, f"{len(records_of(document))} records", sep="\n")
+    complaints, count = [], 0
+    for documents, headers in PAIRS:
+        document = "".join((root / "doc" / name).read_text() for name in documents)
+        header = "".join((root / name).read_text() for name in headers)
+        complaints += compare_opcodes(header, document) + compare_results(header, document)
+        complaints += compare_records(header, document)
+        count += len(records_of(document))
+    print(*complaints, f"{count} records", sep="\n")
     sys.exit(1 if complaints else 0)
 
 

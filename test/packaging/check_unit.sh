@@ -1,24 +1,29 @@
 #!/bin/sh
-# The service unit is understood by systemd, which finds nothing wrong with it and little to attack.
-#   $1 folder of the units   $2 the built daemon   $3 work folder
+# The service units are understood by systemd, which finds nothing wrong with them and little to attack.
+#   $1 folder of the units   $2 folder of the built programs   $3 work folder
 set -eu
-units=$1 daemon=$2 work=$3
+units=$1 programs=$2 work=$3
 command -v systemd-analyze >/dev/null || { echo "skipped: there is no systemd-analyze"; exit 77; }
 rm -rf "$work" && mkdir -p "$work"
 cp "$units/bios-daemon-platform.target" "$work"
-# Here the daemon lies where it was built, and its manual pages are not installed.
-sed -e "s|/usr/sbin/bios_daemon|$daemon|" -e '/^Documentation=/d' "$units/bios-daemon.service" >"$work/bios-daemon.service"
-grep -q "^ExecStart=$daemon\$" "$work/bios-daemon.service"
-
-SYSTEMD_LOG_LEVEL=warning systemd-analyze verify --man=no "$work/bios-daemon.service" >"$work/verify.log" 2>&1 || true
-# Of other units of this machine it may complain.
-if grep bios-daemon "$work/verify.log"; then
-    exit 1
-fi
-# 100 is a service without any protection; this one may mount and reach devices.
-systemd-analyze security --offline=true --no-pager --threshold=40 "$work/bios-daemon.service" >"$work/security.log" ||
-    { tail -1 "$work/security.log"; exit 1; }
-tail -1 "$work/security.log"
+# Here the programs lie where they were built, and their manual pages are not installed.
+for program in daemon agent; do
+    unit=$work/bios-$program.service
+    sed -e "s|/usr/sbin/bios_|$programs/bios_|" -e '/^Documentation=/d' "$units/bios-$program.service" >"$unit"
+    grep -q "^ExecStart=$programs/bios_$program\$" "$unit"
+done
+for program in daemon agent; do
+    unit=$work/bios-$program.service
+    SYSTEMD_LOG_LEVEL=warning systemd-analyze verify --man=no "$unit" >"$work/verify.log" 2>&1 || true
+    # Of other units of this machine it may complain.
+    if grep bios- "$work/verify.log"; then
+        exit 1
+    fi
+    # 100 is a service without any protection; the daemon may mount and reach devices.
+    systemd-analyze security --offline=true --no-pager --threshold=40 "$unit" >"$work/security.log" ||
+        { tail -1 "$work/security.log"; exit 1; }
+    tail -1 "$work/security.log"
+done
 
 # A stop waits for the daemon's children, and not for ever when there is none.
 stop=$(sed -n "s/^ExecStop=\/bin\/sh -c '\(.*\)'\$/\1/p" "$work/bios-daemon.service")

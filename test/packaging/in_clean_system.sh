@@ -23,7 +23,7 @@ passed
 # The programs are of the architecture that was asked for, and start.
 class=2
 [ "$architecture" = amd64 ] || class=1
-for program in /usr/sbin/bios_daemon /usr/bin/biosctl; do
+for program in /usr/sbin/bios_daemon /usr/sbin/bios_agent /usr/bin/biosctl; do
     equal "$(od -An -tu1 -j4 -N1 "$program" | tr -d ' ')" "$class" "word size of $program"
 done
 biosctl --version | grep -qx 'biosctl [0-9]*\.[0-9]*\.[0-9]*' || fail "biosctl --version"
@@ -32,7 +32,7 @@ chassis families | grep -q x86n || fail "chassis families"
 bios_image --help | grep -q '^  build ' || fail "bios_image --help"
 passed
 
-for page in man8/bios_daemon.8 man1/biosctl.1 man1/chassis.1 man1/bios_image.1 man5/chassis-description.5; do
+for page in man8/bios_daemon.8 man8/bios_agent.8 man1/biosctl.1 man1/chassis.1 man1/bios_image.1 man5/chassis-description.5; do
     gzip -dc "/usr/share/man/$page.gz" | grep -q '^\.SH NAME' || fail "$page is no manual page"
 done
 for package in bios-daemon biosctl bios-daemon-chassis bios-daemon-dev; do
@@ -68,6 +68,8 @@ chassis --dir /var/lib/bios-daemon/chassis init card.toml
 export CHASSIS_DIR=/var/lib/bios-daemon/chassis
 CHASSIS_SLOT=1 "$command" >service.log 2>&1 &
 service=$!
+CHASSIS_SLOT=1 /usr/sbin/bios_agent &
+agent=$!
 for ((tenth = 0; tenth < 200; tenth++)); do
     ! grep -q 'infinite-loop' service.log || break
     sleep 0.1
@@ -75,7 +77,7 @@ done
 biosctl show --json >show.json || fail "$(cat show.json service.log)"
 verdict=$(python3 -c 'import json; print(json.load(open("show.json"))["cards"][0]["flashes"][0]["verdict"])')
 equal "$verdict" "update available" "verdict on the card"
-kill "$service"
+kill "$service" "$agent"
 unset CHASSIS_DIR
 passed
 
