@@ -13,7 +13,7 @@
 namespace
 {
 
-constexpr std::chrono::seconds RESTART_PAUSE{1};
+constexpr std::chrono::milliseconds RESTART_PAUSE{200};
 constexpr std::chrono::seconds START_PATIENCE{3};
 
 } // namespace
@@ -84,7 +84,7 @@ bool card_agent::has_ended(pid_t process)
         return false;
     session_ = 0;
     reports_.reset();
-    due_ = steady::now() + (was_killed_ ? std::chrono::seconds(0) : RESTART_PAUSE);
+    due_ = steady::now() + (was_killed_ ? std::chrono::milliseconds(0) : RESTART_PAUSE);
     return true;
 }
 

@@ -1,0 +1,187 @@
+// The agent beside each daemon: it is there, small and idle, is started again when it dies, and whoever asks meanwhile
+// is told the truth.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/stat.h>
+#include <thread>
+
+#include "bios_opcodes.h"
+#include "chassis_fixture.h"
+#include "process_holdings.h"
+#include "version_messages.h"
+#include "wait_until.h"
+
+namespace
+{
+
+namespace files = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr int DONE = 0;
+constexpr int FAILED = 1;
+constexpr int NOT_IN_STEP = 2;
+constexpr int NOT_FOUND = 3;
+
+class Agent : public chassis_test
+{
+protected:
+    void SetUp() override
+    {
+        insert({.slot = 1});
+        insert({.slot = 2, .role = "standby"});
+        up();
+    }
+
+    // The process of a card's agent; 0: there is none now.
+    pid_t agent_pid(unsigned slot) const
+    {
+        struct stat root = {};
+        if (::stat(slot_file(slot, "root").c_str(), &root) != 0)
+            return 0;
+        for (const auto &entry : files::directory_iterator("/proc")) {
+            std::string name;
+            std::ifstream(entry.path() / "comm") >> name;
+            struct stat of_process = {};
+            if (name == "bios_agent" && ::stat((entry.path() / "root/").c_str(), &of_process) == 0 &&
+                of_process.st_dev == root.st_dev && of_process.st_ino == root.st_ino)
+                return static_cast<pid_t>(std::stol(entry.path().filename()));
+        }
+        return 0;
+    }
+    bool is_another(unsigned slot, pid_t old) const
+    {
+        const pid_t now = agent_pid(slot);
+        return now != 0 && now != old;
+    }
+    bool all_agents_answer() const
+    {
+        const finished_program seen = biosctl({"metrics"});
+        return seen.exit_code == DONE &&
+               seen.output.find(R"(bios_flash_sectors{slot="1",flash="primary"})") != std::string::npos &&
+               seen.output.find(R"(bios_flash_sectors{slot="2",flash="primary"})") != std::string::npos;
+    }
+    std::set<std::string> endpoints() const
+    {
+        std::set<std::string> names;
+        for (const auto &entry : files::directory_iterator(chassis_directory() + "/mts"))
+            names.insert(entry.path().filename());
+        return names;
+    }
+};
+
+} // namespace
+
+TEST_F(Agent, IsSmallAndIdle)
+{
+    ASSERT_NE(agent_pid(1), 0);
+    ASSERT_EQ(biosctl({"watch", "--once"}).exit_code, DONE);
+    const process_holdings before = holdings_of(agent_pid(1));
+    std::this_thread::sleep_for(2s);
+    const process_holdings after = holdings_of(agent_pid(1));
+    EXPECT_EQ(after.processor_s, before.processor_s);
+    EXPECT_LT(after.resident_kib, 4096U) << after;
+}
+
+TEST_F(Agent, IsStartedAgainWhenItDiesAndTheDaemonStays)
+{
+    const pid_t daemon = daemon_pid(1);
+    for (unsigned round = 0; round < 3; ++round) {
+        const pid_t agent = agent_pid(1);
+        ASSERT_EQ(::kill(agent, SIGKILL), 0);
+        ASSERT_TRUE(wait_until([&] { return is_another(1, agent); }));
+        EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
+    }
+    EXPECT_EQ(daemon_pid(1), daemon);
+}
+
+TEST_F(Agent, StaysWhenTheDaemonDies)
+{
+    if (isolation(1) == "plain")
+        GTEST_SKIP() << "what is left of a daemon is found by the root that the agent has, too";
+    const pid_t agent = agent_pid(1);
+    const pid_t daemon = daemon_pid(1);
+    ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+    ASSERT_TRUE(wait_until([&] { return biosctl({"watch", "--once", "1"}).output.find("no daemon") != std::string::npos; }));
+    ASSERT_TRUE(wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != daemon; }));
+    EXPECT_EQ(agent_pid(1), agent);
+}
+
+TEST_F(Agent, IsNotNeededByTheDaemon)
+{
+    const pid_t agents[] = {agent_pid(1), agent_pid(2)};
+    for (const pid_t agent : agents)
+        ASSERT_EQ(::kill(agent, SIGSTOP), 0);
+    requester asking;
+    EXPECT_EQ(asking.ask(1, MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, module_version_request(2)).error, 0);
+    expect_programmed(program(1), 1, new_image());
+    for (const pid_t agent : agents)
+        ASSERT_EQ(::kill(agent, SIGCONT), 0);
+    EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
+}
+
+TEST_F(Agent, EndsWithTheChassis)
+{
+    ASSERT_EQ(chassis({"down"}).exit_code, DONE);
+    EXPECT_EQ(agent_pid(1), 0);
+    EXPECT_EQ(agent_pid(2), 0);
+    const finished_program asked = biosctl({"show"});
+    EXPECT_EQ(asked.exit_code, FAILED);
+    EXPECT_NE(asked.errors.find("no card of the chassis in '" + chassis_directory() + "' answers"), std::string::npos)
+        << asked.errors;
+}
+
+// Whatever is asked when an agent dies: a true answer or a true error, in time, and nothing is left behind.
+TEST_F(Agent, KilledAtAnyTimeEndsInATrueAnswerOrATrueError)
+{
+    const unsigned seed = std::random_device()();
+    std::cout << "seed " << seed << '\n';
+    std::mt19937 random(seed);
+    const std::vector<std::vector<std::string>> asked = {
+        {"show"}, {"watch", "--once"}, {"events"}, {"metrics"}, {"lock", "2"}, {"program", "1"}};
+    unsigned killed = 0;
+    for (unsigned round = 0; round < 100; ++round) {
+        const std::vector<std::string> &words = asked[round % asked.size()];
+        const unsigned slot = 1 + random() % 2;
+        ASSERT_TRUE(wait_until([&] { return agent_pid(1) != 0 && agent_pid(2) != 0; }));
+        running_program run(biosctl_words(words));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 40'000));
+        const pid_t agent = agent_pid(slot);
+        ASSERT_NE(agent, 0);
+        killed += ::kill(agent, SIGKILL) == 0 ? 1 : 0;
+        const finished_program done = run.wait(60s);
+        ASSERT_TRUE(done.exit_code == DONE || done.exit_code == FAILED || done.exit_code == NOT_IN_STEP ||
+                    done.exit_code == NOT_FOUND)
+            << words.front() << ": " << done.exit_code << done.errors;
+        EXPECT_TRUE(words.front() != "program" || done.exit_code != DONE || flash_of(1) == new_image().bytes);
+        EXPECT_TRUE((done.exit_code != FAILED && done.exit_code != NOT_FOUND) || !done.errors.empty())
+            << words.front();
+        if (words.front() == "lock")
+            (void)biosctl({"unlock", "2"});
+    }
+    EXPECT_EQ(killed, 100U);
+    EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
+    EXPECT_EQ(biosctl({"unlock", "2"}).exit_code, DONE);
+    expect_next_succeeds();
+    ASSERT_TRUE(wait_until([&] { return endpoints().size() <= 5; })) << endpoints().size();
+}
+
+TEST_F(Agent, IsAskedInTheChassisThatIsNamedAndInNoOther)
+{
+    // The folder has a chassis.d, which is what is taken when nothing is named.
+    const std::string folder = workspace() + "/here";
+    files::create_directory(folder);
+    files::create_directory_symlink(chassis_directory(), folder + "/chassis.d");
+    const std::string nowhere = workspace() + "/nowhere";
+    const finished_program wrong =
+        run_program({"env", "CHASSIS_DIR=" + nowhere, "sh", "-c",
+                     "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
+    EXPECT_EQ(wrong.exit_code, NOT_FOUND);
+    EXPECT_NE(wrong.errors.find("there is no chassis in '" + nowhere + "'"), std::string::npos) << wrong.errors;
+    for (const std::string &setting : {"CHASSIS_DIR=" + chassis_directory(), std::string("UNRELATED=1")}) {
+        const finished_program right = run_program(
+            {"env", setting, "sh", "-c", "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
+        EXPECT_EQ(right.exit_code, DONE) << setting << ": " << right.errors;
+    }
+}
