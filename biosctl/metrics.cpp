@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "agents.h"
+#include "client.h"
 #include "daemon_node.h"
 #include "inventory.h"
 #include "result_text.h"
@@ -193,7 +194,8 @@ outcome run_metrics(const std::vector<unsigned> &modules)
         if (!module_exists(slot))
             return no_module_failure(slot);
         const auto card = ask_for_card(node_of_module(slot));
-        cards.push_back(facts_of(slot, card && card->serves, locks));
+        const bool serves = card ? card->serves : daemon_serves(node_of_module(slot));
+        cards.push_back(facts_of(slot, serves, locks));
         for (const card_flash &flash : card ? card->flashes : std::vector<card_flash>{})
             flashes.push_back(facts_of(slot, flash));
     }

@@ -38,6 +38,7 @@ constexpr emphasis EMPHASES[] = {
     {"unreachable", RED},
     {"unknown", RED},
     {"no daemon", RED},
+    {"unconfirmed", RED},
 };
 
 bool is_word_character(const std::string &text, std::size_t place)

@@ -1,6 +1,7 @@
 #include "watch_facts.h"
 
 #include "agents.h"
+#include "client.h"
 #include "inventory.h"
 #include "utc_time.h"
 
@@ -20,8 +21,11 @@ watched_card look_at(unsigned slot)
     card.slot = slot;
     card.role = role_of(slot);
     const auto told = ask_for_card(node_of_module(slot));
-    if (!told)
+    if (!told) {
+        card.confirmed = false;
+        card.serves = daemon_serves(node_of_module(slot));
         return card;
+    }
     card.serves = told->serves;
     for (const card_flash &flash : told->flashes)
         card.flashes[flash.instance] = flash.activity;

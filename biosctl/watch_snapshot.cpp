@@ -10,7 +10,8 @@ namespace
 {
 
 constexpr const char *STATE_NAMES[] = {"being programmed", "not verified", "programming another module",
-                                       "no daemon",        "locked",       "idle"};
+                                       "no daemon",        "unconfirmed",  "locked",
+                                       "idle"};
 
 unsigned module_of(const chassis_module_lock_holder &lock)
 {
@@ -89,6 +90,8 @@ watch_state state_of(const watch_facts &facts, const watched_card &card, const w
         return watch_state::programs_another;
     if (!row.serves)
         return watch_state::no_daemon;
+    if (!card.confirmed)
+        return watch_state::unconfirmed;
     return row.lock ? watch_state::locked : watch_state::idle;
 }
 

@@ -15,6 +15,7 @@ enum class watch_state {
     not_verified,     // a flash was begun to be programmed and nobody goes on: it may be half old and half new
     programs_another, // its daemon holds the lock of another module for a programming
     no_daemon,        // nobody serves there
+    unconfirmed,      // its agent does not answer: nothing is known of its flashes
     locked,           // its lock is held for something else
     idle,
 };

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <span>
 
 #include "agent_messages.h"
 #include "client.h"
+#include "monotonic_clock.h"
 #include "mts_tools.h"
 #include "pfm.h"
 #include "text_field.h"
@@ -14,6 +16,8 @@ namespace
 {
 
 using bytes = std::vector<std::uint8_t>;
+
+constexpr std::int64_t SILENCE_US = 10 * MICROSECONDS;
 
 // One endpoint for all that this process asks; made anew when it could not be bound.
 client_endpoint &endpoint()
@@ -24,11 +28,27 @@ client_endpoint &endpoint()
     return *bound;
 }
 
+// The agents that have let a request time out, and until when they are asked nothing: each of many questions would
+// wait as long again.
+std::map<std::uint32_t, std::int64_t> &silent_agents()
+{
+    static std::map<std::uint32_t, std::int64_t> until_us;
+    return until_us;
+}
+
+bool is_silent(std::uint32_t node)
+{
+    const auto found = silent_agents().find(node);
+    return found != silent_agents().end() && monotonic_us() < found->second;
+}
+
 std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
 {
-    if (!endpoint().bound())
+    if (!endpoint().bound() || is_silent(node))
         return std::nullopt;
     request_answer answer = endpoint().request_agent(node, opcode, body, AGENT_WAIT_LIMIT_S);
+    if (!answer.answered && answer.error == MTS_ERRNO_TIMED_OUT)
+        silent_agents()[node] = monotonic_us() + SILENCE_US;
     if (!answer.answered || answer.status != AGENT_OK)
         return std::nullopt;
     return std::move(answer.payload);

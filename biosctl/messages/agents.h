@@ -1,5 +1,5 @@
 // What the agents of the cards say (agent_messages.h). A card whose agent does not answer within AGENT_WAIT_LIMIT_S
-// has said nothing.
+// has said nothing, and is not asked again for a while.
 #pragma once
 
 #include <array>
@@ -15,7 +15,7 @@
 #include "flash_geometry.h"
 #include "flash_progress_file.h"
 
-constexpr unsigned AGENT_WAIT_LIMIT_S = 2;
+constexpr unsigned AGENT_WAIT_LIMIT_S = 1;
 
 // A card of the chassis, as its cards know it.
 struct chassis_module {

@@ -107,6 +107,11 @@ bool daemon_probe::alive() const
     return first_ && first_ == mts_peer_at(node_, BIOS_DAEMON_SAP);
 }
 
+bool daemon_serves(std::uint32_t node)
+{
+    return mts_is_bound(node, BIOS_DAEMON_SAP);
+}
+
 std::string no_answer_text(int error)
 {
     switch (error) {

@@ -83,5 +83,8 @@ private:
     std::optional<datagram_peer> first_;
 };
 
+// Whether somebody serves the daemon's endpoint of a node.
+bool daemon_serves(std::uint32_t node);
+
 // Why a request was not answered, in words: "nobody serves there", "rejected", ...
 std::string no_answer_text(int error);

@@ -121,6 +121,23 @@ TEST_F(Agent, IsNotNeededByTheDaemon)
     EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
 }
 
+TEST_F(Agent, ThatHangsLeavesItsCardUnconfirmedAndTheOthersAsTheyAre)
+{
+    const pid_t hung = agent_pid(1);
+    ASSERT_EQ(::kill(hung, SIGSTOP), 0);
+    const auto start = std::chrono::steady_clock::now();
+    const finished_program seen = biosctl({"watch", "--once"});
+    const finished_program counted = biosctl({"metrics"});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    ASSERT_EQ(::kill(hung, SIGCONT), 0);
+    EXPECT_EQ(seen.exit_code, DONE) << seen.errors;
+    EXPECT_NE(seen.output.find("1     active   unconfirmed"), std::string::npos) << seen.output;
+    EXPECT_NE(seen.output.find("2     standby  idle"), std::string::npos) << seen.output;
+    EXPECT_NE(counted.output.find(R"(bios_card_up{slot="1"} 1)"), std::string::npos) << counted.output;
+    EXPECT_EQ(counted.output.find(R"(bios_flash_marked{slot="1")"), std::string::npos) << counted.output;
+    EXPECT_NE(counted.output.find(R"(bios_flash_marked{slot="2")"), std::string::npos) << counted.output;
+}
+
 TEST_F(Agent, EndsWithTheChassis)
 {
     ASSERT_EQ(chassis({"down"}).exit_code, DONE);
