@@ -15,6 +15,7 @@ public:
     using chassis_test::chassis;
     using chassis_test::chassis_directory;
     using chassis_test::child_pid;
+    using chassis_test::agent_pid;
     using chassis_test::daemon_pid;
     using chassis_test::flash_file;
     using chassis_test::flash_of;

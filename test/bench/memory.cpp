@@ -15,6 +15,7 @@ namespace
 
 constexpr unsigned SLOT = 1;
 constexpr double IDLE_GOAL = 0.1;
+constexpr double AGENT_GOAL = 1;
 constexpr double SIZE_GOAL = 1.1;
 constexpr unsigned SMALL_KIB = 8 * 1024;
 constexpr unsigned LARGE_KIB = 16 * 1024;
@@ -26,6 +27,23 @@ unsigned idle_daemon_kib(const bench_chassis &cards)
     if (cards.chassis({"restart", std::to_string(SLOT)}).exit_code != 0)
         throw std::runtime_error("a card cannot be restarted");
     return resident_kib(cards.daemon_pid(SLOT));
+}
+
+figure measure_idle_agent()
+{
+    bench_chassis cards;
+    cards.insert({.slot = SLOT});
+    cards.up();
+    figure told{.row = 5,
+                .name = "resident, idle agent",
+                .unit = "KiB",
+                .ours = {.name = "bios_agent", .values = {}},
+                .reference = {.name = "bios_daemon", .values = {}},
+                .goal = AGENT_GOAL};
+    measure_in_turn(
+        told.ours, [&] { return resident_kib(cards.agent_pid(SLOT)); }, told.reference,
+        [&] { return idle_daemon_kib(cards); }, LEAST_RUNS);
+    return told;
 }
 
 figure measure_idle()
@@ -154,7 +172,7 @@ std::vector<figure> measure_programming()
 
 std::vector<figure> measure_memory()
 {
-    std::vector<figure> figures{measure_idle()};
+    std::vector<figure> figures{measure_idle(), measure_idle_agent()};
     for (const figure &told : measure_programming())
         figures.push_back(told);
     return figures;

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sys/stat.h>
 #include <thread>
 
 #include "bios_opcodes.h"
@@ -34,22 +33,6 @@ protected:
         up();
     }
 
-    // The process of a card's agent; 0: there is none now.
-    pid_t agent_pid(unsigned slot) const
-    {
-        struct stat root = {};
-        if (::stat(slot_file(slot, "root").c_str(), &root) != 0)
-            return 0;
-        for (const auto &entry : files::directory_iterator("/proc")) {
-            std::string name;
-            std::ifstream(entry.path() / "comm") >> name;
-            struct stat of_process = {};
-            if (name == "bios_agent" && ::stat((entry.path() / "root/").c_str(), &of_process) == 0 &&
-                of_process.st_dev == root.st_dev && of_process.st_ino == root.st_ino)
-                return static_cast<pid_t>(std::stol(entry.path().filename()));
-        }
-        return 0;
-    }
     bool is_another(unsigned slot, pid_t old) const
     {
         const pid_t now = agent_pid(slot);

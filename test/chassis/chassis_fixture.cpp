@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -348,6 +349,22 @@ pid_t chassis_test::daemon_pid(unsigned slot) const
 }
 
 // The daemon's other children are shells.
+pid_t chassis_test::agent_pid(unsigned slot) const
+{
+    struct stat root = {};
+    if (::stat(slot_file(slot, "root").c_str(), &root) != 0)
+        return 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        std::string name;
+        std::ifstream(entry.path() / "comm") >> name;
+        struct stat of_process = {};
+        if (name == "bios_agent" && ::stat((entry.path() / "root/").c_str(), &of_process) == 0 &&
+            of_process.st_dev == root.st_dev && of_process.st_ino == root.st_ino)
+            return static_cast<pid_t>(std::stol(entry.path().filename()));
+    }
+    return 0;
+}
+
 pid_t chassis_test::child_pid(unsigned slot) const
 {
     const pid_t daemon = daemon_pid(slot);

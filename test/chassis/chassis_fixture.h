@@ -73,6 +73,7 @@ protected:
     std::string log_of(unsigned slot) const;
     unsigned lines_with(unsigned slot, const std::string &text) const; // of the log
     pid_t daemon_pid(unsigned slot) const;                             // 0: there is none now
+    pid_t agent_pid(unsigned slot) const;                              // 0: there is none now
     pid_t child_pid(unsigned slot) const;                              // of the programming child; 0: there is none
     bool is_locked(unsigned slot) const;                               // module lock of a supervisor
     std::string isolation(unsigned slot) const;
