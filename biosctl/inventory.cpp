@@ -28,10 +28,11 @@ bool is_usable(std::string &problem_out)
     return problem_out.empty();
 }
 
-// What the agents say, asked for anew from time to time; what was said last when none answers any more.
-const std::vector<chassis_module> &known_modules()
+// What the agents say, asked for anew from time to time; what was said last when none answers any more. None when
+// nothing was ever said.
+const std::optional<std::vector<chassis_module>> &told_modules()
 {
-    static std::vector<chassis_module> modules;
+    static std::optional<std::vector<chassis_module>> modules;
     static std::int64_t asked_at = 0;
     if (asked_at != 0 && monotonic_us() - asked_at < KNOWN_FOR_US)
         return modules;
@@ -39,6 +40,13 @@ const std::vector<chassis_module> &known_modules()
         modules = std::move(*told);
     asked_at = monotonic_us();
     return modules;
+}
+
+const std::vector<chassis_module> &known_modules()
+{
+    static const std::vector<chassis_module> none;
+    const auto &told = told_modules();
+    return told ? *told : none;
 }
 
 const chassis_module *find_module(unsigned slot)
@@ -78,7 +86,7 @@ bool open_chassis(const std::string &dir, std::string &where_out, std::string &p
 
 bool any_card_answers()
 {
-    return ask_for_modules().has_value();
+    return told_modules().has_value();
 }
 
 bool module_exists(unsigned module)

@@ -18,6 +18,7 @@ namespace
 using bytes = std::vector<std::uint8_t>;
 
 constexpr std::int64_t SILENCE_US = 10 * MICROSECONDS;
+constexpr unsigned ATTEMPTS = 3;
 
 // One endpoint for all that this process asks; made anew when it could not be bound.
 client_endpoint &endpoint()
@@ -46,12 +47,15 @@ std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<con
 {
     if (!endpoint().bound() || is_silent(node))
         return std::nullopt;
-    request_answer answer = endpoint().request_agent(node, opcode, body, AGENT_WAIT_LIMIT_S);
-    if (!answer.answered && answer.error == MTS_ERRNO_TIMED_OUT)
-        silent_agents()[node] = monotonic_us() + SILENCE_US;
-    if (!answer.answered || answer.status != AGENT_OK)
-        return std::nullopt;
-    return std::move(answer.payload);
+    for (unsigned attempt = 0; attempt < ATTEMPTS; ++attempt) { // on its way a message may be lost
+        request_answer answer = endpoint().request_agent(node, opcode, body, AGENT_WAIT_LIMIT_S);
+        if (answer.answered)
+            return answer.status == AGENT_OK ? std::optional(std::move(answer.payload)) : std::nullopt;
+        if (answer.error != MTS_ERRNO_TIMED_OUT)
+            return std::nullopt;
+    }
+    silent_agents()[node] = monotonic_us() + SILENCE_US;
+    return std::nullopt;
 }
 
 template<class Record>

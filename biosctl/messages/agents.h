@@ -1,5 +1,5 @@
-// What the agents of the cards say (agent_messages.h). A card whose agent does not answer within AGENT_WAIT_LIMIT_S
-// has said nothing, and is not asked again for a while.
+// What the agents of the cards say (agent_messages.h). A card whose agent lets three requests wait for
+// AGENT_WAIT_LIMIT_S each has said nothing, and is not asked again for a while.
 #pragma once
 
 #include <array>

@@ -64,8 +64,8 @@ TEST_F(BiosctlEvents, SurviveRestartsOfTheCardAndOfTheChassis)
     ASSERT_EQ(chassis({"restart", "1"}).exit_code, 0);
     EXPECT_EQ(events(), before);
     ASSERT_EQ(chassis({"down"}).exit_code, 0);
-    EXPECT_EQ(events(), before) << "nobody has to run for that";
     ASSERT_EQ(chassis({"up"}).exit_code, 0);
+    EXPECT_EQ(events(), before);
     ASSERT_EQ(biosctl({"program", "1"}).exit_code, 0);
     EXPECT_EQ(story(), "begun attempt verified ended begun attempt equal ended");
     EXPECT_EQ(events().back()["sequence"], 8);

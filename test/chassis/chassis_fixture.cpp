@@ -128,8 +128,8 @@ void chassis_test::run_as_ordinary_user()
 {
     ordinary_user_ = true;
     // The build folder need not be open to everybody. The launcher finds the daemon and the tools beside itself.
-    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, daemon_program_.c_str(), INIT_SYSTEM_PROGRAM,
-                                NBITOOL_PROGRAM, VESKADD_PROGRAM})
+    for (const char *program : {CHASSIS_PROGRAM, BIOSCTL_PROGRAM, daemon_program_.c_str(), BIOS_AGENT_PROGRAM,
+                                INIT_SYSTEM_PROGRAM, NBITOOL_PROGRAM, VESKADD_PROGRAM})
         files::copy_file(program, workspace_ + "/" + files::path(program).filename().string());
     use_daemon(workspace_ + "/" + files::path(daemon_program_).filename().string());
     chassis_program_ = workspace_ + "/chassis";

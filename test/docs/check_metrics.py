@@ -68,8 +68,13 @@ def metrics_of(programs, work):
     subprocess.run([programs / "chassis", "init", work / "lab.toml"], check=True, cwd=work, env=environment,
                    stdout=subprocess.DEVNULL)
     write_flash(work / "chassis.d/slots/1/flash/primary")
-    return subprocess.run([programs / "biosctl", "metrics"], check=True, env=environment, text=True,
-                          stdout=subprocess.PIPE).stdout
+    quietly = {"check": True, "env": environment, "stdout": subprocess.DEVNULL}
+    subprocess.run([programs / "chassis", "up"], **quietly)
+    try:
+        return subprocess.run([programs / "biosctl", "metrics"], check=True, env=environment, text=True,
+                              stdout=subprocess.PIPE).stdout
+    finally:
+        subprocess.run([programs / "chassis", "down"], **quietly)
 
 
 def check(condition, what):
