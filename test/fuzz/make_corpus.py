@@ -211,6 +211,29 @@ def make_records():
     answer("source-cut", struct.pack(">II", 0x40710003, 1) + source_entry)
 
 
+def make_agent_answers():
+    modules, card, locks, results, events = range(5)
+    def answer(name, kind, content):
+        put("agent_answers", name, bytes([kind]) + content)
+    def words(*values):
+        return struct.pack(f">{len(values)}I", *values)
+    time = field("2026-01-31T11:00:00Z", 24)
+    flash = words(0, 65536, 4096, 7, 2, 43, 1, 17) + time + words(0, 5, 1, 2, 0, 300)
+    answer("modules", modules, words(2, 2, 1, 1, 90, 1, 2, 2, 106, 0))
+    answer("modules-count-overflow", modules, words(2, 0xFFFFFFFF, 1, 1, 90, 1))
+    answer("modules-not-in-order", modules, words(2, 2, 3, 1, 90, 1, 2, 2, 106, 0))
+    answer("card-without-flashes", card, words(2, 1, 0))
+    answer("card", card, words(2, 1, 1) + flash)
+    answer("card-third-flash", card, words(2, 1, 1) + words(2) + flash[4:])
+    answer("card-unprintable", card, words(2, 1, 1) + flash.replace(b"2026", b"\x1b[2J"))
+    answer("locks", locks, words(0x101, 1, 9, 129, 0x4071000A) + time)
+    answer("locks-untold", locks, words(0x101, 0, 0, 0, 0) + bytes(24))
+    answer("results", results, words(28, 0x4071000C, 27) + time)
+    answer("results-of-no-module", results, words(233, 0, 27) + time)
+    line = b'{"time":"2026-01-31T12:00:00.000Z","slot":5,"flash":"primary","sequence":10,"pid":9,"event":"begun"'
+    answer("events", events, line + b"}\n" + line + b',"image_bytes":8,"version":"v3.5.0"}\n' + line)
+
+
 def make_frames():
     def frame(name, payload_bytes, payload=b"", kind=2, place=0, magic=0x4D545346, version=1, descriptors=0, seals=0,
               file_bytes=0):
@@ -324,6 +347,7 @@ def main():
     make_images()
     make_versions()
     make_records()
+    make_agent_answers()
     make_frames()
     make_archives()
     make_descriptions()

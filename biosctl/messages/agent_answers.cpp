@@ -1,0 +1,146 @@
+#include "agent_answers.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "agent_messages.h"
+#include "flash_geometry.h"
+#include "pfm.h"
+#include "text_field.h"
+
+namespace
+{
+
+// Takes records from the beginning of a payload.
+class record_reader
+{
+public:
+    explicit record_reader(std::span<const std::uint8_t> payload) : rest_(payload) {}
+
+    template<class Record>
+    bool take(Record &record)
+    {
+        if (rest_.size() < sizeof record)
+            return false;
+        std::memcpy(&record, rest_.data(), sizeof record);
+        rest_ = rest_.subspan(sizeof record);
+        return true;
+    }
+    bool at_end() const { return rest_.empty(); }
+
+private:
+    std::span<const std::uint8_t> rest_;
+};
+
+bool can_be_printed(char character)
+{
+    return character >= ' ' && character <= '~';
+}
+
+// Texts come from another card, and end on an operator's terminal.
+template<std::size_t SIZE>
+std::string printable(const char (&field)[SIZE])
+{
+    return printable_text(field_text(field).text);
+}
+
+bool is_slot(std::uint32_t number)
+{
+    return number >= 1 && number <= PFM_MODULE_COUNT;
+}
+
+card_flash flash_of(const agent_flash_t &told)
+{
+    const std::uint32_t state = told.state.load();
+    card_flash flash{.instance = told.instance.load(),
+                     .size_bytes = told.size_bytes.load(),
+                     .sector_bytes = told.sector_bytes.load(),
+                     .erases = told.erases.load(),
+                     .log = {told.log_file.load(), told.log_bytes.load()}};
+    flash.activity.marked = (state & AGENT_FLASH_MARKED) != 0;
+    flash.activity.has_writer = (state & AGENT_FLASH_HAS_WRITER) != 0;
+    const std::uint32_t phase = told.phase.load();
+    if ((state & AGENT_FLASH_HAS_PROGRESS) != 0 && phase >= BIOS_PHASE_ERASE && phase <= BIOS_PHASE_VERIFY)
+        flash.activity.last = flash_progress_line{static_cast<bios_programming_phase>(phase),
+                                                  std::min<std::uint32_t>(told.percent.load(), 100),
+                                                  told.attempt.load(), told.pid.load(), printable(told.since)};
+    return flash;
+}
+
+} // namespace
+
+std::string printable_text(std::string_view text)
+{
+    std::string printable;
+    std::ranges::copy_if(text, std::back_inserter(printable), can_be_printed);
+    return printable;
+}
+
+std::optional<std::vector<chassis_module>> decode_modules(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_chassis_t head{};
+    if (!records.take(head))
+        return std::nullopt;
+    std::vector<chassis_module> modules;
+    for (agent_module_t told{}; records.take(told);) {
+        if (!is_slot(told.slot.load()) || (!modules.empty() && told.slot.load() <= modules.back().slot))
+            return std::nullopt;
+        modules.push_back({told.slot.load(), told.kind.load(), told.card_id.load(), told.sup_state.load()});
+    }
+    const bool is_whole = records.at_end() && modules.size() == head.count.load();
+    return is_whole ? std::optional(modules) : std::nullopt;
+}
+
+std::optional<card_facts_told> decode_card(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_card_t head{};
+    if (!records.take(head))
+        return std::nullopt;
+    card_facts_told card{.serves = head.serves.load() != 0};
+    for (agent_flash_t told{}; records.take(told);) {
+        const bool is_next = card.flashes.empty() || told.instance.load() > card.flashes.back().instance;
+        if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
+            return std::nullopt;
+        card.flashes.push_back(flash_of(told));
+    }
+    const bool is_whole = records.at_end() && card.flashes.size() == head.flash_count.load();
+    return is_whole ? std::optional(card) : std::nullopt;
+}
+
+std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload)
+{
+    record_reader records(payload);
+    std::vector<chassis_module_lock_holder> locks;
+    for (agent_lock_t told{}; records.take(told);)
+        locks.push_back({static_cast<std::uint16_t>(told.node_id.load()), told.slot.load(), told.pid.load(),
+                         told.owner.load(), told.reason.load(), printable(told.since)});
+    return records.at_end() ? std::optional(locks) : std::nullopt;
+}
+
+std::optional<std::vector<told_result>> decode_results(answer_payload payload)
+{
+    record_reader records(payload);
+    std::vector<told_result> results;
+    for (agent_result_t told{}; records.take(told);) {
+        if (!is_slot(told.module.load()))
+            return std::nullopt;
+        results.push_back({told.module.load(), told.result.load(), told.reported_by_slot.load(),
+                           printable(told.time)});
+    }
+    return records.at_end() ? std::optional(results) : std::nullopt;
+}
+
+std::vector<flash_event> decode_events(std::string_view lines)
+{
+    std::vector<flash_event> events;
+    for (std::size_t end = lines.find('\n'); end != std::string_view::npos; end = lines.find('\n')) {
+        const std::string_view line = lines.substr(0, end);
+        auto event = std::ranges::all_of(line, can_be_printed) ? flash_event_parse(line) : std::nullopt;
+        if (event)
+            events.push_back(std::move(*event));
+        lines.remove_prefix(end + 1);
+    }
+    return events;
+}

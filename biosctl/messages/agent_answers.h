@@ -1,0 +1,58 @@
+// What the answers of agents say (agent_messages.h): an answer that is not understood is none. Pure functions.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "chassis_module_lock.h"
+#include "flash_event.h"
+#include "flash_event_log.h"
+#include "flash_progress_file.h"
+
+// A card of the chassis, as its cards know it.
+struct chassis_module {
+    unsigned slot = 0;
+    std::uint32_t kind = 0;
+    std::uint32_t card_id = 0;   // 0: not known
+    std::uint32_t sup_state = 0; // SYSMGR_SUP_STATE_ACTIVE, SYSMGR_SUP_STATE_STANDBY, else neither
+};
+
+struct card_flash {
+    unsigned instance = 0;
+    std::uint32_t size_bytes = 0;
+    std::uint32_t sector_bytes = 0;
+    std::uint64_t erases = 0;
+    flash_activity activity = {};
+    flash_event_log_state log = {};
+};
+
+struct card_facts_told {
+    bool serves = false; // its daemon's endpoint is bound
+    std::vector<card_flash> flashes = {};
+};
+
+// How a programming has ended, as a supervisor has told whoever listened.
+struct told_result {
+    unsigned module = 0;
+    std::uint32_t code = 0;
+    unsigned reported_by_slot = 0;
+    std::string time; // UTC, "2026-01-31T23:59:59Z"
+};
+
+using answer_payload = std::span<const std::uint8_t>;
+
+// The modules in order of their slots, each once.
+std::optional<std::vector<chassis_module>> decode_modules(answer_payload payload);
+std::optional<card_facts_told> decode_card(answer_payload payload);
+std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
+std::optional<std::vector<told_result>> decode_results(answer_payload payload);
+
+// What of a text can be printed; the rest is left out.
+std::string printable_text(std::string_view text);
+
+// Lines that are no events, or hold what cannot be printed, are passed over.
+std::vector<flash_event> decode_events(std::string_view lines);

@@ -1,0 +1,110 @@
+// What biosctl makes of agents' answers, byte by byte.
+#include <gtest/gtest.h>
+
+#include "agent_answers.h"
+#include "big_endian.h"
+
+namespace
+{
+
+using bytes = std::vector<std::uint8_t>;
+
+bytes words(std::initializer_list<std::uint32_t> values)
+{
+    bytes all;
+    for (const std::uint32_t value : values) {
+        const be32 word = be32::of(value);
+        all.insert(all.end(), std::begin(word.byte), std::end(word.byte));
+    }
+    return all;
+}
+
+bytes text_field(const std::string &text, std::size_t size)
+{
+    bytes field(text.begin(), text.end());
+    field.resize(size);
+    return field;
+}
+
+bytes operator+(bytes first, const bytes &second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+const bytes TWO_MODULES = words({2, 2}) + words({1, 1, 90, 1}) + words({232, 2, 106, 0});
+const bytes ONE_FLASH = words({2, 1, 1}) + words({0, 65536, 4096, 7, 2, 43, 1, 17}) +
+                        text_field("2026-01-31T11:00:00Z", 24) + words({0, 5, 1, 2, 0, 300});
+
+} // namespace
+
+TEST(AgentAnswers, ModulesAreTakenInOrder)
+{
+    const auto modules = decode_modules(TWO_MODULES);
+    ASSERT_TRUE(modules && modules->size() == 2);
+    EXPECT_EQ(modules->front().slot, 1U);
+    EXPECT_EQ(modules->front().card_id, 90U);
+    EXPECT_EQ(modules->front().sup_state, 1U);
+    EXPECT_EQ(modules->back().slot, 232U);
+    EXPECT_EQ(modules->back().kind, 2U);
+}
+
+TEST(AgentAnswers, ModulesThatAChassisCannotHaveAreNone)
+{
+    for (const bytes &wrong :
+         {bytes(), words({2}), words({2, 1}), TWO_MODULES + bytes(1), words({2, 1}) + words({0, 1, 90, 1}),
+          words({2, 1}) + words({233, 1, 90, 1}), words({2, 2}) + words({3, 1, 90, 1}) + words({3, 1, 90, 1}),
+          words({2, 2}) + words({4, 1, 90, 1}) + words({3, 1, 90, 1}), words({2, 3}) + words({4, 1, 90, 1})})
+        EXPECT_FALSE(decode_modules(wrong)) << wrong.size() << " bytes";
+}
+
+TEST(AgentAnswers, CardTellsOfItsFlashes)
+{
+    const auto card = decode_card(ONE_FLASH);
+    ASSERT_TRUE(card && card->flashes.size() == 1);
+    EXPECT_TRUE(card->serves);
+    const card_flash &flash = card->flashes.front();
+    EXPECT_EQ(flash.size_bytes, 65536U);
+    EXPECT_EQ(flash.sector_bytes, 4096U);
+    EXPECT_TRUE(flash.activity.marked && flash.activity.has_writer);
+    EXPECT_EQ(flash.activity.last,
+              (flash_progress_line{BIOS_PHASE_WRITE, 43, 1, 17, "2026-01-31T11:00:00Z"}));
+    EXPECT_EQ(flash.erases, 5U);
+    EXPECT_EQ(flash.log, (flash_event_log_state{(1ULL << 32) + 2, 300}));
+}
+
+TEST(AgentAnswers, CardThatIsNotWholeIsNone)
+{
+    for (std::size_t length = 0; length < ONE_FLASH.size(); ++length)
+        EXPECT_FALSE(decode_card({ONE_FLASH.data(), length})) << length;
+    EXPECT_FALSE(decode_card(ONE_FLASH + bytes(1)));
+    bytes third = ONE_FLASH;
+    third[15] = 2; // instance
+    EXPECT_FALSE(decode_card(third));
+}
+
+TEST(AgentAnswers, TextsThatCannotBePrintedAreCut)
+{
+    EXPECT_EQ(printable_text("v3\x1b[31m.5\n\x9b\x7f!"), "v3[31m.5!");
+    const auto locks = decode_locks(words({0x101, 1, 9, 129, 0x4071000a}) + text_field("2026\x1b]0;x", 24));
+    ASSERT_TRUE(locks && locks->size() == 1);
+    EXPECT_EQ(locks->front().since, "2026]0;x");
+    EXPECT_EQ(locks->front().node_id, 0x101);
+    EXPECT_EQ(locks->front().reason, 0x4071000aU);
+    const std::string line =
+        R"({"time":"2026-01-31T12:00:00.000Z","slot":5,"flash":"primary","sequence":10,"pid":9,"event":"begun"})";
+    EXPECT_EQ(decode_events(line + "\n" + line + "\x1b\n" + line).size(), 1U);
+}
+
+TEST(AgentAnswers, ResultsAreThoseOfModules)
+{
+    const auto results = decode_results(words({28, 0x4071000c, 27}) + text_field("2026-01-31T11:00:00Z", 24));
+    ASSERT_TRUE(results && results->size() == 1);
+    EXPECT_EQ(results->front().module, 28U);
+    EXPECT_EQ(results->front().code, 0x4071000cU);
+    EXPECT_EQ(results->front().reported_by_slot, 27U);
+    EXPECT_EQ(results->front().time, "2026-01-31T11:00:00Z");
+    EXPECT_FALSE(decode_results(words({233, 0, 27}) + bytes(24)));
+    EXPECT_FALSE(decode_results(words({28, 0, 27}) + bytes(23)));
+    EXPECT_TRUE(decode_results({})->empty());
+}
