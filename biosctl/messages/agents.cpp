@@ -62,13 +62,22 @@ std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, const Record 
     return ask(node, opcode, {reinterpret_cast<const std::uint8_t *>(&body), sizeof body});
 }
 
-// What all cards know alike is asked of the first whose agent answers.
+// What all cards know alike is asked of the agent that has answered last, else of the first that answers.
 std::optional<bytes> ask_any(std::uint32_t opcode)
 {
-    for (const std::uint32_t node : mts_nodes_with(AGENT_SAP)) {
-        if (auto answer = ask(node, opcode, {}); answer)
+    static std::optional<std::uint32_t> last_answered;
+    if (last_answered) {
+        if (auto answer = ask(*last_answered, opcode, {}); answer)
             return answer;
     }
+    for (const std::uint32_t node : mts_nodes_with(AGENT_SAP)) {
+        auto answer = node != last_answered ? ask(node, opcode, {}) : std::nullopt;
+        if (!answer)
+            continue;
+        last_answered = node;
+        return answer;
+    }
+    last_answered.reset();
     return std::nullopt;
 }
 
