@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <span>
 #include <sstream>
 #include <string>
@@ -24,7 +25,16 @@ bool wants_json(int argc, char **argv)
     return std::any_of(argv, argv + argc, [](const char *word) { return std::string(word) == "--json"; });
 }
 
-void add_commands(CLI::App &app, arguments &given)
+// What all commands have in common.
+struct arguments {
+    std::string dir;
+    bool json = false;
+};
+
+// Each verb with what runs it once the command line was read.
+using runnable_verbs = std::map<const verb *, verb_run>;
+
+runnable_verbs add_commands(CLI::App &app, arguments &given)
 {
     app.add_option("--dir", given.dir, "Chassis directory; without: $CHASSIS_DIR, else ./chassis.d")
         ->type_name("CHASSIS_DIR");
@@ -33,21 +43,24 @@ void add_commands(CLI::App &app, arguments &given)
     app.require_subcommand(1);
     app.fallthrough();
     app.footer(EXIT_CODES_HELP);
+    runnable_verbs runs;
     for (const verb &row : verbs())
-        row.add(*app.add_subcommand(row.name, row.help), given);
+        runs[&row] = row.add(*app.add_subcommand(row.name, row.help));
+    return runs;
 }
 
-outcome run(const CLI::App &command, const arguments &given)
+outcome run(const CLI::App &command, const arguments &given, const runnable_verbs &runs)
 {
     const std::span<const verb> rows = verbs();
     const auto row =
         std::find_if(rows.begin(), rows.end(), [&](const verb &one) { return one.name == command.get_name(); });
+    const verb_run &run_verb = runs.at(&*row);
     if (!row->in_chassis)
-        return row->run(command, given);
+        return run_verb(given.json);
     std::string where, problem;
     if (open_chassis(given.dir, where, problem)) {
         if (any_card_answers())
-            return row->run(command, given);
+            return run_verb(given.json);
         return failure(EXIT_FAILED, "no card of the chassis in '" + where + "' answers", "start it with: chassis up");
     }
     if (problem.empty())
@@ -95,7 +108,7 @@ int parse_and_run(int argc, char **argv)
 {
     arguments given;
     CLI::App app{"Shows and programs the BIOS of the cards of a chassis.", "biosctl"};
-    add_commands(app, given);
+    const runnable_verbs runs = add_commands(app, given);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &request) {
@@ -103,7 +116,7 @@ int parse_and_run(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         return print_outcome(usage_error(app, error, word_for_command(argc, argv)), wants_json(argc, argv));
     }
-    return print_outcome(run(*app.get_subcommands().front(), given), given.json);
+    return print_outcome(run(*app.get_subcommands().front(), given, runs), given.json);
 }
 
 } // namespace
