@@ -5,9 +5,9 @@
 
 #include "bios_messages.h"
 #include "bios_opcodes.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
+#include "mts_tools.h"
 #include "version_messages.h"
 
 namespace

@@ -13,8 +13,8 @@
 #include "benchmarks.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "in_turn.h"
+#include "mts_tools.h"
 #include "started_process.h"
 #include "timed_process.h"
 

@@ -7,9 +7,9 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
+#include "mts_tools.h"
 
 namespace
 {

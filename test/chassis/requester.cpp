@@ -7,9 +7,9 @@
 #include <stdexcept>
 
 #include "bios_opcodes.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
+#include "mts_tools.h"
 
 namespace
 {

@@ -13,8 +13,8 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "mts_tools.h"
 #include "mts.h"
+#include "mts_tools.h"
 #include "without_pauses.h"
 
 namespace

@@ -28,9 +28,9 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
+#include "mts_tools.h"
 #include "unique_fd.h"
 
 constexpr auto TEST_DEADLINE = std::chrono::seconds(60);

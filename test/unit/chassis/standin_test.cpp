@@ -7,11 +7,11 @@
 #include "bios_header.h"
 #include "bios_messages.h"
 #include "bios_opcodes.h"
-#include "transport_fixture.h"
 #include "flash_folder.h"
 #include "nor_file_layout.h"
 #include "rest_of.h"
 #include "tlv.h"
+#include "transport_fixture.h"
 
 namespace
 {

@@ -21,12 +21,12 @@
 
 #include "chassis_dir.h"
 #include "flash_device.h"
-#include "nor_file.h"
-#include "nor_file_driver.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
-#include "nor_file_layout.h"
 #include "flash_wear.h"
+#include "nor_file.h"
+#include "nor_file_driver.h"
+#include "nor_file_layout.h"
 #include "rest_of.h"
 
 using flash_bytes = std::vector<std::uint8_t>;

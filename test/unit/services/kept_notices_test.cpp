@@ -6,8 +6,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "transport_fixture.h"
 #include "rest_of.h"
+#include "transport_fixture.h"
 
 using namespace chassis_test;
 

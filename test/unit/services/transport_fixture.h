@@ -23,9 +23,9 @@
 
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
-#include "mts_tools.h"
 #include "cmi.h"
 #include "endpoints.h"
+#include "mts_tools.h"
 #include "unique_fd.h"
 
 namespace chassis_test
