@@ -84,6 +84,7 @@ TEST_P(OverriddenSupervisors, ForwardToModule18)
 {
     insert_supervisors(OTHER);
     up();
+    keep_pauses(OTHER); // the locks are looked at while it is at work
     requester asking;
     programming seen = asking.start(OVERRIDE, {.via = OTHER});
     ASSERT_EQ(seen.answer, 0U) << seen;
