@@ -1,5 +1,6 @@
 #include "mts_endpoint.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <pthread.h>
@@ -127,10 +128,10 @@ bool mts_seen_requests::repeats(const mts_frame_header &header)
     const seen_request request = {header.request_id, header.source_node, header.source_sap};
     if (header.kind != mts_frame_kind::request || request.id == 0)
         return false;
-    seen_request &place = requests_[request.id % PLACES];
-    if (place == request)
+    if (std::find(requests_.begin(), requests_.end(), request) != requests_.end())
         return true;
-    place = request;
+    requests_[next_] = request;
+    next_ = (next_ + 1) % requests_.size();
     return false;
 }
 

@@ -11,8 +11,7 @@
 
 #include "datagram_driver.h"
 
-// The requests that an endpoint has received last: one that comes twice on its way is received once. Each has a place
-// by its id; of a sender, whose ids are consecutive, the last PLACES are known.
+// The requests that an endpoint has received last: one that comes twice on its way is received once.
 class mts_seen_requests
 {
 public:
@@ -20,16 +19,15 @@ public:
     [[nodiscard]] bool repeats(const mts_frame_header &header);
 
 private:
-    static constexpr std::size_t PLACES = 64;
-
     struct seen_request {
-        std::uint64_t id = 0;
+        std::uint64_t id = 0; // first: it tells most of them apart
         std::uint32_t node = 0;
         std::uint32_t sap = 0;
 
         bool operator==(const seen_request &) const = default;
     };
-    std::array<seen_request, PLACES> requests_{};
+    std::array<seen_request, 64> requests_{};
+    std::size_t next_ = 0;
 };
 
 struct mts_endpoint {

@@ -1,6 +1,7 @@
 // Requests and answers over the chassis's transport.
 #include <gtest/gtest.h>
 
+#include "mts_endpoint.h"
 #include "transport_fixture.h"
 
 using namespace chassis_test;
@@ -271,6 +272,24 @@ TEST_F(TransportRequests, DoesNotWaitLongerForAnAnswerBecauseOfOtherMessages)
     EXPECT_EQ(request(CARD_2, text, 2), -1);
     EXPECT_EQ(errno, 62);
     EXPECT_LT(steady::now() - start, 4s);
+}
+
+TEST(SeenRequests, AreKnownWhateverOthersHaveAskedSince)
+{
+    mts_frame_header header{};
+    header.kind = mts_frame_kind::request;
+    header.source_node = CARD_1;
+    const auto comes = [&](std::uint32_t sap, std::uint64_t id, mts_seen_requests &seen) {
+        header.source_sap = sap;
+        header.request_id = id;
+        return seen.repeats(header);
+    };
+    mts_seen_requests seen;
+    EXPECT_FALSE(comes(7, 5, seen));
+    for (std::uint32_t other = 1; other < 64; ++other)
+        EXPECT_FALSE(comes(100 + other, 5 + 64 * other, seen)) << other;
+    EXPECT_TRUE(comes(7, 5, seen));
+    EXPECT_FALSE(comes(8, 5, seen)) << "another's request of the same number";
 }
 
 TEST_F(TransportRequests, RefusesRequestsThatMeanNothing)
