@@ -27,6 +27,7 @@
 #include "endpoints.h"
 #include "mts_tools.h"
 #include "unique_fd.h"
+#include "watched_file.h"
 
 namespace chassis_test
 {
@@ -77,6 +78,14 @@ inline std::size_t open_descriptors()
 {
     return static_cast<std::size_t>(
         std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+// Has this process watch what may be changed: it takes a descriptor when it has asked often, and then no more.
+inline void watch_from_now_on()
+{
+    watched_file file("transport/faults");
+    for (unsigned call = 0; call < 200; ++call)
+        (void)file.may_have_changed();
 }
 
 inline bool eventually(const std::function<bool()> &condition)
