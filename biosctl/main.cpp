@@ -61,7 +61,8 @@ outcome run(const CLI::App &command, const arguments &given, const runnable_verb
     if (open_chassis(given.dir, where, problem)) {
         if (any_card_answers())
             return run_verb(given.json);
-        return failure(EXIT_FAILED, "no card of the chassis in '" + where + "' answers", "start it with: chassis up");
+        return failure(EXIT_FAILED, "no agent of a card of the chassis in '" + where + "' answers",
+                       "see what runs with: chassis status; start the chassis with: chassis up");
     }
     if (problem.empty())
         return failure(EXIT_NOT_FOUND, "there is no chassis in '" + where + "'",

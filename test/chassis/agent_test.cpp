@@ -128,7 +128,7 @@ TEST_F(Agent, EndsWithTheChassis)
     EXPECT_EQ(agent_pid(2), 0);
     const finished_program asked = biosctl({"show"});
     EXPECT_EQ(asked.exit_code, FAILED);
-    EXPECT_NE(asked.errors.find("no card of the chassis in '" + chassis_directory() + "' answers"), std::string::npos)
+    EXPECT_NE(asked.errors.find("no agent of a card of the chassis in '" + chassis_directory() + "' answers"), std::string::npos)
         << asked.errors;
 }
 

@@ -175,6 +175,6 @@ TEST_F(BiosctlCommand, TellsThatNobodyServes)
     ASSERT_EQ(chassis({"down"}).exit_code, 0);
     const finished_program finished = biosctl({"program", "1"});
     EXPECT_EQ(finished.exit_code, FAILED);
-    EXPECT_TRUE(says(finished.errors, "no card of the chassis in '" + chassis_directory() + "' answers"))
+    EXPECT_TRUE(says(finished.errors, "no agent of a card of the chassis in '" + chassis_directory() + "' answers"))
         << finished.errors;
 }
