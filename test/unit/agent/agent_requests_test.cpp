@@ -6,34 +6,12 @@
 #include "flash_event_log.h"
 #include "flash_fixture.h"
 #include "flash_progress_file.h"
+#include "wire_bytes.h"
+
+using namespace wire;
 
 namespace
 {
-
-using bytes = std::vector<std::uint8_t>;
-
-bytes words(std::initializer_list<std::uint32_t> values)
-{
-    bytes all;
-    for (const std::uint32_t value : values) {
-        const be32 word = be32::of(value);
-        all.insert(all.end(), std::begin(word.byte), std::end(word.byte));
-    }
-    return all;
-}
-
-bytes text_field(const std::string &text, std::size_t size)
-{
-    bytes field(text.begin(), text.end());
-    field.resize(size);
-    return field;
-}
-
-bytes operator+(bytes first, const bytes &second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 class AgentRequests : public chassis_flash_fixture
 {

@@ -2,35 +2,12 @@
 #include <gtest/gtest.h>
 
 #include "agent_answers.h"
-#include "big_endian.h"
+#include "wire_bytes.h"
+
+using namespace wire;
 
 namespace
 {
-
-using bytes = std::vector<std::uint8_t>;
-
-bytes words(std::initializer_list<std::uint32_t> values)
-{
-    bytes all;
-    for (const std::uint32_t value : values) {
-        const be32 word = be32::of(value);
-        all.insert(all.end(), std::begin(word.byte), std::end(word.byte));
-    }
-    return all;
-}
-
-bytes text_field(const std::string &text, std::size_t size)
-{
-    bytes field(text.begin(), text.end());
-    field.resize(size);
-    return field;
-}
-
-bytes operator+(bytes first, const bytes &second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 const bytes TWO_MODULES = words({2, 2}) + words({1, 1, 90, 1}) + words({232, 2, 106, 0});
 const bytes ONE_FLASH = words({2, 1, 1}) + words({0, 65536, 4096, 7, 2, 43, 1, 17}) +
