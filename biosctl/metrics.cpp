@@ -112,20 +112,24 @@ metric_family locked_modules(const std::vector<card_facts> &cards)
     return family;
 }
 
-flash_facts facts_of(unsigned slot, const card_flash &flash)
+// None when its agent does not say what has happened to it: counters of 0 would be a claim.
+std::optional<flash_facts> facts_of(unsigned slot, const card_flash &flash)
 {
     const std::uint32_t node = node_of_module(slot);
+    const auto totals = ask_for_totals(node, flash.instance);
+    if (!totals)
+        return std::nullopt;
     const std::string version = ask_for_version(node, flash.instance).value_or("");
     // One that is marked may be half old and half new; the marker is set before any change.
     const bool is_known = !flash.activity.marked && !version.empty();
-    return {.slot = slot,
-            .instance = flash.instance,
-            .totals = ask_for_totals(node, flash.instance).value_or(flash_event_totals{}),
-            .erases = flash.erases,
-            .sectors = flash.sector_bytes != 0 ? flash.size_bytes / flash.sector_bytes : 0,
-            .marked = flash.activity.marked,
-            .has_writer = flash.activity.has_writer,
-            .version = is_known ? version : UNKNOWN_VERSION};
+    return flash_facts{.slot = slot,
+                       .instance = flash.instance,
+                       .totals = *totals,
+                       .erases = flash.erases,
+                       .sectors = flash.sector_bytes != 0 ? flash.size_bytes / flash.sector_bytes : 0,
+                       .marked = flash.activity.marked,
+                       .has_writer = flash.activity.has_writer,
+                       .version = is_known ? version : UNKNOWN_VERSION};
 }
 
 card_facts facts_of(unsigned slot, bool serves, const std::optional<std::vector<chassis_module_lock_holder>> &locks)
@@ -196,8 +200,10 @@ outcome run_metrics(const std::vector<unsigned> &modules)
         const auto card = ask_for_card(node_of_module(slot));
         const bool serves = card ? card->serves : daemon_serves(node_of_module(slot));
         cards.push_back(facts_of(slot, serves, locks));
-        for (const card_flash &flash : card ? card->flashes : std::vector<card_flash>{})
-            flashes.push_back(facts_of(slot, flash));
+        for (const card_flash &flash : card ? card->flashes : std::vector<card_flash>{}) {
+            if (auto facts = facts_of(slot, flash); facts)
+                flashes.push_back(std::move(*facts));
+        }
     }
     const std::vector<metric_family> families = metric_families(cards, flashes);
     return {EXIT_DONE, metrics_text(families), {{"command", "metrics"}, {"metrics", metrics_json(families)}}};
