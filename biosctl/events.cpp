@@ -86,7 +86,7 @@ outcome print_events(const events_options &options, bool json)
     keep_last(events, options.last.value_or(~0U));
     const bool wide = needs_wide_lines(events);
     if (!json && has_none && !options.follow)
-        return {EXIT_DONE, "no events: no flash was programmed yet"};
+        return {.headline = "no events: no flash was programmed yet"};
     if (!json && !put_text(STDOUT_FILENO, events_heading(wide) + "\n"))
         return output_not_written(errno);
     for (;;) {

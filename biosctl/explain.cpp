@@ -3,9 +3,10 @@
 outcome run_explain(std::uint32_t code)
 {
     const result_description result = describe_result(code);
-    const std::string text = code_text(code) + " (" + result.name + "): " + result.meaning +
-                             "\n  flash: " + result.flash + "\n  next: " + result.next;
     nlohmann::ordered_json json = json_of(result);
     json["exit"] = static_cast<int>(result.exit); // of a command that ends with this code
-    return {find_result(code) != nullptr ? EXIT_DONE : EXIT_NOT_FOUND, text, json};
+    return {find_result(code) != nullptr ? EXIT_DONE : EXIT_NOT_FOUND,
+            code_text(code) + " (" + result.name + "): " + result.meaning,
+            {{"flash", result.flash}, {"next", result.next}},
+            json};
 }

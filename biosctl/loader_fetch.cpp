@@ -129,9 +129,8 @@ outcome report_written(const loader_file_options &options, unsigned slot, const 
     const std::size_t bytes = search.answer.content.size();
     const char *version = srg_sw_interim_ver_file_get(options.output.c_str());
     outcome told;
-    told.message = subject_text(options, slot) + " written to " + options.output +
-                   "\n  length: " + length_text(options, search) +
-                   "\n  version: " + (version != nullptr ? version : "-");
+    told.headline = subject_text(options, slot) + " written to " + options.output;
+    told.hints = {{"length", length_text(options, search)}, {"version", version != nullptr ? version : "-"}};
     told.json = {{"output", options.output},
                  {"bytes", bytes},
                  {"length", length_text(options, search)},

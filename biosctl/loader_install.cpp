@@ -50,14 +50,15 @@ outcome report_loader_install(const loader_install_options &options, unsigned sl
     outcome told;
     if (result == BIOS_OK) {
         const std::string next = "reboot the card for the new boot loader to take effect";
-        told.message = where + " installed (result " + code_text(result) + ")\n  next: " + next;
+        told.headline = where + " installed (result " + code_text(result) + ")";
+        told.hints = {{"next", next}};
         told.json = {{"outcome", "installed"}, {"result", code_text(result)}, {"next", next}};
     } else {
         told = failure_by_code(where + " not installed", result);
         told.json["outcome"] = told.exit == EXIT_NOTHING_TO_DO ? "nothing to do" : "failed";
     }
     if (options.remove_image)
-        told.message.append("\n  image: ").append(REMOVED);
+        told.hints.push_back({"image", REMOVED});
     told.json.update(json_head(options, slot));
     return told;
 }

@@ -52,7 +52,7 @@ void warn_about_programming(std::uint32_t locked_node)
 
 void tell_holder(outcome &told, const chassis_module_lock_holder &holder)
 {
-    told.message += "\n  lock: " + holder_text(holder);
+    told.hints.push_back({"lock", holder_text(holder)});
     told.json["holder"] = {{"slot", holder.slot},
                            {"pid", holder.pid},
                            {"owner", holder.owner},
@@ -68,10 +68,10 @@ outcome report_lock(const lock_options &options, unsigned slot, std::uint32_t re
     const char *command = is_unlock(options) ? "unlock" : "lock";
     outcome told;
     if (result == BIOS_OK) {
-        told.message = is_unlock(options)
-                           ? module + ": not locked for you any more by the daemon of slot " + std::to_string(slot)
-                           : module + ": locked by the daemon of slot " + std::to_string(slot) +
-                                 "; free it with: biosctl unlock " + std::to_string(options.module);
+        told.headline = is_unlock(options)
+                            ? module + ": not locked for you any more by the daemon of slot " + std::to_string(slot)
+                            : module + ": locked by the daemon of slot " + std::to_string(slot) +
+                                  "; free it with: biosctl unlock " + std::to_string(options.module);
         told.json["outcome"] = "done";
         told.json["result"] = code_text(result);
     } else {

@@ -79,8 +79,8 @@ outcome help_text(const CLI::App &app, const CLI::Success &request)
     while (lines.ends_with('\n'))
         lines.pop_back();
     const bool version = dynamic_cast<const CLI::CallForVersion *>(&request) != nullptr;
-    return {.message = lines,
-            .json = {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}},
+    return {.json = {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}},
+            .report = lines,
             .is_help = true};
 }
 

@@ -206,5 +206,6 @@ outcome run_metrics(const std::vector<unsigned> &modules)
         }
     }
     const std::vector<metric_family> families = metric_families(cards, flashes);
-    return {EXIT_DONE, metrics_text(families), {{"command", "metrics"}, {"metrics", metrics_json(families)}}};
+    return {.json = {{"command", "metrics"}, {"metrics", metrics_json(families)}},
+            .report = metrics_text(families)};
 }

@@ -7,15 +7,15 @@
 
 outcome failure(exit_code exit, const std::string &what, const std::string &next)
 {
-    return {exit, what + "\n  next: " + next, {{"error", what}, {"next", next}}};
+    return {exit, what, {{"next", next}}, {{"error", what}, {"next", next}}};
 }
 
 outcome failure_by_code(const std::string &what, std::uint32_t code)
 {
     const result_description result = describe_result(code);
     outcome end{result.exit,
-                what + ": " + code_text(code) + " (" + result.name + "): " + result.meaning +
-                    "\n  flash: " + result.flash + "\n  next: " + result.next,
+                what + ": " + code_text(code) + " (" + result.name + "): " + result.meaning,
+                {{"flash", result.flash}, {"next", result.next}},
                 json_of(result)};
     if (end.exit == EXIT_DONE)
         end.exit = EXIT_FAILED;
@@ -48,15 +48,23 @@ std::string json_text(const outcome &end)
     return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
+std::string text_of(const outcome &end)
+{
+    std::string text = end.headline;
+    for (const hint &one : end.hints)
+        text += std::string("\n  ") + one.label + ": " + one.text;
+    return text;
+}
+
 void print_text(const outcome &end)
 {
+    const auto fit = end.is_help ? wrapped_for : fitted;
     if (!end.report.empty())
-        (void)std::printf("%s\n", fitted(end.report, STDOUT_FILENO).c_str());
-    if (end.message.empty())
+        (void)std::printf("%s\n", fit(end.report, STDOUT_FILENO).c_str());
+    if (end.headline.empty())
         return;
     if (end.exit == EXIT_DONE) {
-        const auto fit = end.is_help ? wrapped_for : fitted;
-        (void)std::printf("%s\n", fit(end.message, STDOUT_FILENO).c_str());
+        (void)std::printf("%s\n", fitted(text_of(end), STDOUT_FILENO).c_str());
         return;
     }
     (void)std::fflush(stdout); // the report comes first where both streams are one
@@ -67,7 +75,7 @@ void print_text(const outcome &end)
 
 std::string failure_text(const outcome &end, bool json)
 {
-    return json ? json_text(end) : "biosctl: " + end.message + "\n";
+    return json ? json_text(end) : "biosctl: " + text_of(end) + "\n";
 }
 
 int print_outcome(const outcome &end, bool json)
@@ -76,7 +84,7 @@ int print_outcome(const outcome &end, bool json)
         print_text(end);
     else if (!end.json.is_null())
         (void)std::fputs(json_text(end).c_str(), stdout);
-    // Success that could not be told is none.
+    // Output that could not be written makes the command fail.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;
     return end.exit;

@@ -2,18 +2,26 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "exit_codes.h"
 #include "result_text.h"
 
+// A line below the headline: "next: reboot the card".
+struct hint {
+    const char *label;
+    std::string text;
+};
+
 struct outcome {
     exit_code exit = EXIT_DONE;
-    std::string message = {};         // for people; lines without the last newline
-    nlohmann::ordered_json json = {}; // for programs; an object, or null when the command has told all while it ran
-    std::string report = {}; // for people, on standard output however the command ended; lines as in message
-    bool is_help = false;    // the message tells nothing of a chassis: nothing in it is to stand out
+    std::string headline = {};        // for people: one line; empty when the command has printed all while it ran
+    std::vector<hint> hints = {};     // for people: below the headline, in this order
+    nlohmann::ordered_json json = {}; // for programs: an object; null when the command has printed all while it ran
+    std::string report = {};          // for people: lines on standard output, however the command ended
+    bool is_help = false;             // the report is about the program: nothing in it stands out
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.

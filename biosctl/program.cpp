@@ -64,8 +64,8 @@ outcome report_refused(const program_subject &subject, std::uint32_t node, std::
         const auto holder = find_lock_holder(locked);
         if (!holder)
             continue;
-        refused.message +=
-            "\n  lock: module " + std::to_string(module_of_node(locked)) + " is " + holder_text(*holder);
+        refused.hints.push_back(
+            {"lock", "module " + std::to_string(module_of_node(locked)) + " is " + holder_text(*holder)});
         refused.json["locked_module"] = module_of_node(locked);
         refused.json["holder"] = holder_text(*holder);
         break;

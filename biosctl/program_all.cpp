@@ -27,18 +27,23 @@ std::string left_out_text(unsigned serving_slot, unsigned module)
            " whatever module it is asked for";
 }
 
-std::string ending_text(const std::vector<series_result> &results, exit_code exit)
+void tell_ending(outcome &told, const std::vector<series_result> &results)
 {
-    if (exit == EXIT_NOTHING_TO_DO)
-        return "nothing to do";
+    if (told.exit == EXIT_NOTHING_TO_DO) {
+        told.headline = "nothing to do";
+        return;
+    }
     std::string failed;
     for (const series_result &result : results) {
         if (!result.tried || (result.end.exit != EXIT_DONE && result.end.exit != EXIT_NOTHING_TO_DO))
             failed += (failed.empty() ? "" : ", ") + std::to_string(result.module);
     }
-    if (failed.empty())
-        return "all programmed and verified\n  next: reboot the cards for the new BIOS to take effect";
-    return "not all programmed: module " + failed;
+    if (!failed.empty()) {
+        told.headline = "not all programmed: module " + failed;
+        return;
+    }
+    told.headline = "all programmed and verified";
+    told.hints = {{"next", "reboot the cards for the new BIOS to take effect"}};
 }
 
 } // namespace
@@ -58,7 +63,7 @@ outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
                            const std::vector<series_result> &results)
 {
     outcome told{.exit = series_exit(results), .report = series_table(results)};
-    told.message = ending_text(results, told.exit);
+    tell_ending(told, results);
     told.json = {{"command", "program all"},
                  {"serving_slot", serving_slot},
                  {"modules", series_json(results)},
@@ -66,7 +71,7 @@ outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
     for (const unsigned module : order.left_out)
         told.report += "\nnote: " + left_out_text(serving_slot, module);
     if (told.exit != EXIT_DONE)
-        told.json["error"] = told.message;
+        told.json["error"] = told.headline;
     return told;
 }
 

@@ -41,14 +41,16 @@ nlohmann::ordered_json json_head(const program_subject &subject, const programmi
 
 outcome report_verified(const program_subject &subject, const programming_end &end)
 {
+    const std::string next = "reboot the card for the new BIOS to take effect";
     outcome told{EXIT_DONE,
                  module_text(subject) + ": " + VERIFIED + " (result " + code_text(BIOS_OK) + ", " +
-                     elapsed_text(end.elapsed_s) + ")\n  next: reboot the card for the new BIOS to take effect",
+                     elapsed_text(end.elapsed_s) + ")",
+                 {{"next", next}},
                  json_head(subject, end)};
     told.json["outcome"] = VERIFIED;
     told.json["result"] = code_text(BIOS_OK);
     told.json["flash"] = VERIFIED;
-    told.json["next"] = "reboot the card for the new BIOS to take effect";
+    told.json["next"] = next;
     return told;
 }
 
@@ -59,8 +61,8 @@ outcome report_unverified(const program_subject &subject, const programming_end 
                              code_text(BIOS_OK) + " before the flash was verified (" + seen_text(end) + ")";
     const std::string reason = "the programming process was killed or ended early";
     const std::string next = "program the card again; reboot only after that has succeeded";
-    outcome told{EXIT_FAILED, what + "\n  likely: " + reason + "\n  flash: " + CORRUPTED + "\n  next: " + next,
-                 json_head(subject, end)};
+    outcome told{
+        EXIT_FAILED, what, {{"likely", reason}, {"flash", CORRUPTED}, {"next", next}}, json_head(subject, end)};
     told.json["outcome"] = "not verified";
     told.json["result"] = code_text(BIOS_OK);
     told.json["error"] = what;
@@ -83,10 +85,11 @@ outcome report_nothing_programmed(const program_subject &subject, const programm
     const std::string flash = "not touched, unless the programming process was killed while it erased";
     const std::string next = "look at the card's log and state before a reboot (chassis log " +
                              std::to_string(subject.programmed_module) + ", chassis status)";
-    outcome told{EXIT_FAILED, what, json_head(subject, end)};
+    outcome told{.exit = EXIT_FAILED, .headline = what, .json = json_head(subject, end)};
     for (const std::string &reason : reasons)
-        told.message += "\n  likely: " + reason;
-    told.message += "\n  flash: " + flash + "\n  next: " + next;
+        told.hints.push_back({"likely", reason});
+    told.hints.push_back({"flash", flash});
+    told.hints.push_back({"next", next});
     told.json["outcome"] = "nothing was programmed";
     told.json["result"] = code_text(BIOS_OK);
     told.json["error"] = what;
@@ -114,7 +117,7 @@ outcome report_failed(const program_subject &subject, const programming_end &end
                              (nothing_to_do ? ": nothing to do: " : ": programming failed: ") +
                              code_text(end.result) + " (" + result.name + "): " + result.meaning;
     const std::string flash = flash_after_failure(result, end);
-    outcome told{result.exit, what + "\n  flash: " + flash + "\n  next: " + result.next, json_head(subject, end)};
+    outcome told{result.exit, what, {{"flash", flash}, {"next", result.next}}, json_head(subject, end)};
     told.json["outcome"] = nothing_to_do ? "nothing to do" : "failed";
     told.json.update(json_of(result));
     told.json["error"] = what;
@@ -132,7 +135,7 @@ outcome report_vanished(const program_subject &subject, const programming_end &e
     const std::string next =
         end.verified() ? "look at the card's state (chassis status)"
                        : "look at the card's state (chassis status), then program it again before a reboot";
-    outcome told{EXIT_FAILED, what + "\n  flash: " + flash + "\n  next: " + next, json_head(subject, end)};
+    outcome told{EXIT_FAILED, what, {{"flash", flash}, {"next", next}}, json_head(subject, end)};
     told.json["outcome"] = "daemon ended";
     told.json["error"] = what;
     told.json["flash"] = flash;
@@ -147,11 +150,11 @@ outcome report_goes_on(const program_subject &subject, const programming_end &en
     const std::string what =
         module_text(subject) + ": " + why + "; the programming goes on in the card (" + seen_text(end) + ")";
     const std::string next = "look at it again with: biosctl watch " + std::to_string(subject.programmed_module);
-    outcome told{exit, what + "\n  flash: being programmed: do not reboot the card\n  next: " + next,
-                 json_head(subject, end)};
+    const std::string flash = "being programmed: do not reboot the card";
+    outcome told{exit, what, {{"flash", flash}, {"next", next}}, json_head(subject, end)};
     told.json["outcome"] = "goes on";
     told.json["error"] = what;
-    told.json["flash"] = "being programmed: do not reboot the card";
+    told.json["flash"] = flash;
     told.json["next"] = next;
     return told;
 }

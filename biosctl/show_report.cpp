@@ -151,10 +151,10 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
                  {"notes", notes}};
     if (kind == show_kind::audit) {
         told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
-        told.message =
+        told.headline =
             told.exit == EXIT_DONE ? "all in step" : "not in step (" + summary_text(versions.cards) + ")";
     }
     if (told.exit != EXIT_DONE)
-        told.json["error"] = told.message;
+        told.json["error"] = told.headline;
     return told;
 }

@@ -80,7 +80,7 @@ outcome report_no_versions(const source_options &options, unsigned slot)
                            : "the image tree holds no BIOS for this type of card, or it holds no version";
     const std::string next = "look at the card's log (chassis log " + std::to_string(slot) + ")";
     outcome told = failure(EXIT_FAILED, what, next);
-    told.message = what + "\n  likely: " + reason + "\n  next: " + next;
+    told.hints.insert(told.hints.begin(), {"likely", reason});
     told.json["likely_reasons"] = nlohmann::ordered_json::array({reason});
     return told;
 }

@@ -87,32 +87,28 @@ bool all_in_step(const std::vector<sync_step> &plan)
     return std::all_of(plan.begin(), plan.end(), [](const sync_step &step) { return is_in_step(step.action); });
 }
 
-std::string in_step_text(const std::vector<sync_step> &plan)
+// What is said of cards that are all in step, and what is left to do.
+void tell_in_step(outcome &told, const std::vector<sync_step> &plan)
 {
     const std::size_t pending = count_of(plan, sync_action::reboot_pending);
+    told.headline += "all in step";
     if (pending == 0)
-        return "all in step";
-    return "all in step (reboot pending: " + std::to_string(pending) +
-           ")\n  next: reboot the cards for the new BIOS to take effect";
+        return;
+    told.headline += " (reboot pending: " + std::to_string(pending) + ")";
+    told.hints = {{"next", "reboot the cards for the new BIOS to take effect"}};
 }
 
 // The modules that are not in step, and what may help.
-std::string out_of_step_text(const std::vector<sync_step> &plan)
+void tell_out_of_step(outcome &told, const std::vector<sync_step> &plan)
 {
     std::string modules;
     for (const sync_step &step : plan) {
         if (!is_in_step(step.action))
             modules += (modules.empty() ? "" : ", ") + std::to_string(step.module);
     }
-    std::string text = "not in step: module " + modules;
+    told.headline = "not in step: module " + modules;
     if (count_of(plan, sync_action::left_newer) > 0)
-        text += "\n  next: biosctl sync --allow-older programs an older image, too";
-    return text;
-}
-
-std::string first_line(const std::string &text)
-{
-    return text.substr(0, text.find('\n'));
+        told.hints = {{"next", "biosctl sync --allow-older programs an older image, too"}};
 }
 
 nlohmann::ordered_json json_head(unsigned serving_slot, const std::vector<sync_step> &plan, bool dry_run)
@@ -168,18 +164,20 @@ outcome report_plan(unsigned serving_slot, const std::vector<sync_step> &plan, b
     told.json["reboot_pending"] = count_of(plan, sync_action::reboot_pending);
     if (count_of(plan, sync_action::left_busy) > 0) {
         told.exit = EXIT_BUSY;
-        told.message = "not begun: a programming runs in the chassis\n  next: try again when it has ended";
+        told.headline = "not begun: a programming runs in the chassis";
+        told.hints = {{"next", "try again when it has ended"}};
     } else if (any_to_program(plan)) {
-        told.message = "nothing was programmed (--dry-run)";
+        told.headline = "nothing was programmed (--dry-run)";
     } else if (all_in_step(plan)) {
         told.exit = EXIT_NOTHING_TO_DO;
-        told.message = "nothing to do: " + in_step_text(plan);
+        told.headline = "nothing to do: ";
+        tell_in_step(told, plan);
     } else {
         told.exit = EXIT_FAILED;
-        told.message = out_of_step_text(plan);
+        tell_out_of_step(told, plan);
     }
     if (told.exit != EXIT_DONE && told.exit != EXIT_NOTHING_TO_DO)
-        told.json["error"] = first_line(told.message);
+        told.json["error"] = told.headline;
     return told;
 }
 
@@ -195,15 +193,17 @@ outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
     if (told.exit == EXIT_DONE || told.exit == EXIT_NOTHING_TO_DO)
         told.exit = in_step ? EXIT_DONE : EXIT_FAILED;
     if (!seen)
-        told.message = "not in step, as far as is known: the versions were not read again";
+        told.headline = "not in step, as far as is known: the versions were not read again";
+    else if (in_step)
+        tell_in_step(told, after.plan);
     else
-        told.message = in_step ? in_step_text(after.plan) : out_of_step_text(after.plan);
+        tell_out_of_step(told, after.plan);
     told.json["programmed"] = series_json(results);
     told.json["cards"] = json_of_cards(after.cards);
     told.json["all_in_step"] = in_step;
     told.json["reboot_pending"] = count_of(after.plan, sync_action::reboot_pending);
     if (told.exit != EXIT_DONE)
-        told.json["error"] = first_line(told.message);
+        told.json["error"] = told.headline;
     return told;
 }
 

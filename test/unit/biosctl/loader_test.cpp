@@ -96,7 +96,7 @@ TEST(LoaderInstallReport, HasAnExitCodeForEachResult)
         EXPECT_EQ(told.exit, exit) << result;
         EXPECT_EQ(told.json["image"], "/bootflash/a.img");
         EXPECT_EQ(told.json["outcome"], exit == 0 ? "installed" : exit == 2 ? "nothing to do" : "failed");
-        EXPECT_TRUE(has(told.message, "next: ")) << told.message;
+        EXPECT_TRUE(has(failure_text(told, false), "\n  next: ")) << failure_text(told, false);
     }
 }
 

@@ -203,10 +203,10 @@ TEST(SeriesExit, IsTheWorstOfTheModules)
 TEST(VersionCheck, OnlyTheExpectedNumbersAreSuccess)
 {
     const auto checked = [](const std::string &found) {
-        return with_version_check({.message = "done", .json = {{"verified", true}}}, 5, NEW, found);
+        return with_version_check({.headline = "done", .json = {{"verified", true}}}, 5, NEW, found);
     };
     EXPECT_EQ(checked(NEW).exit, EXIT_DONE);
-    EXPECT_EQ(checked(NEW).message, "done");
+    EXPECT_EQ(checked(NEW).headline, "done");
     EXPECT_EQ(checked("v3.5.0(01/01/01)").exit, EXIT_DONE) << "dates are not compared";
     for (const char *found : {"", "v3.4.0(09/17/12)", "v3.6.0(09/17/12)", "????"}) {
         EXPECT_EQ(checked(found).exit, EXIT_FAILED) << found;

@@ -18,7 +18,7 @@ programming_end ended(watch_end how, std::uint32_t result, int percent)
 
 bool tells(const outcome &end, const std::string &text)
 {
-    return end.message.find(text) != std::string::npos;
+    return failure_text(end, false).find(text) != std::string::npos;
 }
 
 } // namespace

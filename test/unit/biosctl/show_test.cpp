@@ -334,7 +334,7 @@ TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
         const outcome audit = report_versions(report, show_kind::audit, false);
         EXPECT_EQ(audit.exit, EXIT_FAILED) << verdict_name(other.flashes[0].kind);
         EXPECT_EQ(audit.json["all_in_step"], false);
-        EXPECT_NE(audit.message.find(verdict_name(other.flashes[0].kind)), std::string::npos) << audit.message;
+        EXPECT_NE(audit.headline.find(verdict_name(other.flashes[0].kind)), std::string::npos) << audit.headline;
     }
 }
 
