@@ -13,12 +13,10 @@ outcome failure(exit_code exit, const std::string &what, const std::string &next
 outcome failure_by_code(const std::string &what, std::uint32_t code)
 {
     const result_description result = describe_result(code);
-    outcome end{result.exit,
+    outcome end{failure_exit(code),
                 what + ": " + code_text(code) + " (" + result.name + "): " + result.meaning,
                 {{"flash", result.flash}, {"next", result.next}},
                 json_of(result)};
-    if (end.exit == EXIT_DONE)
-        end.exit = EXIT_FAILED;
     end.json["error"] = what;
     return end;
 }

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <unistd.h>
+#include <utility>
 
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "card_groups.h"
 #include "client.h"
-#include "daemon_node.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -52,32 +51,30 @@ void warn_about_image(const program_options &options, unsigned slot)
                        slot_text(slot).c_str(), options.image->c_str());
 }
 
-outcome report_refused(const program_subject &subject, std::uint32_t node, std::uint32_t status)
+// The first lock that the request needed and somebody else holds.
+std::optional<lock_in_the_way> find_lock_in_the_way(const program_subject &subject)
 {
-    const std::string what = "module " + std::to_string(subject.programmed_module) + ": " +
-                             slot_text(subject.serving_slot) + " refused to program";
-    outcome refused = failure_by_code(what, status);
-    refused.json["outcome"] = "refused";
-    if (status != BIOS_ERR_BUSY)
-        return refused;
-    for (const std::uint32_t locked : {node, node_of_module(subject.programmed_module)}) {
-        const auto holder = find_lock_holder(locked);
-        if (!holder)
-            continue;
-        refused.hints.push_back(
-            {"lock", "module " + std::to_string(module_of_node(locked)) + " is " + holder_text(*holder)});
-        refused.json["locked_module"] = module_of_node(locked);
-        refused.json["holder"] = holder_text(*holder);
-        break;
+    for (const unsigned module : {subject.serving_slot, subject.programmed_module}) {
+        if (auto holder = find_lock_holder(node_of_module(module)); holder)
+            return lock_in_the_way{module, std::move(*holder)};
     }
-    return refused;
+    return std::nullopt;
 }
 
-outcome interrupted_before_answer(const program_subject &subject)
+programming_result refused_result(const program_subject &subject, std::uint32_t status)
 {
-    return failure(EXIT_INTERRUPTED,
-                   "interrupted before the answer came; the card may take the request yet and program",
-                   "look at it with: biosctl watch " + std::to_string(subject.programmed_module));
+    programming_result result{.subject = subject, .ending = programming_ending::refused, .code = status};
+    if (status == BIOS_ERR_BUSY)
+        result.lock = find_lock_in_the_way(subject);
+    return result;
+}
+
+programming_result interrupted_before_answer(const program_subject &subject)
+{
+    return no_answer(subject,
+                     failure(EXIT_INTERRUPTED,
+                             "interrupted before the answer came; the card may take the request yet and program",
+                             "look at it with: biosctl watch " + std::to_string(subject.programmed_module)));
 }
 
 // The body names the module that is programmed: the daemon hands it on as it is, and sends it to the module that
@@ -95,15 +92,17 @@ request_answer send_request(client_endpoint &endpoint, const program_subject &su
 outcome run_program(const program_options &options, bool json)
 {
     catch_interrupt();
-    return program_module(options, json ? STDOUT_FILENO : STDERR_FILENO,
-                          [json](const outcome &end) { return failure_text(end, json); });
+    return report_programming(
+        program_module(options, json ? STDOUT_FILENO : STDERR_FILENO, [json](const programming_result &result) {
+            return failure_text(report_programming(result), json);
+        }));
 }
 
-outcome program_module(const program_options &options, int fd, const last_words_text &last_words)
+programming_result program_module(const program_options &options, int fd, const last_words_text &last_words)
 {
     const serving_slot serving = find_serving_slot(options.module, options.via);
     if (!serving.slot)
-        return serving.problem;
+        return no_answer({.asked_module = options.module}, serving.problem);
     const unsigned slot = *serving.slot;
     const std::uint32_t node = node_of_module(slot);
     const program_subject subject = subject_of(options, slot);
@@ -111,19 +110,19 @@ outcome program_module(const program_options &options, int fd, const last_words_
 
     client_endpoint endpoint;
     if (!endpoint.bound() || !endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY))
-        return no_endpoint_failure();
+        return no_answer(subject, no_endpoint_failure());
     const daemon_probe daemon(node);
     const request_answer answer = [&] {
         const interrupt_ends_process guard(fd, last_words(interrupted_before_answer(subject)));
         return send_request(endpoint, subject, options);
     }();
     if (!answer.answered)
-        return no_answer_failure(slot, answer.error);
+        return no_answer(subject, no_answer_failure(slot, answer.error));
     if (answer.status != BIOS_OK)
-        return report_refused(subject, node, answer.status);
+        return refused_result(subject, answer.status);
 
     progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
     const programming_end end =
         watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
-    return report_programming(subject, end);
+    return result_of(subject, end);
 }

@@ -6,12 +6,13 @@
 
 #include "outcome.h"
 #include "program_request.h"
+#include "programming_result.h"
 
 outcome run_program(const program_options &options, bool json);
 
 // What is printed when Ctrl-C ends the process while an answer is waited for.
-using last_words_text = std::function<std::string(const outcome &interrupted)>;
+using last_words_text = std::function<std::string(const programming_result &interrupted)>;
 
 // One of several programmings. REQUIRES: catch_interrupt was called.
 //   fd  where the last words go
-outcome program_module(const program_options &options, int fd, const last_words_text &last_words);
+programming_result program_module(const program_options &options, int fd, const last_words_text &last_words);

@@ -27,16 +27,16 @@ std::string left_out_text(unsigned serving_slot, unsigned module)
            " whatever module it is asked for";
 }
 
-void tell_ending(outcome &told, const std::vector<series_result> &results)
+void tell_ending(outcome &told, const std::vector<programming_result> &results)
 {
     if (told.exit == EXIT_NOTHING_TO_DO) {
         told.headline = "nothing to do";
         return;
     }
     std::string failed;
-    for (const series_result &result : results) {
-        if (!result.tried || (result.end.exit != EXIT_DONE && result.end.exit != EXIT_NOTHING_TO_DO))
-            failed += (failed.empty() ? "" : ", ") + std::to_string(result.module);
+    for (const programming_result &result : results) {
+        if (is_undone(result))
+            failed += (failed.empty() ? "" : ", ") + std::to_string(result.subject.asked_module);
     }
     if (!failed.empty()) {
         told.headline = "not all programmed: module " + failed;
@@ -60,7 +60,7 @@ supervisor_order order_of(unsigned active, const std::vector<unsigned> &standbys
 }
 
 outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
-                           const std::vector<series_result> &results)
+                           const std::vector<programming_result> &results)
 {
     outcome told{.exit = series_exit(results), .report = series_table(results)};
     tell_ending(told, results);
@@ -94,7 +94,7 @@ outcome run_program_all(const program_all_options &options, bool json)
         steps.push_back({.module = module});
 
     catch_interrupt();
-    const auto report = [&](const std::vector<series_result> &results) {
+    const auto report = [&](const std::vector<programming_result> &results) {
         return report_program_all(slot, order, results);
     };
     return report(run_series(

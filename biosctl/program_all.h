@@ -26,4 +26,4 @@ supervisor_order order_of(unsigned active, const std::vector<unsigned> &standbys
 
 // What is told at the end; a pure function of the results.
 outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
-                           const std::vector<series_result> &results);
+                           const std::vector<programming_result> &results);

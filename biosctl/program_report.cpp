@@ -1,186 +1,252 @@
-// The texts about the end of a programming. Result 0 alone is no success: a programming process that was killed,
-// an image that held nothing for this card and a flash instance that the card does not have end with it too.
 #include "program_report.h"
 
+#include <string>
+#include <vector>
+
 #include "bios_results.h"
+#include "lock_holders.h"
+#include "result_text.h"
 
 namespace
 {
 
 constexpr const char *VERIFIED = "programmed and verified";
 constexpr const char *CORRUPTED = "may be corrupted: do not reboot the card";
+constexpr const char *BEING_PROGRAMMED = "being programmed: do not reboot the card";
 
-std::string module_text(const program_subject &subject)
+// What is said of an ending, for people and for programs alike.
+struct explanation {
+    std::string headline = {};
+    std::vector<std::string> likely = {}; // reasons
+    std::string flash = {};               // its state; empty: nothing is said of it
+    std::string next = {};
+};
+
+std::string module_text(const programming_result &result)
 {
-    return "module " + std::to_string(subject.programmed_module);
+    return "module " + std::to_string(result.subject.programmed_module);
 }
 
-// How far the messages say it came; empty when none came.
-std::string seen_text(const programming_end &end)
+// How far the messages say it came.
+std::string seen_text(const programming_result &result)
 {
-    if (!end.progress.seen)
+    if (!result.progress.seen)
         return "no progress was reported";
-    return "last seen " + std::string(phase_text(end.progress.phase)) + " at " +
-           std::to_string(end.progress.percent) + "%, attempt " + std::to_string(end.progress.attempt);
+    return "last seen " + std::string(phase_text(result.progress.phase)) + " at " +
+           std::to_string(result.progress.percent) + "%, attempt " + std::to_string(result.progress.attempt);
 }
 
-nlohmann::ordered_json json_head(const program_subject &subject, const programming_end &end)
+explanation explain_verified(const programming_result &result)
 {
-    nlohmann::ordered_json json{{"command", "program"},
-                                {"module", subject.asked_module},
-                                {"programmed_module", subject.programmed_module},
-                                {"serving_slot", subject.serving_slot},
-                                {"verified", end.verified()},
-                                {"elapsed_s", end.elapsed_s}};
-    if (end.progress.seen) {
-        json["percent"] = end.progress.percent;
-        json["attempt"] = end.progress.attempt;
-    }
-    return json;
+    return {.headline = module_text(result) + ": " + VERIFIED + " (result " + code_text(BIOS_OK) + ", " +
+                        elapsed_text(result.elapsed_s.value_or(0)) + ")",
+            .flash = VERIFIED,
+            .next = "reboot the card for the new BIOS to take effect"};
 }
 
-outcome report_verified(const program_subject &subject, const programming_end &end)
+explanation explain_unverified(const programming_result &result)
 {
-    const std::string next = "reboot the card for the new BIOS to take effect";
-    outcome told{EXIT_DONE,
-                 module_text(subject) + ": " + VERIFIED + " (result " + code_text(BIOS_OK) + ", " +
-                     elapsed_text(end.elapsed_s) + ")",
-                 {{"next", next}},
-                 json_head(subject, end)};
-    told.json["outcome"] = VERIFIED;
-    told.json["result"] = code_text(BIOS_OK);
-    told.json["flash"] = VERIFIED;
-    told.json["next"] = next;
-    return told;
+    return {.headline = module_text(result) + ": not programmed: the programming ended with result " +
+                        code_text(BIOS_OK) + " before the flash was verified (" + seen_text(result) + ")",
+            .likely = {"the programming process was killed or ended early"},
+            .flash = CORRUPTED,
+            .next = "program the card again; reboot only after that has succeeded"};
 }
 
-// Result 0 and no verified flash, though work on the flash had begun.
-outcome report_unverified(const program_subject &subject, const programming_end &end)
+explanation explain_nothing_programmed(const programming_result &result)
 {
-    const std::string what = module_text(subject) + ": not programmed: the programming ended with result " +
-                             code_text(BIOS_OK) + " before the flash was verified (" + seen_text(end) + ")";
-    const std::string reason = "the programming process was killed or ended early";
-    const std::string next = "program the card again; reboot only after that has succeeded";
-    outcome told{
-        EXIT_FAILED, what, {{"likely", reason}, {"flash", CORRUPTED}, {"next", next}}, json_head(subject, end)};
-    told.json["outcome"] = "not verified";
-    told.json["result"] = code_text(BIOS_OK);
-    told.json["error"] = what;
-    told.json["likely_reasons"] = nlohmann::ordered_json::array({reason});
-    told.json["flash"] = CORRUPTED;
-    told.json["next"] = next;
-    return told;
-}
-
-// Result 0 and no progress at all.
-outcome report_nothing_programmed(const program_subject &subject, const programming_end &end)
-{
-    const std::string what = module_text(subject) + ": nothing was programmed (result " + code_text(BIOS_OK) +
-                             ", and no flash was reported as verified)";
-    const std::vector<std::string> reasons{
-        "the image, or the image tree, holds no BIOS for this type of card, or it could not be unpacked",
-        "the card has no flash instance of the number that --type gave",
-        "the programming process was killed before it reported progress",
-    };
-    const std::string flash = "not touched, unless the programming process was killed while it erased";
-    const std::string next = "look at the card's log and state before a reboot (chassis log " +
-                             std::to_string(subject.programmed_module) + ", chassis status)";
-    outcome told{.exit = EXIT_FAILED, .headline = what, .json = json_head(subject, end)};
-    for (const std::string &reason : reasons)
-        told.hints.push_back({"likely", reason});
-    told.hints.push_back({"flash", flash});
-    told.hints.push_back({"next", next});
-    told.json["outcome"] = "nothing was programmed";
-    told.json["result"] = code_text(BIOS_OK);
-    told.json["error"] = what;
-    told.json["likely_reasons"] = reasons;
-    told.json["flash"] = flash;
-    told.json["next"] = next;
-    return told;
+    return {.headline = module_text(result) + ": nothing was programmed (result " + code_text(BIOS_OK) +
+                        ", and no flash was reported as verified)",
+            .likely = {"the image, or the image tree, holds no BIOS for this type of card, or it could not be "
+                       "unpacked",
+                       "the card has no flash instance of the number that --type gave",
+                       "the programming process was killed before it reported progress"},
+            .flash = "not touched, unless the programming process was killed while it erased",
+            .next = "look at the card's log and state before a reboot (chassis log " +
+                    std::to_string(result.subject.programmed_module) + ", chassis status)"};
 }
 
 // The flash after a result other than 0. What the code says is about the last attempt; the progress tells whether
 // an attempt before it, or a step before it, had changed the flash already.
-std::string flash_after_failure(const result_description &result, const programming_end &end)
+std::string flash_after_failure(const result_description &described, const programming_result &result)
 {
-    if (end.verified())
+    if (result.progress.verified())
         return "programmed and verified before that; the new BIOS is in it";
-    const bool changed = end.progress.seen && (end.progress.percent > 0 || end.progress.attempt > 1);
-    return changed ? CORRUPTED : result.flash;
+    const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
+    return changed ? CORRUPTED : described.flash;
 }
 
-outcome report_failed(const program_subject &subject, const programming_end &end)
+explanation explain_by_code(const programming_result &result)
 {
-    const result_description result = describe_result(end.result);
-    const bool nothing_to_do = result.exit == EXIT_NOTHING_TO_DO;
-    const std::string what = module_text(subject) +
-                             (nothing_to_do ? ": nothing to do: " : ": programming failed: ") +
-                             code_text(end.result) + " (" + result.name + "): " + result.meaning;
-    const std::string flash = flash_after_failure(result, end);
-    outcome told{result.exit, what, {{"flash", flash}, {"next", result.next}}, json_head(subject, end)};
-    told.json["outcome"] = nothing_to_do ? "nothing to do" : "failed";
-    told.json.update(json_of(result));
-    told.json["error"] = what;
-    told.json["flash"] = flash;
-    return told;
+    const result_description described = describe_result(result.code);
+    const char *what =
+        result.ending == programming_ending::nothing_to_do ? ": nothing to do: " : ": programming failed: ";
+    return {.headline = module_text(result) + what + code_text(result.code) + " (" + described.name +
+                        "): " + described.meaning,
+            .flash = flash_after_failure(described, result),
+            .next = described.next};
 }
 
-outcome report_vanished(const program_subject &subject, const programming_end &end)
+explanation explain_daemon_ended(const programming_result &result)
 {
-    const std::string what = module_text(subject) + ": the daemon of slot " + std::to_string(subject.serving_slot) +
-                             " ended before it reported a result (" + seen_text(end) + ")";
-    const std::string flash = end.verified()      ? VERIFIED
-                              : end.progress.seen ? CORRUPTED
-                                                  : "unknown: do not reboot the card";
-    const std::string next =
-        end.verified() ? "look at the card's state (chassis status)"
-                       : "look at the card's state (chassis status), then program it again before a reboot";
-    outcome told{EXIT_FAILED, what, {{"flash", flash}, {"next", next}}, json_head(subject, end)};
-    told.json["outcome"] = "daemon ended";
-    told.json["error"] = what;
-    told.json["flash"] = flash;
-    told.json["next"] = next;
-    return told;
+    const char *left = result.progress.seen ? CORRUPTED : "unknown: do not reboot the card";
+    return {.headline = module_text(result) + ": the daemon of slot " +
+                        std::to_string(result.subject.serving_slot) + " ended before it reported a result (" +
+                        seen_text(result) + ")",
+            .flash = result.progress.verified() ? VERIFIED : left,
+            .next = result.progress.verified()
+                        ? "look at the card's state (chassis status)"
+                        : "look at the card's state (chassis status), then program it again before a reboot"};
 }
 
 // biosctl looks away and the card works on.
-outcome report_goes_on(const program_subject &subject, const programming_end &end, exit_code exit,
-                       const std::string &why)
+explanation explain_going_on(const programming_result &result)
 {
-    const std::string what =
-        module_text(subject) + ": " + why + "; the programming goes on in the card (" + seen_text(end) + ")";
-    const std::string next = "look at it again with: biosctl watch " + std::to_string(subject.programmed_module);
-    const std::string flash = "being programmed: do not reboot the card";
-    outcome told{exit, what, {{"flash", flash}, {"next", next}}, json_head(subject, end)};
-    told.json["outcome"] = "goes on";
-    told.json["error"] = what;
-    told.json["flash"] = flash;
-    told.json["next"] = next;
-    return told;
+    const char *why =
+        result.ending == programming_ending::interrupted ? "interrupted" : "no result within the time given";
+    return {.headline = module_text(result) + ": " + why + "; the programming goes on in the card (" +
+                        seen_text(result) + ")",
+            .flash = BEING_PROGRAMMED,
+            .next = "look at it again with: biosctl watch " + std::to_string(result.subject.programmed_module)};
 }
 
-outcome report_result(const program_subject &subject, const programming_end &end)
+explanation explain_other_version(const programming_result &result)
 {
-    if (end.result != BIOS_OK)
-        return report_failed(subject, end);
-    if (end.verified())
-        return report_verified(subject, end);
-    return end.progress.seen ? report_unverified(subject, end) : report_nothing_programmed(subject, end);
+    const version_check &version = *result.version;
+    return {.headline = module_text(result) + ": programmed and verified, but its flash " +
+                        (version.found.empty() ? "tells no version" : "holds " + version.found) + " and not " +
+                        version.expected + ", the version that ships for it",
+            .next = "compare the image trees of the supervisors (biosctl source --via SLOT)"};
+}
+
+bool is_explained_by_code(programming_ending ending)
+{
+    return ending == programming_ending::failed || ending == programming_ending::nothing_to_do;
+}
+
+// Of a programming that was watched.
+explanation explain(const programming_result &result)
+{
+    switch (result.ending) {
+    case programming_ending::verified:
+        return explain_verified(result);
+    case programming_ending::not_verified:
+        return explain_unverified(result);
+    case programming_ending::nothing_programmed:
+        return explain_nothing_programmed(result);
+    case programming_ending::daemon_ended:
+        return explain_daemon_ended(result);
+    case programming_ending::interrupted:
+    case programming_ending::timed_out:
+        return explain_going_on(result);
+    case programming_ending::other_version:
+        return explain_other_version(result);
+    default:
+        return explain_by_code(result);
+    }
+}
+
+outcome refused_outcome(const programming_result &result)
+{
+    outcome refused = failure_by_code(
+        module_text(result) + ": " + slot_text(result.subject.serving_slot) + " refused to program", result.code);
+    refused.json["outcome"] = ending_name(result.ending);
+    if (!result.lock)
+        return refused;
+    const std::string holder = holder_text(result.lock->holder);
+    refused.hints.push_back({"lock", "module " + std::to_string(result.lock->module) + " is " + holder});
+    refused.json["locked_module"] = result.lock->module;
+    refused.json["holder"] = holder;
+    return refused;
+}
+
+std::vector<hint> hints_of(const programming_result &result, const explanation &told)
+{
+    const bool is_in_headline = result.ending == programming_ending::verified;
+    std::vector<hint> hints;
+    for (const std::string &reason : told.likely)
+        hints.push_back({"likely", reason});
+    if (!told.flash.empty() && !is_in_headline)
+        hints.push_back({"flash", told.flash});
+    hints.push_back({"next", told.next});
+    return hints;
+}
+
+void add_watched_members(nlohmann::ordered_json &object, const programming_result &result)
+{
+    object["module"] = result.subject.asked_module;
+    object["programmed_module"] = result.subject.programmed_module;
+    object["serving_slot"] = result.subject.serving_slot;
+    object["verified"] = result.progress.verified();
+    object["elapsed_s"] = result.elapsed_s.value_or(0);
+    if (!result.progress.seen)
+        return;
+    object["percent"] = result.progress.percent;
+    object["attempt"] = result.progress.attempt;
+}
+
+void add_explanation(nlohmann::ordered_json &object, const programming_result &result, const explanation &told)
+{
+    if (is_explained_by_code(result.ending)) {
+        object.update(json_of(describe_result(result.code)));
+        object["flash"] = told.flash;
+        object["error"] = told.headline;
+        return;
+    }
+    if (result.has_code())
+        object["result"] = code_text(result.code);
+    if (result.ending != programming_ending::verified)
+        object["error"] = told.headline;
+    if (!told.likely.empty())
+        object["likely_reasons"] = told.likely;
+    object["flash"] = told.flash;
+    object["next"] = told.next;
+}
+
+void add_other_version(nlohmann::ordered_json &object, const programming_result &result, const explanation &told)
+{
+    object["error"] = told.headline;
+    object["next"] = told.next;
+    object["outcome"] = ending_name(result.ending);
+    add_watched_members(object, result);
+    object["result"] = code_text(result.code);
+    object["flash"] = VERIFIED;
+}
+
+void add_watched_programming(nlohmann::ordered_json &object, const programming_result &result)
+{
+    const explanation told = explain(result);
+    if (result.ending == programming_ending::other_version) {
+        add_other_version(object, result, told);
+    } else {
+        add_watched_members(object, result);
+        object["outcome"] = ending_name(result.ending);
+        add_explanation(object, result, told);
+    }
+    if (result.version)
+        object["flash_version"] = text_or_null(result.version->found);
 }
 
 } // namespace
 
-outcome report_programming(const program_subject &subject, const programming_end &end)
+outcome report_programming(const programming_result &result)
 {
-    switch (end.how) {
-    case watch_end::reported:
-        return report_result(subject, end);
-    case watch_end::vanished:
-        return report_vanished(subject, end);
-    case watch_end::interrupted:
-        return report_goes_on(subject, end, EXIT_INTERRUPTED, "interrupted");
-    case watch_end::timed_out:
-        break;
-    }
-    return report_goes_on(subject, end, EXIT_FAILED, "no result within the time given");
+    if (result.obstacle)
+        return *result.obstacle;
+    if (result.ending == programming_ending::refused)
+        return refused_outcome(result);
+    const explanation told = explain(result);
+    outcome end{exit_of(result), told.headline, hints_of(result, told), {{"command", "program"}}};
+    add_watched_programming(end.json, result);
+    return end;
+}
+
+void add_programming_members(nlohmann::ordered_json &object, const programming_result &result)
+{
+    if (result.obstacle)
+        object.update(result.obstacle->json);
+    else if (result.ending == programming_ending::refused)
+        object.update(refused_outcome(result).json);
+    else
+        add_watched_programming(object, result);
 }

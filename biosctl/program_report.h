@@ -1,16 +1,10 @@
-// What is told about a programming at its end.
+// A programming as text, and as JSON.
 #pragma once
 
-#include <string>
+#include "programming_result.h"
 
-#include "outcome.h"
-#include "program_wait.h"
+// The outcome of a command that has programmed this one module. REQUIRES: it was tried.
+outcome report_programming(const programming_result &result);
 
-// Whose flash was to be programmed by whom.
-struct program_subject {
-    unsigned asked_module = 0;      // as on the command line
-    unsigned programmed_module = 0; // the one that the serving daemon programs
-    unsigned serving_slot = 0;
-};
-
-outcome report_programming(const program_subject &subject, const programming_end &end);
+// Adds the members that tell of the programming; those that the object has already keep their places.
+void add_programming_members(nlohmann::ordered_json &object, const programming_result &result);

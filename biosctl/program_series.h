@@ -8,16 +8,11 @@
 
 #include "outcome.h"
 #include "program_request.h"
+#include "programming_result.h"
 
 struct series_step {
     unsigned module = 0;
     std::string expected_version = {}; // that the flash has to hold afterwards; empty: not looked at
-};
-
-struct series_result {
-    unsigned module = 0;
-    bool tried = false;
-    outcome end = {}; // when tried
 };
 
 struct series_options {
@@ -28,19 +23,17 @@ struct series_options {
     unsigned version_timeout_s = 0; // the longest wait for the version read afterwards
 };
 
-// What the whole command tells with the results so far; for Ctrl-C.
-using series_report = std::function<outcome(const std::vector<series_result> &results)>;
+// What the whole command reports with the results so far; for Ctrl-C.
+using series_report = std::function<outcome(const std::vector<programming_result> &results)>;
 
-// Programs in the order of the steps up to the first failure. Without json each end is told when it comes. The
+// Programs in the order of the steps up to the first failure. Without json each end is printed when it comes. The
 // result has every step. REQUIRES: catch_interrupt was called.
-std::vector<series_result> run_series(const std::vector<series_step> &steps, const series_options &options,
-                                      const series_report &report);
+std::vector<programming_result> run_series(const std::vector<series_step> &steps, const series_options &options,
+                                           const series_report &report);
 
 // Pure functions of results.
-std::string series_table(std::span<const series_result> results); // a line per module
-nlohmann::ordered_json series_json(std::span<const series_result> results);
+std::string series_table(std::span<const programming_result> results); // a line per module
+nlohmann::ordered_json series_json(std::span<const programming_result> results);
 // The worst of the results: interrupted, failed, not found, busy, in this order; done when any was programmed and
 // nothing to do when none had to be.
-exit_code series_exit(std::span<const series_result> results);
-// The end of a programming after which the flash was found to hold a version; empty: it could not be read.
-outcome with_version_check(outcome end, unsigned module, const std::string &expected, const std::string &found);
+exit_code series_exit(std::span<const programming_result> results);

@@ -25,9 +25,6 @@ struct programming_end {
     std::uint32_t result = 0; // when reported
     progress_state progress = {};
     unsigned elapsed_s = 0;
-
-    // The only proof that a flash holds the image: it was read back, compared and found equal.
-    bool verified() const { return progress.seen && progress.percent == 100; }
 };
 
 class programming_watch

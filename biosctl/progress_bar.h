@@ -12,6 +12,9 @@ struct progress_state {
     std::uint32_t phase = 0;
     std::uint32_t percent = 0; // 0..100, the highest that came
     std::uint32_t attempt = 0; // 0: not worth telling
+
+    // The only proof that a flash holds the image: it was read back, compared and found equal.
+    bool verified() const { return seen && percent == 100; }
 };
 
 // "erasing", "writing", "verifying"; "working" for a phase that is not known.

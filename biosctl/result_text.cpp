@@ -297,6 +297,12 @@ result_description describe_result(std::uint32_t code)
     return describe_unknown(code);
 }
 
+exit_code failure_exit(std::uint32_t code)
+{
+    const exit_code exit = describe_result(code).exit;
+    return exit != EXIT_DONE ? exit : EXIT_FAILED;
+}
+
 std::string slot_text(unsigned slot)
 {
     return "slot " + std::to_string(slot);

@@ -34,6 +34,9 @@ struct result_description {
 };
 result_description describe_result(std::uint32_t code);
 
+// How biosctl ends when this code was the answer to what it asked for. Result 0 alone proves nothing: EXIT_FAILED.
+exit_code failure_exit(std::uint32_t code);
+
 // "0x4071000a".
 std::string code_text(std::uint32_t code);
 

@@ -140,13 +140,14 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
         (void)std::printf("%s\n", fitted(plan_text(plan), STDOUT_FILENO).c_str());
         (void)std::fflush(stdout); // it comes before the progress where both streams are one
     }
-    const auto results = run_series(
-        steps,
-        {.serving_slot = of.serving_slot,
-         .keep_going = options.keep_going,
-         .json = json,
-         .version_timeout_s = options.timeout_s.value_or(VERSIONS_TIMEOUT_S)},
-        [&](const std::vector<series_result> &so_far) { return report_sync(of.serving_slot, plan, so_far, {}); });
+    const auto results = run_series(steps,
+                                    {.serving_slot = of.serving_slot,
+                                     .keep_going = options.keep_going,
+                                     .json = json,
+                                     .version_timeout_s = options.timeout_s.value_or(VERSIONS_TIMEOUT_S)},
+                                    [&](const std::vector<programming_result> &so_far) {
+                                        return report_sync(of.serving_slot, plan, so_far, {});
+                                    });
     if (series_exit(results) == EXIT_INTERRUPTED)
         return report_sync(of.serving_slot, plan, results, {});
     const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,
@@ -182,7 +183,7 @@ outcome report_plan(unsigned serving_slot, const std::vector<sync_step> &plan, b
 }
 
 outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
-                    const std::vector<series_result> &results, const sync_view &after)
+                    const std::vector<programming_result> &results, const sync_view &after)
 {
     const bool seen = !after.plan.empty();
     const bool in_step = seen && all_in_step(after.plan);

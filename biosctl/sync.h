@@ -30,4 +30,4 @@ struct sync_view {
 // What is told at the end; a pure function.
 //   after  how the cards are now
 outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
-                    const std::vector<series_result> &results, const sync_view &after);
+                    const std::vector<programming_result> &results, const sync_view &after);

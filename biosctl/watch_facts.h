@@ -21,14 +21,14 @@ struct watched_card {
 };
 
 // What the notice about the end of a programming says.
-struct programming_result {
+struct noticed_result {
     std::uint32_t code = 0;
     std::string time;              // UTC
     unsigned reported_by_slot = 0; // whose daemon has sent the notice
 
-    bool operator==(const programming_result &) const = default;
+    bool operator==(const noticed_result &) const = default;
 };
-using results_by_module = std::map<unsigned, programming_result>;
+using results_by_module = std::map<unsigned, noticed_result>;
 
 struct watch_facts {
     std::string now; // UTC, "2026-01-31T23:59:59Z"

@@ -210,7 +210,7 @@ nlohmann::ordered_json lock_json(const watched_lock &lock)
     return {{"slot", lock.slot}, {"pid", lock.pid}, {"reason", code_text(lock.reason)}, {"since", lock.since}};
 }
 
-nlohmann::ordered_json result_json(const programming_result &result)
+nlohmann::ordered_json result_json(const noticed_result &result)
 {
     return {{"result", code_text(result.code)},
             {"name", describe_result(result.code).name},

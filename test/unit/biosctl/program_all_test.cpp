@@ -12,9 +12,9 @@ namespace
 
 constexpr const char *NEW = "v3.5.0(09/17/12)";
 
-series_result ended(unsigned module, exit_code exit, const char *outcome_name)
+programming_result ended(exit_code exit)
 {
-    return {.module = module, .tried = true, .end = {.exit = exit, .json = {{"outcome", outcome_name}}}};
+    return no_answer({.asked_module = 1}, {.exit = exit});
 }
 
 // The supervisors are in the slots 27 (active) and 28 (standby).
@@ -185,10 +185,10 @@ TEST(SupervisorOrder, LeavesOutWhatTheActiveOneCannotProgram)
 TEST(SeriesExit, IsTheWorstOfTheModules)
 {
     const auto exit_of = [](std::vector<exit_code> exits) {
-        std::vector<series_result> results;
+        std::vector<programming_result> results;
         for (const exit_code exit : exits)
-            results.push_back(ended(1, exit, "x"));
-        results.push_back({.module = 2});
+            results.push_back(ended(exit));
+        results.push_back({});
         return series_exit(results);
     };
     EXPECT_EQ(exit_of({EXIT_DONE, EXIT_DONE}), EXIT_DONE);
@@ -198,20 +198,4 @@ TEST(SeriesExit, IsTheWorstOfTheModules)
     EXPECT_EQ(exit_of({EXIT_NOT_FOUND, EXIT_BUSY}), EXIT_NOT_FOUND);
     EXPECT_EQ(exit_of({EXIT_BUSY, EXIT_FAILED, EXIT_NOT_FOUND}), EXIT_FAILED);
     EXPECT_EQ(exit_of({EXIT_FAILED, EXIT_INTERRUPTED}), EXIT_INTERRUPTED);
-}
-
-TEST(VersionCheck, OnlyTheExpectedNumbersAreSuccess)
-{
-    const auto checked = [](const std::string &found) {
-        return with_version_check({.headline = "done", .json = {{"verified", true}}}, 5, NEW, found);
-    };
-    EXPECT_EQ(checked(NEW).exit, EXIT_DONE);
-    EXPECT_EQ(checked(NEW).headline, "done");
-    EXPECT_EQ(checked("v3.5.0(01/01/01)").exit, EXIT_DONE) << "dates are not compared";
-    for (const char *found : {"", "v3.4.0(09/17/12)", "v3.6.0(09/17/12)", "????"}) {
-        EXPECT_EQ(checked(found).exit, EXIT_FAILED) << found;
-        EXPECT_EQ(checked(found).json["outcome"], "other version");
-        EXPECT_EQ(checked(found).json["verified"], true);
-    }
-    EXPECT_TRUE(checked("").json["flash_version"].is_null());
 }

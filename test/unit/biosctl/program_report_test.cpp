@@ -25,7 +25,7 @@ bool tells(const outcome &end, const std::string &text)
 
 TEST(ProgramReport, SuccessNeedsResultZeroAndOneHundredPercent)
 {
-    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, 100));
+    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, 100)));
     EXPECT_EQ(end.exit, 0);
     EXPECT_TRUE(tells(end, "module 5: programmed and verified"));
     EXPECT_EQ(end.json["verified"], true);
@@ -34,7 +34,7 @@ TEST(ProgramReport, SuccessNeedsResultZeroAndOneHundredPercent)
 
 TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
 {
-    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, -1));
+    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, -1)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "nothing was programmed"));
     EXPECT_TRUE(tells(end, "likely: "));
@@ -45,7 +45,7 @@ TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
 TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
 {
     for (const int percent : {0, 1, 99}) {
-        const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0, percent));
+        const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, percent)));
         EXPECT_EQ(end.exit, 1) << percent;
         EXPECT_TRUE(tells(end, "not programmed")) << percent;
         EXPECT_TRUE(tells(end, "do not reboot")) << percent;
@@ -55,7 +55,7 @@ TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
 
 TEST(ProgramReport, AFailureTellsCodeMeaningFlashAndNextStep)
 {
-    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710009, 30));
+    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710009, 30)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "0x40710009 (erase_failed)"));
     EXPECT_TRUE(tells(end, "\n  flash: may be corrupted: do not reboot"));
@@ -66,41 +66,94 @@ TEST(ProgramReport, AFailureTellsCodeMeaningFlashAndNextStep)
 
 TEST(ProgramReport, AFailureAfterTheVerificationSaysThatTheFlashIsGood)
 {
-    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710004, 100));
+    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710004, 100)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "flash: programmed and verified before that"));
 }
 
 TEST(ProgramReport, AHarmlessCodeAfterAnAttemptThatChangedTheFlashWarnsAllTheSame)
 {
-    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::reported, 0x40710027, 30)), "do not reboot"));
-    EXPECT_FALSE(tells(report_programming(SUBJECT, ended(watch_end::reported, 0x40710027, 0)), "do not reboot"));
+    EXPECT_TRUE(
+        tells(report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710027, 30))), "do not reboot"));
+    EXPECT_FALSE(
+        tells(report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710027, 0))), "do not reboot"));
     programming_end second = ended(watch_end::reported, 0x40710027, 0);
     second.progress.attempt = 2;
-    EXPECT_TRUE(tells(report_programming(SUBJECT, second), "do not reboot"));
+    EXPECT_TRUE(tells(report_programming(result_of(SUBJECT, second)), "do not reboot"));
 }
 
 TEST(ProgramReport, NotNeededIsNothingToDo)
 {
-    const outcome end = report_programming(SUBJECT, ended(watch_end::reported, 0x40710001, -1));
+    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710001, -1)));
     EXPECT_EQ(end.exit, 2);
     EXPECT_TRUE(tells(end, "nothing to do"));
 }
 
 TEST(ProgramReport, ADaemonThatEndedLeavesTheFlashAsFarAsItWasSeen)
 {
-    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::vanished, 0, 40)), "may be corrupted"));
-    EXPECT_TRUE(tells(report_programming(SUBJECT, ended(watch_end::vanished, 0, -1)), "flash: unknown"));
-    const outcome verified = report_programming(SUBJECT, ended(watch_end::vanished, 0, 100));
+    EXPECT_TRUE(
+        tells(report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, 40))), "may be corrupted"));
+    EXPECT_TRUE(tells(report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, -1))), "flash: unknown"));
+    const outcome verified = report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, 100)));
     EXPECT_TRUE(tells(verified, "flash: programmed and verified"));
     EXPECT_EQ(verified.exit, 1);
 }
 
 TEST(ProgramReport, AnInterruptAndATimeLimitSayThatItGoesOn)
 {
-    const outcome interrupted = report_programming(SUBJECT, ended(watch_end::interrupted, 0, 40));
+    const outcome interrupted = report_programming(result_of(SUBJECT, ended(watch_end::interrupted, 0, 40)));
     EXPECT_EQ(interrupted.exit, 130);
     EXPECT_TRUE(tells(interrupted, "goes on in the card"));
     EXPECT_TRUE(tells(interrupted, "look at it again with: biosctl watch 5"));
-    EXPECT_EQ(report_programming(SUBJECT, ended(watch_end::timed_out, 0, 40)).exit, 1);
+    EXPECT_EQ(report_programming(result_of(SUBJECT, ended(watch_end::timed_out, 0, 40))).exit, 1);
+}
+
+TEST(ProgramReport, TextAndJsonSayTheSame)
+{
+    for (const watch_end how :
+         {watch_end::reported, watch_end::vanished, watch_end::interrupted, watch_end::timed_out}) {
+        for (const int percent : {-1, 40, 100}) {
+            const outcome end = report_programming(result_of(SUBJECT, ended(how, 0, percent)));
+            EXPECT_EQ(end.json["command"], "program");
+            EXPECT_EQ(end.json["next"], end.hints.back().text);
+            EXPECT_EQ(end.json.contains("error"), end.exit != EXIT_DONE);
+            EXPECT_EQ(end.json.value("error", end.headline), end.headline);
+        }
+    }
+}
+
+TEST(ProgramReport, ARefusalNamesTheHolderOfTheLock)
+{
+    programming_result refused{.subject = SUBJECT, .ending = programming_ending::refused, .code = 0x4071000a};
+    EXPECT_FALSE(tells(report_programming(refused), "lock: "));
+    refused.lock = lock_in_the_way{27, {27 * 256 + 1, 28, 41, 129, 0x4071000a, "2024-05-01T10:00:00Z"}};
+    const outcome end = report_programming(refused);
+    EXPECT_EQ(end.exit, EXIT_BUSY);
+    EXPECT_EQ(end.json["outcome"], "refused");
+    EXPECT_EQ(end.json["error"], "module 5: slot 27 refused to program");
+    EXPECT_EQ(end.json["locked_module"], 27);
+    EXPECT_TRUE(tells(end, "\n  lock: module 27 is held by slot 28, process 41")) << failure_text(end, false);
+}
+
+TEST(ProgramReport, AnotherVersionThanExpectedIsExplained)
+{
+    const programming_result verified = result_of(SUBJECT, ended(watch_end::reported, 0, 100));
+    const outcome end = report_programming(with_version(verified, {"v3.5.0(09/17/12)", "v3.4.0(09/17/12)"}));
+    EXPECT_EQ(end.exit, EXIT_FAILED);
+    EXPECT_TRUE(tells(end, "its flash holds v3.4.0(09/17/12) and not v3.5.0(09/17/12)"));
+    EXPECT_EQ(end.json["outcome"], "other version");
+    EXPECT_EQ(end.json["verified"], true);
+    EXPECT_EQ(end.json["flash_version"], "v3.4.0(09/17/12)");
+    EXPECT_TRUE(
+        report_programming(with_version(verified, {"v3.5.0(09/17/12)", ""})).json["flash_version"].is_null());
+}
+
+TEST(ProgramReport, WhatKeptItFromBeingAskedForIsReportedAsItIs)
+{
+    const outcome end = report_programming(no_answer(SUBJECT, failure(EXIT_NOT_FOUND, "no module", "look")));
+    EXPECT_EQ(end.exit, EXIT_NOT_FOUND);
+    EXPECT_EQ(end.headline, "no module");
+    nlohmann::ordered_json row{{"module", 5}};
+    add_programming_members(row, no_answer(SUBJECT, failure(EXIT_NOT_FOUND, "no module", "look")));
+    EXPECT_EQ(row.dump(), R"({"module":5,"error":"no module","next":"look"})");
 }

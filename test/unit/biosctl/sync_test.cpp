@@ -210,7 +210,7 @@ TEST_F(Sync, CtrlCWhileItProgramsEndsItAndTellsWhatWasDone)
 
 TEST(SyncReport, IsNoSuccessUnlessTheVersionsWereReadAgain)
 {
-    const std::vector<series_result> done{{.module = 1, .tried = true, .end = {.json = {{"outcome", "done"}}}}};
+    const std::vector<programming_result> done{{.ending = programming_ending::verified, .elapsed_s = 1}};
     EXPECT_EQ(report_sync(1, {{.module = 1}}, done, {}).exit, EXIT_FAILED);
     const sync_view in_step{.plan = {{.module = 1, .action = sync_action::in_step}}};
     EXPECT_EQ(report_sync(1, {{.module = 1}}, done, in_step).exit, EXIT_DONE);

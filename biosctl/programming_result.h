@@ -1,0 +1,78 @@
+// What came of a programming that was asked for. The commands that program pass it on; text and JSON are made of
+// it in program_report.h and program_series.h.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "chassis_module_lock.h"
+#include "outcome.h"
+#include "program_wait.h"
+
+// Whose flash was to be programmed by whom.
+struct program_subject {
+    unsigned asked_module = 0;      // as on the command line
+    unsigned programmed_module = 0; // the one that the serving daemon programs
+    unsigned serving_slot = 0;
+};
+
+enum class programming_ending {
+    not_tried, // a series ended before its turn
+    not_asked, // the request was not sent; obstacle says why
+    no_answer, // no daemon has taken the request; obstacle says why
+    refused,   // the daemon has answered the request with code
+    // It was accepted and watched:
+    verified,           // the only success: code 0, and the flash was read back and found equal to the image
+    not_verified,       // code 0, though the flash was not found equal after work on it had begun
+    nothing_programmed, // code 0, and no work on a flash was seen
+    nothing_to_do,      // code says that nothing had to be done
+    failed,             // code says why
+    daemon_ended,       // before it reported a code
+    interrupted,        // by Ctrl-C; the card works on
+    timed_out,          // the time given has passed; the card works on
+    other_version,      // verified, but the flash holds another version than the one expected
+};
+
+// As in tables and JSON.
+const char *ending_name(programming_ending ending);
+
+struct lock_in_the_way {
+    unsigned module = 0; // that is locked
+    chassis_module_lock_holder holder = {};
+};
+
+struct version_check {
+    std::string expected = {};
+    std::string found = {}; // empty: it could not be read
+};
+
+struct programming_result {
+    program_subject subject = {};
+    programming_ending ending = programming_ending::not_tried;
+    std::optional<outcome> obstacle = {};      // when not asked or not answered
+    std::uint32_t code = 0;                    // of an ending that has one
+    progress_state progress = {};              // of one that was watched
+    std::optional<unsigned> elapsed_s = {};    // none: it was not watched
+    std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
+    std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
+
+    bool tried() const { return ending != programming_ending::not_tried; }
+    bool has_code() const; // whether a daemon has given one
+};
+
+// How a programming has ended that was watched. Code 0 alone is no success: a programming process that was killed,
+// an image that held nothing for this card and a flash instance that the card does not have end with it too.
+programming_result result_of(const program_subject &subject, const programming_end &end);
+
+programming_result not_asked(const program_subject &subject, outcome why);
+programming_result no_answer(const program_subject &subject, outcome why);
+
+// The same programming after a look at the version in the flash. The dates of versions are not compared.
+programming_result with_version(programming_result result, version_check version);
+
+// How a command ends that has this to report. REQUIRES: it was tried.
+exit_code exit_of(const programming_result &result);
+
+// Neither programmed nor found without need: it was not tried, or has failed.
+bool is_undone(const programming_result &result);
