@@ -109,6 +109,14 @@ terminal_size size_of_terminal(int fd)
     return {size.ws_col != 0 ? size.ws_col : USUAL_SIZE.columns, size.ws_row != 0 ? size.ws_row : USUAL_SIZE.lines};
 }
 
+output_style style_of(int fd)
+{
+    output_style style{.colours = can_colour(fd)};
+    if (::isatty(fd) == 1)
+        style.columns = size_of_terminal(fd).columns;
+    return style;
+}
+
 std::string wrapped(const std::string &text, std::size_t columns)
 {
     std::istringstream lines(text);

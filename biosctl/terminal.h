@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 // Whether it is a terminal on which lines can be drawn over: one whose TERM is neither "dumb" nor missing.
@@ -21,6 +22,13 @@ std::string wrapped(const std::string &text, std::size_t columns);
 
 // Whether colours may be used: on a terminal on which can be drawn, unless NO_COLOR is set and not empty.
 bool can_colour(int fd);
+
+// How text is laid out that is printed to a descriptor.
+struct output_style {
+    std::optional<std::size_t> columns = {}; // of a terminal; none: lines are as long as they have to be
+    bool colours = false;
+};
+output_style style_of(int fd);
 
 // With escape sequences that colour what an operator looks for: what is well, what is to be done, what went wrong.
 std::string emphasised(const std::string &text);
