@@ -13,7 +13,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "serving_slot.h"
-#include "terminal.h"
+#include "text_report.h"
 
 namespace
 {
@@ -64,12 +64,22 @@ private:
     std::map<std::pair<unsigned, unsigned>, read_log> logs_;
 };
 
-std::string text_of(const std::vector<flash_event> &events, bool json, bool wide)
+std::string json_lines(const std::vector<flash_event> &events)
 {
-    std::string text;
+    std::string lines;
     for (const flash_event &event : events)
-        text += (json ? event_json(event).dump() : event_line(event, wide)) + "\n";
-    return json ? text : fitted(text, STDOUT_FILENO);
+        lines += event_json(event).dump() + "\n";
+    return lines;
+}
+
+// With the heading when the table is new.
+std::string table_lines(table &shown, const std::vector<flash_event> &events)
+{
+    for (const flash_event &event : events)
+        add_event(shown, event);
+    std::string lines = text_of({shown}, style_of(STDOUT_FILENO));
+    shown.go_on();
+    return lines;
 }
 
 void keep_last(std::vector<flash_event> &events, std::size_t count)
@@ -84,13 +94,11 @@ outcome print_events(const events_options &options, bool json)
     std::vector<flash_event> events = reader.take();
     const bool has_none = events.empty();
     keep_last(events, options.last.value_or(~0U));
-    const bool wide = needs_wide_lines(events);
     if (!json && has_none && !options.follow)
         return {.headline = "no events: no flash was programmed yet"};
-    if (!json && !put_text(STDOUT_FILENO, events_heading(wide) + "\n"))
-        return output_not_written(errno);
+    table shown = events_table();
     for (;;) {
-        if (!put_text(STDOUT_FILENO, text_of(events, json, wide)))
+        if (!put_text(STDOUT_FILENO, json ? json_lines(events) : table_lines(shown, events)))
             return output_not_written(errno);
         if (!options.follow || !wait_before_next(STDOUT_FILENO, LOOK_INTERVAL) || interrupted())
             return {};

@@ -9,7 +9,11 @@
 namespace
 {
 
-constexpr std::size_t SECONDS_TEXT_BYTES = 19; // "2026-01-31T23:59:59"
+constexpr std::size_t SECONDS_TEXT_BYTES = 19;               // "2026-01-31T23:59:59"
+constexpr std::size_t TIME_COLUMNS = SECONDS_TEXT_BYTES + 1; // with its "Z"
+constexpr std::size_t FLASH_COLUMNS = 7;                     // "primary"
+constexpr std::size_t EVENT_COLUMNS = 9;                     // "attempt 1"
+constexpr std::size_t TOOK_COLUMNS = 5;                      // "59:59"
 constexpr std::uint64_t KIB = 1024;
 constexpr std::uint64_t MIB = KIB * KIB;
 constexpr std::uint64_t SECOND_MS = 1000;
@@ -45,23 +49,24 @@ std::string event_text(const flash_event &event)
 std::string image_text(const flash_event &event)
 {
     if (!event.image_bytes)
-        return "-";
+        return {};
     return size_text(*event.image_bytes) + (event.version.empty() ? "" : " " + event.version);
 }
 
-std::string result_text(const flash_event &event)
+table_cell result_cell(const flash_event &event)
 {
     const std::uint32_t code = event.result.value_or(0);
-    return code_text(code) + " " + describe_result(code).name;
+    return {code_text(code) + " " + describe_result(code).name,
+            find_result(code) != nullptr ? text_meaning::none : text_meaning::wrong};
 }
 
-std::string what_came_of_it(const flash_event &event)
+table_cell what_came_of_it(const flash_event &event)
 {
     switch (event.kind) {
     case flash_event_kind::begun:
         return image_text(event);
     case flash_event_kind::attempt:
-        return "-";
+        return "";
     case flash_event_kind::erased:
         return std::to_string(event.sectors_erased.value_or(0)) + " erased";
     case flash_event_kind::verified:
@@ -70,22 +75,13 @@ std::string what_came_of_it(const flash_event &event)
     case flash_event_kind::equal:
         return "nothing to be changed";
     case flash_event_kind::cut_off:
-        return "marked: do not reboot";
+        return {"marked: do not reboot", text_meaning::wrong};
     case flash_event_kind::failed:
     case flash_event_kind::refused:
     case flash_event_kind::ended:
         break;
     }
-    return result_text(event);
-}
-
-std::string event_line(bool wide, const std::string &time, const std::string &slot, const std::string &flash,
-                       const std::string &event, const std::string &took, const std::string &result)
-{
-    char cells[256];
-    (void)std::snprintf(cells, sizeof cells, "%-20s  %-4s  %-*s  %-9s  %-5s  ", time.c_str(), slot.c_str(),
-                        wide ? 9 : 7, flash.c_str(), event.c_str(), took.c_str());
-    return cells + result;
+    return result_cell(event);
 }
 
 } // namespace
@@ -111,21 +107,21 @@ std::vector<flash_event> in_order(const std::vector<std::vector<flash_event>> &l
     return events;
 }
 
-std::string events_heading(bool wide)
+table events_table()
 {
-    return event_line(wide, "TIME", "SLOT", "FLASH", "EVENT", "TOOK", "RESULT");
+    return table({{"TIME", TIME_COLUMNS},
+                  {"SLOT"},
+                  {"FLASH", FLASH_COLUMNS},
+                  {"EVENT", EVENT_COLUMNS},
+                  {"TOOK", TOOK_COLUMNS},
+                  {"RESULT"}});
 }
 
-std::string event_line(const flash_event &event, bool wide)
+void add_event(table &events, const flash_event &event)
 {
-    return event_line(wide, event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
-                      flash_instance_name(event.instance), event_text(event),
-                      event.duration_ms ? duration_text(*event.duration_ms) : "-", what_came_of_it(event));
-}
-
-bool needs_wide_lines(std::span<const flash_event> events)
-{
-    return std::ranges::any_of(events, [](const flash_event &event) { return event.instance != 0; });
+    events.add({event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
+                flash_instance_name(event.instance), event_text(event),
+                event.duration_ms ? duration_text(*event.duration_ms) : "", what_came_of_it(event)});
 }
 
 nlohmann::ordered_json event_json(const flash_event &event)

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <map>
+#include <optional>
 #include <span>
 #include <sstream>
 #include <string>
@@ -71,17 +72,27 @@ outcome run(const CLI::App &command, const arguments &given, const runnable_verb
                    "run biosctl as the user that the chassis belongs to");
 }
 
+// Where the last column of a line of the parser's help begins; none when the line has but one.
+std::optional<std::size_t> last_column_of(const std::string &line)
+{
+    const std::size_t begin = std::min(line.find_first_not_of(' '), line.size());
+    const std::size_t gap = line.rfind("  ");
+    return gap != std::string::npos && gap > begin ? std::optional(gap + 2) : std::nullopt;
+}
+
 outcome help_text(const CLI::App &app, const CLI::Success &request)
 {
-    std::ostringstream text;
-    (void)app.exit(request, text, text);
-    std::string lines = text.str();
-    while (lines.ends_with('\n'))
-        lines.pop_back();
+    std::ostringstream printed;
+    (void)app.exit(request, printed, printed);
+    std::string text = printed.str();
+    while (text.ends_with('\n'))
+        text.pop_back();
     const bool version = dynamic_cast<const CLI::CallForVersion *>(&request) != nullptr;
-    return {.json = {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : lines}},
-            .report = lines,
-            .is_help = true};
+    outcome help{.json = {{version ? "version" : "help", version ? BIOS_DAEMON_VERSION : text}}};
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        help.report.push_back(text_line{line, last_column_of(line)});
+    return help;
 }
 
 // The first word where a command should stand; the parser only tells that there is none.

@@ -27,19 +27,19 @@ std::string labels_text(const metric_sample &sample)
 
 } // namespace
 
-std::string metrics_text(std::span<const metric_family> families)
+text_report metrics_text(std::span<const metric_family> families)
 {
-    std::string text;
+    text_report report;
     for (const metric_family &family : families) {
         if (family.samples.empty())
             continue;
         const std::string name = family.name;
-        text += (text.empty() ? "# HELP " : "\n# HELP ") + name + " " + escaped(family.help, false) + "\n# TYPE " +
-                name + " " + family.type;
+        report.push_back(text_line{"# HELP " + name + " " + escaped(family.help, false)});
+        report.push_back(text_line{"# TYPE " + name + " " + family.type});
         for (const metric_sample &sample : family.samples)
-            text += "\n" + name + sample.suffix + labels_text(sample) + " " + sample.value;
+            report.push_back(text_line{name + sample.suffix + labels_text(sample) + " " + sample.value});
     }
-    return text;
+    return report;
 }
 
 nlohmann::ordered_json metrics_json(std::span<const metric_family> families)

@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "text_report.h"
+
 struct metric_sample {
     std::vector<std::pair<std::string, std::string>> labels = {};
     std::string value = {};  // a number, or "+Inf"
@@ -22,7 +24,7 @@ struct metric_family {
     std::vector<metric_sample> samples = {};
 };
 
-// Each family with its HELP and TYPE, without the last newline; one without samples is left out.
-std::string metrics_text(std::span<const metric_family> families);
+// Each family with its HELP and TYPE; one without samples is left out.
+text_report metrics_text(std::span<const metric_family> families);
 
 nlohmann::ordered_json metrics_json(std::span<const metric_family> families);

@@ -56,16 +56,13 @@ std::string text_of(const outcome &end)
 
 void print_text(const outcome &end)
 {
-    const auto fit = end.is_help ? wrapped_for : fitted;
-    if (!end.report.empty())
-        (void)std::printf("%s\n", fit(end.report, STDOUT_FILENO).c_str());
+    print_report(end.report);
     if (end.headline.empty())
         return;
     if (end.exit == EXIT_DONE) {
         (void)std::printf("%s\n", fitted(text_of(end), STDOUT_FILENO).c_str());
         return;
     }
-    (void)std::fflush(stdout); // the report comes first where both streams are one
     (void)std::fputs(fitted(failure_text(end, false), STDERR_FILENO).c_str(), stderr);
 }
 
@@ -74,6 +71,12 @@ void print_text(const outcome &end)
 std::string failure_text(const outcome &end, bool json)
 {
     return json ? json_text(end) : "biosctl: " + text_of(end) + "\n";
+}
+
+void print_report(const text_report &report)
+{
+    (void)std::fputs(text_of(report, style_of(STDOUT_FILENO)).c_str(), stdout);
+    (void)std::fflush(stdout); // it comes first where both streams are one
 }
 
 int print_outcome(const outcome &end, bool json)

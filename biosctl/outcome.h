@@ -8,6 +8,7 @@
 
 #include "exit_codes.h"
 #include "result_text.h"
+#include "text_report.h"
 
 // A line below the headline: "next: reboot the card".
 struct hint {
@@ -20,8 +21,7 @@ struct outcome {
     std::string headline = {};        // for people: one line; empty when the command has printed all while it ran
     std::vector<hint> hints = {};     // for people: below the headline, in this order
     nlohmann::ordered_json json = {}; // for programs: an object; null when the command has printed all while it ran
-    std::string report = {};          // for people: lines on standard output, however the command ended
-    bool is_help = false;             // the report is about the program: nothing in it stands out
+    text_report report = {};          // for people: on standard output, however the command ended
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.
@@ -38,6 +38,9 @@ nlohmann::ordered_json text_or_null(const std::string &text);
 
 // What print_outcome prints for a failure, the last newline included.
 std::string failure_text(const outcome &end, bool json);
+
+// Prints a report on standard output, before whatever comes next on either stream.
+void print_report(const text_report &report);
 
 // Prints an outcome and gives its exit code. With json: one JSON object on standard output and nothing else.
 // Without: success on standard output, anything else on standard error.

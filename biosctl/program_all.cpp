@@ -62,14 +62,14 @@ supervisor_order order_of(unsigned active, const std::vector<unsigned> &standbys
 outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
                            const std::vector<programming_result> &results)
 {
-    outcome told{.exit = series_exit(results), .report = series_table(results)};
+    outcome told{.exit = series_exit(results), .report = {series_table(results)}};
     tell_ending(told, results);
     told.json = {{"command", "program all"},
                  {"serving_slot", serving_slot},
                  {"modules", series_json(results)},
                  {"left_out", order.left_out}};
     for (const unsigned module : order.left_out)
-        told.report += "\nnote: " + left_out_text(serving_slot, module);
+        told.report.push_back(text_line{"note: " + left_out_text(serving_slot, module)});
     if (told.exit != EXIT_DONE)
         told.json["error"] = told.headline;
     return told;

@@ -17,7 +17,8 @@
 namespace
 {
 
-constexpr std::size_t SUMMARY_LINE_BYTES = 96;
+constexpr std::size_t OUTCOME_COLUMNS = 24;
+constexpr std::size_t RESULT_COLUMNS = 10; // "0x40710009"
 
 // From the worst to the best; what is not in here is usage, which does not come from a programming.
 constexpr std::array BY_SEVERITY{EXIT_INTERRUPTED, EXIT_FAILED, EXIT_NOT_FOUND,
@@ -63,23 +64,30 @@ programming_result program_and_check(const series_step &step, const series_optio
         {step.expected_version, read_flash_version(options.serving_slot, step.module, options.version_timeout_s)});
 }
 
-std::string series_line(const std::string &module, const std::string &what, const std::string &result,
-                        const std::string &time)
+text_meaning meaning_of(programming_ending ending)
 {
-    char line[SUMMARY_LINE_BYTES];
-    (void)std::snprintf(line, sizeof line, "%-6s  %-24s  %-10s  %s", module.c_str(), what.c_str(), result.c_str(),
-                        time.c_str());
-    return line;
+    switch (ending) {
+    case programming_ending::verified:
+        return text_meaning::well;
+    case programming_ending::not_tried:
+    case programming_ending::nothing_to_do:
+        return text_meaning::none;
+    case programming_ending::interrupted:
+    case programming_ending::timed_out:
+        return text_meaning::to_do;
+    default:
+        return text_meaning::wrong;
+    }
 }
 
 std::string result_cell(const programming_result &result)
 {
-    return result.has_code() ? code_text(result.code) : "-";
+    return result.has_code() ? code_text(result.code) : "";
 }
 
 std::string time_cell(const programming_result &result)
 {
-    return result.elapsed_s ? elapsed_text(*result.elapsed_s) : "-";
+    return result.elapsed_s ? elapsed_text(*result.elapsed_s) : "";
 }
 
 } // namespace
@@ -107,13 +115,15 @@ std::vector<programming_result> run_series(const std::vector<series_step> &steps
     return results;
 }
 
-std::string series_table(std::span<const programming_result> results)
+table series_table(std::span<const programming_result> results)
 {
-    std::string text = series_line("MODULE", "OUTCOME", "RESULT", "TIME");
+    table rows({{"MODULE"}, {"OUTCOME", OUTCOME_COLUMNS}, {"RESULT", RESULT_COLUMNS}, {"TIME"}});
     for (const programming_result &result : results)
-        text += "\n" + series_line(std::to_string(result.subject.asked_module), ending_name(result.ending),
-                                   result_cell(result), time_cell(result));
-    return text;
+        rows.add({std::to_string(result.subject.asked_module),
+                  {ending_name(result.ending), meaning_of(result.ending)},
+                  result_cell(result),
+                  time_cell(result)});
+    return rows;
 }
 
 nlohmann::ordered_json series_json(std::span<const programming_result> results)

@@ -32,7 +32,7 @@ std::vector<programming_result> run_series(const std::vector<series_step> &steps
                                            const series_report &report);
 
 // Pure functions of results.
-std::string series_table(std::span<const programming_result> results); // a line per module
+table series_table(std::span<const programming_result> results); // a line per module
 nlohmann::ordered_json series_json(std::span<const programming_result> results);
 // The worst of the results: interrupted, failed, not found, busy, in this order; done when any was programmed and
 // nothing to do when none had to be.

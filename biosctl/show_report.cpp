@@ -1,7 +1,6 @@
 #include "show_report.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "card_groups.h"
 #include "inventory.h"
@@ -10,45 +9,7 @@
 namespace
 {
 
-// Columns of the table, gaps included where they follow a column. Versions of two digits need one more, which the
-// gap behind the slot gives.
-struct table_layout {
-    int slot_and_gap;
-    std::size_t version;
-};
-constexpr table_layout USUAL_LAYOUT = {.slot_and_gap = 6, .version = 16}; // "v3.5.0(09/17/12)"
-constexpr table_layout WIDE_LAYOUT = {.slot_and_gap = 5, .version = 17};  // "v10.5.0(09/17/12)"
-
-table_layout layout_for(const std::vector<card_report> &cards)
-{
-    for (const card_report &card : cards) {
-        for (const flash_report &flash : card.flashes) {
-            for (const std::string *text : {&flash.facts.source, &flash.facts.flash, &flash.facts.running}) {
-                if (text->size() > USUAL_LAYOUT.version)
-                    return WIDE_LAYOUT;
-            }
-        }
-    }
-    return USUAL_LAYOUT;
-}
-
-std::string cell(const std::string &text, const table_layout &layout)
-{
-    if (text.empty())
-        return "-";
-    return text.size() <= layout.version ? text : text.substr(0, layout.version - 1) + "~";
-}
-
-std::string table_line(const table_layout &layout, const std::string &slot, const std::string &source,
-                       const std::string &flash, const std::string &running, const std::string &judged)
-{
-    const int width = static_cast<int>(layout.version);
-    char line[SHOW_TABLE_COLUMNS + 1];
-    (void)std::snprintf(line, sizeof line, "%-*s%-*s  %-*s  %-*s  %s", layout.slot_and_gap, slot.c_str(), width,
-                        cell(source, layout).c_str(), width, cell(flash, layout).c_str(), width,
-                        cell(running, layout).c_str(), judged.c_str());
-    return line;
-}
+constexpr std::size_t VERSION_COLUMNS = 16; // "v3.5.0(09/17/12)"
 
 std::size_t count_of(const std::vector<card_report> &cards, verdict kind)
 {
@@ -70,24 +31,20 @@ std::string summary_text(const std::vector<card_report> &cards)
 }
 
 // What the verdicts that occur ask for; nothing about those that ask for nothing.
-std::string meanings_text(const std::vector<card_report> &cards)
+void tell_meanings(text_report &report, const std::vector<card_report> &cards)
 {
-    std::string text;
     for (const verdict_row &row : verdict_rows()) {
         if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
-            text += std::string("\n") + row.name + ": " + row.meaning;
+            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + row.advice});
     }
-    return text;
 }
 
-std::string reasons_text(const std::vector<card_report> &cards)
+void tell_reasons(text_report &report, const std::vector<card_report> &cards)
 {
-    std::string text;
     for (const card_report &card : cards) {
         for (const std::string &reason : card.reasons)
-            text += "\nslot " + std::to_string(card.module) + ": " + reason;
+            report.push_back(text_line{"slot " + std::to_string(card.module) + ": " + reason});
     }
-    return text;
 }
 
 std::string one_module_note(unsigned serving_slot)
@@ -110,16 +67,24 @@ nlohmann::ordered_json json_of_card(const card_report &card)
 
 } // namespace
 
-std::string version_table(const std::vector<card_report> &cards)
+table version_table(const std::vector<card_report> &cards)
 {
-    const table_layout layout = layout_for(cards);
-    std::string text = table_line(layout, "SLOT", "SOURCE", "FLASH", "RUNNING", "VERDICT");
+    table versions({{"SLOT"},
+                    {"SOURCE", VERSION_COLUMNS},
+                    {"FLASH", VERSION_COLUMNS},
+                    {"RUNNING", VERSION_COLUMNS},
+                    {"VERDICT"}});
     for (const card_report &card : cards) {
-        for (const flash_report &flash : card.flashes)
-            text += "\n" + table_line(layout, std::to_string(card.module), flash.facts.source, flash.facts.flash,
-                                      flash.facts.running, verdict_name(flash.kind));
+        for (const flash_report &flash : card.flashes) {
+            const verdict_row &judged = row_of(flash.kind);
+            versions.add({std::to_string(card.module),
+                          flash.facts.source,
+                          flash.facts.flash,
+                          flash.facts.running,
+                          {judged.name, judged.meaning}});
+        }
     }
-    return text;
+    return versions;
 }
 
 nlohmann::ordered_json json_of_cards(const std::vector<card_report> &cards)
@@ -138,11 +103,13 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
     const std::size_t in_step = count_of(versions.cards, verdict::in_step);
 
     outcome told;
-    told.report = version_table(versions.cards) + meanings_text(versions.cards) + reasons_text(versions.cards);
+    told.report = {version_table(versions.cards)};
+    tell_meanings(told.report, versions.cards);
+    tell_reasons(told.report, versions.cards);
     nlohmann::ordered_json notes = nlohmann::ordered_json::array();
     if (serving_tells_one_module) {
         notes.push_back(one_module_note(versions.serving_slot));
-        told.report += "\nnote: " + one_module_note(versions.serving_slot);
+        told.report.push_back(text_line{"note: " + one_module_note(versions.serving_slot)});
     }
     told.json = {{"command", kind == show_kind::audit ? "audit" : "show"},
                  {"serving_slot", versions.serving_slot},

@@ -9,10 +9,8 @@ enum class show_kind {
     audit, // fails when any flash is not in step
 };
 
-constexpr std::size_t SHOW_TABLE_COLUMNS = 80; // no line of the table is longer
-
-// A line per flash. A version that does not fit is cut and ends with '~'; one that could not be read is '-'.
-std::string version_table(const std::vector<card_report> &cards);
+// A line per flash.
+table version_table(const std::vector<card_report> &cards);
 
 // An element for each card: module, flashes with their versions and verdicts, reasons.
 nlohmann::ordered_json json_of_cards(const std::vector<card_report> &cards);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <poll.h>
 #include <unistd.h>
 
@@ -26,6 +25,8 @@ using steady = std::chrono::steady_clock;
 
 constexpr unsigned UNPACKING_TIMEOUT_S = 300; // a system image is unpacked twice, with pauses
 constexpr int REDRAW_MS = 1000;
+constexpr std::size_t LABEL_COLUMNS = 16;
+constexpr std::size_t VERSION_COLUMNS = 24;
 constexpr std::string_view BOOTFLASH_SCHEME = "bootflash:";
 
 std::string image_text(const source_options &options)
@@ -95,18 +96,12 @@ outcome report_locked(unsigned slot, bool readable)
                    readable ? "ask again when it has ended" : "check that the chassis directory is yours");
 }
 
-std::string version_lines(const std::vector<source_version> &entries)
+table version_table(const std::vector<source_version> &entries)
 {
-    char line[400];
-    (void)std::snprintf(line, sizeof line, "%-16s  %-24s  %s", "FLASH", "VERSION", "FORMAT");
-    std::string text = line;
-    for (const source_version &entry : entries) {
-        (void)std::snprintf(line, sizeof line, "%-16s  %-24s  %s", entry.label.c_str(),
-                            entry.version.empty() ? "-" : entry.version.c_str(),
-                            image_format_text(entry.image_format).c_str());
-        text += std::string("\n") + line;
-    }
-    return text;
+    table versions({{"FLASH", LABEL_COLUMNS}, {"VERSION", VERSION_COLUMNS}, {"FORMAT"}});
+    for (const source_version &entry : entries)
+        versions.add({entry.label, entry.version, image_format_text(entry.image_format)});
+    return versions;
 }
 
 } // namespace
@@ -145,7 +140,7 @@ outcome report_source(const source_options &options, unsigned slot, const source
         told = report_no_versions(options, slot);
     // What was read before a failure is told all the same.
     if (!answer.entries.empty())
-        told.report = version_lines(answer.entries);
+        told.report = {version_table(answer.entries)};
     told.json["command"] = "source";
     told.json["serving_slot"] = slot;
     told.json["image"] = image_text(options);

@@ -1,7 +1,6 @@
 #include "sync.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <unistd.h>
 
 #include "card_groups.h"
@@ -10,7 +9,6 @@
 #include "lock_holders.h"
 #include "serving_slot.h"
 #include "show_report.h"
-#include "terminal.h"
 
 namespace
 {
@@ -136,10 +134,8 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
         if (has_to_be_programmed(step.action))
             steps.push_back({step.module, step.shipped});
     }
-    if (!json) {
-        (void)std::printf("%s\n", fitted(plan_text(plan), STDOUT_FILENO).c_str());
-        (void)std::fflush(stdout); // it comes before the progress where both streams are one
-    }
+    if (!json)
+        print_report(plan_text(plan));
     const auto results = run_series(steps,
                                     {.serving_slot = of.serving_slot,
                                      .keep_going = options.keep_going,
@@ -188,9 +184,9 @@ outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
     const bool seen = !after.plan.empty();
     const bool in_step = seen && all_in_step(after.plan);
     outcome told{.exit = series_exit(results), .json = json_head(serving_slot, plan, false)};
-    told.report = series_table(results);
+    told.report = {series_table(results)};
     if (seen)
-        told.report += "\n" + version_table(after.cards);
+        told.report.push_back(version_table(after.cards));
     if (told.exit == EXIT_DONE || told.exit == EXIT_NOTHING_TO_DO)
         told.exit = in_step ? EXIT_DONE : EXIT_FAILED;
     if (!seen)

@@ -1,7 +1,7 @@
 #include "sync_plan.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <utility>
 
 namespace
 {
@@ -9,24 +9,24 @@ namespace
 struct action_row {
     sync_action action;
     const char *text;
+    text_meaning meaning;
 };
 
 // From what matters least about a card with several flashes to what decides about it.
 constexpr action_row ROWS[] = {
-    {sync_action::in_step, "none: in step"},
-    {sync_action::reboot_pending, "none: reboot pending"},
-    {sync_action::program_newer, "program: update"},
-    {sync_action::program_older, "program: older"},
-    {sync_action::program_no_version, "program: flash has no version"},
-    {sync_action::left_newer, "left: newer than shipped"},
-    {sync_action::left_no_way, "left: no way to bring an image"},
-    {sync_action::left_unknown, "left: unknown"},
-    {sync_action::left_unreachable, "left: unreachable"},
-    {sync_action::left_busy, "left: being programmed"},
+    {sync_action::in_step, "none: in step", text_meaning::well},
+    {sync_action::reboot_pending, "none: reboot pending", text_meaning::to_do},
+    {sync_action::program_newer, "program: update", text_meaning::to_do},
+    {sync_action::program_older, "program: older", text_meaning::to_do},
+    {sync_action::program_no_version, "program: flash has no version", text_meaning::to_do},
+    {sync_action::left_newer, "left: newer than shipped", text_meaning::to_do},
+    {sync_action::left_no_way, "left: no way to bring an image", text_meaning::wrong},
+    {sync_action::left_unknown, "left: unknown", text_meaning::wrong},
+    {sync_action::left_unreachable, "left: unreachable", text_meaning::wrong},
+    {sync_action::left_busy, "left: being programmed", text_meaning::to_do},
 };
 
 constexpr std::size_t VERSION_COLUMNS = 17; // "v10.5.0(09/17/12)"
-constexpr std::size_t PLAN_LINE_BYTES = 81; // a line of a terminal
 
 bool is_told(const flash_report &flash)
 {
@@ -95,23 +95,6 @@ sync_step plan_card(const sync_card &card, const sync_card *active, const sync_r
     return step;
 }
 
-std::string cell(const std::string &text)
-{
-    if (text.empty())
-        return "-";
-    return text.size() <= VERSION_COLUMNS ? text : text.substr(0, VERSION_COLUMNS - 1) + "~";
-}
-
-std::string plan_line(const std::string &module, const std::string &flash, const std::string &shipped,
-                      const std::string &action)
-{
-    const int width = VERSION_COLUMNS;
-    char line[PLAN_LINE_BYTES];
-    (void)std::snprintf(line, sizeof line, "%-6s  %-*s  %-*s  %s", module.c_str(), width, flash.c_str(), width,
-                        shipped.c_str(), action.c_str());
-    return line;
-}
-
 } // namespace
 
 bool has_to_be_programmed(sync_action action)
@@ -143,17 +126,20 @@ const char *action_text(sync_action action)
     return ROWS[static_cast<std::size_t>(action)].text;
 }
 
-std::string plan_text(std::span<const sync_step> plan)
+text_report plan_text(std::span<const sync_step> plan)
 {
-    std::string text = plan_line("MODULE", "FLASH", "SHIPPED", "ACTION");
+    table steps({{"MODULE"}, {"FLASH", VERSION_COLUMNS}, {"SHIPPED", VERSION_COLUMNS}, {"ACTION"}});
     for (const sync_step &step : plan)
-        text += "\n" + plan_line(std::to_string(step.module), cell(step.flash), cell(step.shipped),
-                                 action_text(step.action));
+        steps.add({std::to_string(step.module),
+                   step.flash,
+                   step.shipped,
+                   {action_text(step.action), ROWS[static_cast<std::size_t>(step.action)].meaning}});
+    text_report report{std::move(steps)};
     for (const sync_step &step : plan) {
         for (const std::string &reason : step.reasons)
-            text += "\nmodule " + std::to_string(step.module) + ": " + reason;
+            report.push_back(text_line{"module " + std::to_string(step.module) + ": " + reason});
     }
-    return text;
+    return report;
 }
 
 nlohmann::ordered_json plan_json(std::span<const sync_step> plan)

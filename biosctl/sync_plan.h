@@ -9,6 +9,7 @@
 
 #include "card_versions.h"
 #include "outcome.h"
+#include "text_report.h"
 
 enum class sync_action {
     in_step,
@@ -52,5 +53,5 @@ struct sync_step {
 std::vector<sync_step> plan_sync(std::vector<sync_card> cards, const sync_rules &rules);
 
 const char *action_text(sync_action action);
-std::string plan_text(std::span<const sync_step> plan); // a table and, below, why cards are left as they are
+text_report plan_text(std::span<const sync_step> plan); // a table and, below, why cards are left as they are
 nlohmann::ordered_json plan_json(std::span<const sync_step> plan);

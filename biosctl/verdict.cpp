@@ -9,13 +9,14 @@ namespace
 constexpr std::size_t NUMBER_DIGITS_MAX = 4; // as in the daemon
 
 constexpr verdict_row ROWS[] = {
-    {verdict::being_programmed, "being programmed", "do not reboot the card"},
-    {verdict::unreachable, "unreachable", "look at the card: chassis log SLOT, chassis status"},
-    {verdict::reboot_pending, "reboot pending", "the flash's version runs after a reboot"},
-    {verdict::update_available, "update available", "next: biosctl program SLOT"},
-    {verdict::newer_than_shipped, "newer than shipped", "the image is older than the flash"},
-    {verdict::in_step, "in step", "nothing to do"},
-    {verdict::unknown, "unknown", "a version could not be read"},
+    {verdict::being_programmed, "being programmed", text_meaning::to_do, "do not reboot the card"},
+    {verdict::unreachable, "unreachable", text_meaning::wrong,
+     "look at the card: chassis log SLOT, chassis status"},
+    {verdict::reboot_pending, "reboot pending", text_meaning::to_do, "the flash's version runs after a reboot"},
+    {verdict::update_available, "update available", text_meaning::to_do, "next: biosctl program SLOT"},
+    {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, "the image is older than the flash"},
+    {verdict::in_step, "in step", text_meaning::well, "nothing to do"},
+    {verdict::unknown, "unknown", text_meaning::wrong, "a version could not be read"},
 };
 
 // Takes a number and the character behind it from the front of the text.
@@ -78,7 +79,12 @@ std::span<const verdict_row> verdict_rows()
     return ROWS;
 }
 
+const verdict_row &row_of(verdict kind)
+{
+    return ROWS[static_cast<std::size_t>(kind)];
+}
+
 const char *verdict_name(verdict kind)
 {
-    return ROWS[static_cast<std::size_t>(kind)].name;
+    return row_of(kind).name;
 }

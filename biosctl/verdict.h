@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 
+#include "styled_text.h"
+
 // "v3.5.0(09/17/12)". Two builds may have the same numbers and differ in the date.
 struct bios_version {
     std::array<unsigned, 3> number; // major, minor, patch
@@ -50,10 +52,12 @@ verdict judge(const version_facts &facts);
 
 struct verdict_row {
     verdict kind;
-    const char *name;    // as in tables and JSON
-    const char *meaning; // what it means and what to do next; one line of a terminal together with the name
+    const char *name; // as in tables and JSON
+    text_meaning meaning;
+    const char *advice; // what it means and what to do next; one line of a terminal together with the name
 };
 
 // All rows in the order of the enumeration.
 std::span<const verdict_row> verdict_rows();
+const verdict_row &row_of(verdict kind);
 const char *verdict_name(verdict kind);

@@ -47,12 +47,9 @@ std::string json_line(const watch_snapshot &snapshot)
     return watch_json(snapshot).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
-std::string block_of(const std::vector<std::string> &lines)
+std::string shown_line(const styled_text &line, int fd)
 {
-    std::string text;
-    for (const std::string &line : lines)
-        text += line + "\n";
-    return text;
+    return can_colour(fd) ? line.coloured() : line.plain();
 }
 
 class watch_screen
@@ -97,12 +94,12 @@ bool watch_screen::draw(const watch_snapshot &snapshot)
     // After a stop the shell has written below, and another width has wrapped what stood there.
     if (continued.exchange(false) || space.columns != drawn_columns_)
         drawn_lines_ = 0;
-    const std::vector<std::string> lines = watch_lines(snapshot, space);
+    const std::vector<styled_text> lines = watch_lines(snapshot, space);
     std::string text = HIDE_CURSOR;
     if (drawn_lines_ > 0)
         text += "\r\033[" + std::to_string(drawn_lines_) + "A";
-    for (const std::string &line : lines)
-        text += coloured(line, fd_) + CLEAR_LINE_END + "\n";
+    for (const styled_text &line : lines)
+        text += shown_line(line, fd_) + CLEAR_LINE_END + "\n";
     text += std::string(CLEAR_BELOW) + SHOW_CURSOR;
     drawn_lines_ = lines.size();
     drawn_columns_ = space.columns;
@@ -121,9 +118,10 @@ std::string watch_screen::text_of(const watch_snapshot &snapshot) const
     std::optional<watch_space> space;
     if (::isatty(fd_) == 1)
         space = {size_of_terminal(fd_).columns, ~0U}; // as long as it has to be
-    if (!shown_)
-        return coloured(block_of(watch_lines(snapshot, space)), fd_);
-    return "\n" + coloured(block_of(watch_lines(changed_rows(*shown_, snapshot), space)), fd_);
+    std::string text = shown_ ? "\n" : "";
+    for (const styled_text &line : watch_lines(shown_ ? changed_rows(*shown_, snapshot) : snapshot, space))
+        text += shown_line(line, fd_) + "\n";
+    return text;
 }
 
 outcome watch(const watch_options &options, const std::vector<unsigned> &modules, watch_screen &screen)

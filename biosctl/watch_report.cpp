@@ -1,11 +1,11 @@
 #include "watch_report.h"
 
 #include <algorithm>
-#include <array>
 
 #include "bios_results.h"
 #include "progress_bar.h"
 #include "result_text.h"
+#include "table.h"
 
 namespace
 {
@@ -18,13 +18,8 @@ enum class wording {
 };
 constexpr wording WORDINGS[] = {wording::full, wording::usual, wording::compact, wording::tight};
 
-constexpr const char *GAP = "  ";
-constexpr std::size_t ROLE_COLUMN = 1;
-using line_of_cells = std::array<std::string, 6>;
-constexpr const char *NOTHING = "-";
 constexpr const char *NOT_VERIFIED = "not verified: do not reboot";
-constexpr const char *NOT_VERIFIED_REMARK =
-    "not verified: do not reboot the card; program it again: biosctl program SLOT";
+constexpr const char *NOT_VERIFIED_ADVICE = " the card; program it again: biosctl program SLOT";
 constexpr const char *LOCKS_REMARK = "the module locks could not be read: what is locked is not known";
 
 const char *flash_name(unsigned instance)
@@ -45,7 +40,21 @@ std::string time_cell(const std::string &time, const std::string &now, wording w
     return today ? time.substr(DATE_BYTES + 1, shown) : time.substr(0, DATE_BYTES);
 }
 
-std::string state_cell(const watch_row &row, wording words)
+text_meaning meaning_of(watch_state state)
+{
+    switch (state) {
+    case watch_state::being_programmed:
+        return text_meaning::to_do;
+    case watch_state::not_verified:
+    case watch_state::no_daemon:
+    case watch_state::unconfirmed:
+        return text_meaning::wrong;
+    default:
+        return text_meaning::none;
+    }
+}
+
+std::string state_text(const watch_row &row, wording words)
 {
     switch (row.state) {
     case watch_state::not_verified:
@@ -61,7 +70,7 @@ std::string state_cell(const watch_row &row, wording words)
 std::string progress_cell(const watch_row &row, wording words)
 {
     if (!row.progress)
-        return row.state == watch_state::being_programmed ? "no flash work" : NOTHING;
+        return row.state == watch_state::being_programmed ? "no flash work" : "";
     const watched_progress &progress = *row.progress;
     const bool brief = words >= wording::compact;
     std::string text = std::to_string(progress.percent) + "% " + phase_text(progress.phase);
@@ -89,7 +98,7 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
     if (!snapshot.locks_readable)
         return "?";
     if (!row.lock)
-        return NOTHING;
+        return {};
     if (row.lock->since.empty())
         return "being taken";
     const std::string who = row.lock->slot == 0 ? "a tool" : slot_text(row.lock->slot);
@@ -99,79 +108,66 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
     return who + (words == wording::full ? ", " + reason_text(row.lock->reason) + "," : "") + " since " + since;
 }
 
-std::string result_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
+table_cell result_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
 {
     if (!row.result)
-        return NOTHING;
+        return "";
     const std::string name = words >= wording::compact ? "" : describe_result(row.result->code).name + " ";
-    return code_text(row.result->code) + " " + name + time_cell(row.result->time, snapshot.time, words);
+    return {code_text(row.result->code) + " " + name + time_cell(row.result->time, snapshot.time, words),
+            find_result(row.result->code) != nullptr ? text_meaning::none : text_meaning::wrong};
 }
 
-std::vector<line_of_cells> table_of(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
-                                    wording words)
+table table_of(const watch_snapshot &snapshot, const std::vector<watch_row> &rows, wording words)
 {
-    std::vector<line_of_cells> table = {{"SLOT", "ROLE", "STATE", "PROGRESS", "LOCK", "LAST RESULT"}};
-    for (const watch_row &row : rows)
-        table.push_back({std::to_string(row.slot), row.role, state_cell(row, words), progress_cell(row, words),
-                         lock_cell(snapshot, row, words), result_cell(snapshot, row, words)});
-    return table;
-}
-
-std::vector<std::string> lines_of(const std::vector<line_of_cells> &table, wording words)
-{
-    std::array<std::size_t, std::tuple_size_v<line_of_cells>> width{};
-    for (const line_of_cells &cells : table) {
-        for (std::size_t column = 0; column < cells.size(); ++column)
-            width[column] = std::max(width[column], cells[column].size());
+    const bool has_roles = words != wording::tight;
+    std::vector<table_column> columns{{"SLOT"}, {"STATE"}, {"PROGRESS"}, {"LOCK"}, {"LAST RESULT"}};
+    if (has_roles)
+        columns.insert(columns.begin() + 1, {"ROLE"});
+    table cards(std::move(columns));
+    for (const watch_row &row : rows) {
+        std::vector<table_cell> cells{std::to_string(row.slot),
+                                      {state_text(row, words), meaning_of(row.state)},
+                                      progress_cell(row, words),
+                                      lock_cell(snapshot, row, words),
+                                      result_cell(snapshot, row, words)};
+        if (has_roles)
+            cells.insert(cells.begin() + 1, row.role);
+        cards.add(std::move(cells));
     }
-    std::vector<std::string> lines;
-    for (const line_of_cells &cells : table) {
-        std::string line;
-        for (std::size_t column = 0; column < cells.size(); ++column) {
-            if (words == wording::tight && column == ROLE_COLUMN)
-                continue;
-            line += cells[column];
-            if (column + 1 < cells.size())
-                line += std::string(width[column] - cells[column].size(), ' ') + GAP;
-        }
-        lines.push_back(std::move(line));
-    }
-    return lines;
+    return cards;
 }
 
-bool fits(const std::vector<std::string> &lines, std::size_t room)
+bool fits(const std::vector<styled_text> &lines, std::size_t room)
 {
-    return std::all_of(lines.begin(), lines.end(), [room](const std::string &line) { return line.size() <= room; });
+    return std::ranges::all_of(lines, [room](const styled_text &line) { return line.size() <= room; });
 }
 
-void cut(std::string &line, std::size_t room)
+void cut(styled_text &line, std::size_t room)
 {
     if (line.size() <= room)
         return;
-    line.resize(room);
-    if (room > 0)
-        line.back() = '~';
+    line = room > 0 ? line.part(0, room - 1) + "~" : styled_text();
 }
 
 // In the most words that fit.
-std::vector<std::string> table_lines(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
+std::vector<styled_text> table_lines(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
                                      std::optional<watch_space> space)
 {
-    std::vector<std::string> lines;
+    std::vector<styled_text> lines;
     for (const wording words : WORDINGS) {
-        lines = lines_of(table_of(snapshot, rows, words), words);
+        lines = table_of(snapshot, rows, words).lines(std::nullopt);
         if (!space || fits(lines, space->columns - 1))
             break;
     }
     return lines;
 }
 
-std::vector<std::string> remarks_of(const watch_snapshot &snapshot)
+std::vector<styled_text> remarks_of(const watch_snapshot &snapshot)
 {
-    std::vector<std::string> remarks;
+    std::vector<styled_text> remarks;
     if (std::any_of(snapshot.rows.begin(), snapshot.rows.end(),
                     [](const watch_row &row) { return row.state == watch_state::not_verified; }))
-        remarks.emplace_back(NOT_VERIFIED_REMARK);
+        remarks.push_back(styled_text(NOT_VERIFIED, text_meaning::wrong) + NOT_VERIFIED_ADVICE);
     if (!snapshot.locks_readable)
         remarks.emplace_back(LOCKS_REMARK);
     return remarks;
@@ -245,27 +241,27 @@ nlohmann::ordered_json row_json(const watch_row &row)
 
 } // namespace
 
-std::vector<std::string> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space)
+std::vector<styled_text> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space)
 {
     constexpr std::size_t OTHER_LINES = 4; // heading, table's head, the number of cards left out, the cursor's line
     if (space && space->columns == 0)
         space->columns = 1;
-    const std::vector<std::string> remarks = remarks_of(snapshot);
+    const std::vector<styled_text> remarks = remarks_of(snapshot);
     std::vector<watch_row> rows = snapshot.rows;
     std::size_t left_out = 0;
     if (space) {
         const std::size_t taken = OTHER_LINES + remarks.size();
         left_out = leave_out(rows, space->lines > taken ? space->lines - taken : 1);
     }
-    std::vector<std::string> lines{snapshot.time};
-    const std::vector<std::string> table = table_lines(snapshot, rows, space);
+    std::vector<styled_text> lines{snapshot.time};
+    const std::vector<styled_text> table = table_lines(snapshot, rows, space);
     lines.insert(lines.end(), table.begin(), table.end());
     if (left_out > 0)
-        lines.push_back("and " + std::to_string(left_out) + " more cards");
+        lines.emplace_back("and " + std::to_string(left_out) + " more cards");
     lines.insert(lines.end(), remarks.begin(), remarks.end());
     if (space) {
         lines.resize(std::min<std::size_t>(lines.size(), std::max(space->lines, 2U) - 1));
-        for (std::string &line : lines)
+        for (styled_text &line : lines)
             cut(line, space->columns - 1);
     }
     return lines;

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "styled_text.h"
 #include "watch_snapshot.h"
 
 struct watch_space {
@@ -15,12 +15,11 @@ struct watch_space {
 };
 
 // Heading, table and remarks, a line each without newline.
-//   space  of the terminal; none: the table is as wide and as long as it has to be. Too wide a table is told in
-//   fewer
-//          words, then without the roles, then its lines are cut and end with ~; of too long a one the idle cards
-//          are left out first. Every line is shorter than columns and there are fewer lines than the terminal has,
-//          so that nothing wraps or scrolls
-std::vector<std::string> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space);
+//   space  of the terminal; none: the table is as wide and as long as it has to be. A table that is too wide is
+//          worded more briefly, then has no roles, then its lines are cut and end with ~. From one that is too long
+//          the idle cards are left out first. Every line is shorter than columns and there are fewer lines than the
+//          terminal has, so that nothing wraps or scrolls
+std::vector<styled_text> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space);
 
 // One object; see doc/biosctl.md.
 nlohmann::ordered_json watch_json(const watch_snapshot &snapshot);

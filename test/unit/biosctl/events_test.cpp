@@ -6,6 +6,7 @@
 
 #include "biosctl_chassis.h"
 #include "events_report.h"
+#include "text_report.h"
 
 namespace
 {
@@ -46,6 +47,18 @@ std::vector<std::string> events_words(const test_chassis &chassis, const std::ve
     return words;
 }
 
+table shown_table(const flash_event &event)
+{
+    table events = events_table();
+    add_event(events, event);
+    return events;
+}
+
+std::string table_of(const flash_event &event)
+{
+    return text_of({shown_table(event)}, {});
+}
+
 } // namespace
 
 TEST(EventsOrder, IsThatOfTimeOverAllFlashes)
@@ -73,10 +86,10 @@ TEST(EventsTable, FitsEightyColumnsInAProgramming)
     verified.sectors_erased = 128;
     verified.bytes_written = 8 << 20;
     verified.duration_ms = 3599'000;
-    EXPECT_EQ(event_line(verified, false),
-              "2026-01-31T10:00:00Z  232   primary  verified   59:59  128 erased, 8 MiB written");
-    EXPECT_LE(event_line(verified, false).size(), 80U);
-    EXPECT_EQ(events_heading(false), "TIME                  SLOT  FLASH    EVENT      TOOK   RESULT");
+    const std::string table = table_of(verified);
+    EXPECT_EQ(table, "TIME                  SLOT  FLASH    EVENT      TOOK   RESULT\n"
+                     "2026-01-31T10:00:00Z  232   primary  verified   59:59  128 erased, 8 MiB written\n");
+    EXPECT_EQ(text_of({shown_table(verified)}, {.columns = 80}), table);
 }
 
 TEST(EventsTable, TellsEachKindOfEvent)
@@ -86,15 +99,24 @@ TEST(EventsTable, TellsEachKindOfEvent)
         one.attempt = 2;
         one.result = 0x40710021;
         one.duration_ms = 42;
-        return event_line(one, true).substr(39);
+        const std::string table = table_of(one);
+        const std::string line = table.substr(table.find('\n') + 1);
+        return line.substr(line.find("primary  ") + 9);
     };
-    EXPECT_EQ(tail(flash_event_kind::attempt), "attempt 2  0.04s  -");
-    EXPECT_EQ(tail(flash_event_kind::erased), "erased     0.04s  0 erased");
-    EXPECT_EQ(tail(flash_event_kind::equal), "equal      0.04s  nothing to be changed");
-    EXPECT_EQ(tail(flash_event_kind::failed), "failed     0.04s  0x40710021 write_protected");
-    EXPECT_EQ(tail(flash_event_kind::refused), "refused    0.04s  0x40710021 write_protected");
-    EXPECT_EQ(tail(flash_event_kind::ended), "ended      0.04s  0x40710021 write_protected");
-    EXPECT_EQ(tail(flash_event_kind::cut_off), "cut off    0.04s  marked: do not reboot");
+    EXPECT_EQ(tail(flash_event_kind::attempt), "attempt 2  0.04s  -\n");
+    EXPECT_EQ(tail(flash_event_kind::erased), "erased     0.04s  0 erased\n");
+    EXPECT_EQ(tail(flash_event_kind::equal), "equal      0.04s  nothing to be changed\n");
+    EXPECT_EQ(tail(flash_event_kind::failed), "failed     0.04s  0x40710021 write_protected\n");
+    EXPECT_EQ(tail(flash_event_kind::refused), "refused    0.04s  0x40710021 write_protected\n");
+    EXPECT_EQ(tail(flash_event_kind::ended), "ended      0.04s  0x40710021 write_protected\n");
+    EXPECT_EQ(tail(flash_event_kind::cut_off), "cut off    0.04s  marked: do not reboot\n");
+}
+
+TEST(EventsTable, ColoursAFlashThatWasLeftHalfProgrammed)
+{
+    const std::string table =
+        text_of({shown_table(event("10:00:00.000", 1, flash_event_kind::cut_off))}, {.colours = true});
+    EXPECT_TRUE(table.ends_with("  \033[31mmarked: do not reboot\033[0m\n")) << table;
 }
 
 TEST(Events, AreATableForPeople)

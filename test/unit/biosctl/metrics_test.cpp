@@ -24,7 +24,7 @@ flash_facts used_flash()
 
 std::string text_of(const std::vector<card_facts> &cards, const std::vector<flash_facts> &flashes)
 {
-    return metrics_text(metric_families(cards, flashes)) + "\n";
+    return text_of(metrics_text(metric_families(cards, flashes)), {});
 }
 
 bool has_line(const std::string &text, const std::string &line)
@@ -40,17 +40,17 @@ TEST(MetricsText, IsHelpTypeAndSamples)
         {"a_total", "counter", "Of a.", {{{{"slot", "5"}, {"flash", "primary"}}, "3"}, {{}, "0"}}},
         {"left_out", "gauge", "Has no samples."},
         {"b", "gauge", "Of b.", {{{}, "1"}}}};
-    EXPECT_EQ(metrics_text(families), "# HELP a_total Of a.\n# TYPE a_total counter\n"
-                                      "a_total{slot=\"5\",flash=\"primary\"} 3\na_total 0\n"
-                                      "# HELP b Of b.\n# TYPE b gauge\nb 1");
+    EXPECT_EQ(text_of(metrics_text(families), {}), "# HELP a_total Of a.\n# TYPE a_total counter\n"
+                                                   "a_total{slot=\"5\",flash=\"primary\"} 3\na_total 0\n"
+                                                   "# HELP b Of b.\n# TYPE b gauge\nb 1\n");
 }
 
 TEST(MetricsText, EscapesWhatWouldEndALabelOrALine)
 {
     const std::vector<metric_family> families{
         {"a", "gauge", "A \\ and\na \"line\".", {{{{"text", "back\\slash \"quote\"\nline"}}, "1"}}}};
-    EXPECT_EQ(metrics_text(families), "# HELP a A \\\\ and\\na \"line\".\n# TYPE a gauge\n"
-                                      "a{text=\"back\\\\slash \\\"quote\\\"\\nline\"} 1");
+    EXPECT_EQ(text_of(metrics_text(families), {}), "# HELP a A \\\\ and\\na \"line\".\n# TYPE a gauge\n"
+                                                   "a{text=\"back\\\\slash \\\"quote\\\"\\nline\"} 1\n");
 }
 
 TEST(Metrics, CountProgrammingsByResult)

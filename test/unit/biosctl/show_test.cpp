@@ -283,37 +283,63 @@ TEST(ProgrammingLocks, ALockWithoutARecordMayBecomeAProgramming)
     EXPECT_FALSE(locks.has(27 * 256 + 1));
 }
 
+namespace
+{
+
+std::string table_of(const std::vector<card_report> &cards, const output_style &style = {})
+{
+    return text_of({version_table(cards)}, style);
+}
+
+} // namespace
+
 TEST(VersionTable, IsAligned)
 {
     const std::string expected = "SLOT  SOURCE            FLASH             RUNNING           VERDICT\n"
                                  "5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown\n"
                                  "27    v3.5.0(09/17/12)  v3.1.0(02/11/11)  v3.1.0(02/11/11)  update available\n"
-                                 "232   -                 -                 -                 unreachable";
-    EXPECT_EQ(version_table({card_of(5, {.flash = OLD, .running = OLD}),
-                             card_of(27, {.flash = OLD, .running = OLD, .source = NEW}),
-                             card_of(232, {.reachable = false})}),
-              expected);
-}
-
-TEST(VersionTable, ShowsVersionsOfTwoDigitsWhole)
-{
-    const std::string expected = "SLOT SOURCE             FLASH              RUNNING            VERDICT\n"
-                                 "9    v10.5.0(09/17/12)  v10.1.0(02/11/11)  v3.1.0(02/11/11)   reboot pending";
+                                 "232   -                 -                 -                 unreachable\n";
     EXPECT_EQ(
-        version_table({card_of(9, {.flash = "v10.1.0(02/11/11)", .running = OLD, .source = "v10.5.0(09/17/12)"})}),
+        table_of({card_of(5, {.flash = OLD, .running = OLD}),
+                  card_of(27, {.flash = OLD, .running = OLD, .source = NEW}), card_of(232, {.reachable = false})}),
         expected);
 }
 
-TEST(VersionTable, NoLineIsLongerThanATerminalWhateverTheTexts)
+TEST(VersionTable, ShowsVersionsOfAnyLengthWhole)
 {
+    const card_report card =
+        card_of(9, {.flash = "v10.1.0(02/11/11)", .running = OLD, .source = "v10.5.0(09/17/12)"});
+    EXPECT_EQ(table_of({card}), "SLOT  SOURCE             FLASH              RUNNING           VERDICT\n"
+                                "9     v10.5.0(09/17/12)  v10.1.0(02/11/11)  v3.1.0(02/11/11)  reboot pending\n");
     const std::string longest(128, 'x');
-    const std::string table = version_table(
-        {card_of(232, {.being_programmed = true, .flash = longest, .running = longest, .source = longest}),
-         card_of(232, {.flash = OLD, .running = OLD, .source = "v2.0.0(02/11/11)"})});
-    for (const std::string &line : lines_of(table))
-        EXPECT_LE(line.size(), SHOW_TABLE_COLUMNS) << line;
-    EXPECT_NE(table.find(" xxxxxxxxxxxxxxxx~  "), std::string::npos) << table;
-    EXPECT_NE(table.find("newer than shipped"), std::string::npos);
+    EXPECT_NE(table_of({card_of(9, {.flash = longest, .running = OLD})}).find("  " + longest + "  "),
+              std::string::npos);
+}
+
+TEST(VersionTable, FitsIntoATerminalOfEightyAndOfFortyColumns)
+{
+    const std::vector<card_report> cards{
+        card_of(232, {.being_programmed = true, .flash = OLD, .running = OLD, .source = NEW}),
+        card_of(232,
+                {.flash = "v10.1.0(02/11/11)", .running = "v10.1.0(02/11/11)", .source = "v10.0.0(02/11/11)"})};
+    for (const std::size_t columns : {80U, 40U}) {
+        const std::string table = table_of(cards, {.columns = columns});
+        for (const std::string &line : lines_of(table))
+            EXPECT_LE(line.size(), columns) << table;
+        for (const char *word : {"VERDICT", "v10.0.0(02/11/11)", "newer than", "shipped", "being programmed"})
+            EXPECT_NE(table.find(word), std::string::npos) << word << ": " << table;
+    }
+}
+
+TEST(VersionTable, ColoursTheVerdicts)
+{
+    const std::string table =
+        table_of({card_of(5, {.flash = NEW, .running = NEW, .source = NEW}),
+                  card_of(6, {.flash = OLD, .running = OLD, .source = NEW}), card_of(7, {.reachable = false})},
+                 {.colours = true});
+    EXPECT_NE(table.find("  \033[32min step\033[0m\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("  \033[33mupdate available\033[0m\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("  \033[31munreachable\033[0m\n"), std::string::npos) << table;
 }
 
 TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)

@@ -152,27 +152,38 @@ TEST(SyncPlan, IsATableWithTheReasonsBelow)
     const auto plan = plan_sync({card_of(1, sync_role::active, versions(OLD, NEW, OLD)),
                                  card_of(3, sync_role::other, {.reachable = false})},
                                 {});
-    EXPECT_EQ(plan_text(plan), "MODULE  FLASH              SHIPPED            ACTION\n"
-                               "3       -                  -                  left: unreachable\n"
-                               "1       v3.1.0(02/11/11)   v3.5.0(09/17/12)   program: update\n"
-                               "module 3: a reason");
+    EXPECT_EQ(text_of(plan_text(plan), {}), "MODULE  FLASH              SHIPPED            ACTION\n"
+                                            "3       -                  -                  left: unreachable\n"
+                                            "1       v3.1.0(02/11/11)   v3.5.0(09/17/12)   program: update\n"
+                                            "module 3: a reason\n");
 }
 
-TEST(SyncPlan, NoLineOfTheTableIsLongerThanATerminal)
+TEST(SyncPlan, ItsTableFitsATerminalWhateverTheActions)
 {
     std::vector<sync_step> plan;
     for (int action = 0; action <= static_cast<int>(sync_action::left_busy); ++action)
         plan.push_back({.module = 232,
                         .action = static_cast<sync_action>(action),
-                        .flash = std::string(128, 'f'),
-                        .shipped = std::string(128, 's')});
-    const std::string text = plan_text(plan) + "\n";
+                        .flash = "v10.5.0(09/17/12)",
+                        .shipped = NEW});
+    const std::string text = text_of(plan_text(plan), {.columns = 80});
     std::size_t lines = 0;
     for (std::size_t begin = 0; begin < text.size(); begin = text.find('\n', begin) + 1, ++lines)
         EXPECT_LE(text.find('\n', begin) - begin, 80u) << text.substr(begin, 90);
     EXPECT_EQ(lines, plan.size() + 1);
     for (const sync_step &step : plan)
         EXPECT_NE(text.find(std::string("  ") + action_text(step.action) + "\n"), std::string::npos);
+}
+
+TEST(SyncPlan, ColoursWhatIsWellAndWhatIsToBeDone)
+{
+    const std::string text = text_of(plan_text(std::vector<sync_step>{{.action = sync_action::in_step},
+                                                                      {.action = sync_action::program_newer},
+                                                                      {.action = sync_action::left_unreachable}}),
+                                     {.colours = true});
+    EXPECT_NE(text.find("\033[32mnone: in step\033[0m"), std::string::npos) << text;
+    EXPECT_NE(text.find("\033[33mprogram: update\033[0m"), std::string::npos) << text;
+    EXPECT_NE(text.find("\033[31mleft: unreachable\033[0m"), std::string::npos) << text;
 }
 
 TEST(SyncPlan, EveryActionHasItsOwnText)

@@ -75,7 +75,10 @@ watch_row row_of(const watch_facts &facts, unsigned slot)
 
 std::vector<std::string> lines(const watch_facts &facts, std::optional<watch_space> space = std::nullopt)
 {
-    return watch_lines(make_snapshot(facts), space);
+    std::vector<std::string> plain;
+    for (const styled_text &line : watch_lines(make_snapshot(facts), space))
+        plain.push_back(line.plain());
+    return plain;
 }
 
 // "CELL  ": cells side by side, each padded to its column's width.
@@ -328,6 +331,19 @@ TEST(WatchTable, TooLongATableLeavesOutIdleCardsFirst)
     EXPECT_TRUE(shorter[3].starts_with("28 ")) << shorter[3];
     EXPECT_EQ(shorter[4], "and 3 more cards");
     EXPECT_EQ(lines(facts, watch_space{80, 24}).size(), 7U);
+}
+
+TEST(WatchTable, ColoursTheStates)
+{
+    watch_facts facts = forwarded_facts();
+    facts.cards[0].serves = false;
+    facts.cards[1].flashes[0].marked = true;
+    const auto drawn = watch_lines(make_snapshot(facts), std::nullopt);
+    ASSERT_EQ(drawn.size(), 6U);
+    EXPECT_NE(drawn[2].coloured().find("\033[31mno daemon\033[0m"), std::string::npos);
+    EXPECT_NE(drawn[3].coloured().find("\033[31mnot verified: do not reboot\033[0m"), std::string::npos);
+    EXPECT_NE(drawn[4].coloured().find("\033[33mbeing programmed\033[0m"), std::string::npos);
+    EXPECT_TRUE(drawn[5].coloured().starts_with("\033[31mnot verified: do not reboot\033[0m the card;"));
 }
 
 // JSON
