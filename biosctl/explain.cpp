@@ -6,7 +6,7 @@ outcome run_explain(std::uint32_t code)
     nlohmann::ordered_json json = json_of(result);
     json["exit"] = static_cast<int>(result.exit); // of a command that ends with this code
     return {find_result(code) != nullptr ? EXIT_DONE : EXIT_NOT_FOUND,
-            code_text(code) + " (" + result.name + "): " + result.meaning,
+            result_sentence(result),
             {{"flash", result.flash}, {"next", result.next}},
             json};
 }

@@ -3,18 +3,16 @@
 #include <cstdio>
 #include <unistd.h>
 
-#include "terminal.h"
-
-outcome failure(exit_code exit, const std::string &what, const std::string &next)
+outcome failure(exit_code exit, const styled_text &what, const std::string &next)
 {
-    return {exit, what, {{"next", next}}, {{"error", what}, {"next", next}}};
+    return {exit, what, {{"next", next}}, {{"error", what.plain()}, {"next", next}}};
 }
 
 outcome failure_by_code(const std::string &what, std::uint32_t code)
 {
     const result_description result = describe_result(code);
     outcome end{failure_exit(code),
-                what + ": " + code_text(code) + " (" + result.name + "): " + result.meaning,
+                what + ": " + result_sentence(result),
                 {{"flash", result.flash}, {"next", result.next}},
                 json_of(result)};
     end.json["error"] = what;
@@ -26,7 +24,7 @@ nlohmann::ordered_json json_of(const result_description &result)
     return {{"result", code_text(result.code)},
             {"name", result.name},
             {"meaning", result.meaning},
-            {"flash", result.flash},
+            {"flash", result.flash.plain()},
             {"next", result.next}};
 }
 
@@ -38,6 +36,8 @@ nlohmann::ordered_json text_or_null(const std::string &text)
 namespace
 {
 
+constexpr const char *FAILURE_PREFIX = "biosctl: ";
+
 std::string json_text(const outcome &end)
 {
     nlohmann::ordered_json document = end.json;
@@ -46,12 +46,13 @@ std::string json_text(const outcome &end)
     return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
-std::string text_of(const outcome &end)
+// The headline and the hints.
+text_report message_of(const outcome &end, const char *prefix)
 {
-    std::string text = end.headline;
+    text_report message{text_line{prefix + end.headline}};
     for (const hint &one : end.hints)
-        text += std::string("\n  ") + one.label + ": " + one.text;
-    return text;
+        message.push_back(text_line{"  " + std::string(one.label) + ": " + one.text});
+    return message;
 }
 
 void print_text(const outcome &end)
@@ -59,18 +60,17 @@ void print_text(const outcome &end)
     print_report(end.report);
     if (end.headline.empty())
         return;
-    if (end.exit == EXIT_DONE) {
-        (void)std::printf("%s\n", fitted(text_of(end), STDOUT_FILENO).c_str());
-        return;
-    }
-    (void)std::fputs(fitted(failure_text(end, false), STDERR_FILENO).c_str(), stderr);
+    if (end.exit == EXIT_DONE)
+        print_report(message_of(end, ""));
+    else
+        (void)std::fputs(text_of(message_of(end, FAILURE_PREFIX), style_of(STDERR_FILENO)).c_str(), stderr);
 }
 
 } // namespace
 
 std::string failure_text(const outcome &end, bool json)
 {
-    return json ? json_text(end) : "biosctl: " + text_of(end) + "\n";
+    return json ? json_text(end) : text_of(message_of(end, FAILURE_PREFIX), {});
 }
 
 void print_report(const text_report &report)

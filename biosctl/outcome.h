@@ -13,19 +13,19 @@
 // A line below the headline: "next: reboot the card".
 struct hint {
     const char *label;
-    std::string text;
+    styled_text text;
 };
 
 struct outcome {
     exit_code exit = EXIT_DONE;
-    std::string headline = {};        // for people: one line; empty when the command has printed all while it ran
+    styled_text headline = {};        // for people: one line; empty when the command has printed all while it ran
     std::vector<hint> hints = {};     // for people: below the headline, in this order
     nlohmann::ordered_json json = {}; // for programs: an object; null when the command has printed all while it ran
     text_report report = {};          // for people: on standard output, however the command ended
 };
 
 // A command that could not do its work: what is wrong (with the place) and what to do next.
-outcome failure(exit_code exit, const std::string &what, const std::string &next);
+outcome failure(exit_code exit, const styled_text &what, const std::string &next);
 
 // The same for a result code: "what: 0x4071000a (busy): meaning", the flash's state and what to do next.
 outcome failure_by_code(const std::string &what, std::uint32_t code);

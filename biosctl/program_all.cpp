@@ -39,10 +39,10 @@ void tell_ending(outcome &told, const std::vector<programming_result> &results)
             failed += (failed.empty() ? "" : ", ") + std::to_string(result.subject.asked_module);
     }
     if (!failed.empty()) {
-        told.headline = "not all programmed: module " + failed;
+        told.headline = styled_text("not all programmed", text_meaning::wrong) + ": module " + failed;
         return;
     }
-    told.headline = "all programmed and verified";
+    told.headline = "all " + styled_text("programmed and verified", text_meaning::well);
     told.hints = {{"next", "reboot the cards for the new BIOS to take effect"}};
 }
 
@@ -71,7 +71,7 @@ outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
     for (const unsigned module : order.left_out)
         told.report.push_back(text_line{"note: " + left_out_text(serving_slot, module)});
     if (told.exit != EXIT_DONE)
-        told.json["error"] = told.headline;
+        told.json["error"] = told.headline.plain();
     return told;
 }
 

@@ -10,15 +10,18 @@
 namespace
 {
 
-constexpr const char *VERIFIED = "programmed and verified";
-constexpr const char *CORRUPTED = "may be corrupted: do not reboot the card";
-constexpr const char *BEING_PROGRAMMED = "being programmed: do not reboot the card";
+constexpr styled_literal VERIFIED{"programmed and verified", text_meaning::well};
+constexpr styled_literal CORRUPTED{"may be corrupted: do not reboot the card", text_meaning::wrong};
+constexpr styled_literal UNKNOWN{"unknown: do not reboot the card", text_meaning::wrong};
+constexpr styled_literal NOT_PROGRAMMED{"not programmed", text_meaning::wrong};
+constexpr styled_literal PROGRAMMING_FAILED{"programming failed", text_meaning::wrong};
+constexpr styled_literal NOTHING_TO_DO{"nothing to do"};
 
 // What is said of an ending, for people and for programs alike.
 struct explanation {
-    std::string headline = {};
+    styled_text headline = {};
     std::vector<std::string> likely = {}; // reasons
-    std::string flash = {};               // its state; empty: nothing is said of it
+    styled_text flash = {};               // its state; empty: nothing is said of it
     std::string next = {};
 };
 
@@ -38,16 +41,17 @@ std::string seen_text(const programming_result &result)
 
 explanation explain_verified(const programming_result &result)
 {
-    return {.headline = module_text(result) + ": " + VERIFIED + " (result " + code_text(BIOS_OK) + ", " +
-                        elapsed_text(result.elapsed_s.value_or(0)) + ")",
+    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + " (result " + code_text(BIOS_OK) +
+                        ", " + elapsed_text(result.elapsed_s.value_or(0)) + ")",
             .flash = VERIFIED,
             .next = "reboot the card for the new BIOS to take effect"};
 }
 
 explanation explain_unverified(const programming_result &result)
 {
-    return {.headline = module_text(result) + ": not programmed: the programming ended with result " +
-                        code_text(BIOS_OK) + " before the flash was verified (" + seen_text(result) + ")",
+    return {.headline = module_text(result) + ": " + styled_text(NOT_PROGRAMMED) +
+                        ": the programming ended with result " + code_text(BIOS_OK) +
+                        " before the flash was verified (" + seen_text(result) + ")",
             .likely = {"the programming process was killed or ended early"},
             .flash = CORRUPTED,
             .next = "program the card again; reboot only after that has succeeded"};
@@ -68,10 +72,10 @@ explanation explain_nothing_programmed(const programming_result &result)
 
 // The flash after a result other than 0. What the code says is about the last attempt; the progress tells whether
 // an attempt before it, or a step before it, had changed the flash already.
-std::string flash_after_failure(const result_description &described, const programming_result &result)
+styled_text flash_after_failure(const result_description &described, const programming_result &result)
 {
     if (result.progress.verified())
-        return "programmed and verified before that; the new BIOS is in it";
+        return styled_text(VERIFIED) + " before that; the new BIOS is in it";
     const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
     return changed ? CORRUPTED : described.flash;
 }
@@ -79,17 +83,16 @@ std::string flash_after_failure(const result_description &described, const progr
 explanation explain_by_code(const programming_result &result)
 {
     const result_description described = describe_result(result.code);
-    const char *what =
-        result.ending == programming_ending::nothing_to_do ? ": nothing to do: " : ": programming failed: ";
-    return {.headline = module_text(result) + what + code_text(result.code) + " (" + described.name +
-                        "): " + described.meaning,
+    const styled_text what =
+        result.ending == programming_ending::nothing_to_do ? NOTHING_TO_DO : PROGRAMMING_FAILED;
+    return {.headline = module_text(result) + ": " + what + ": " + result_sentence(described),
             .flash = flash_after_failure(described, result),
             .next = described.next};
 }
 
 explanation explain_daemon_ended(const programming_result &result)
 {
-    const char *left = result.progress.seen ? CORRUPTED : "unknown: do not reboot the card";
+    const styled_literal &left = result.progress.seen ? CORRUPTED : UNKNOWN;
     return {.headline = module_text(result) + ": the daemon of slot " +
                         std::to_string(result.subject.serving_slot) + " ended before it reported a result (" +
                         seen_text(result) + ")",
@@ -106,14 +109,15 @@ explanation explain_going_on(const programming_result &result)
         result.ending == programming_ending::interrupted ? "interrupted" : "no result within the time given";
     return {.headline = module_text(result) + ": " + why + "; the programming goes on in the card (" +
                         seen_text(result) + ")",
-            .flash = BEING_PROGRAMMED,
+            .flash = styled_text("being programmed", text_meaning::to_do) + ": " +
+                     styled_text("do not reboot", text_meaning::wrong) + " the card",
             .next = "look at it again with: biosctl watch " + std::to_string(result.subject.programmed_module)};
 }
 
 explanation explain_other_version(const programming_result &result)
 {
     const version_check &version = *result.version;
-    return {.headline = module_text(result) + ": programmed and verified, but its flash " +
+    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + ", but its flash " +
                         (version.found.empty() ? "tells no version" : "holds " + version.found) + " and not " +
                         version.expected + ", the version that ships for it",
             .next = "compare the image trees of the supervisors (biosctl source --via SLOT)"};
@@ -189,28 +193,28 @@ void add_explanation(nlohmann::ordered_json &object, const programming_result &r
 {
     if (is_explained_by_code(result.ending)) {
         object.update(json_of(describe_result(result.code)));
-        object["flash"] = told.flash;
-        object["error"] = told.headline;
+        object["flash"] = told.flash.plain();
+        object["error"] = told.headline.plain();
         return;
     }
     if (result.has_code())
         object["result"] = code_text(result.code);
     if (result.ending != programming_ending::verified)
-        object["error"] = told.headline;
+        object["error"] = told.headline.plain();
     if (!told.likely.empty())
         object["likely_reasons"] = told.likely;
-    object["flash"] = told.flash;
+    object["flash"] = told.flash.plain();
     object["next"] = told.next;
 }
 
 void add_other_version(nlohmann::ordered_json &object, const programming_result &result, const explanation &told)
 {
-    object["error"] = told.headline;
+    object["error"] = told.headline.plain();
     object["next"] = told.next;
     object["outcome"] = ending_name(result.ending);
     add_watched_members(object, result);
     object["result"] = code_text(result.code);
-    object["flash"] = VERIFIED;
+    object["flash"] = VERIFIED.text;
 }
 
 void add_watched_programming(nlohmann::ordered_json &object, const programming_result &result)

@@ -33,7 +33,8 @@ programming_result untried(unsigned module)
 outcome not_active_any_more(const series_step &step, unsigned serving_slot)
 {
     return failure(EXIT_FAILED,
-                   "module " + std::to_string(step.module) + ": not programmed: slot " +
+                   "module " + std::to_string(step.module) + ": " +
+                       styled_text("not programmed", text_meaning::wrong) + ": slot " +
                        std::to_string(serving_slot) + " is not the active supervisor any more",
                    "look at the roles (chassis status) and begin again");
 }

@@ -14,12 +14,13 @@
 namespace
 {
 
-constexpr const char *NOT_TOUCHED = "not touched";
-constexpr const char *CORRUPTED = "may be corrupted: do not reboot the card";
-constexpr const char *NOT_CONCERNED = "not concerned";
+constexpr styled_literal NOT_TOUCHED{"not touched"};
+constexpr styled_literal CORRUPTED{"may be corrupted: do not reboot the card", text_meaning::wrong};
+constexpr styled_literal NOT_CONCERNED{"not concerned"};
 // The procedures for cards with an ibexpeak chipset erase the flash before they look at the image.
-constexpr const char *ERASED_WITH_CHIPSET =
-    "not touched on a card with the plain flash layout; erased on all others: do not reboot such a card";
+constexpr styled_literal ERASED_WITH_CHIPSET{
+    "not touched on a card with the plain flash layout; erased on all others: do not reboot such a card",
+    text_meaning::wrong};
 
 constexpr const char *PROGRAM_AGAIN = "program the card again; reboot only after that has succeeded";
 constexpr const char *LOOK_AT_LOG = "look at the card's log for the reason (chassis log SLOT)";
@@ -31,13 +32,13 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_OK,
      .name = "ok",
      .meaning = "the request was carried out to its end",
-     .flash = "verified only if the progress reached 100 percent; otherwise nothing was programmed",
+     .flash = {"verified only if the progress reached 100 percent; otherwise nothing was programmed"},
      .next = "reboot the card if the progress reached 100 percent; else look at the card's log",
      .exit = EXIT_DONE},
     {.code = BIOS_LOADER_ERR_INSTALL,
      .name = "loader_install_failed",
      .meaning = "the command that installs the boot loader failed",
-     .flash = "BIOS flash not touched; the boot loader may be incomplete",
+     .flash = {"BIOS flash not touched; the boot loader may be incomplete"},
      .next = "read /tmp/install_loader.log on the card and install again before a reboot",
      .exit = EXIT_FAILED},
     {.code = BIOS_LOADER_SAME_VERSION,
@@ -79,7 +80,8 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_ERR_IMAGE_NOT_REMOVED,
      .name = "image_not_removed",
      .meaning = "the temporary image file could not be removed; this hides the result of the programming itself",
-     .flash = "verified only if the progress reached 100 percent; otherwise it may be corrupted: do not reboot",
+     .flash = {"verified only if the progress reached 100 percent; otherwise it may be corrupted: do not reboot",
+               text_meaning::wrong},
      .next = "check /bootflash of the card (full, read-only, or somebody removed .tmpbios.bin) and program again",
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_URI,
@@ -97,13 +99,13 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_ERR_NOT_SENT,
      .name = "not_sent_to_module",
      .meaning = "the supervisor could not hand the request to the target module, or the module refused it",
-     .flash = "not touched, unless the module took the request and its answer was lost",
+     .flash = {"not touched, unless the module took the request and its answer was lost"},
      .next = "check that the module is up and is not being programmed already (chassis status), then try again",
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NO_COMPLETION,
      .name = "no_completion",
      .meaning = "the target module did not report the end of its programming in time",
-     .flash = "unknown, the module may still be programming: do not reboot it",
+     .flash = {"unknown, the module may still be programming: do not reboot it", text_meaning::wrong},
      .next = "look at the module's log and state (chassis log SLOT, chassis status), then program again",
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_ERASE,
@@ -115,7 +117,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_ERR_BUSY,
      .name = "busy",
      .meaning = "a programming is in progress already, or somebody else holds a module lock that it needs",
-     .flash = "not touched by this request",
+     .flash = {"not touched by this request"},
      .next = "wait for the other programming to end (chassis status) and try again",
      .exit = EXIT_BUSY},
     {.code = BIOS_LOCK_FOR_PEER,
@@ -151,7 +153,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_ERR_NO_OPERATION,
      .name = "no_operation",
      .meaning = "a flash of the card lacks an operation that was needed after or besides the programming",
-     .flash = "verified if the progress reached 100 percent, else not touched",
+     .flash = {"verified if the progress reached 100 percent, else not touched"},
      .next = LOOK_AT_LOG,
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_IMAGE_VERSION_READ,
@@ -187,13 +189,13 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_FLASH_ERR_NO_FLASH,
      .name = "flash_not_opened",
      .meaning = "the card has no such flash, or it could not be opened or read",
-     .flash = "not touched, unless the card's log says that it was erased before",
+     .flash = {"not touched, unless the card's log says that it was erased before"},
      .next = "check --type and the card's flash devices",
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_FLASH_NO_VERSION,
      .name = "flash_no_version",
      .meaning = "there is no BIOS version in the flash",
-     .flash = "not touched, but its content is no complete BIOS: do not reboot the card",
+     .flash = {"not touched, but its content is no complete BIOS: do not reboot the card", text_meaning::wrong},
      .next = PROGRAM_AGAIN,
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_FLASH_VERSION_READ,
@@ -205,7 +207,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_FLASH_ERR_IN_USE,
      .name = "flash_in_use",
      .meaning = "the flash is being programmed by another process",
-     .flash = "not touched by this request; the other process is changing it",
+     .flash = {"not touched by this request; the other process is changing it"},
      .next = "wait for the other programming to end and try again",
      .exit = EXIT_BUSY},
     {.code = BIOS_ERR_NO_MEMORY,
@@ -247,7 +249,8 @@ constexpr bool is_sentence(const char *text)
 
 constexpr bool is_complete(const result_row &row)
 {
-    return is_sentence(row.name) && is_sentence(row.meaning) && is_sentence(row.flash) && is_sentence(row.next);
+    return is_sentence(row.name) && is_sentence(row.meaning) && is_sentence(row.flash.text) &&
+           is_sentence(row.next);
 }
 
 static_assert(std::ranges::all_of(result_tbl, is_complete), "every text of every row is needed");
@@ -274,7 +277,9 @@ result_description describe_unknown(std::uint32_t code)
                 LOOK_AT_LOG,
                 EXIT_FAILED};
     }
-    return {code, "unknown", "no known result code", "unknown: do not reboot the card", LOOK_AT_LOG, EXIT_FAILED};
+    return {
+        code,        "unknown",  "no known result code", {"unknown: do not reboot the card", text_meaning::wrong},
+        LOOK_AT_LOG, EXIT_FAILED};
 }
 
 } // namespace
@@ -301,6 +306,13 @@ exit_code failure_exit(std::uint32_t code)
 {
     const exit_code exit = describe_result(code).exit;
     return exit != EXIT_DONE ? exit : EXIT_FAILED;
+}
+
+styled_text result_sentence(const result_description &result)
+{
+    const bool is_known = find_result(result.code) != nullptr;
+    return code_text(result.code) + " (" +
+           styled_text(result.name, is_known ? text_meaning::none : text_meaning::wrong) + "): " + result.meaning;
 }
 
 std::string slot_text(unsigned slot)

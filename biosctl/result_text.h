@@ -7,14 +7,15 @@
 #include <string>
 
 #include "exit_codes.h"
+#include "styled_text.h"
 
 struct result_row {
     std::uint32_t code;
-    const char *name;    // short, for programs: lower case, underscores
-    const char *meaning; // one sentence without a full stop
-    const char *flash;   // state of the BIOS flash after this result
-    const char *next;    // what to do next
-    exit_code exit;      // how biosctl ends; 0 for result 0 only with the proof that a flash was verified
+    const char *name;     // short, for programs: lower case, underscores
+    const char *meaning;  // one sentence without a full stop
+    styled_literal flash; // state of the BIOS flash after this result
+    const char *next;     // what to do next
+    exit_code exit;       // how biosctl ends; 0 for result 0 only with the proof that a flash was verified
 };
 
 // All rows, in order of their codes.
@@ -28,7 +29,7 @@ struct result_description {
     std::uint32_t code;
     std::string name;
     std::string meaning;
-    std::string flash;
+    styled_text flash;
     std::string next;
     exit_code exit;
 };
@@ -36,6 +37,9 @@ result_description describe_result(std::uint32_t code);
 
 // How biosctl ends when this code was the answer to what it asked for. Result 0 alone proves nothing: EXIT_FAILED.
 exit_code failure_exit(std::uint32_t code);
+
+// "0x4071000a (busy): what it means".
+styled_text result_sentence(const result_description &result);
 
 // "0x4071000a".
 std::string code_text(std::uint32_t code);

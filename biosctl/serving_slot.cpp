@@ -54,7 +54,8 @@ outcome no_answer_failure(unsigned slot, int error)
     std::string next = "check that the card is up (chassis status, chassis log " + std::to_string(slot) + ")";
     if (error == MTS_ERRNO_TIMED_OUT || error == ECONNRESET)
         next += "; it may have taken the request: look before you repeat it";
-    outcome end = failure(EXIT_FAILED, slot_text(slot) + ": " + no_answer_text(error), next);
+    outcome end = failure(EXIT_FAILED,
+                          slot_text(slot) + ": " + styled_text(no_answer_text(error), text_meaning::wrong), next);
     end.json["serving_slot"] = slot;
     return end;
 }

@@ -20,12 +20,12 @@ std::size_t count_of(const std::vector<card_report> &cards, verdict kind)
 }
 
 // "in step: 2, unknown: 1".
-std::string summary_text(const std::vector<card_report> &cards)
+styled_text summary_text(const std::vector<card_report> &cards)
 {
-    std::string text;
+    styled_text text;
     for (const verdict_row &row : verdict_rows()) {
         if (const std::size_t count = count_of(cards, row.kind); count > 0)
-            text += (text.empty() ? "" : ", ") + std::string(row.name) + ": " + std::to_string(count);
+            text += (text.empty() ? "" : ", ") + styled_text(row.name, row.meaning) + ": " + std::to_string(count);
     }
     return text;
 }
@@ -35,7 +35,7 @@ void tell_meanings(text_report &report, const std::vector<card_report> &cards)
 {
     for (const verdict_row &row : verdict_rows()) {
         if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
-            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + row.advice});
+            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + styled_text(row.advice)});
     }
 }
 
@@ -118,10 +118,11 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
                  {"notes", notes}};
     if (kind == show_kind::audit) {
         told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
-        told.headline =
-            told.exit == EXIT_DONE ? "all in step" : "not in step (" + summary_text(versions.cards) + ")";
+        told.headline = told.exit == EXIT_DONE ? "all " + styled_text("in step", text_meaning::well)
+                                               : styled_text("not in step", text_meaning::wrong) + " (" +
+                                                     summary_text(versions.cards) + ")";
     }
     if (told.exit != EXIT_DONE)
-        told.json["error"] = told.headline;
+        told.json["error"] = told.headline.plain();
     return told;
 }

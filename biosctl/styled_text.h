@@ -13,12 +13,19 @@ enum class text_meaning {
     wrong, // has failed, is not known, or must not be done
 };
 
+// A run that stands in the program itself.
+struct styled_literal {
+    const char *text;
+    text_meaning meaning = text_meaning::none;
+};
+
 class styled_text
 {
 public:
     styled_text() = default;
     styled_text(std::string text, text_meaning meaning = text_meaning::none);
     styled_text(const char *text, text_meaning meaning = text_meaning::none);
+    styled_text(const styled_literal &literal) : styled_text(literal.text, literal.meaning) {}
 
     styled_text &operator+=(const styled_text &more);
     friend styled_text operator+(styled_text first, const styled_text &second) { return first += second; }

@@ -15,6 +15,8 @@ namespace
 
 // As in show: reading the version in an image takes a few seconds.
 
+constexpr styled_literal NOT_IN_STEP{"not in step", text_meaning::wrong};
+
 struct subject {
     unsigned serving_slot;
     std::vector<unsigned> modules; // in order, each once
@@ -89,10 +91,11 @@ bool all_in_step(const std::vector<sync_step> &plan)
 void tell_in_step(outcome &told, const std::vector<sync_step> &plan)
 {
     const std::size_t pending = count_of(plan, sync_action::reboot_pending);
-    told.headline += "all in step";
+    told.headline += "all " + styled_text("in step", text_meaning::well);
     if (pending == 0)
         return;
-    told.headline += " (reboot pending: " + std::to_string(pending) + ")";
+    told.headline +=
+        " (" + styled_text("reboot pending", text_meaning::to_do) + ": " + std::to_string(pending) + ")";
     told.hints = {{"next", "reboot the cards for the new BIOS to take effect"}};
 }
 
@@ -104,7 +107,7 @@ void tell_out_of_step(outcome &told, const std::vector<sync_step> &plan)
         if (!is_in_step(step.action))
             modules += (modules.empty() ? "" : ", ") + std::to_string(step.module);
     }
-    told.headline = "not in step: module " + modules;
+    told.headline = styled_text(NOT_IN_STEP) + ": module " + modules;
     if (count_of(plan, sync_action::left_newer) > 0)
         told.hints = {{"next", "biosctl sync --allow-older programs an older image, too"}};
 }
@@ -174,7 +177,7 @@ outcome report_plan(unsigned serving_slot, const std::vector<sync_step> &plan, b
         tell_out_of_step(told, plan);
     }
     if (told.exit != EXIT_DONE && told.exit != EXIT_NOTHING_TO_DO)
-        told.json["error"] = told.headline;
+        told.json["error"] = told.headline.plain();
     return told;
 }
 
@@ -190,7 +193,7 @@ outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
     if (told.exit == EXIT_DONE || told.exit == EXIT_NOTHING_TO_DO)
         told.exit = in_step ? EXIT_DONE : EXIT_FAILED;
     if (!seen)
-        told.headline = "not in step, as far as is known: the versions were not read again";
+        told.headline = styled_text(NOT_IN_STEP) + ", as far as is known: the versions were not read again";
     else if (in_step)
         tell_in_step(told, after.plan);
     else
@@ -200,7 +203,7 @@ outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
     told.json["all_in_step"] = in_step;
     told.json["reboot_pending"] = count_of(after.plan, sync_action::reboot_pending);
     if (told.exit != EXIT_DONE)
-        told.json["error"] = told.headline;
+        told.json["error"] = told.headline.plain();
     return told;
 }
 

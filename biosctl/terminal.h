@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <string>
 
 // Whether it is a terminal on which lines can be drawn over: one whose TERM is neither "dumb" nor missing.
 bool can_draw(int fd);
@@ -15,11 +14,6 @@ struct terminal_size {
 };
 terminal_size size_of_terminal(int fd);
 
-// Breaks the lines that are longer than so many columns, between words. What follows is indented to where the
-// line's last column begins (a gap of two blanks or more is between columns), or by two more than the line itself.
-// A word that is too long stays whole.
-std::string wrapped(const std::string &text, std::size_t columns);
-
 // Whether colours may be used: on a terminal on which can be drawn, unless NO_COLOR is set and not empty.
 bool can_colour(int fd);
 
@@ -29,13 +23,3 @@ struct output_style {
     bool colours = false;
 };
 output_style style_of(int fd);
-
-// With escape sequences that colour what an operator looks for: what is well, what is to be done, what went wrong.
-std::string emphasised(const std::string &text);
-std::string coloured(const std::string &text, int fd); // likewise, where colours may be used
-
-// The text as it is to be printed to a descriptor: wrapped for a terminal, else as it is.
-std::string wrapped_for(const std::string &text, int fd);
-
-// Likewise, and coloured where that may be.
-std::string fitted(const std::string &text, int fd);

@@ -9,14 +9,19 @@ namespace
 constexpr std::size_t NUMBER_DIGITS_MAX = 4; // as in the daemon
 
 constexpr verdict_row ROWS[] = {
-    {verdict::being_programmed, "being programmed", text_meaning::to_do, "do not reboot the card"},
-    {verdict::unreachable, "unreachable", text_meaning::wrong,
-     "look at the card: chassis log SLOT, chassis status"},
-    {verdict::reboot_pending, "reboot pending", text_meaning::to_do, "the flash's version runs after a reboot"},
-    {verdict::update_available, "update available", text_meaning::to_do, "next: biosctl program SLOT"},
-    {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, "the image is older than the flash"},
-    {verdict::in_step, "in step", text_meaning::well, "nothing to do"},
-    {verdict::unknown, "unknown", text_meaning::wrong, "a version could not be read"},
+    {verdict::being_programmed,
+     "being programmed",
+     text_meaning::to_do,
+     {"do not reboot the card", text_meaning::wrong}},
+    {verdict::unreachable,
+     "unreachable",
+     text_meaning::wrong,
+     {"look at the card: chassis log SLOT, chassis status"}},
+    {verdict::reboot_pending, "reboot pending", text_meaning::to_do, {"the flash's version runs after a reboot"}},
+    {verdict::update_available, "update available", text_meaning::to_do, {"next: biosctl program SLOT"}},
+    {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, {"the image is older than the flash"}},
+    {verdict::in_step, "in step", text_meaning::well, {"nothing to do"}},
+    {verdict::unknown, "unknown", text_meaning::wrong, {"a version could not be read"}},
 };
 
 // Takes a number and the character behind it from the front of the text.

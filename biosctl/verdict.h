@@ -54,7 +54,7 @@ struct verdict_row {
     verdict kind;
     const char *name; // as in tables and JSON
     text_meaning meaning;
-    const char *advice; // what it means and what to do next; one line of a terminal together with the name
+    styled_literal advice; // what it means and what to do next; one line of a terminal together with the name
 };
 
 // All rows in the order of the enumeration.

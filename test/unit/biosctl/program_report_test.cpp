@@ -115,9 +115,9 @@ TEST(ProgramReport, TextAndJsonSayTheSame)
         for (const int percent : {-1, 40, 100}) {
             const outcome end = report_programming(result_of(SUBJECT, ended(how, 0, percent)));
             EXPECT_EQ(end.json["command"], "program");
-            EXPECT_EQ(end.json["next"], end.hints.back().text);
+            EXPECT_EQ(end.json["next"], end.hints.back().text.plain());
             EXPECT_EQ(end.json.contains("error"), end.exit != EXIT_DONE);
-            EXPECT_EQ(end.json.value("error", end.headline), end.headline);
+            EXPECT_EQ(end.json.value("error", end.headline.plain()), end.headline.plain());
         }
     }
 }
@@ -152,8 +152,20 @@ TEST(ProgramReport, WhatKeptItFromBeingAskedForIsReportedAsItIs)
 {
     const outcome end = report_programming(no_answer(SUBJECT, failure(EXIT_NOT_FOUND, "no module", "look")));
     EXPECT_EQ(end.exit, EXIT_NOT_FOUND);
-    EXPECT_EQ(end.headline, "no module");
+    EXPECT_EQ(end.headline.plain(), "no module");
     nlohmann::ordered_json row{{"module", 5}};
     add_programming_members(row, no_answer(SUBJECT, failure(EXIT_NOT_FOUND, "no module", "look")));
     EXPECT_EQ(row.dump(), R"({"module":5,"error":"no module","next":"look"})");
+}
+
+TEST(ProgramReport, ColoursWhatCameOfItAndWhatMustNotBeDone)
+{
+    const outcome good = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, 100)));
+    EXPECT_EQ(good.headline.coloured(),
+              "module 5: \033[32mprogrammed and verified\033[0m (result 0x00000000, 00:42)");
+    const outcome bad = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710009, 30)));
+    EXPECT_TRUE(bad.headline.coloured().starts_with("module 5: \033[31mprogramming failed\033[0m: 0x40710009"));
+    ASSERT_EQ(bad.hints.size(), 2U);
+    EXPECT_EQ(bad.hints[0].text.coloured(), "\033[31mmay be corrupted: do not reboot the card\033[0m");
+    EXPECT_EQ(bad.hints[1].text.coloured(), bad.hints[1].text.plain());
 }

@@ -17,7 +17,7 @@ TEST(ResultText, EveryRowIsCompleteAndItsCodeAndNameStandOnce)
         SCOPED_TRACE(code_text(row.code));
         EXPECT_TRUE(codes.insert(row.code).second);
         EXPECT_TRUE(names.insert(row.name).second);
-        for (const char *text : {row.name, row.meaning, row.flash, row.next}) {
+        for (const char *text : {row.name, row.meaning, row.flash.text, row.next}) {
             ASSERT_NE(text, nullptr);
             ASSERT_STRNE(text, "");
             EXPECT_NE(text[std::strlen(text) - 1], '.') << text;
@@ -46,7 +46,7 @@ TEST(ResultText, FindsNoRowForACodeThatIsInNone)
 TEST(ResultText, TheCodesOfAFlashLeftUnprogrammedWarnAgainstAReboot)
 {
     for (const std::uint32_t code : {0x40710009u, 0x4071000cu})
-        EXPECT_EQ(describe_result(code).flash, "may be corrupted: do not reboot the card");
+        EXPECT_EQ(describe_result(code).flash.plain(), "may be corrupted: do not reboot the card");
 }
 
 TEST(ResultText, ExitCodesFollowTheKindOfResult)
@@ -75,7 +75,7 @@ TEST(ResultText, AnUnknownCodeOfTheDaemonGivesTheExitStatusAndAssumesTheWorst)
 {
     const result_description result = describe_result(0x407100ff);
     EXPECT_NE(result.meaning.find("255"), std::string::npos);
-    EXPECT_NE(result.flash.find("do not reboot"), std::string::npos);
+    EXPECT_NE(result.flash.plain().find("do not reboot"), std::string::npos);
     EXPECT_EQ(result.exit, 1);
     EXPECT_EQ(describe_result(0x12345678).exit, 1);
 }
@@ -85,4 +85,21 @@ TEST(ResultText, CodesArePrintedWithEightDigits)
     EXPECT_EQ(code_text(0), "0x00000000");
     EXPECT_EQ(code_text(0x4071000a), "0x4071000a");
     EXPECT_EQ(code_text(0xffffffff), "0xffffffff");
+}
+
+TEST(ResultText, AWarningAgainstARebootStandsOutAndNothingElseDoes)
+{
+    for (const result_row &row : result_rows()) {
+        const bool warns = std::string(row.flash.text).find("do not reboot") != std::string::npos;
+        EXPECT_EQ(row.flash.meaning, warns ? text_meaning::wrong : text_meaning::none) << row.name;
+    }
+    EXPECT_NE(describe_result(0x12345678).flash.coloured().find("\033[31m"), std::string::npos);
+}
+
+TEST(ResultText, ASentenceSaysWhetherTheCodeIsKnown)
+{
+    EXPECT_EQ(result_sentence(describe_result(0x40710021)).coloured(),
+              "0x40710021 (write_protected): a sector of the flash that would have to change is write protected");
+    EXPECT_EQ(result_sentence(describe_result(1)).coloured(),
+              "0x00000001 (\033[31munknown\033[0m): no known result code");
 }

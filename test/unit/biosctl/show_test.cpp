@@ -360,8 +360,22 @@ TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
         const outcome audit = report_versions(report, show_kind::audit, false);
         EXPECT_EQ(audit.exit, EXIT_FAILED) << verdict_name(other.flashes[0].kind);
         EXPECT_EQ(audit.json["all_in_step"], false);
-        EXPECT_NE(audit.headline.find(verdict_name(other.flashes[0].kind)), std::string::npos) << audit.headline;
+        EXPECT_NE(audit.headline.plain().find(verdict_name(other.flashes[0].kind)), std::string::npos);
     }
+}
+
+TEST(VersionReport, ColoursTheVerdictsOfAnAudit)
+{
+    const auto audit = [](const version_facts &facts) {
+        return report_versions(report_of({card_of(5, facts)}), show_kind::audit, false);
+    };
+    EXPECT_EQ(audit({.flash = NEW, .running = NEW, .source = NEW}).headline.coloured(),
+              "all \033[32min step\033[0m");
+    const outcome busy = audit({.being_programmed = true});
+    EXPECT_EQ(busy.headline.coloured(), "\033[31mnot in step\033[0m (\033[33mbeing programmed\033[0m: 1)");
+    EXPECT_NE(text_of(busy.report, {.colours = true})
+                  .find("\033[33mbeing programmed\033[0m: \033[31mdo not reboot the card\033[0m\n"),
+              std::string::npos);
 }
 
 TEST(VersionReport, AVersionThatCouldNotBeReadIsNullForPrograms)

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "biosctl_chassis.h"
-#include "terminal.h"
 
 namespace
 {
@@ -124,64 +123,13 @@ std::vector<std::string> in_chassis(const test_chassis &chassis, std::vector<std
 
 } // namespace
 
-TEST(WrappedText, BreaksBetweenWordsAndIndentsTheRest)
-{
-    EXPECT_EQ(wrapped("biosctl: one two three", 14), "biosctl: one\n  two three");
-    EXPECT_EQ(wrapped("  next: one two three", 14), "  next: one\n    two three");
-    EXPECT_EQ(wrapped("short\n\nlines\n", 14), "short\n\nlines\n");
-    EXPECT_EQ(wrapped("", 14), "");
-}
-
-TEST(WrappedText, StaysInItsColumn)
-{
-    EXPECT_EQ(wrapped("  --dir DIR   Chassis directory of it", 31),
-              "  --dir DIR   Chassis directory\n              of it");
-    EXPECT_EQ(wrapped("1     none     a b c d e f g h", 20), "1     none     a b c\n               d e f\n"
-                                                             "               g h");
-}
-
-TEST(WrappedText, AWordThatIsTooLongStaysWhole)
-{
-    EXPECT_EQ(wrapped("see /a/path/that/is/long for it", 10), "see\n  /a/path/that/is/long\n  for it");
-    EXPECT_EQ(wrapped("/a/path/that/is/long", 10), "/a/path/that/is/long");
-    EXPECT_EQ(wrapped("      indented", 4), "      indented");
-}
-
-TEST(WrappedText, KeepsEveryWord)
-{
-    const std::string text = "0x40710009 (erase_failed): the flash could not be erased and is left unprogrammed";
-    for (std::size_t columns = 1; columns < 100; ++columns) {
-        std::istringstream before(text), after(wrapped(text, columns));
-        std::string word, same;
-        while (before >> word) {
-            ASSERT_TRUE(after >> same) << columns;
-            EXPECT_EQ(word, same) << columns;
-        }
-        EXPECT_FALSE(after >> same) << columns;
-    }
-}
-
-TEST(EmphasisedText, ColoursWhatIsWellWhatIsToBeDoneAndWhatWentWrong)
-{
-    EXPECT_EQ(emphasised("1  v3.5  in step"), "1  v3.5  \033[32min step\033[0m");
-    EXPECT_EQ(emphasised("update available\n"), "\033[33mupdate available\033[0m\n");
-    EXPECT_EQ(emphasised("not in step (unknown: 1)"), "\033[31mnot in step\033[0m (\033[31munknown\033[0m: 1)");
-    EXPECT_EQ(emphasised("module 2: programmed and verified (result 0)"),
-              "module 2: \033[32mprogrammed and verified\033[0m (result 0)");
-}
-
-TEST(EmphasisedText, LeavesPartsOfOtherWordsAlone)
-{
-    for (const std::string text : {"unknowns", "within step", "in steps", "begin step", "", "nothing"})
-        EXPECT_EQ(emphasised(text), text);
-}
-
 TEST(Terminal, ColoursOnlyWhereTheyAreUnderstoodAndWanted)
 {
     const std::vector<std::string> words{"explain", "0x4071000c"}; // tells not to reboot
     ::unsetenv("NO_COLOR");
     const std::string coloured_text = terminal_run("xterm", 120, words).shown();
-    EXPECT_NE(coloured_text.find("\033[31mdo not reboot\033[0m"), std::string::npos) << coloured_text;
+    EXPECT_NE(coloured_text.find("\033[31mmay be corrupted: do not reboot the card\033[0m"), std::string::npos)
+        << coloured_text;
     (void)::setenv("NO_COLOR", "", 1); // as if it were not set
     EXPECT_EQ(terminal_run("xterm", 120, words).shown(), coloured_text);
     EXPECT_FALSE(has_escapes(terminal_run("dumb", 120, words).shown()));

@@ -127,7 +127,7 @@ TEST(VerdictRows, StandInTheOrderOfTheirKinds)
     for (const verdict_row &row : verdict_rows()) {
         EXPECT_EQ(static_cast<std::size_t>(row.kind), k++) << row.name;
         EXPECT_LE(std::string(row.name).size(), 18u) << row.name;
-        EXPECT_LE(std::string(row.name).size() + 2 + std::string(row.advice).size(), 80u) << row.name;
+        EXPECT_LE(std::string(row.name).size() + 2 + std::string(row.advice.text).size(), 80u) << row.name;
     }
     EXPECT_EQ(k, 7u);
 }
