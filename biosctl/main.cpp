@@ -13,6 +13,7 @@
 
 #include "inventory.h"
 #include "outcome.h"
+#include "place_hints.h"
 #include "verbs.h"
 
 namespace
@@ -63,7 +64,7 @@ outcome run(const CLI::App &command, const arguments &given, const runnable_verb
         if (any_card_answers())
             return run_verb(given.json);
         return failure(EXIT_FAILED, "no agent of a card of the chassis in '" + where + "' answers",
-                       "see what runs with: chassis status; start the chassis with: chassis up");
+                       no_agent_hint());
     }
     if (problem.empty())
         return failure(EXIT_NOT_FOUND, "there is no chassis in '" + where + "'",

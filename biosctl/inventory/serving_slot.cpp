@@ -5,6 +5,7 @@
 
 #include "client.h"
 #include "inventory.h"
+#include "place_hints.h"
 #include "result_text.h"
 
 namespace
@@ -12,7 +13,7 @@ namespace
 
 outcome not_in_chassis(const std::string &what)
 {
-    return failure(EXIT_NOT_FOUND, what, "see what is in the chassis with: chassis status");
+    return failure(EXIT_NOT_FOUND, what, "see what is in the chassis with: " + place_text(look_at::cards));
 }
 
 } // namespace
@@ -34,7 +35,8 @@ serving_slot find_serving_slot(std::optional<unsigned> via)
     if (const auto active = active_supervisor(); active)
         return {active, {}};
     return {std::nullopt, failure(EXIT_FAILED, "no supervisor of the chassis is active",
-                                  "make one active (chassis status), or name the slot to ask with --via SLOT")};
+                                  "make one active" + place_in_brackets(look_at::states) +
+                                      ", or name the slot to ask with --via SLOT")};
 }
 
 outcome no_module_failure(unsigned module)
@@ -46,12 +48,13 @@ outcome no_endpoint_failure()
 {
     return failure(EXIT_FAILED,
                    std::string("no transport endpoint could be bound in the chassis: ") + std::strerror(errno),
-                   "check that the chassis directory is yours and can be written, and that the chassis is up");
+                   no_endpoint_hint());
 }
 
 outcome no_answer_failure(unsigned slot, int error)
 {
-    std::string next = "check that the card is up (chassis status, chassis log " + std::to_string(slot) + ")";
+    std::string next = "check that the card is up (" + place_text(look_at::states) + ", " +
+                       place_text(look_at::log, std::to_string(slot)) + ")";
     if (error == MTS_ERRNO_TIMED_OUT || error == ECONNRESET)
         next += "; it may have taken the request: look before you repeat it";
     outcome end = failure(EXIT_FAILED,

@@ -11,6 +11,7 @@
 #include "inventory.h"
 #include "loader.h"
 #include "output_file.h"
+#include "place_hints.h"
 #include "result_text.h"
 #include "serving_slot.h"
 
@@ -87,7 +88,7 @@ outcome report_status(const loader_file_options &options, unsigned slot, std::ui
         told = failure(status == ENOENT ? EXIT_NOT_FOUND : EXIT_FAILED,
                        what + ": error " + std::to_string(status) + " (" + std::strerror(static_cast<int>(status)) +
                            ")",
-                       "look at the card's files (chassis log " + std::to_string(slot) + ")");
+                       "look at the card's files" + place_in_brackets(look_at::log, std::to_string(slot)));
     told.json["result"] = code_text(status);
     return told;
 }

@@ -5,6 +5,7 @@
 #include "card_groups.h"
 #include "interrupt.h"
 #include "inventory.h"
+#include "place_hints.h"
 #include "serving_slot.h"
 
 namespace
@@ -88,7 +89,7 @@ outcome run_program_all(const program_all_options &options, bool json)
         return failure(EXIT_NOT_FOUND,
                        "there is no supervisor in slot " + std::to_string(TARVIK_A_MODULE_NUM) +
                            ", the only module that the supervisor in slot " + std::to_string(slot) + " programs",
-                       "see what is in the chassis with: chassis status");
+                       "see what is in the chassis with: " + place_text(look_at::cards));
     std::vector<series_step> steps;
     for (const unsigned module : order.modules)
         steps.push_back({.module = module});

@@ -5,6 +5,7 @@
 
 #include "bios_results.h"
 #include "lock_holders.h"
+#include "place_hints.h"
 #include "result_text.h"
 
 namespace
@@ -66,8 +67,8 @@ explanation explain_nothing_programmed(const programming_result &result)
                        "the card has no flash instance of the number that --type gave",
                        "the programming process was killed before it reported progress"},
             .flash = "not touched, unless the programming process was killed while it erased",
-            .next = "look at the card's log and state before a reboot (chassis log " +
-                    std::to_string(result.subject.programmed_module) + ", chassis status)"};
+            .next = "look at the card's log and state before a reboot" +
+                    place_in_brackets(look_at::log_and_states, std::to_string(result.subject.programmed_module))};
 }
 
 // The flash after a result other than 0. What the code says is about the last attempt; the progress tells whether
@@ -97,9 +98,8 @@ explanation explain_daemon_ended(const programming_result &result)
                         std::to_string(result.subject.serving_slot) + " ended before it reported a result (" +
                         seen_text(result) + ")",
             .flash = result.progress.verified() ? VERIFIED : left,
-            .next = result.progress.verified()
-                        ? "look at the card's state (chassis status)"
-                        : "look at the card's state (chassis status), then program it again before a reboot"};
+            .next = "look at the card's state" + place_in_brackets(look_at::states) +
+                    (result.progress.verified() ? "" : ", then program it again before a reboot")};
 }
 
 // biosctl looks away and the card works on.

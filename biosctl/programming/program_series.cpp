@@ -9,6 +9,7 @@
 #include "flash_version.h"
 #include "interrupt.h"
 #include "inventory.h"
+#include "place_hints.h"
 #include "program.h"
 #include "program_report.h"
 #include "progress_bar.h"
@@ -36,7 +37,7 @@ outcome not_active_any_more(const series_step &step, unsigned serving_slot)
                    "module " + std::to_string(step.module) + ": " +
                        styled_text("not programmed", text_meaning::wrong) + ": slot " +
                        std::to_string(serving_slot) + " is not the active supervisor any more",
-                   "look at the roles (chassis status) and begin again");
+                   "look at the roles" + place_in_brackets(look_at::states) + " and begin again");
 }
 
 outcome interrupted_before(const series_step &step)

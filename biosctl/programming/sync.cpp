@@ -7,6 +7,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "place_hints.h"
 #include "serving_slot.h"
 #include "show_report.h"
 
@@ -119,12 +120,12 @@ nlohmann::ordered_json json_head(unsigned serving_slot, const std::vector<sync_s
 
 outcome report_busy(unsigned serving_slot, bool readable)
 {
-    outcome told = failure(readable ? EXIT_BUSY : EXIT_FAILED,
-                           readable ? "not begun: a programming runs in the chassis"
-                                    : "not begun: the module locks cannot be read, and with them whether a "
-                                      "programming runs",
-                           readable ? "try again when it has ended (chassis status)"
-                                    : "check that the chassis directory is yours");
+    outcome told =
+        failure(readable ? EXIT_BUSY : EXIT_FAILED,
+                readable ? "not begun: a programming runs in the chassis"
+                         : "not begun: the module locks cannot be read, and with them whether a "
+                           "programming runs",
+                readable ? "try again when it has ended" + place_in_brackets(look_at::states) : no_locks_hint());
     told.json["command"] = "sync";
     told.json["serving_slot"] = serving_slot;
     return told;

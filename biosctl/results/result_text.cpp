@@ -22,8 +22,8 @@ constexpr styled_literal ERASED_WITH_CHIPSET{
     "not touched on a card with the plain flash layout; erased on all others: do not reboot such a card",
     text_meaning::wrong};
 
-constexpr const char *PROGRAM_AGAIN = "program the card again; reboot only after that has succeeded";
-constexpr const char *LOOK_AT_LOG = "look at the card's log for the reason (chassis log SLOT)";
+constexpr next_step PROGRAM_AGAIN{"program the card again; reboot only after that has succeeded"};
+constexpr next_step LOOK_AT_LOG{"look at the card's log for the reason", look_at::log};
 
 constexpr std::uint32_t LOCK_RESULT = 0x80000000; // combined with the low 12 bits of an errno
 constexpr std::uint32_t LOCK_RESULT_ERRNO = 0xfff;
@@ -33,80 +33,81 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "ok",
      .meaning = "the request was carried out to its end",
      .flash = {"verified only if the progress reached 100 percent; otherwise nothing was programmed"},
-     .next = "reboot the card if the progress reached 100 percent; else look at the card's log",
+     .next = {"reboot the card if the progress reached 100 percent; else look at the card's log"},
      .exit = EXIT_DONE},
     {.code = BIOS_LOADER_ERR_INSTALL,
      .name = "loader_install_failed",
      .meaning = "the command that installs the boot loader failed",
      .flash = {"BIOS flash not touched; the boot loader may be incomplete"},
-     .next = "read /tmp/install_loader.log on the card and install again before a reboot",
+     .next = {"read /tmp/install_loader.log on the card and install again before a reboot"},
      .exit = EXIT_FAILED},
     {.code = BIOS_LOADER_SAME_VERSION,
      .name = "loader_same_version",
      .meaning = "the image's boot loader has the version that is installed already; nothing was installed",
      .flash = NOT_TOUCHED,
-     .next = "nothing to do",
+     .next = {"nothing to do"},
      .exit = EXIT_NOTHING_TO_DO},
     {.code = BIOS_LOADER_ERR_IMAGE,
      .name = "loader_image_not_opened",
      .meaning = "the system image with the boot loader could not be opened",
      .flash = NOT_TOUCHED,
-     .next = "check the image's path and that it is a system image; see /tmp/install_loader.log on the card",
+     .next = {"check the image's path and that it is a system image; see /tmp/install_loader.log on the card"},
      .exit = EXIT_FAILED},
     {.code = BIOS_LOADER_ERR_NO_VERSION,
      .name = "loader_no_version",
      .meaning = "the image's boot-loader file has no version that could be read",
      .flash = NOT_TOUCHED,
-     .next = "use a system image that holds a boot loader",
+     .next = {"use a system image that holds a boot loader"},
      .exit = EXIT_FAILED},
     {.code = BIOS_LOADER_ERR_MOUNT,
      .name = "loader_partition_not_mounted",
      .meaning = "the boot-loader partition could not be mounted",
      .flash = NOT_TOUCHED,
-     .next = "check /mnt/bootloader on the card",
+     .next = {"check /mnt/bootloader on the card"},
      .exit = EXIT_FAILED},
     {.code = BIOS_NOT_NEEDED,
      .name = "not_needed",
      .meaning = "the flash needs no programming: the image is not newer",
      .flash = NOT_TOUCHED,
-     .next = "nothing to do",
+     .next = {"nothing to do"},
      .exit = EXIT_NOTHING_TO_DO},
     {.code = BIOS_ERR_NO_IMAGE_FILE,
      .name = "no_image_file",
      .meaning = "the BIOS image file does not exist on the card",
      .flash = NOT_TOUCHED,
-     .next = "check that the image holds a BIOS for this card type and that /bootflash has room for it",
+     .next = {"check that the image holds a BIOS for this card type and that /bootflash has room for it"},
      .exit = EXIT_NOT_FOUND},
     {.code = BIOS_ERR_IMAGE_NOT_REMOVED,
      .name = "image_not_removed",
      .meaning = "the temporary image file could not be removed; this hides the result of the programming itself",
      .flash = {"verified only if the progress reached 100 percent; otherwise it may be corrupted: do not reboot",
                text_meaning::wrong},
-     .next = "check /bootflash of the card (full, read-only, or somebody removed .tmpbios.bin) and program again",
+     .next = {"check /bootflash of the card (full, read-only, or somebody removed .tmpbios.bin) and program again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_URI,
      .name = "uri_not_mapped",
      .meaning = "the image URI names no place in the card's file system",
      .flash = NOT_TOUCHED,
-     .next = "use a URI such as bootflash:NAME or file:///PATH",
+     .next = {"use a URI such as bootflash:NAME or file:///PATH"},
      .exit = EXIT_NOT_FOUND},
     {.code = BIOS_ERR_MODULE_INFO,
      .name = "no_module_info",
      .meaning = "the card's module information could not be read",
      .flash = NOT_TOUCHED,
-     .next = "check the card in the inventory (chassis status)",
+     .next = {"check the card in the inventory", look_at::cards},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NOT_SENT,
      .name = "not_sent_to_module",
      .meaning = "the supervisor could not hand the request to the target module, or the module refused it",
      .flash = {"not touched, unless the module took the request and its answer was lost"},
-     .next = "check that the module is up and is not being programmed already (chassis status), then try again",
+     .next = {"check that the module is up and is not being programmed already", look_at::states,
+              ", then try again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NO_COMPLETION,
      .name = "no_completion",
      .meaning = "the target module did not report the end of its programming in time",
      .flash = {"unknown, the module may still be programming: do not reboot it", text_meaning::wrong},
-     .next = "look at the module's log and state (chassis log SLOT, chassis status), then program again",
+     .next = {"look at the module's log and state", look_at::log_and_states, ", then program again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_ERASE,
      .name = "erase_failed",
@@ -118,13 +119,13 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "busy",
      .meaning = "a programming is in progress already, or somebody else holds a module lock that it needs",
      .flash = {"not touched by this request"},
-     .next = "wait for the other programming to end (chassis status) and try again",
+     .next = {"wait for the other programming to end", look_at::states, " and try again"},
      .exit = EXIT_BUSY},
     {.code = BIOS_LOCK_FOR_PEER,
      .name = "locked_for_peer",
      .meaning = "reason of a module lock that was taken on request of a peer or of biosctl lock; no result",
      .flash = NOT_CONCERNED,
-     .next = "free the lock when it is needed no more (biosctl unlock MODULE)",
+     .next = {"free the lock when it is needed no more (biosctl unlock MODULE)"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_PROGRAM,
      .name = "program_failed",
@@ -136,7 +137,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "image_no_version",
      .meaning = "there is no BIOS version in the image",
      .flash = NOT_TOUCHED,
-     .next = "check that the file is a BIOS image for this card type",
+     .next = {"check that the file is a BIOS image for this card type"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_BIND,
      .name = "no_endpoint",
@@ -148,7 +149,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "no_flash_entries",
      .meaning = "the daemon knows no BIOS flash for the module's card id",
      .flash = NOT_TOUCHED,
-     .next = "check the module's card id in the inventory (chassis status)",
+     .next = {"check the module's card id in the inventory", look_at::card_ids},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NO_OPERATION,
      .name = "no_operation",
@@ -160,37 +161,37 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "image_version_not_read",
      .meaning = "the image's BIOS version could not be read",
      .flash = NOT_TOUCHED,
-     .next = "check that the image can be read and that it is a BIOS image",
+     .next = {"check that the image can be read and that it is a BIOS image"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_IMAGE_SIZE,
      .name = "image_unfit",
      .meaning = "the image is empty, larger than the flash, or no regular file",
      .flash = ERASED_WITH_CHIPSET,
-     .next = "program again with an image made for this card type",
+     .next = {"program again with an image made for this card type"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_PROTECTED,
      .name = "write_protected",
      .meaning = "a sector of the flash that would have to change is write protected",
      .flash = NOT_TOUCHED,
-     .next = "take the write protection off and program again",
+     .next = {"take the write protection off and program again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_WORK_FILE,
      .name = "work_file_not_written",
      .meaning = "a work file for the image's checksum could not be written",
      .flash = NOT_TOUCHED,
-     .next = "check the room in /tmp of the card",
+     .next = {"check the room in /tmp of the card"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_IMAGE_READ,
      .name = "image_not_read",
      .meaning = "the image could not be read",
      .flash = ERASED_WITH_CHIPSET,
-     .next = "check the card's /bootflash and program again",
+     .next = {"check the card's /bootflash and program again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_NO_FLASH,
      .name = "flash_not_opened",
      .meaning = "the card has no such flash, or it could not be opened or read",
      .flash = {"not touched, unless the card's log says that it was erased before"},
-     .next = "check --type and the card's flash devices",
+     .next = {"check --type and the card's flash devices"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_FLASH_NO_VERSION,
      .name = "flash_no_version",
@@ -202,43 +203,43 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "flash_version_not_read",
      .meaning = "the flash's BIOS version could not be read",
      .flash = NOT_TOUCHED,
-     .next = "check the card's flash devices",
+     .next = {"check the card's flash devices"},
      .exit = EXIT_FAILED},
     {.code = BIOS_FLASH_ERR_IN_USE,
      .name = "flash_in_use",
      .meaning = "the flash is being programmed by another process",
      .flash = {"not touched by this request; the other process is changing it"},
-     .next = "wait for the other programming to end and try again",
+     .next = {"wait for the other programming to end and try again"},
      .exit = EXIT_BUSY},
     {.code = BIOS_ERR_NO_MEMORY,
      .name = "no_memory",
      .meaning = "the daemon could not allocate a work area",
      .flash = NOT_TOUCHED,
-     .next = "check the memory of the card and try again",
+     .next = {"check the memory of the card and try again"},
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_CARD_ID,
      .name = "no_card_id",
      .meaning = "the card does not know its own card id; its daemon may have ended because of that",
      .flash = NOT_TOUCHED,
-     .next = "check the card's card_id in the inventory (chassis status)",
+     .next = {"check the card's card_id in the inventory", look_at::card_ids},
      .exit = EXIT_FAILED},
     {.code = LOCK_RESULT | EPERM,
      .name = "lock_not_owned",
      .meaning = "the module lock belongs to another process",
      .flash = NOT_CONCERNED,
-     .next = "have the holder free it; it frees itself when the holder ends",
+     .next = {"have the holder free it; it frees itself when the holder ends"},
      .exit = EXIT_BUSY},
     {.code = LOCK_RESULT | ENOENT,
      .name = "lock_not_held",
      .meaning = "nobody holds the module lock",
      .flash = NOT_CONCERNED,
-     .next = "nothing to do",
+     .next = {"nothing to do"},
      .exit = EXIT_NOTHING_TO_DO},
     {.code = LOCK_RESULT | EBUSY,
      .name = "lock_held",
      .meaning = "another process holds the module lock",
      .flash = NOT_CONCERNED,
-     .next = "wait until the holder frees it and try again",
+     .next = {"wait until the holder frees it and try again"},
      .exit = EXIT_BUSY},
 });
 
@@ -250,13 +251,18 @@ constexpr bool is_sentence(const char *text)
 constexpr bool is_complete(const result_row &row)
 {
     return is_sentence(row.name) && is_sentence(row.meaning) && is_sentence(row.flash.text) &&
-           is_sentence(row.next);
+           is_sentence(row.next.text);
 }
 
 static_assert(std::ranges::all_of(result_tbl, is_complete), "every text of every row is needed");
 static_assert(std::ranges::adjacent_find(result_tbl, std::ranges::greater_equal{}, &result_row::code) ==
                   result_tbl.end(),
               "rows stand in order of their codes, each once");
+
+std::string text_of(const next_step &next)
+{
+    return next.text + place_in_brackets(next.where) + next.rest;
+}
 
 result_description describe_unknown(std::uint32_t code)
 {
@@ -265,7 +271,7 @@ result_description describe_unknown(std::uint32_t code)
                 "lock_failed",
                 std::string("the module lock failed: ") + std::strerror(static_cast<int>(code & LOCK_RESULT_ERRNO)),
                 NOT_CONCERNED,
-                LOOK_AT_LOG,
+                text_of(LOOK_AT_LOG),
                 EXIT_FAILED};
     }
     if ((code & 0xffffff00) == BIOS_RESULT_PREFIX) {
@@ -274,12 +280,15 @@ result_description describe_unknown(std::uint32_t code)
                 "the programming process ended with exit status " + std::to_string(code & 0xff) +
                     ", which is no known result",
                 CORRUPTED,
-                LOOK_AT_LOG,
+                text_of(LOOK_AT_LOG),
                 EXIT_FAILED};
     }
-    return {
-        code,        "unknown",  "no known result code", {"unknown: do not reboot the card", text_meaning::wrong},
-        LOOK_AT_LOG, EXIT_FAILED};
+    return {code,
+            "unknown",
+            "no known result code",
+            {"unknown: do not reboot the card", text_meaning::wrong},
+            text_of(LOOK_AT_LOG),
+            EXIT_FAILED};
 }
 
 } // namespace
@@ -298,7 +307,7 @@ const result_row *find_result(std::uint32_t code)
 result_description describe_result(std::uint32_t code)
 {
     if (const result_row *row = find_result(code); row != nullptr)
-        return {row->code, row->name, row->meaning, row->flash, row->next, row->exit};
+        return {row->code, row->name, row->meaning, row->flash, text_of(row->next), row->exit};
     return describe_unknown(code);
 }
 

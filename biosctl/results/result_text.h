@@ -7,15 +7,23 @@
 #include <string>
 
 #include "exit_codes.h"
+#include "place_hints.h"
 #include "styled_text.h"
+
+// What to do next, and where to look for it.
+struct next_step {
+    const char *text;
+    look_at where = look_at::nowhere;
+    const char *rest = ""; // of the text, behind the place
+};
 
 struct result_row {
     std::uint32_t code;
     const char *name;     // short, for programs: lower case, underscores
     const char *meaning;  // one sentence without a full stop
     styled_literal flash; // state of the BIOS flash after this result
-    const char *next;     // what to do next
-    exit_code exit;       // how biosctl ends; 0 for result 0 only with the proof that a flash was verified
+    next_step next;
+    exit_code exit; // how biosctl ends; 0 for result 0 only with the proof that a flash was verified
 };
 
 // All rows, in order of their codes.

@@ -35,7 +35,7 @@ void tell_meanings(text_report &report, const std::vector<card_report> &cards)
 {
     for (const verdict_row &row : verdict_rows()) {
         if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
-            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + styled_text(row.advice)});
+            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + advice_text(row)});
     }
 }
 

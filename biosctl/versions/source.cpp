@@ -13,6 +13,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "place_hints.h"
 #include "progress_bar.h"
 #include "query_process.h"
 #include "result_text.h"
@@ -79,7 +80,7 @@ outcome report_no_versions(const source_options &options, unsigned slot)
         options.image_path ? "there is no such file on the card, it is no system image, or it holds no BIOS "
                              "for this type of card"
                            : "the image tree holds no BIOS for this type of card, or it holds no version";
-    const std::string next = "look at the card's log (chassis log " + std::to_string(slot) + ")";
+    const std::string next = "look at the card's log" + place_in_brackets(look_at::log, std::to_string(slot));
     outcome told = failure(EXIT_FAILED, what, next);
     told.hints.insert(told.hints.begin(), {"likely", reason});
     told.json["likely_reasons"] = nlohmann::ordered_json::array({reason});
@@ -93,7 +94,7 @@ outcome report_locked(unsigned slot, bool readable)
         (readable ? "a programming runs in the chassis, and the images are unpacked in the same place"
                   : "the module locks cannot be read, and with them whether a programming runs");
     return failure(readable ? EXIT_BUSY : EXIT_FAILED, what,
-                   readable ? "ask again when it has ended" : "check that the chassis directory is yours");
+                   readable ? "ask again when it has ended" : no_locks_hint());
 }
 
 table version_table(const std::vector<source_version> &entries)

@@ -13,10 +13,7 @@ constexpr verdict_row ROWS[] = {
      "being programmed",
      text_meaning::to_do,
      {"do not reboot the card", text_meaning::wrong}},
-    {verdict::unreachable,
-     "unreachable",
-     text_meaning::wrong,
-     {"look at the card: chassis log SLOT, chassis status"}},
+    {verdict::unreachable, "unreachable", text_meaning::wrong, {"look at the card: "}, look_at::log_and_states},
     {verdict::reboot_pending, "reboot pending", text_meaning::to_do, {"the flash's version runs after a reboot"}},
     {verdict::update_available, "update available", text_meaning::to_do, {"next: biosctl program SLOT"}},
     {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, {"the image is older than the flash"}},
@@ -82,6 +79,11 @@ verdict judge(const version_facts &facts)
 std::span<const verdict_row> verdict_rows()
 {
     return ROWS;
+}
+
+styled_text advice_text(const verdict_row &row)
+{
+    return styled_text(row.advice) + place_text(row.where);
 }
 
 const verdict_row &row_of(verdict kind)

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "place_hints.h"
 #include "styled_text.h"
 
 // "v3.5.0(09/17/12)". Two builds may have the same numbers and differ in the date.
@@ -54,8 +55,12 @@ struct verdict_row {
     verdict kind;
     const char *name; // as in tables and JSON
     text_meaning meaning;
-    styled_literal advice; // what it means and what to do next; one line of a terminal together with the name
+    styled_literal advice;
+    look_at where = look_at::nowhere; // what is advised is to look there
 };
+
+// What it means and what to do next.
+styled_text advice_text(const verdict_row &row);
 
 // All rows in the order of the enumeration.
 std::span<const verdict_row> verdict_rows();

@@ -17,7 +17,7 @@ TEST(ResultText, EveryRowIsCompleteAndItsCodeAndNameStandOnce)
         SCOPED_TRACE(code_text(row.code));
         EXPECT_TRUE(codes.insert(row.code).second);
         EXPECT_TRUE(names.insert(row.name).second);
-        for (const char *text : {row.name, row.meaning, row.flash.text, row.next}) {
+        for (const char *text : {row.name, row.meaning, row.flash.text, row.next.text}) {
             ASSERT_NE(text, nullptr);
             ASSERT_STRNE(text, "");
             EXPECT_NE(text[std::strlen(text) - 1], '.') << text;
@@ -102,4 +102,15 @@ TEST(ResultText, ASentenceSaysWhetherTheCodeIsKnown)
               "0x40710021 (write_protected): a sector of the flash that would have to change is write protected");
     EXPECT_EQ(result_sentence(describe_result(1)).coloured(),
               "0x00000001 (\033[31munknown\033[0m): no known result code");
+}
+
+TEST(ResultText, TheNextStepSaysWhereToLook)
+{
+    EXPECT_EQ(describe_result(0x4071000a).next,
+              "wait for the other programming to end (" + place_text(look_at::states) + ") and try again");
+    EXPECT_EQ(describe_result(1).next, "look at the card's log for the reason (" + place_text(look_at::log) + ")");
+    for (const result_row &row : result_rows()) {
+        for (const char *text : {row.next.text, row.next.rest})
+            EXPECT_EQ(std::string(text).find("chassis "), std::string::npos) << row.name << ": a place, not a text";
+    }
 }
