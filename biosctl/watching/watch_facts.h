@@ -14,7 +14,7 @@
 
 struct watched_card {
     unsigned slot = 0;
-    std::string role;    // "active", "standby" or "none"
+    std::string role;      // "active", "standby" or "none"
     bool confirmed = true; // its agent has said so; false: nothing is known of its flashes
     bool serves = false;   // its daemon's endpoint is bound
     std::array<flash_activity, FLASH_INSTANCE_COUNT> flashes = {};

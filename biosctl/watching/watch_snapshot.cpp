@@ -9,9 +9,8 @@
 namespace
 {
 
-constexpr const char *STATE_NAMES[] = {"being programmed", "not verified", "programming another module",
-                                       "no daemon",        "unconfirmed",  "locked",
-                                       "idle"};
+constexpr const char *STATE_NAMES[] = {
+    "being programmed", "not verified", "programming another module", "no daemon", "unconfirmed", "locked", "idle"};
 
 unsigned module_of(const chassis_module_lock_holder &lock)
 {

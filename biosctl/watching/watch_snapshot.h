@@ -50,7 +50,7 @@ struct watch_row {
     std::vector<unsigned> marked_flashes = {};     // instances: begun to be programmed and not found equal since
     std::optional<watched_progress> progress = {}; // of the programming that runs, or that was left
     std::optional<watched_lock> lock = {};         // of this module
-    std::optional<noticed_result> result = {}; // of the last programming that a notice told of
+    std::optional<noticed_result> result = {};     // of the last programming that a notice told of
 
     bool operator==(const watch_row &) const = default;
 };
