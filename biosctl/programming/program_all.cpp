@@ -28,7 +28,7 @@ std::string left_out_text(unsigned serving_slot, unsigned module)
            " whatever module it is asked for";
 }
 
-void tell_ending(outcome &told, const std::vector<programming_result> &results)
+void report_ending(outcome &told, const std::vector<programming_result> &results)
 {
     if (told.exit == EXIT_NOTHING_TO_DO) {
         told.headline = "nothing to do";
@@ -64,7 +64,7 @@ outcome report_program_all(unsigned serving_slot, const supervisor_order &order,
                            const std::vector<programming_result> &results)
 {
     outcome told{.exit = series_exit(results), .report = {series_table(results)}};
-    tell_ending(told, results);
+    report_ending(told, results);
     told.json = {{"command", "program all"},
                  {"serving_slot", serving_slot},
                  {"modules", series_json(results)},

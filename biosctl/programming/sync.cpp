@@ -89,7 +89,7 @@ bool all_in_step(const std::vector<sync_step> &plan)
 }
 
 // What is said of cards that are all in step, and what is left to do.
-void tell_in_step(outcome &told, const std::vector<sync_step> &plan)
+void report_in_step(outcome &told, const std::vector<sync_step> &plan)
 {
     const std::size_t pending = count_of(plan, sync_action::reboot_pending);
     told.headline += "all " + styled_text("in step", text_meaning::well);
@@ -101,7 +101,7 @@ void tell_in_step(outcome &told, const std::vector<sync_step> &plan)
 }
 
 // The modules that are not in step, and what may help.
-void tell_out_of_step(outcome &told, const std::vector<sync_step> &plan)
+void report_out_of_step(outcome &told, const std::vector<sync_step> &plan)
 {
     std::string modules;
     for (const sync_step &step : plan) {
@@ -172,10 +172,10 @@ outcome report_plan(unsigned serving_slot, const std::vector<sync_step> &plan, b
     } else if (all_in_step(plan)) {
         told.exit = EXIT_NOTHING_TO_DO;
         told.headline = "nothing to do: ";
-        tell_in_step(told, plan);
+        report_in_step(told, plan);
     } else {
         told.exit = EXIT_FAILED;
-        tell_out_of_step(told, plan);
+        report_out_of_step(told, plan);
     }
     if (told.exit != EXIT_DONE && told.exit != EXIT_NOTHING_TO_DO)
         told.json["error"] = told.headline.plain();
@@ -196,9 +196,9 @@ outcome report_sync(unsigned serving_slot, const std::vector<sync_step> &plan,
     if (!seen)
         told.headline = styled_text(NOT_IN_STEP) + ", as far as is known: the versions were not read again";
     else if (in_step)
-        tell_in_step(told, after.plan);
+        report_in_step(told, after.plan);
     else
-        tell_out_of_step(told, after.plan);
+        report_out_of_step(told, after.plan);
     told.json["programmed"] = series_json(results);
     told.json["cards"] = json_of_cards(after.cards);
     told.json["all_in_step"] = in_step;

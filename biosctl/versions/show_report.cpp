@@ -31,7 +31,7 @@ styled_text summary_text(const std::vector<card_report> &cards)
 }
 
 // What the verdicts that occur ask for; nothing about those that ask for nothing.
-void tell_meanings(text_report &report, const std::vector<card_report> &cards)
+void add_meanings(text_report &report, const std::vector<card_report> &cards)
 {
     for (const verdict_row &row : verdict_rows()) {
         if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
@@ -39,7 +39,7 @@ void tell_meanings(text_report &report, const std::vector<card_report> &cards)
     }
 }
 
-void tell_reasons(text_report &report, const std::vector<card_report> &cards)
+void add_reasons(text_report &report, const std::vector<card_report> &cards)
 {
     for (const card_report &card : cards) {
         for (const std::string &reason : card.reasons)
@@ -104,8 +104,8 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
 
     outcome told;
     told.report = {version_table(versions.cards)};
-    tell_meanings(told.report, versions.cards);
-    tell_reasons(told.report, versions.cards);
+    add_meanings(told.report, versions.cards);
+    add_reasons(told.report, versions.cards);
     nlohmann::ordered_json notes = nlohmann::ordered_json::array();
     if (serving_tells_one_module) {
         notes.push_back(one_module_note(versions.serving_slot));
