@@ -11,6 +11,7 @@
 #include "explain.h"
 #include "file_search.h"
 #include "loader.h"
+#include "loader_messages.h"
 #include "lock.h"
 #include "metrics.h"
 #include "pfm.h"

@@ -1,9 +1,8 @@
 #include "file_search.h"
 
 #include <algorithm>
-#include <cstring>
+#include <vector>
 
-#include "bios_messages.h"
 #include "bios_results.h"
 
 namespace
@@ -27,20 +26,6 @@ bool goes_on(const std::vector<std::uint8_t> &before, const std::vector<std::uin
 }
 
 } // namespace
-
-file_answer decode_file_answer(std::vector<std::uint8_t> payload, std::uint32_t length)
-{
-    bios_loader_file_reply_t head{};
-    if (payload.size() < sizeof head)
-        return {.understood = false};
-    std::memcpy(&head, payload.data(), sizeof head);
-    if (head.status.load() != BIOS_OK)
-        return {.status = head.status.load()};
-    if (head.length.load() != length || payload.size() - sizeof head != length)
-        return {.understood = false};
-    payload.erase(payload.begin(), payload.begin() + sizeof head);
-    return {.content = std::move(payload)};
-}
 
 file_search find_whole_file(const file_request &request)
 {

@@ -4,22 +4,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <vector>
+
+#include "loader_messages.h"
 
 constexpr std::uint32_t LOADER_FILE_BYTES_MAX = 64U << 20;
-
-// What a daemon said to one request.
-struct file_answer {
-    int error = 0;            // errno of request_answer when there was no answer
-    bool understood = true;   // false: the answer is none to this request
-    std::uint32_t status = 0; // 0: all bytes asked for are in content
-    std::vector<std::uint8_t> content = {};
-
-    bool has_content() const { return error == 0 && understood && status == 0; }
-};
-
-// Takes an answer's payload apart.
-file_answer decode_file_answer(std::vector<std::uint8_t> payload, std::uint32_t length);
 
 // Asks for the first length bytes.
 using file_request = std::function<file_answer(std::uint32_t length)>;

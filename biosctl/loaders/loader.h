@@ -4,13 +4,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "bios_messages.h"
 #include "outcome.h"
-
-constexpr std::size_t LOADER_IMAGE_PATH_BYTES_MAX =
-    sizeof(bios_install_loader_req_t::image_path) - 1; // the terminator is needed
 
 struct loader_install_options {
     std::string image_path = {};            // on the card, at most LOADER_IMAGE_PATH_BYTES_MAX bytes
@@ -18,8 +13,6 @@ struct loader_install_options {
     std::optional<unsigned> via = {};       // the card; none: the active supervisor
     std::optional<unsigned> timeout_s = {}; // the longest wait for the end; none: as long as the daemon lives
 };
-
-std::vector<std::uint8_t> encode_loader_install_request(const loader_install_options &options);
 
 // What is told about a result of the daemon; a pure function of it.
 outcome report_loader_install(const loader_install_options &options, unsigned slot, std::uint32_t result);

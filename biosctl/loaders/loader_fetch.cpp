@@ -10,6 +10,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "loader.h"
+#include "loader_messages.h"
 #include "output_file.h"
 #include "place_hints.h"
 #include "result_text.h"
@@ -52,9 +53,8 @@ public:
 
     file_answer ask(std::uint32_t length)
     {
-        const be32 body = be32::of(length);
-        request_answer answer = endpoint_.request(
-            node_of_module(slot_), opcode_, {reinterpret_cast<const std::uint8_t *>(&body), sizeof body}, wait_s_);
+        request_answer answer =
+            endpoint_.request(node_of_module(slot_), opcode_, encode_loader_file_request(length), wait_s_);
         if (!answer.answered)
             return {.error = answer.error};
         if (answer.status != BIOS_OK)

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <unistd.h>
 
 #include "bios_opcodes.h"
@@ -7,6 +6,7 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "loader.h"
+#include "loader_messages.h"
 #include "result_text.h"
 #include "serving_slot.h"
 
@@ -33,16 +33,6 @@ outcome interrupted_installation()
 }
 
 } // namespace
-
-std::vector<std::uint8_t> encode_loader_install_request(const loader_install_options &options)
-{
-    bios_install_loader_req_t request{};
-    std::copy_n(options.image_path.data(), std::min(options.image_path.size(), LOADER_IMAGE_PATH_BYTES_MAX),
-                request.image_path);
-    request.remove_image.store(options.remove_image ? 1 : 0);
-    const auto *begin = reinterpret_cast<const std::uint8_t *>(&request);
-    return {begin, begin + sizeof request};
-}
 
 outcome report_loader_install(const loader_install_options &options, unsigned slot, std::uint32_t result)
 {
@@ -77,7 +67,8 @@ outcome run_loader_install(const loader_install_options &options, bool json)
     const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,
                                        failure_text(interrupted_installation(), json));
     const request_answer answer =
-        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_INSTALL_LOADER, encode_loader_install_request(options),
+        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_INSTALL_LOADER,
+                         encode_loader_install_request(options.image_path, options.remove_image),
                          options.timeout_s.value_or(NO_LIMIT_S));
     if (!answer.answered)
         return no_answer_failure(slot, answer.error);

@@ -1,14 +1,13 @@
 #include "lock.h"
 
 #include <cstdio>
-#include <cstring>
-#include <span>
 
 #include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "lock_messages.h"
 #include "result_text.h"
 #include "serving_slot.h"
 
@@ -20,22 +19,6 @@ namespace
 bool is_unlock(const lock_options &options)
 {
     return options.operation == BIOS_MODULE_LOCK_RELEASE;
-}
-
-std::span<const std::uint8_t> bytes_of(const bios_module_lock_req_t &request)
-{
-    return {reinterpret_cast<const std::uint8_t *>(&request), sizeof request};
-}
-
-std::optional<std::uint32_t> result_of(const request_answer &answer, const bios_module_lock_req_t &request)
-{
-    bios_module_lock_reply_t reply{};
-    if (answer.status != BIOS_OK || answer.payload.size() < sizeof reply)
-        return std::nullopt;
-    std::memcpy(&reply, answer.payload.data(), sizeof reply);
-    if (reply.operation.load() != request.operation.load() || reply.node_id.load() != request.node_id.load())
-        return std::nullopt;
-    return reply.result.load();
 }
 
 // The daemon frees the lock that it took for a programming as well as one that it took for a peer.
@@ -97,12 +80,12 @@ outcome run_lock(const lock_options &options)
         return no_endpoint_failure();
     if (is_unlock(options))
         warn_about_programming(locked_node);
-    const bios_module_lock_req_t request{be32::of(options.operation), be32::of(locked_node)};
     const request_answer answer =
-        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_MODULE_LOCK, bytes_of(request), ANSWER_WAIT_LIMIT_S);
+        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_MODULE_LOCK,
+                         encode_lock_request(options.operation, locked_node), ANSWER_WAIT_LIMIT_S);
     if (!answer.answered)
         return no_answer_failure(slot, answer.error);
-    const auto result = result_of(answer, request);
+    const auto result = decode_lock_answer(answer, options.operation, locked_node);
     if (!result)
         return failure(EXIT_FAILED, slot_text(slot) + ": the daemon's answer is not understood",
                        "check that biosctl and the daemon are of the same version");

@@ -75,14 +75,14 @@ TEST(LoaderInstallRequest, IsTheLiteralBody)
 {
     bytes expected(204);
     std::memcpy(expected.data(), "/bootflash/a.img", 16);
-    EXPECT_EQ(encode_loader_install_request({.image_path = "/bootflash/a.img"}), expected);
+    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", false), expected);
     expected[203] = 1;
-    EXPECT_EQ(encode_loader_install_request({.image_path = "/bootflash/a.img", .remove_image = true}), expected);
+    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", true), expected);
 }
 
 TEST(LoaderInstallRequest, ATooLongPathStaysTerminated)
 {
-    const bytes body = encode_loader_install_request({.image_path = std::string(300, 'p')});
+    const bytes body = encode_loader_install_request(std::string(300, 'p'), false);
     EXPECT_EQ(body[198], 'p');
     EXPECT_EQ(body[199], 0);
 }
@@ -98,6 +98,11 @@ TEST(LoaderInstallReport, HasAnExitCodeForEachResult)
         EXPECT_EQ(told.json["outcome"], exit == 0 ? "installed" : exit == 2 ? "nothing to do" : "failed");
         EXPECT_TRUE(has(failure_text(told, false), "\n  next: ")) << failure_text(told, false);
     }
+}
+
+TEST(FileRequest, IsTheLengthThatIsWanted)
+{
+    EXPECT_EQ(encode_loader_file_request(0x01020304), (bytes{1, 2, 3, 4}));
 }
 
 TEST(FileAnswer, OnlyExactlyWhatWasAskedForIsContent)

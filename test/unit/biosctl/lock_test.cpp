@@ -7,6 +7,7 @@
 
 #include "biosctl_chassis.h"
 #include "lock.h"
+#include "lock_messages.h"
 #include "modlock.h"
 
 namespace
@@ -48,6 +49,27 @@ void hold(unsigned node, std::uint32_t reason)
 }
 
 } // namespace
+
+TEST(LockMessages, TheRequestIsTheLiteralBody)
+{
+    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_TAKE, 0x502),
+              (std::vector<std::uint8_t>{0, 0, 0, 2, 0, 0, 5, 2}));
+    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_RELEASE, 0x1b01),
+              (std::vector<std::uint8_t>{0, 0, 0, 3, 0, 0, 0x1b, 1}));
+}
+
+TEST(LockMessages, OnlyAnAnswerToTheSameRequestHasAResult)
+{
+    const auto result_of = [](std::uint32_t status, const std::vector<std::uint8_t> &payload) {
+        return decode_lock_answer({.answered = true, .status = status, .payload = payload}, BIOS_MODULE_LOCK_TAKE,
+                                  0x502);
+    };
+    EXPECT_EQ(result_of(0, {0, 0, 0, 2, 0, 0, 5, 2, 0x80, 0, 0, 16}), 0x80000010u);
+    EXPECT_FALSE(result_of(1, {0, 0, 0, 2, 0, 0, 5, 2, 0, 0, 0, 0}));
+    EXPECT_FALSE(result_of(0, {0, 0, 0, 3, 0, 0, 5, 2, 0, 0, 0, 0}));
+    EXPECT_FALSE(result_of(0, {0, 0, 0, 2, 0, 0, 5, 1, 0, 0, 0, 0}));
+    EXPECT_FALSE(result_of(0, {0, 0, 0, 2, 0, 0, 5, 2, 0, 0, 0}));
+}
 
 TEST_F(Lock, AsksForTheModulesNodeAndSaysWhoHoldsIt)
 {

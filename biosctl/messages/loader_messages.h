@@ -1,0 +1,34 @@
+// The messages about a boot loader: requests put together, answers taken apart.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "bios_messages.h"
+
+constexpr std::size_t LOADER_IMAGE_PATH_BYTES_MAX =
+    sizeof(bios_install_loader_req_t::image_path) - 1; // the terminator is needed
+
+// Body of MTS_OPC_BIOS_INSTALL_LOADER.
+//   image_path    on the card, at most LOADER_IMAGE_PATH_BYTES_MAX bytes
+//   remove_image  when done, whatever came of it
+std::vector<std::uint8_t> encode_loader_install_request(const std::string &image_path, bool remove_image);
+
+// Body of MTS_OPC_BIOS_GET_LOADER_IMAGE and MTS_OPC_BIOS_GET_KS_IMAGE.
+//   length  bytes of the file that are wanted
+std::vector<std::uint8_t> encode_loader_file_request(std::uint32_t length);
+
+// What a daemon answered to a request for a file.
+struct file_answer {
+    int error = 0;            // errno of request_answer when there was no answer
+    bool understood = true;   // false: it is no answer to this request
+    std::uint32_t status = 0; // 0: all bytes asked for are in content
+    std::vector<std::uint8_t> content = {};
+
+    bool has_content() const { return error == 0 && understood && status == 0; }
+};
+
+// Takes the payload of an answer to encode_loader_file_request(length) apart.
+file_answer decode_file_answer(std::vector<std::uint8_t> payload, std::uint32_t length);
