@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "program_request.h"
+#include "programming_messages.h"
 #include "source.h"
 
 namespace

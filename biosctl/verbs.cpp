@@ -96,10 +96,10 @@ outcome run_program_words(const CLI::App &command, program_words words, bool jso
                        "biosctl program --help");
     if (!all && words.keep_going)
         return failure(EXIT_USAGE_ERROR, "--keep-going goes with all only", "biosctl program --help");
-    words.options.type = static_cast<std::uint8_t>(words.type);
+    words.options.request.type = static_cast<std::uint8_t>(words.type);
     if (all)
         return run_program_all({.each = words.options, .keep_going = words.keep_going}, json);
-    words.options.module = static_cast<unsigned>(std::stoul(words.module));
+    words.options.request.module = static_cast<unsigned>(std::stoul(words.module));
     return run_program(words.options, json);
 }
 
@@ -113,7 +113,7 @@ verb_run add_program(CLI::App &command)
         ->transform(decimal_or_all(1, PFM_MODULE_COUNT));
     add_via(command, words->options.via);
     command
-        .add_option("--image", words->options.image,
+        .add_option("--image", words->options.request.image,
                     "System image that holds the BIOS, such as bootflash:NAME; without: the image tree")
         ->transform(image_uri())
         ->type_name("TEXT");

@@ -24,31 +24,31 @@ namespace
 // Which module the card in the serving slot will program, and a word when it is not the one asked for.
 program_subject subject_of(const program_options &options, unsigned slot)
 {
-    program_subject subject{options.module, options.module, slot};
+    program_subject subject{options.request.module, options.request.module, slot};
     if (!slot_is_active(slot))
         subject.programmed_module = slot;
     else if (slot_programs_one_module_only(slot))
         subject.programmed_module = TARVIK_A_MODULE_NUM;
-    if (subject.programmed_module == options.module)
+    if (subject.programmed_module == options.request.module)
         return subject;
     const char *why = slot_is_active(slot)
                           ? "the supervisor in it programs that module whatever it is asked for"
                           : "the card in it is not the active supervisor and programs its own flash";
     (void)std::fprintf(stderr, "biosctl: note: %s programs module %u, not %u: %s\n", slot_text(slot).c_str(),
-                       subject.programmed_module, options.module, why);
+                       subject.programmed_module, options.request.module, why);
     return subject;
 }
 
 void warn_about_image(const program_options &options, unsigned slot)
 {
-    if (!options.image || !slot_is_active(slot))
+    if (!options.request.image || !slot_is_active(slot))
         return;
-    if (options.image->starts_with("bootflash:") || options.image->starts_with("file:///"))
+    if (options.request.image->starts_with("bootflash:") || options.request.image->starts_with("file:///"))
         return;
     (void)std::fprintf(stderr,
                        "biosctl: note: if %s cannot map the image URI '%s' to a path it programs the BIOS of "
                        "its image tree instead\n",
-                       slot_text(slot).c_str(), options.image->c_str());
+                       slot_text(slot).c_str(), options.request.image->c_str());
 }
 
 // The first lock that the request needed and somebody else holds.
@@ -81,9 +81,9 @@ programming_result interrupted_before_answer(const program_subject &subject)
 // it names.
 request_answer send_request(client_endpoint &endpoint, const program_subject &subject, program_options options)
 {
-    options.module = subject.programmed_module;
+    options.request.module = subject.programmed_module;
     return endpoint.request(node_of_module(subject.serving_slot), MTS_OPC_BIOS_PROGRAMMING_START,
-                            encode_program_request(options),
+                            encode_programming_request(options.request),
                             std::min(ANSWER_WAIT_LIMIT_S, options.timeout_s.value_or(ANSWER_WAIT_LIMIT_S)));
 }
 
@@ -100,9 +100,9 @@ outcome run_program(const program_options &options, bool json)
 
 programming_result program_module(const program_options &options, int fd, const last_words_text &last_words)
 {
-    const serving_slot serving = find_serving_slot(options.module, options.via);
+    const serving_slot serving = find_serving_slot(options.request.module, options.via);
     if (!serving.slot)
-        return no_answer({.asked_module = options.module}, serving.problem);
+        return no_answer({.asked_module = options.request.module}, serving.problem);
     const unsigned slot = *serving.slot;
     const std::uint32_t node = node_of_module(slot);
     const program_subject subject = subject_of(options, slot);

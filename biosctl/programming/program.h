@@ -5,7 +5,7 @@
 #include <string>
 
 #include "outcome.h"
-#include "program_request.h"
+#include "program_options.h"
 #include "programming_result.h"
 
 outcome run_program(const program_options &options, bool json);

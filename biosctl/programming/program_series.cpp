@@ -56,7 +56,7 @@ programming_result program_and_check(const series_step &step, const series_optio
     if (!slot_is_active(options.serving_slot))
         return not_asked(subject, not_active_any_more(step, options.serving_slot));
     program_options each = options.each;
-    each.module = step.module;
+    each.request.module = step.module;
     each.via = options.serving_slot;
     programming_result result = program_module(each, options.json ? STDOUT_FILENO : STDERR_FILENO, last_words);
     if (result.ending != programming_ending::verified || step.expected_version.empty())

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "outcome.h"
-#include "program_request.h"
+#include "program_options.h"
 #include "programming_result.h"
 
 struct series_step {

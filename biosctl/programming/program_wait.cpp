@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <unistd.h>
 
-#include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "elapsed.h"
 #include "interrupt.h"
 #include "lock_holders.h"
+#include "programming_messages.h"
 
 namespace
 {
@@ -75,27 +75,22 @@ bool programming_watch::take(const received_message &message)
 
 void programming_watch::take_progress(const received_message &message)
 {
-    const auto phase = message.word(offsetof(bios_programming_progress_t, phase));
-    const auto percent = message.word(offsetof(bios_programming_progress_t, percent));
-    const auto attempt = message.word(offsetof(bios_programming_progress_t, attempt));
-    if (!phase || !percent || !attempt || *percent > 100)
-        return;
-    progress_ = {true, *phase, std::max(progress_.percent, *percent), *attempt};
+    if (const auto told = decode_progress(message); told)
+        progress_ = {true, told->phase, std::max(progress_.percent, told->percent), told->attempt};
 }
 
 bool programming_watch::take_notify(const received_message &message)
 {
-    const auto result = message.word(offsetof(bios_programming_notify_t, result));
-    const auto module = message.word(offsetof(bios_programming_notify_t, programming_mod_num));
-    if (message.source.sap != BIOS_DAEMON_SAP || !result || !module || *module != module_)
+    const auto end = decode_end_notice(message);
+    if (message.source.sap != BIOS_DAEMON_SAP || !end || end->module != module_)
         return false;
-    result_ = *result;
+    result_ = end->result;
     return true;
 }
 
 bool programming_watch::take_done(const received_message &message)
 {
-    const auto result = message.word(offsetof(bios_programming_done_t, result));
+    const auto result = decode_done(message);
     if (message.source.sap != BIOS_DAEMON_SAP || !result)
         return false;
     result_ = *result;
