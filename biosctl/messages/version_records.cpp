@@ -106,6 +106,15 @@ std::optional<source_versions_answer> decode_source_versions(std::span<const std
     return answer;
 }
 
+std::optional<std::uint32_t> decode_source_progress(std::span<const std::uint8_t> payload)
+{
+    constexpr std::uint32_t PERCENT_MAX = 100;
+    if (payload.size() != sizeof(std::uint32_t))
+        return std::nullopt;
+    const auto percent = record_at<std::uint32_t>(payload, 0);
+    return percent <= PERCENT_MAX ? std::optional(percent) : std::nullopt;
+}
+
 std::string image_format_text(std::uint32_t image_format)
 {
     switch (image_format) {

@@ -67,5 +67,9 @@ struct source_versions_answer {
 // not understood.
 std::optional<source_versions_answer> decode_source_versions(std::span<const std::uint8_t> payload);
 
+// Percents of MTS_OPC_BIOS_SRC_VERSION_PROGRESS, 0..100. The number stands in the sender's own byte order, which is
+// this machine's.
+std::optional<std::uint32_t> decode_source_progress(std::span<const std::uint8_t> payload);
+
 // "x86n", "x86", ...
 std::string image_format_text(std::uint32_t image_format);

@@ -35,17 +35,14 @@ std::string image_text(const source_options &options)
     return options.image_path ? *options.image_path : "image tree";
 }
 
-// A notice's number stands in the sender's own byte order, which is this machine's.
 void take_notices(client_endpoint &endpoint, std::uint32_t node, progress_state &state)
 {
     while (const auto message = endpoint.receive(0)) {
-        std::uint32_t percent = 0;
         if (message->opcode != MTS_OPC_BIOS_SRC_VERSION_PROGRESS || message->source.node != node ||
-            message->source.sap != BIOS_DAEMON_SAP || message->payload.size() != sizeof percent)
+            message->source.sap != BIOS_DAEMON_SAP)
             continue;
-        std::copy_n(message->payload.data(), sizeof percent, reinterpret_cast<std::uint8_t *>(&percent));
-        if (percent <= 100)
-            state.percent = std::max(state.percent, percent);
+        if (const auto percent = decode_source_progress(message->payload); percent)
+            state.percent = std::max(state.percent, *percent);
     }
 }
 

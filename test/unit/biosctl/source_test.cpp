@@ -1,4 +1,5 @@
 // biosctl source: image names, the report, and the built program against a daemon that follows a script.
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -59,6 +60,20 @@ protected:
 };
 
 } // namespace
+
+TEST(SourceProgress, IsAPercentageInThisMachinesOrder)
+{
+    const auto percent_of = [](std::uint32_t number) {
+        std::vector<std::uint8_t> payload(sizeof number);
+        std::memcpy(payload.data(), &number, sizeof number);
+        return decode_source_progress(payload);
+    };
+    EXPECT_EQ(percent_of(0), 0u);
+    EXPECT_EQ(percent_of(100), 100u);
+    EXPECT_FALSE(percent_of(101));
+    EXPECT_FALSE(decode_source_progress(std::vector<std::uint8_t>{1, 0, 0}));
+    EXPECT_FALSE(decode_source_progress(std::vector<std::uint8_t>{1, 0, 0, 0, 0}));
+}
 
 TEST(ImagePath, OfTheBootFlashAndAbsolute)
 {
