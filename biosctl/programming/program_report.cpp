@@ -12,8 +12,6 @@ namespace
 {
 
 constexpr styled_literal VERIFIED{"programmed and verified", text_meaning::well};
-constexpr styled_literal CORRUPTED{"may be corrupted: do not reboot the card", text_meaning::wrong};
-constexpr styled_literal UNKNOWN{"unknown: do not reboot the card", text_meaning::wrong};
 constexpr styled_literal NOT_PROGRAMMED{"not programmed", text_meaning::wrong};
 constexpr styled_literal PROGRAMMING_FAILED{"programming failed", text_meaning::wrong};
 constexpr styled_literal NOTHING_TO_DO{"nothing to do"};
@@ -54,8 +52,8 @@ explanation explain_unverified(const programming_result &result)
                         ": the programming ended with result " + code_text(BIOS_OK) +
                         " before the flash was verified (" + seen_text(result) + ")",
             .likely = {"the programming process was killed or ended early"},
-            .flash = CORRUPTED,
-            .next = "program the card again; reboot only after that has succeeded"};
+            .flash = FLASH_CORRUPTED,
+            .next = PROGRAM_AGAIN.text};
 }
 
 explanation explain_nothing_programmed(const programming_result &result)
@@ -78,7 +76,7 @@ styled_text flash_after_failure(const result_description &described, const progr
     if (result.progress.verified())
         return styled_text(VERIFIED) + " before that; the new BIOS is in it";
     const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
-    return changed ? CORRUPTED : described.flash;
+    return changed ? FLASH_CORRUPTED : described.flash;
 }
 
 explanation explain_by_code(const programming_result &result)
@@ -93,7 +91,7 @@ explanation explain_by_code(const programming_result &result)
 
 explanation explain_daemon_ended(const programming_result &result)
 {
-    const styled_literal &left = result.progress.seen ? CORRUPTED : UNKNOWN;
+    const styled_literal &left = result.progress.seen ? FLASH_CORRUPTED : FLASH_UNKNOWN;
     return {.headline = module_text(result) + ": the daemon of slot " +
                         std::to_string(result.subject.serving_slot) + " ended before it reported a result (" +
                         seen_text(result) + ")",

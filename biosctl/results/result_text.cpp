@@ -15,14 +15,12 @@ namespace
 {
 
 constexpr styled_literal NOT_TOUCHED{"not touched"};
-constexpr styled_literal CORRUPTED{"may be corrupted: do not reboot the card", text_meaning::wrong};
 constexpr styled_literal NOT_CONCERNED{"not concerned"};
 // The procedures for cards with an ibexpeak chipset erase the flash before they look at the image.
 constexpr styled_literal ERASED_WITH_CHIPSET{
     "not touched on a card with the plain flash layout; erased on all others: do not reboot such a card",
     text_meaning::wrong};
 
-constexpr next_step PROGRAM_AGAIN{"program the card again; reboot only after that has succeeded"};
 constexpr next_step LOOK_AT_LOG{"look at the card's log for the reason", look_at::log};
 
 constexpr std::uint32_t LOCK_RESULT = 0x80000000; // combined with the low 12 bits of an errno
@@ -112,7 +110,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_FLASH_ERR_ERASE,
      .name = "erase_failed",
      .meaning = "the flash could not be erased and is left unprogrammed",
-     .flash = CORRUPTED,
+     .flash = FLASH_CORRUPTED,
      .next = PROGRAM_AGAIN,
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_BUSY,
@@ -130,7 +128,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_FLASH_ERR_PROGRAM,
      .name = "program_failed",
      .meaning = "the flash could not be written, or did not equal the image when it was read back",
-     .flash = CORRUPTED,
+     .flash = FLASH_CORRUPTED,
      .next = PROGRAM_AGAIN,
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_IMAGE_NO_VERSION,
@@ -279,16 +277,11 @@ result_description describe_unknown(std::uint32_t code)
                 "unknown",
                 "the programming process ended with exit status " + std::to_string(code & 0xff) +
                     ", which is no known result",
-                CORRUPTED,
+                FLASH_CORRUPTED,
                 text_of(LOOK_AT_LOG),
                 EXIT_FAILED};
     }
-    return {code,
-            "unknown",
-            "no known result code",
-            {"unknown: do not reboot the card", text_meaning::wrong},
-            text_of(LOOK_AT_LOG),
-            EXIT_FAILED};
+    return {code, "unknown", "no known result code", FLASH_UNKNOWN, text_of(LOOK_AT_LOG), EXIT_FAILED};
 }
 
 } // namespace

@@ -17,6 +17,11 @@ struct next_step {
     const char *rest = ""; // of the text, behind the place
 };
 
+// What several endings say of a flash, and what to do then.
+constexpr styled_literal FLASH_CORRUPTED{"may be corrupted: do not reboot the card", text_meaning::wrong};
+constexpr styled_literal FLASH_UNKNOWN{"unknown: do not reboot the card", text_meaning::wrong};
+constexpr next_step PROGRAM_AGAIN{"program the card again; reboot only after that has succeeded"};
+
 struct result_row {
     std::uint32_t code;
     const char *name;     // short, for programs: lower case, underscores
