@@ -10,6 +10,7 @@
 #include "kept_notices.h"
 #include "monotonic_clock.h"
 #include "mts_endpoint.h"
+#include "mts_tools.h"
 
 namespace
 {
@@ -58,16 +59,24 @@ int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const ch
 
 int32_t mts_recv(int32_t handle, mts_message_t **message_out, const uint32_t options[10])
 {
-    if (message_out == nullptr || options == nullptr) {
+    if (options == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return mts_recv_within(handle, message_out, std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS);
+}
+
+std::int32_t mts_recv_within(std::int32_t handle, mts_message_t **message_out, std::int64_t wait_us)
+{
+    if (message_out == nullptr) {
         errno = EINVAL;
         return -1;
     }
     const std::int64_t now = monotonic_us();
-    const std::int64_t deadline = now + std::int64_t{options[MTS_RECV_OPTION_WAIT_S]} * MICROSECONDS;
+    const std::int64_t deadline = now + wait_us;
     const std::int32_t result = c_boundary([&] {
         mts_endpoint *endpoint = mts_endpoint_of(handle);
-        mts_held_message message =
-            endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
+        mts_held_message message = endpoint != nullptr ? next_message(*endpoint, now, deadline) : nullptr;
         if (!message)
             return -1;
         *message_out = message.release();

@@ -21,6 +21,9 @@ extern "C" {
 // Has messages to MTS_NODE_LISTENERS with this opcode delivered to the endpoint too. 0, or -1 with errno.
 std::int32_t mts_listen(std::int32_t handle, std::uint32_t opcode);
 
+// As mts_recv, and waits at most so many microseconds.
+std::int32_t mts_recv_within(std::int32_t handle, mts_message_t **message_out, std::int64_t wait_us);
+
 // Closes an endpoint and removes its files. Messages received from it stay valid until they are dropped.
 void mts_unbind(std::int32_t handle);
 
