@@ -28,6 +28,7 @@
 #include "nor_file_driver.h"
 #include "nor_file_layout.h"
 #include "rest_of.h"
+#include "test_seed.h"
 
 using flash_bytes = std::vector<std::uint8_t>;
 
@@ -45,15 +46,10 @@ inline flash_bytes piece_of(const flash_bytes &bytes, std::size_t offset, std::s
     return flash_bytes(begin, begin + static_cast<std::ptrdiff_t>(length));
 }
 
-// The seed of this run; a failed run is repeated with TEST_SEED in the environment.
+// Chance that is the same when a failed run is repeated with its seed.
 inline std::mt19937 &test_random()
 {
-    static std::mt19937 random = [] {
-        const char *given = std::getenv("TEST_SEED");
-        const unsigned seed = given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
-        std::cout << "TEST_SEED=" << seed << "\n";
-        return std::mt19937(seed);
-    }();
+    static std::mt19937 random(test_seed());
     return random;
 }
 
