@@ -8,6 +8,7 @@
 #include "chassis_facts.h"
 #include "cmi.h"
 #include "flash_history.h"
+#include "module_locks.h"
 #include "mts_tools.h"
 #include "programming_results.h"
 
@@ -57,8 +58,25 @@ std::optional<request_body> body_of(mts_message_t *message)
     return request_body(payload + MTS_REQUEST_HEADER_BYTES, bytes - MTS_REQUEST_HEADER_BYTES);
 }
 
+bool is_about_a_lock(std::uint32_t opcode)
+{
+    return opcode >= AGENT_OPC_LOCK && opcode <= AGENT_OPC_LOCK_ANSWER;
+}
+
+// These are no requests: one that is made of such an opcode is rejected.
+void serve_lock_message(std::int32_t handle, mts_message_t *message)
+{
+    mts_address_t from{};
+    if (lock_service *locks = module_locks(); locks != nullptr && mts_saddr_get(message, &from) == 0)
+        locks->take(from, mts_opc_get(message), static_cast<const std::uint8_t *>(mts_payload_get(message)),
+                    mts_payload_length(message));
+    (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
+}
+
 void respond(std::int32_t handle, mts_message_t *message)
 {
+    if (is_about_a_lock(mts_opc_get(message)))
+        return serve_lock_message(handle, message);
     const auto body = body_of(message);
     const auto given = body ? answer_to(mts_opc_get(message), *body) : std::nullopt;
     if (!given) {
@@ -66,8 +84,8 @@ void respond(std::int32_t handle, mts_message_t *message)
         return;
     }
     // Who has asked may be gone.
-    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle, message,
-                       given->status());
+    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle,
+                       message, given->status());
 }
 
 } // namespace

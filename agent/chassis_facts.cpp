@@ -3,7 +3,6 @@
 #include <array>
 
 #include "chassis_dir.h"
-#include "chassis_module_lock.h"
 #include "inventory_value.h"
 #include "pfm.h"
 
@@ -24,20 +23,4 @@ answer chassis_answer()
                                        be32::of(inventory_value(slot, "sup_state"))});
     }
     return modules;
-}
-
-answer locks_answer()
-{
-    int error = 0;
-    const auto holders = chassis_module_lock_holders(error);
-    if (error != 0)
-        return AGENT_ERR_UNREADABLE;
-    answer locks;
-    for (const chassis_module_lock_holder &holder : holders) {
-        agent_lock_t lock = {be32::of(holder.node_id), be32::of(holder.slot),   be32::of(holder.pid),
-                             be32::of(holder.owner),   be32::of(holder.reason), {}};
-        store_text(lock.since, holder.since.c_str());
-        locks.add(lock);
-    }
-    return locks;
 }

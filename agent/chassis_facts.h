@@ -4,4 +4,3 @@
 #include "answer.h"
 
 answer chassis_answer(); // AGENT_OPC_GET_CHASSIS
-answer locks_answer();   // AGENT_OPC_GET_LOCKS

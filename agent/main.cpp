@@ -1,40 +1,30 @@
-// bios_agent: answers what others ask about its card (agent_messages.h). One process a card, beside the daemon; it waits
-// for no daemon, and no daemon for it.
+// bios_agent: answers what others ask about its card (agent_messages.h). One process a card, beside the daemon; it
+// waits for no daemon, and no daemon for it.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "agent_loop.h"
 #include "agent_messages.h"
-#include "agent_requests.h"
 #include "chassis_dir.h"
 #include "endpoints.h"
 #include "mts.h"
-
-namespace
-{
-
-constexpr std::uint32_t WAIT_S = 3600; // idle it does nothing; a lasting error is returned after a pause
-
-} // namespace
 
 int main()
 {
     (void)std::signal(SIGPIPE, SIG_IGN);
     if (chassis_own_slot() == 0) {
-        (void)std::fprintf(stderr, "bios_agent: this process belongs to no card: %s is not set\n", CHASSIS_ENV_SLOT);
+        (void)std::fprintf(stderr, "bios_agent: this process belongs to no card: %s is not set\n",
+                           CHASSIS_ENV_SLOT);
         return EXIT_FAILURE;
     }
-    const std::int32_t handle = mts_bind(BIND_KIND, static_cast<std::int32_t>(AGENT_SAP), BIND_OPTIONS, "bios_agent");
+    const std::int32_t handle =
+        mts_bind(BIND_KIND, static_cast<std::int32_t>(AGENT_SAP), BIND_OPTIONS, "bios_agent");
     if (handle < 0) {
         (void)std::fprintf(stderr, "bios_agent: no endpoint with sap %u: %s\n", AGENT_SAP, std::strerror(errno));
         return EXIT_FAILURE;
     }
-    const auto options = receive_options(WAIT_S);
-    for (;;) {
-        mts_message_t *message = nullptr;
-        if (mts_recv(handle, &message, options.data()) == 0)
-            serve(handle, message);
-    }
+    serve_card(handle);
 }

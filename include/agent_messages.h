@@ -1,6 +1,6 @@
-// Messages of a card's agent, in order of their opcodes. All of them are requests; a request's body begins
-// MTS_REQUEST_HEADER_BYTES into its payload. Numbers are in network byte order, texts zero-padded and not terminated
-// when they fill their field; times are UTC, "2026-01-31T23:59:59Z".
+// Messages of a card's agent, in order of their opcodes: requests and, from AGENT_OPC_LOCK on, messages without an
+// answer by the transport. A request's body begins MTS_REQUEST_HEADER_BYTES into its payload. Numbers are in network byte
+// order, texts zero-padded and not terminated when they fill their field; times are UTC, "2026-01-31T23:59:59Z".
 //
 // An answer with a status that is not 0 has no payload.
 #pragma once
@@ -18,15 +18,23 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_GET_VERSION = 4812, // version of the BIOS in a flash
     AGENT_OPC_GET_EVENTS = 4813,  // events of a flash
     AGENT_OPC_GET_TOTALS = 4814,  // what the events of a flash add up to
-    AGENT_OPC_GET_LOCKS = 4815,   // holders of module locks
+    AGENT_OPC_GET_LOCKS = 4815,   // holders of the module locks that this agent serves
     AGENT_OPC_GET_RESULTS = 4816, // how the last programming of each module has ended
+
+    AGENT_OPC_LOCK = 4830,        // wants a module lock, or has it and renews it
+    AGENT_OPC_UNLOCK = 4831,      // gives a module lock back, or does not have it
+    AGENT_OPC_LOCK_CHECK = 4832,  // asks an agent whether a process of its card still has a module lock
+    AGENT_OPC_LOCK_ANSWER = 4833, // what became of an AGENT_OPC_LOCK or AGENT_OPC_UNLOCK
 };
 
 enum agent_status : std::uint32_t {
     AGENT_OK = 0,
     AGENT_ERR_REQUEST = 0x40720001,   // the body is not one of this request
     AGENT_ERR_FLASH = 0x40720002,     // the card has no such flash
-    AGENT_ERR_UNREADABLE = 0x40720003 // what was asked for cannot be read; the card's disk or memory
+    AGENT_ERR_UNREADABLE = 0x40720003, // what was asked for cannot be read; the card's disk or memory
+    AGENT_ERR_LOCK_HELD = 0x40720004, // another process has the module lock
+    AGENT_ERR_LOCK_FREE = 0x40720005, // nobody has the module lock
+    AGENT_ERR_LOCK_AGENT = 0x40720006 // the agent of the module's card does not answer
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;
@@ -96,14 +104,15 @@ static_assert(sizeof(agent_events_req_t) == 12);
 
 // AGENT_OPC_GET_TOTALS: body agent_flash_req_t. The answer is the text that flash_event_totals_format gives.
 
-// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held, in order of the node ids.
+// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held and that this agent serves, in order of
+// the node ids.
 struct agent_lock_t {
     be32 node_id;
-    be32 slot;   // of the holder; 0: a tool
+    be32 slot;   // of the holder
     be32 pid;    // of the holder, as it sees itself
     be32 owner;  // id of the kind of owner
     be32 reason; // reason code of the request
-    char since[AGENT_TIME_BYTES]; // empty, and the numbers 0: the holder has not told who it is yet
+    char since[AGENT_TIME_BYTES];
 };
 static_assert(sizeof(agent_lock_t) == 44);
 
@@ -116,3 +125,33 @@ struct agent_result_t {
     char time[AGENT_TIME_BYTES];
 };
 static_assert(sizeof(agent_result_t) == 36);
+
+// Module locks. A process holds a lock through the agent of its own card; that one holds it at the agent of the module's
+// card, and renews it there. Each message may be sent again: the receiver does the same as the first time. The ids of an
+// agent grow, also from one of its lives to the next: what it says with a lower id than before was overtaken on the way.
+
+// AGENT_OPC_LOCK: of a process to its own card's agent, and of an agent to another one. A process marks what it wants in
+// its card's lock file first (module_lock_file.h): what is not marked there is not wanted any more.
+struct agent_lock_msg_t {
+    be64 id; // chosen by the sender, told back in the answer
+    agent_lock_t lock;
+};
+static_assert(sizeof(agent_lock_msg_t) == 52);
+static_assert(offsetof(agent_lock_msg_t, lock) == 8);
+
+// AGENT_OPC_UNLOCK and AGENT_OPC_LOCK_CHECK. A check is answered by AGENT_OPC_LOCK when the lock is still held, by
+// AGENT_OPC_UNLOCK when it is not, and not at all while that is being found out.
+struct agent_lock_node_t {
+    be64 id;
+    be32 node_id;
+};
+static_assert(sizeof(agent_lock_node_t) == 12);
+
+// AGENT_OPC_LOCK_ANSWER: whose the lock is now.
+struct agent_lock_answer_t {
+    be64 id;
+    be32 node_id;
+    be32 status; // AGENT_OK: the asker's; AGENT_ERR_LOCK_HELD, AGENT_ERR_LOCK_FREE, AGENT_ERR_LOCK_AGENT;
+                 // AGENT_ERR_REQUEST: the asker has not marked that it wants it
+};
+static_assert(sizeof(agent_lock_answer_t) == 16);

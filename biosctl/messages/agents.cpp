@@ -122,8 +122,19 @@ std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned in
 
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks()
 {
-    const auto answer = ask_any(AGENT_OPC_GET_LOCKS);
-    return answer ? decode_locks(*answer) : std::nullopt;
+    std::optional<std::vector<chassis_module_lock_holder>> locks;
+    for (const std::uint32_t node : mts_nodes_with(AGENT_SAP)) {
+        const auto answer = ask(node, AGENT_OPC_GET_LOCKS, {});
+        const auto served = answer ? decode_locks(*answer) : std::nullopt;
+        if (!served)
+            continue;
+        if (!locks)
+            locks.emplace();
+        locks->insert(locks->end(), served->begin(), served->end());
+    }
+    if (locks)
+        std::ranges::sort(*locks, {}, &chassis_module_lock_holder::node_id);
+    return locks;
 }
 
 std::optional<std::vector<told_result>> ask_for_results()

@@ -22,7 +22,7 @@ std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsig
                                                        std::uint64_t after_sequence);
 std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned instance);
 
-// The module locks that are held; none when no agent answers.
+// The module locks that are held, in order of their node ids: each agent serves its own. None when no agent answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();
 
 // How the last programming of each module has ended, in order of the modules; none when no agent answers.

@@ -82,6 +82,8 @@ private:
 
     void enter(phase next, const std::string &state);
     [[gnu::format(printf, 2, 3)]] void note(const char *format, ...) const;
+    // The agent has been ended and is not started before the card boots.
+    bool goes_away() const { return wish_ == wish::down || wish_ == wish::reboot; }
     std::string slot_file(const char *name) const { return chassis_slot_path(options_.slot, name); }
 
     keeper_options options_;
@@ -171,6 +173,7 @@ void card_keeper::prepare()
 void card_keeper::boot()
 {
     root_.empty_tmp();
+    (void)::unlinkat(chassis_dir_fd(), slot_file("locks/granted").c_str(), 0); // a card that boots has granted nothing
     boots_ = true;
     start();
 }
@@ -243,7 +246,7 @@ int card_keeper::wait_limit_ms() const
     const bool has_deadline = phase_ == phase::pausing || wish_ != wish::none;
     if (phase_ == phase::starting && wish_ == wish::none)
         return static_cast<int>(PROBE_INTERVAL.count());
-    const int agent_ms = agent_.wait_limit_ms();
+    const int agent_ms = goes_away() ? -1 : agent_.wait_limit_ms();
     if (!has_deadline)
         return agent_ms;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - steady::now()).count();
@@ -342,7 +345,7 @@ void card_keeper::tick()
         note("serves, process %d", static_cast<int>(daemon_));
         enter(phase::serving, std::string(STATE_SERVING) + " " + std::to_string(daemon_));
     }
-    if (agent_.is_due() && wish_ != wish::down)
+    if (agent_.is_due() && !goes_away())
         agent_.ensure_started(root_);
     if (phase_ == phase::pausing && wish_ == wish::none && steady::now() >= deadline_)
         start();

@@ -150,7 +150,6 @@ void init_chassis(const std::string &directory, const std::string &description)
     make_folder("inventory");
     make_folder("slots");
     make_folder("mts");
-    make_folder("locks");
     make_folder("transport");
     write_line("name", chassis.name);
     write_line("isolation", isolation_name(chassis.way));

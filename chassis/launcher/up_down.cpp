@@ -34,11 +34,11 @@ constexpr unsigned TAIL_LINES = 20;
 // What cards share, and what is one card's: nobody else may have been let in to change something there.
 void require_private_folders(const std::vector<unsigned> &slots)
 {
-    std::vector<std::string> folders = {"inventory", "slots", "mts", "locks", "transport"};
+    std::vector<std::string> folders = {"inventory", "slots", "mts", "transport"};
     for (const unsigned slot : slots) {
         folders.push_back("inventory/" + std::to_string(slot));
         folders.push_back("slots/" + std::to_string(slot));
-        for (const char *name : {"root", "flash", "flash/primary", "flash/alternate", "registers", "debug"})
+        for (const char *name : {"root", "flash", "flash/primary", "flash/alternate", "registers", "debug", "locks"})
             folders.push_back(chassis_slot_path(slot, name));
     }
     for (const std::string &folder : folders) {

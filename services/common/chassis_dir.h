@@ -4,9 +4,8 @@
 //
 //   inventory/SLOT/   one-value text files, live: card_id, kind, sup_state, hw_change_bit, upgrade_restart
 //   mts/              endpoints of the transport
-//   locks/            module locks
 //   slots/SLOT/       one card: root/ (its private root), flash/primary/ and flash/alternate/, registers/,
-//                     sprom, log, syslog, debug, history, debug_flags
+//                     sprom, locks/, log, syslog, debug, history, debug_flags
 //
 // A card's processes run with a root of their own, from which the directory has no path; they reach it through
 // a descriptor inherited from the launcher. All access is therefore by *at() calls relative to it.

@@ -1,39 +1,45 @@
-// The module lock (platform/modlock.h): record locks of the system on one file that all cards share.
-//
-// Such a lock belongs to a process, is not inherited by its children and goes with it, however it ends. It would
-// also go when the process closed any descriptor of the file: there is one descriptor, kept for life, and whoever
-// wants to look at the locks goes through it. The system does not tell a process about its own locks; those are
-// kept here.
+// The module lock (platform/modlock.h): a byte of the card's lock file, which keeps the other processes of this
+// card out, and the agent of this card, which gets the lock from the agent of the module's card and gives it back
+// when this process ends (agent_messages.h).
 #include "modlock.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
+#include <cstring>
 #include <set>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "agent_messages.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
-#include "chassis_module_lock.h"
+#include "endpoints.h"
+#include "module_lock_file.h"
+#include "module_lock_message.h"
 #include "module_lock_record.h"
+#include "monotonic_clock.h"
+#include "mts_tools.h"
 #include "this_process.h"
-#include "unique_fd.h"
+#include "utc_time.h"
 #include "watched_file.h"
 
 namespace
 {
 
-constexpr const char *DIRECTORY_NAME = "locks";
-constexpr const char *LOCK_FILE_NAME = "locks/modules";
 constexpr unsigned REQUEST_REASON_WORD = 3;
-constexpr std::uint32_t NODE_ID_COUNT = 0x10000;
+constexpr std::int64_t CALL_LIMIT_US = 900'000; // a call ends within a second
+constexpr std::int64_t SEND_AGAIN_US =
+    200'000; // on its way a message may be lost; an agent is started again as fast
+constexpr std::int64_t KNOWN_FREE_US = MICROSECONDS;
 
 struct client {
-    unique_fd file;
+    module_lock_file file;
+    std::int32_t endpoint = -1;
+    std::uint64_t last_id = 0;
     pid_t process = 0; // whose locks are listed; a forked child has none
     std::set<std::uint16_t> own;
-    std::set<std::uint16_t> known_free; // nobody's when last asked for, and since then nobody has taken any lock
+    std::set<std::uint16_t>
+        known_free; // nobody's when last asked for, and since then no process of this card took one
+    std::int64_t known_free_until_us = 0;
 };
 
 client &this_client()
@@ -41,132 +47,181 @@ client &this_client()
     static client *const the_client = new client; // never freed: the locks last as long as the process
     if (the_client->process != this_process()) {
         the_client->process = this_process();
+        the_client->endpoint = -1; // its parent's; binding closes what is inherited
         the_client->own.clear();
         the_client->known_free.clear();
     }
     return *the_client;
 }
 
-bool open_lock_file(client &client)
-{
-    const int chassis = chassis_dir_fd();
-    if (chassis < 0)
-        return false;
-    if (::mkdirat(chassis, DIRECTORY_NAME, 0700) != 0 && errno != EEXIST)
-        return false;
-    client.file.reset(::openat(chassis, LOCK_FILE_NAME, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return static_cast<bool>(client.file);
-}
-
 bool is_open(client &client)
 {
-    return client.file || open_lock_file(client);
+    return client.file.is_open() || client.file.open();
 }
 
-struct flock range(short type, std::uint32_t first, std::uint32_t count)
+bool is_bound(client &client)
 {
-    struct flock lock {
-    };
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = static_cast<off_t>(first);
-    lock.l_len = static_cast<off_t>(count);
-    return lock;
+    if (client.endpoint < 0)
+        client.endpoint = mts_bind(BIND_KIND, ANY_SAP, BIND_OPTIONS, "module locks");
+    return client.endpoint >= 0;
 }
 
-// 0, or -1 with errno: EBUSY when another process holds the lock.
-int set_lock(const client &client, short type, std::uint16_t node_id)
+// What the message says about the request of an id; none when it is about something else.
+std::optional<std::uint32_t> answer_in(mts_message_t *message, std::uint64_t id, std::uint32_t agent_node)
 {
-    const struct flock lock = range(type, node_id, 1);
-    while (::fcntl(client.file.get(), F_SETLK, &lock) != 0) {
-        if (errno == EINTR)
-            continue;
-        if (errno == EAGAIN || errno == EACCES)
-            errno = EBUSY;
-        return -1;
+    mts_address_t from{};
+    if (mts_opc_get(message) != AGENT_OPC_LOCK_ANSWER || mts_saddr_get(message, &from) != 0 ||
+        from.node != agent_node || from.sap != AGENT_SAP ||
+        mts_payload_length(message) != sizeof(agent_lock_answer_t))
+        return std::nullopt;
+    agent_lock_answer_t answer;
+    std::memcpy(&answer, mts_payload_get(message), sizeof answer);
+    return answer.id.load() == id ? std::optional(answer.status.load()) : std::nullopt;
+}
+
+std::optional<std::uint32_t> wait_for_answer(const client &client, std::uint32_t agent_node, std::int64_t until_us)
+{
+    mts_message_t *message = nullptr;
+    while (mts_recv_within(client.endpoint, &message, std::max<std::int64_t>(until_us - monotonic_us(), 0)) == 0) {
+        const auto status = answer_in(message, client.last_id, agent_node);
+        (void)mts_drop(client.endpoint, message);
+        if (status)
+            return status;
     }
-    return 0;
+    return std::nullopt;
 }
 
-// The lock of another process that covers some of count node ids from first on; l_type F_UNLCK when there is none.
-// 0, or -1 with errno.
-int find_other_holder(const client &client, std::uint32_t first, std::uint32_t count, struct flock &found)
+// Has the card's agent do something. Its answer's status; none with errno when it gave none.
+std::optional<std::uint32_t> ask_agent(client &client, std::uint32_t opcode, const void *body, std::uint32_t bytes)
 {
-    found = range(F_WRLCK, first, count);
-    return ::fcntl(client.file.get(), F_GETLK, &found);
+    const std::uint32_t node = mts_node_of_slot(chassis_own_slot());
+    const std::int64_t end_us = monotonic_us() + CALL_LIMIT_US;
+    int failure = MTS_ERRNO_TIMED_OUT;
+    for (std::int64_t now_us = monotonic_us(); now_us < end_us; now_us = monotonic_us()) {
+        const std::int64_t until_us = std::min(now_us + SEND_AGAIN_US, end_us);
+        if (mts_send(client.endpoint, node, AGENT_SAP, opcode, body, bytes, 0, 0, 0) != 0)
+            failure = errno;
+        if (const auto status = wait_for_answer(client, node, until_us); status)
+            return status;
+    }
+    errno = failure;
+    return std::nullopt;
 }
 
-// The system names one lock at a time, and locks of one process side by side as one: look on both sides of it.
-// 0, or -1 with errno.
-int collect_others(const client &client, std::uint32_t first, std::uint32_t end, std::set<std::uint16_t> &held)
+std::optional<std::uint32_t> ask_for_lock(client &client, const chassis_module_lock_holder &wanted)
 {
-    if (first >= end)
-        return 0;
-    struct flock found;
-    if (find_other_holder(client, first, end - first, found) != 0)
-        return -1;
-    if (found.l_type == F_UNLCK)
-        return 0;
-    const auto found_first = static_cast<std::uint32_t>(std::max<off_t>(found.l_start, first));
-    const off_t found_end_offset = found.l_len == 0 ? off_t{end} : found.l_start + found.l_len;
-    const auto found_end = static_cast<std::uint32_t>(std::min<off_t>(found_end_offset, end));
-    for (std::uint32_t node_id = found_first; node_id < found_end; ++node_id)
-        held.insert(static_cast<std::uint16_t>(node_id));
-    return collect_others(client, first, found_first, held) != 0 ? -1
-                                                                 : collect_others(client, found_end, end, held);
+    const agent_lock_msg_t body = {be64::of(++client.last_id), message_of(wanted)};
+    return ask_agent(client, AGENT_OPC_LOCK, &body, sizeof body);
+}
+
+std::optional<std::uint32_t> ask_for_unlock(client &client, std::uint16_t node_id)
+{
+    const agent_lock_node_t body = {be64::of(++client.last_id), be32::of(node_id)};
+    return ask_agent(client, AGENT_OPC_UNLOCK, &body, sizeof body);
+}
+
+int errno_of(std::uint32_t status, int held)
+{
+    switch (status) {
+    case AGENT_ERR_LOCK_HELD:
+        return held;
+    case AGENT_ERR_LOCK_FREE:
+        return ENOENT;
+    case AGENT_ERR_LOCK_AGENT:
+        return EHOSTUNREACH;
+    default:
+        return EIO;
+    }
+}
+
+std::int32_t failed(int error)
+{
+    errno = error;
+    return -1;
+}
+
+// The byte is taken: has the agents agree. 0, or the errno.
+int lock_at_agent(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
+{
+    const chassis_module_lock_holder wanted = {
+        node_id, chassis_own_slot(), static_cast<std::uint32_t>(this_process()), owner, reason, utc_now()};
+    const auto status = ask_for_lock(client, wanted);
+    if (!status)
+        return errno;
+    return *status == AGENT_OK ? 0 : errno_of(*status, EBUSY);
 }
 
 std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
 {
-    if (!is_open(client))
+    if (!is_open(client) || !is_bound(client))
         return -1;
     if (client.own.contains(node_id))
         return 0;
     const auto entry = client.own.insert(node_id).first; // before the lock: memory may run out
-    if (set_lock(client, F_WRLCK, node_id) != 0) {
+    if (client.file.take(node_id) != 0) {
         client.own.erase(entry);
         return -1;
     }
-    // The lock is what counts: where its record cannot be written, the holder is only not shown by name.
-    (void)c_boundary([&] { return module_lock_record_write(node_id, owner, reason) ? 0 : -1; });
-    return 0;
+    const int error = c_boundary(ENOMEM, [&] { return lock_at_agent(client, node_id, owner, reason); });
+    if (error == 0)
+        return 0;
+    (void)client.file.give_back(node_id); // the agent notices, too, when it could not answer in time
+    client.own.erase(entry);
+    return failed(error);
 }
 
-// Whoever takes a lock writes a record beside the lock file.
+// The agent keeps a record of each lock beside the lock file.
 bool was_any_lock_taken()
 {
-    static watched_file lock_file(LOCK_FILE_NAME);
+    static watched_file lock_file(chassis_slot_path(chassis_own_slot(), MODULE_LOCK_FILE));
     return lock_file.may_have_changed();
 }
 
 bool is_known_free(client &client, std::uint16_t node_id)
 {
-    if (was_any_lock_taken())
+    const bool taken = was_any_lock_taken();
+    if (taken || monotonic_tick_us() > client.known_free_until_us)
         client.known_free.clear();
     return client.known_free.contains(node_id);
 }
 
+void note_free(client &client, std::uint16_t node_id)
+{
+    if (client.known_free.empty())
+        client.known_free_until_us = monotonic_tick_us() + KNOWN_FREE_US;
+    client.known_free.insert(node_id);
+}
+
+std::int32_t release_own(client &client, std::uint16_t node_id)
+{
+    client.own.erase(node_id);
+    const bool was_held = module_lock_record_read(node_id).has_value(); // else the agent has lost it
+    (void)client.file.give_back(node_id);
+    (void)ask_for_unlock(client, node_id); // without an answer it is free as soon as the agent sees the byte
+    return was_held ? 0 : failed(ENOENT);
+}
+
+// The lock is not this process's: says why it cannot be freed.
+std::int32_t refuse_release(client &client, std::uint16_t node_id)
+{
+    if (is_known_free(client, node_id))
+        return failed(ENOENT);
+    if (client.file.is_others(node_id))
+        return failed(EPERM);
+    const auto status = ask_for_unlock(client, node_id);
+    if (!status)
+        return -1;
+    const int error = errno_of(*status, EPERM);
+    if (error == ENOENT)
+        note_free(client, node_id);
+    return failed(error);
+}
+
 std::int32_t release(client &client, std::uint16_t node_id)
 {
-    if (!is_open(client))
+    if (!is_open(client) || !is_bound(client))
         return -1;
-    if (client.own.contains(node_id)) {
-        module_lock_record_remove(node_id);
-        client.own.erase(node_id);
-        return set_lock(client, F_UNLCK, node_id);
-    }
-    struct flock found;
-    if (!is_known_free(client, node_id)) {
-        if (find_other_holder(client, node_id, 1, found) != 0)
-            return -1;
-        if (found.l_type != F_UNLCK) {
-            errno = EPERM;
-            return -1;
-        }
-        client.known_free.insert(node_id);
-    }
-    errno = ENOENT;
-    return -1;
+    return client.own.contains(node_id) ? release_own(client, node_id) : refuse_release(client, node_id);
 }
 
 } // namespace
@@ -176,7 +231,10 @@ int32_t modlock_init(void)
     return c_boundary([] {
         client &client = this_client();
         client.own.clear(); // opening anew closes the old descriptor, and with it go all locks
-        return open_lock_file(client) ? 0 : -1;
+        client.known_free.clear();
+        mts_unbind(client.endpoint);
+        client.endpoint = -1;
+        return client.file.open() ? 0 : -1;
     });
 }
 
@@ -194,20 +252,4 @@ int32_t modlock_module_lock(uint32_t owner, uint32_t node_id, const uint32_t req
 int32_t modlock_module_unlock(uint32_t, uint32_t node_id)
 {
     return c_boundary([&] { return release(this_client(), static_cast<std::uint16_t>(node_id)); });
-}
-
-std::vector<chassis_module_lock_holder> chassis_module_lock_holders(int &error_out)
-{
-    error_out = 0;
-    client &client = this_client();
-    std::set<std::uint16_t> held = client.own;
-    if (!is_open(client) || collect_others(client, 0, NODE_ID_COUNT, held) != 0) {
-        error_out = errno;
-        return {};
-    }
-    std::vector<chassis_module_lock_holder> holders;
-    holders.reserve(held.size());
-    for (const std::uint16_t node_id : held)
-        holders.push_back(module_lock_record_read(node_id));
-    return holders;
 }

@@ -1,13 +1,23 @@
-// The record of a module lock's holder: a line of text beside the lock.
+// Holders of module locks as lines of text: "NODE SLOT PID OWNER REASON SINCE", the node id and the reason in
+// hexadecimal digits.
+//
+// Below the folder of a slot:
+//   locks/NODE      a lock that a process of this card has; the card's agent keeps it, from when the lock is granted until
+//                   it has ended
+//   locks/granted   what the agent of this card has granted, to processes of any card (granted_locks.h)
 #pragma once
+
+#include <optional>
+#include <string>
 
 #include "chassis_module_lock.h"
 
-// Writes the record of a lock that this process has just taken. false with errno.
-bool module_lock_record_write(std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason);
+// The line, without a newline.
+std::string module_lock_text(const chassis_module_lock_holder &holder);
+// None when it is not such a line.
+std::optional<chassis_module_lock_holder> parse_module_lock(const std::string &line);
 
-// Removes it. REQUIRES the lock: without it the record may be its next holder's.
+// The record of a lock of this card. false with errno.
+bool module_lock_record_write(const chassis_module_lock_holder &holder);
 void module_lock_record_remove(std::uint16_t node_id);
-
-// Reads it. Only node_id is set when there is none or it is not complete.
-chassis_module_lock_holder module_lock_record_read(std::uint16_t node_id);
+std::optional<chassis_module_lock_holder> module_lock_record_read(std::uint16_t node_id);

@@ -246,10 +246,11 @@ TEST_P(AccessOfAnotherUser, BindsNoEndpointAndReachesNone)
 
 TEST_P(AccessOfAnotherUser, TakesNoLockAndReadLocksNone)
 {
-    expect_refused({writes("locks/modules"), reads("locks/modules"), removes("locks/modules"), creates_in("locks"),
+    expect_refused({writes("slots/1/locks/modules"), reads("slots/1/locks/modules"),
+                    removes("slots/1/locks/modules"), creates_in("slots/1/locks"),
                     writes("launcher.lock"), removes("launcher.lock"), writes("slots/1/keeper"),
                     removes("slots/1/keeper")});
-    expect_no_lock("locks/modules");
+    expect_no_lock("slots/1/locks/modules");
     expect_no_lock("launcher.lock");
     expect_unharmed();
 }
@@ -388,7 +389,7 @@ TEST_F(AccessToTheDirectory, IsRefusedWhileOthersMayWriteThere)
 TEST_F(AccessToTheDirectory, IsNotStartedWhileOthersMayWriteToAPartOfIt)
 {
     ASSERT_EQ(chassis({"down"}).exit_code, 0);
-    for (const char *folder : {"inventory", "inventory/1", "slots", "slots/1", "mts", "locks", "transport",
+    for (const char *folder : {"inventory", "inventory/1", "slots", "slots/1", "mts", "slots/1/locks", "transport",
                                "slots/1/root", "slots/1/flash/primary", "slots/1/debug"}) {
         chmod(folder, 0777);
         const finished_program refused = chassis({"up"});

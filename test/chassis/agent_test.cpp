@@ -1,5 +1,5 @@
-// The agent beside each daemon: it is there, small and idle, is started again when it dies, and whoever asks meanwhile
-// is told the truth.
+// The agent beside each daemon: it is there, small and idle, is started again when it dies, and whoever asks
+// meanwhile is told the truth.
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "bios_opcodes.h"
+#include "bios_results.h"
 #include "chassis_fixture.h"
 #include "process_holdings.h"
 #include "version_messages.h"
@@ -86,22 +87,33 @@ TEST_F(Agent, StaysWhenTheDaemonDies)
     const pid_t agent = agent_pid(1);
     const pid_t daemon = daemon_pid(1);
     ASSERT_EQ(::kill(daemon, SIGKILL), 0);
-    ASSERT_TRUE(wait_until([&] { return biosctl({"watch", "--once", "1"}).output.find("no daemon") != std::string::npos; }));
+    ASSERT_TRUE(wait_until([&] {
+        return biosctl({"watch", "--once", "1"}).output.find("no daemon") != std::string::npos;
+    }));
     ASSERT_TRUE(wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != daemon; }));
     EXPECT_EQ(agent_pid(1), agent);
 }
 
-TEST_F(Agent, IsNotNeededByTheDaemon)
+// Without agents there are no module locks, and without those no programming begins; one that has begun ends.
+TEST_F(Agent, IsNotNeededForQueriesNorByAProgrammingThatRuns)
 {
+    requester programmer;
+    programming begun = programmer.start(1);
+    ASSERT_EQ(begun.answer, 0U);
     const pid_t agents[] = {agent_pid(1), agent_pid(2)};
     for (const pid_t agent : agents)
         ASSERT_EQ(::kill(agent, SIGSTOP), 0);
     requester asking;
     EXPECT_EQ(asking.ask(1, MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, module_version_request(2)).error, 0);
-    expect_programmed(program(1), 1, new_image());
+    programmer.await_end(begun);
+    expect_programmed(begun, 1, new_image());
+
+    EXPECT_EQ(program(1).answer, BIOS_ERR_BUSY);
+    EXPECT_EQ(asking.ask(1, MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, module_version_request(2)).error, 0);
     for (const pid_t agent : agents)
         ASSERT_EQ(::kill(agent, SIGCONT), 0);
     EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
+    expect_next_succeeds();
 }
 
 TEST_F(Agent, ThatHangsLeavesItsCardUnconfirmedAndTheOthersAsTheyAre)
@@ -128,7 +140,8 @@ TEST_F(Agent, EndsWithTheChassis)
     EXPECT_EQ(agent_pid(2), 0);
     const finished_program asked = biosctl({"show"});
     EXPECT_EQ(asked.exit_code, FAILED);
-    EXPECT_NE(asked.errors.find("no agent of a card of the chassis in '" + chassis_directory() + "' answers"), std::string::npos)
+    EXPECT_NE(asked.errors.find("no agent of a card of the chassis in '" + chassis_directory() + "' answers"),
+              std::string::npos)
         << asked.errors;
 }
 
@@ -138,8 +151,8 @@ TEST_F(Agent, KilledAtAnyTimeEndsInATrueAnswerOrATrueError)
     const unsigned seed = std::random_device()();
     std::cout << "seed " << seed << '\n';
     std::mt19937 random(seed);
-    const std::vector<std::vector<std::string>> asked = {
-        {"show"}, {"watch", "--once"}, {"events"}, {"metrics"}, {"lock", "2"}, {"program", "1"}};
+    const std::vector<std::vector<std::string>> asked = {{"show"},    {"watch", "--once"}, {"events"},
+                                                         {"metrics"}, {"lock", "2"},       {"program", "1"}};
     unsigned killed = 0;
     for (unsigned round = 0; round < 100; ++round) {
         const std::vector<std::string> &words = asked[round % asked.size()];
@@ -164,7 +177,8 @@ TEST_F(Agent, KilledAtAnyTimeEndsInATrueAnswerOrATrueError)
     EXPECT_TRUE(wait_until([&] { return all_agents_answer(); }));
     EXPECT_EQ(biosctl({"unlock", "2"}).exit_code, DONE);
     expect_next_succeeds();
-    ASSERT_TRUE(wait_until([&] { return endpoints().size() <= 5; })) << endpoints().size();
+    // Two daemons with theirs for locks, two agents, and this test's.
+    ASSERT_TRUE(wait_until([&] { return endpoints().size() <= 7; })) << endpoints().size();
 }
 
 TEST_F(Agent, IsAskedInTheChassisThatIsNamedAndInNoOther)
@@ -174,14 +188,13 @@ TEST_F(Agent, IsAskedInTheChassisThatIsNamedAndInNoOther)
     files::create_directory(folder);
     files::create_directory_symlink(chassis_directory(), folder + "/chassis.d");
     const std::string nowhere = workspace() + "/nowhere";
-    const finished_program wrong =
-        run_program({"env", "CHASSIS_DIR=" + nowhere, "sh", "-c",
-                     "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
+    const finished_program wrong = run_program(
+        {"env", "CHASSIS_DIR=" + nowhere, "sh", "-c", "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
     EXPECT_EQ(wrong.exit_code, NOT_FOUND);
     EXPECT_NE(wrong.errors.find("there is no chassis in '" + nowhere + "'"), std::string::npos) << wrong.errors;
     for (const std::string &setting : {"CHASSIS_DIR=" + chassis_directory(), std::string("UNRELATED=1")}) {
-        const finished_program right = run_program(
-            {"env", setting, "sh", "-c", "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
+        const finished_program right =
+            run_program({"env", setting, "sh", "-c", "cd '" + folder + "' && '" BIOSCTL_PROGRAM "' watch --once"});
         EXPECT_EQ(right.exit_code, DONE) << setting << ": " << right.errors;
     }
 }

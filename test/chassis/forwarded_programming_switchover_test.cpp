@@ -3,6 +3,7 @@
 #include "bios_results.h"
 #include "chassis_dir.h"
 #include "chassis_fixture.h"
+#include "card_agent_process.h"
 #include "held_locks.h"
 #include "played_module.h"
 #include "without_pauses.h"
@@ -97,6 +98,7 @@ TEST_F(Switchover, KeepsTheNewActiveSupervisorFromTheModuleThatIsProgrammed)
     of_both[SECOND_NODE] = SECOND;
     insert_cards();
     up();
+    const card_agent_process agent(chassis_directory(), LINE_CARD);
     played_module line_card(chassis_directory(), LINE_CARD);
     requester asking;
     programming seen = asking.start(LINE_CARD);

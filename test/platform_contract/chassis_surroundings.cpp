@@ -1,6 +1,6 @@
 // The surroundings of the contract on the chassis on one machine: a chassis of three cards in a folder of its own.
 // This process is the active supervisor in slot 1, slot 2 is the standby supervisor, peers run on the line card in
-// slot 3. Everything can be had here, and every condition is a file.
+// slot 3. Each card has its agent. Everything can be had here, and every condition is a file.
 #include "contract_surroundings.h"
 
 #include <algorithm>
@@ -13,12 +13,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
 #include "bios_header.h"
+#include "card_agent_process.h"
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "flash_geometry.h"
@@ -54,6 +56,7 @@ struct kept_texts {
     std::string image[2];
     std::string loader;
     std::array<std::uint8_t, SPROM_BYTES> sprom;
+    std::vector<std::unique_ptr<card_agent_process>> agents;
 };
 kept_texts kept;
 
@@ -150,6 +153,10 @@ int contract_begin(int is_peer)
     make_files();
     ::unsetenv(CHASSIS_ENV_DIR_FD);
     ::setenv(CHASSIS_ENV_DIR, below("").c_str(), 1);
+    fs::create_directories(below("mts"));
+    fs::permissions(below("mts"), fs::perms::owner_all);
+    for (const unsigned slot : {OWN_SLOT, STANDBY_SLOT, PEER_SLOT})
+        kept.agents.push_back(std::make_unique<card_agent_process>(below(""), slot));
     ::setenv(CHASSIS_ENV_SLOT, std::to_string(OWN_SLOT).c_str(), 1);
     if (nor_file_create(OWN_SLOT, 0, FLASH) != 0)
         return -1;
@@ -159,6 +166,7 @@ int contract_begin(int is_peer)
 
 void contract_end(void)
 {
+    kept.agents.clear();
     std::error_code ignored;
     fs::remove_all(kept.folder, ignored);
 }

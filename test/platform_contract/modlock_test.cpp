@@ -50,7 +50,7 @@ protected:
         ASSERT_EQ(prepare_locks(), 0) << "errno " << errno;
         OtherCardTest::SetUp();
     }
-    void TearDown() override { (void)release(); }
+    void TearDown() override { (void)release(own_node()); }
 };
 
 } // namespace
@@ -163,16 +163,24 @@ TEST_F(Modlock, IsNotFreedWhenNobodyHoldsIt)
 
 TEST_F(ModlockAcrossCards, IsRefusedWithEbusyWhileAnotherCardHoldsIt)
 {
-    ASSERT_EQ(peer_->ask(command("lock")), "ok");
-    EXPECT_NE(take(), 0);
+    ASSERT_EQ(peer_->ask(command("lock", own_node())), "ok");
+    EXPECT_NE(take(own_node()), 0);
     EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(peer_->ask(command("unlock")), "ok");
-    EXPECT_EQ(take(), 0);
+    EXPECT_EQ(peer_->ask(command("unlock", own_node())), "ok");
+    EXPECT_EQ(take(own_node()), 0);
+}
+
+TEST_F(ModlockAcrossCards, IsRefusedToAnotherCardWhileThisOneHoldsIt)
+{
+    ASSERT_EQ(take(own_node()), 0) << "errno " << errno;
+    EXPECT_EQ(peer_->ask(command("lock", own_node())), "errno " + std::to_string(EBUSY));
+    EXPECT_EQ(release(own_node()), 0) << "errno " << errno;
+    EXPECT_EQ(peer_->ask(command("lock", own_node())), "ok");
 }
 
 TEST_F(ModlockAcrossCards, IsReleasedWhenItsOwnerOnAnotherCardDies)
 {
-    ASSERT_EQ(peer_->ask(command("lock")), "ok");
+    ASSERT_EQ(peer_->ask(command("lock", own_node())), "ok");
     peer_->finish("die");
-    EXPECT_EQ(take(), 0) << "errno " << errno;
+    EXPECT_EQ(take(own_node()), 0) << "errno " << errno;
 }

@@ -23,10 +23,10 @@
 #include <vector>
 
 #include "agent_messages.h"
-#include "agent_requests.h"
 #include "big_endian.h"
 #include "bios_messages.h"
 #include "bios_opcodes.h"
+#include "card_agent_process.h"
 #include "chassis_dir.h"
 #include "cmi.h"
 #include "endpoints.h"
@@ -34,56 +34,6 @@
 #include "unique_fd.h"
 
 constexpr auto TEST_DEADLINE = std::chrono::seconds(60);
-
-// The agent of a card, in a process of its own.
-class card_agent_process
-{
-public:
-    card_agent_process(const std::string &chassis, unsigned slot)
-    {
-        int ready[2];
-        if (::pipe2(ready, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe");
-        process_ = ::fork();
-        if (process_ == 0) {
-            (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            serve_for_ever(chassis, slot, ready[1]);
-        }
-        ::close(ready[1]);
-        char byte = 0;
-        const ssize_t got = ::read(ready[0], &byte, 1);
-        ::close(ready[0]);
-        if (got != 1)
-            throw std::runtime_error("the agent did not come up");
-    }
-    ~card_agent_process()
-    {
-        (void)::kill(process_, SIGKILL);
-        (void)::waitpid(process_, nullptr, 0);
-    }
-    card_agent_process(const card_agent_process &) = delete;
-    card_agent_process &operator=(const card_agent_process &) = delete;
-
-private:
-    [[noreturn]] static void serve_for_ever(const std::string &chassis, unsigned slot, int ready)
-    {
-        if (chassis_attach(chassis, slot) != 0)
-            ::_exit(70);
-        const std::int32_t handle =
-            mts_bind(BIND_KIND, static_cast<std::int32_t>(AGENT_SAP), BIND_OPTIONS, "agent of a test");
-        if (handle < 0)
-            ::_exit(71);
-        (void)!::write(ready, "r", 1);
-        const auto options = receive_options(3600);
-        for (;;) {
-            mts_message_t *message = nullptr;
-            if (mts_recv(handle, &message, options.data()) == 0)
-                serve(handle, message);
-        }
-    }
-
-    pid_t process_ = -1;
-};
 
 // A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5; each has an agent.
 class test_chassis
@@ -95,7 +45,7 @@ public:
         if (::mkdtemp(name) == nullptr)
             throw std::runtime_error("mkdtemp");
         path_ = name;
-        for (const char *folder : {"mts", "locks", "transport"}) {
+        for (const char *folder : {"mts", "transport"}) {
             std::filesystem::create_directory(path_ + "/" + folder);
             std::filesystem::permissions(path_ + "/" + folder, std::filesystem::perms::owner_all);
         }
@@ -116,6 +66,7 @@ public:
     {
         const std::string folder = path_ + "/inventory/" + std::to_string(slot);
         std::filesystem::create_directories(folder);
+        std::filesystem::create_directories(path_ + "/slots/" + std::to_string(slot));
         std::ofstream(folder + "/kind") << kind << "\n";
         std::ofstream(folder + "/card_id") << card_id << "\n";
         std::ofstream(folder + "/sup_state") << sup_state << "\n";

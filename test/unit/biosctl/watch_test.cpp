@@ -536,8 +536,6 @@ TEST(Watch, LeavesNothingBehind)
             found.insert(entry.path().string());
         return found;
     };
-    std::filesystem::create_directories(chassis.path() + "/locks");
-    std::ofstream(chassis.path() + "/locks/modules") << "";
     const auto before = names();
     biosctl_run run(watch_words(chassis, {"--interval", "3600"}));
     ASSERT_TRUE(run.wait_for_output("28 "));

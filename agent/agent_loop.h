@@ -1,0 +1,8 @@
+// The life of an agent: it waits for a message or for the next moment at which a lock needs something, and never
+// for anybody.
+#pragma once
+
+#include <cstdint>
+
+// Serves an endpoint for ever. The card is that of this process.
+[[noreturn]] void serve_card(std::int32_t handle);
