@@ -1,0 +1,127 @@
+#include "sha256.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace
+{
+
+constexpr std::size_t BLOCK_BYTES = 64;
+constexpr std::size_t LENGTH_BYTES = 8;
+
+// The first 32 bits of the fractional parts of the cube roots of the first 64 primes.
+constexpr std::uint32_t CONSTANTS[64] = {
+    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
+    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
+    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
+    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
+    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
+    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
+    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
+
+constexpr std::uint32_t word_at(const std::uint8_t *bytes)
+{
+    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
+           std::uint32_t{bytes[3]};
+}
+
+constexpr std::uint32_t small_sigma_0(std::uint32_t x)
+{
+    return std::rotr(x, 7) ^ std::rotr(x, 18) ^ x >> 3;
+}
+
+constexpr std::uint32_t small_sigma_1(std::uint32_t x)
+{
+    return std::rotr(x, 17) ^ std::rotr(x, 19) ^ x >> 10;
+}
+
+constexpr std::uint32_t big_sigma_0(std::uint32_t x)
+{
+    return std::rotr(x, 2) ^ std::rotr(x, 13) ^ std::rotr(x, 22);
+}
+
+constexpr std::uint32_t big_sigma_1(std::uint32_t x)
+{
+    return std::rotr(x, 6) ^ std::rotr(x, 11) ^ std::rotr(x, 25);
+}
+
+} // namespace
+
+void sha256::add(const void *bytes, std::size_t count)
+{
+    const auto *next = static_cast<const std::uint8_t *>(bytes);
+    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
+    length_ += count;
+    if (filled != 0) {
+        const std::size_t taken = std::min(count, BLOCK_BYTES - filled);
+        std::memcpy(waiting_.data() + filled, next, taken);
+        if (filled + taken < BLOCK_BYTES)
+            return;
+        take_block(waiting_.data());
+        next += taken;
+        count -= taken;
+    }
+    for (; count >= BLOCK_BYTES; next += BLOCK_BYTES, count -= BLOCK_BYTES)
+        take_block(next);
+    if (count != 0)
+        std::memcpy(waiting_.data(), next, count);
+}
+
+sha256_digest sha256::digest()
+{
+    const std::uint64_t bits = length_ * 8;
+    std::uint8_t end[BLOCK_BYTES + LENGTH_BYTES] = {0x80};
+    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
+    const std::size_t zeros_end =
+        filled < BLOCK_BYTES - LENGTH_BYTES ? BLOCK_BYTES - LENGTH_BYTES : 2 * BLOCK_BYTES - LENGTH_BYTES;
+    const std::size_t padding = zeros_end - filled;
+    for (std::size_t k = 0; k < LENGTH_BYTES; ++k)
+        end[padding + k] = static_cast<std::uint8_t>(bits >> (56 - 8 * k));
+    add(end, padding + LENGTH_BYTES);
+
+    sha256_digest digest;
+    for (std::size_t k = 0; k < digest.size(); ++k)
+        digest[k] = static_cast<std::uint8_t>(state_[k / 4] >> (24 - 8 * (k % 4)));
+    return digest;
+}
+
+void sha256::take_block(const std::uint8_t *block)
+{
+    std::uint32_t schedule[64];
+    for (std::size_t k = 0; k < 16; ++k)
+        schedule[k] = word_at(block + 4 * k);
+    for (std::size_t k = 16; k < 64; ++k)
+        schedule[k] =
+            schedule[k - 16] + small_sigma_0(schedule[k - 15]) + schedule[k - 7] + small_sigma_1(schedule[k - 2]);
+
+    auto [a, b, c, d, e, f, g, h] = state_;
+    for (std::size_t k = 0; k < 64; ++k) {
+        const std::uint32_t first = h + big_sigma_1(e) + ((e & f) ^ (~e & g)) + CONSTANTS[k] + schedule[k];
+        const std::uint32_t second = big_sigma_0(a) + ((a & b) ^ (a & c) ^ (b & c));
+        h = g;
+        g = f;
+        f = e;
+        e = d + first;
+        d = c;
+        c = b;
+        b = a;
+        a = first + second;
+    }
+    const std::uint32_t added[] = {a, b, c, d, e, f, g, h};
+    for (std::size_t k = 0; k < state_.size(); ++k)
+        state_[k] += added[k];
+}
+
+std::string sha256_text(const sha256_digest &digest)
+{
+    constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * digest.size());
+    for (const std::uint8_t byte : digest) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 15];
+    }
+    return text;
+}
