@@ -7,10 +7,13 @@
 #include "card_facts.h"
 #include "chassis_facts.h"
 #include "cmi.h"
+#include "flash_digest.h"
 #include "flash_history.h"
+#include "image_facts.h"
 #include "module_locks.h"
 #include "mts_tools.h"
 #include "programming_results.h"
+#include "worker.h"
 
 namespace
 {
@@ -36,6 +39,7 @@ answer without_body(request_body body, answer (*serve)())
 struct served_opcode {
     agent_opcode opcode;
     answer (*serve)(request_body body);
+    bool takes_long = false; // a worker's
 };
 
 constexpr served_opcode SERVED_OPCODES[] = {
@@ -46,7 +50,17 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_TOTALS, [](request_body body) { return with_record(body, totals_answer); }},
     {AGENT_OPC_GET_LOCKS, [](request_body body) { return without_body(body, locks_answer); }},
     {AGENT_OPC_GET_RESULTS, [](request_body body) { return without_body(body, results_answer); }},
+    {AGENT_OPC_GET_IMAGE, [](request_body body) { return with_record(body, image_answer); }, true},
+    {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},
 };
+
+// Null for an opcode that is not served.
+const served_opcode *row_of(std::uint32_t opcode)
+{
+    const auto *row = std::find_if(std::begin(SERVED_OPCODES), std::end(SERVED_OPCODES),
+                                   [opcode](const served_opcode &one) { return one.opcode == opcode; });
+    return row != std::end(SERVED_OPCODES) ? row : nullptr;
+}
 
 // The body behind the header that the transport puts before it; none in a message that is too short for one.
 std::optional<request_body> body_of(mts_message_t *message)
@@ -78,25 +92,25 @@ void respond(std::int32_t handle, mts_message_t *message)
     if (is_about_a_lock(mts_opc_get(message)))
         return serve_lock_message(handle, message);
     const auto body = body_of(message);
-    const auto given = body ? answer_to(mts_opc_get(message), *body) : std::nullopt;
-    if (!given) {
+    const served_opcode *row = row_of(mts_opc_get(message));
+    if (row == nullptr || !body) {
         (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
         return;
     }
+    if (row->takes_long)
+        return answer_by_worker(handle, message, [&] { return row->serve(*body); });
+    const answer given = row->serve(*body);
     // Who has asked may be gone.
-    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle,
-                       message, given->status());
+    (void)cmi_response(given.payload().data(), static_cast<std::uint32_t>(given.payload().size()), handle, message,
+                       given.status());
 }
 
 } // namespace
 
 std::optional<answer> answer_to(std::uint32_t opcode, std::span<const std::uint8_t> body)
 {
-    const auto *row = std::find_if(std::begin(SERVED_OPCODES), std::end(SERVED_OPCODES),
-                                   [opcode](const served_opcode &one) { return one.opcode == opcode; });
-    if (row == std::end(SERVED_OPCODES))
-        return std::nullopt;
-    return row->serve(body);
+    const served_opcode *row = row_of(opcode);
+    return row != nullptr ? std::optional(row->serve(body)) : std::nullopt;
 }
 
 void serve(std::int32_t handle, mts_message *message)

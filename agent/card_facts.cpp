@@ -27,6 +27,12 @@ std::string version_in(flash_device &flash)
     return text.substr(std::min(text.find_first_not_of(' '), text.size()));
 }
 
+std::uint32_t bits_of(const flash_activity &activity)
+{
+    return (activity.marked ? AGENT_FLASH_MARKED : 0U) | (activity.has_writer ? AGENT_FLASH_HAS_WRITER : 0U) |
+           (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U);
+}
+
 agent_flash_t facts_of(unsigned instance, const flash_device &flash)
 {
     const unsigned slot = chassis_own_slot();
@@ -37,9 +43,7 @@ agent_flash_t facts_of(unsigned instance, const flash_device &flash)
     facts.instance = be32::of(instance);
     facts.size_bytes = be32::of(flash.geometry().size_bytes);
     facts.sector_bytes = be32::of(flash.geometry().sector_bytes);
-    facts.state = be32::of((activity.marked ? AGENT_FLASH_MARKED : 0U) |
-                           (activity.has_writer ? AGENT_FLASH_HAS_WRITER : 0U) |
-                           (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U));
+    facts.state = be32::of(bits_of(activity));
     facts.phase = be32::of(last.phase);
     facts.percent = be32::of(last.percent);
     facts.attempt = be32::of(last.attempt);
@@ -52,6 +56,11 @@ agent_flash_t facts_of(unsigned instance, const flash_device &flash)
 }
 
 } // namespace
+
+std::uint32_t flash_state_of(unsigned instance)
+{
+    return bits_of(flash_activity_of(chassis_own_slot(), instance));
+}
 
 answer card_answer()
 {

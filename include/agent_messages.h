@@ -20,6 +20,8 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_GET_TOTALS = 4814,  // what the events of a flash add up to
     AGENT_OPC_GET_LOCKS = 4815,   // holders of the module locks that this agent serves
     AGENT_OPC_GET_RESULTS = 4816, // how the last programming of each module has ended
+    AGENT_OPC_GET_IMAGE = 4817,   // the image that this card has for a card
+    AGENT_OPC_GET_DIGEST = 4818,  // digest of what a flash holds
 
     AGENT_OPC_LOCK = 4830,        // wants a module lock, or has it and renews it
     AGENT_OPC_UNLOCK = 4831,      // gives a module lock back, or does not have it
@@ -34,10 +36,25 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_UNREADABLE = 0x40720003, // what was asked for cannot be read; the card's disk or memory
     AGENT_ERR_LOCK_HELD = 0x40720004, // another process has the module lock
     AGENT_ERR_LOCK_FREE = 0x40720005, // nobody has the module lock
-    AGENT_ERR_LOCK_AGENT = 0x40720006 // the agent of the module's card does not answer
+    AGENT_ERR_LOCK_AGENT = 0x40720006, // the agent of the module's card does not answer
+    AGENT_ERR_BUSY = 0x40720007,       // as many such requests as the agent serves at once are being served
+
+    // Why there is no image:
+    AGENT_ERR_IMAGE_CARD = 0x40720020,   // no BIOS is known for cards of this id
+    AGENT_ERR_IMAGE_URI = 0x40720021,    // the URI names no path of this card, or one that no command may be given
+    AGENT_ERR_IMAGE_FILE = 0x40720022,   // there is no such file
+    AGENT_ERR_IMAGE_MEMBER = 0x40720023, // the system image holds no BIOS for this card, or is none
+    AGENT_ERR_IMAGE_PACKED = 0x40720024, // the file was not made by gzip
+    AGENT_ERR_IMAGE_CUT = 0x40720025,    // the file is cut short or damaged
+    AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than AGENT_IMAGE_BYTES_MAX
+    AGENT_ERR_IMAGE_SPACE = 0x40720027   // there is no space to unpack it
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;
+constexpr std::size_t AGENT_DIGEST_BYTES = 32; // SHA-256
+constexpr std::size_t AGENT_URI_BYTES = 228;   // as in the request to program
+constexpr std::size_t AGENT_VERSION_BYTES = 128;
+constexpr std::uint64_t AGENT_IMAGE_BYTES_MAX = std::uint64_t{64} << 20;
 
 // AGENT_OPC_GET_CHASSIS: no body. The answer is agent_chassis_t and a module for each of its count.
 struct agent_chassis_t {
@@ -125,6 +142,43 @@ struct agent_result_t {
     char time[AGENT_TIME_BYTES];
 };
 static_assert(sizeof(agent_result_t) == 36);
+
+enum agent_image_source : std::uint32_t {
+    AGENT_IMAGE_OF_TREE = 1, // the image tree of the system software
+    AGENT_IMAGE_OF_URI = 2,  // the system image that a URI names
+    AGENT_IMAGE_READY = 3,   // the file that a card takes which programs without unpacking
+};
+
+// AGENT_OPC_GET_IMAGE: body agent_image_req_t. The answer is agent_image_t; the image is unpacked for it, in a place of the
+// agent's own.
+struct agent_image_req_t {
+    be32 card_id; // whose image
+    be32 source;  // of agent_image_source
+    char uri[AGENT_URI_BYTES];
+};
+static_assert(sizeof(agent_image_req_t) == 236);
+
+struct agent_image_t {
+    be64 size_bytes; // unpacked
+    std::uint8_t sha256[AGENT_DIGEST_BYTES];
+    char version[AGENT_VERSION_BYTES]; // empty: none can be read
+};
+static_assert(sizeof(agent_image_t) == 168);
+static_assert(offsetof(agent_image_t, version) == 40);
+
+// AGENT_OPC_GET_DIGEST: body agent_digest_req_t. The answer is agent_digest_t, read from the flash just now.
+struct agent_digest_req_t {
+    be32 instance;
+    be64 bytes; // how many, from the beginning
+};
+static_assert(sizeof(agent_digest_req_t) == 12);
+
+struct agent_digest_t {
+    std::uint8_t sha256[AGENT_DIGEST_BYTES]; // of these bytes
+    be32 rest_is_erased;                     // 1: behind them there are erased bytes only
+    be32 state;                              // bits of agent_flash_state, at any time while the flash was read
+};
+static_assert(sizeof(agent_digest_t) == 40);
 
 // Module locks. A process holds a lock through the agent of its own card; that one holds it at the agent of the module's
 // card, and renews it there. Each message may be sent again: the receiver does the same as the first time. The ids of an

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <sys/prctl.h>
@@ -11,13 +12,19 @@
 
 #include "agent_loop.h"
 #include "agent_messages.h"
+#include "agent_requests.h"
 #include "chassis_dir.h"
 #include "endpoints.h"
+#include "module_locks.h"
+#include "mts_tools.h"
 
 class card_agent_process
 {
 public:
-    card_agent_process(const std::string &chassis, unsigned slot)
+    // Serves a message itself and returns true, or leaves it to the agent.
+    using script = std::function<bool(std::int32_t handle, mts_message *message)>;
+
+    card_agent_process(const std::string &chassis, unsigned slot, const script &first = {})
     {
         int ready[2];
         if (::pipe2(ready, O_CLOEXEC) != 0)
@@ -25,7 +32,7 @@ public:
         process_ = ::fork();
         if (process_ == 0) {
             (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            serve_for_ever(chassis, slot, ready[1]);
+            serve_for_ever(chassis, slot, ready[1], first);
         }
         ::close(ready[1]);
         char byte = 0;
@@ -43,7 +50,8 @@ public:
     card_agent_process &operator=(const card_agent_process &) = delete;
 
 private:
-    [[noreturn]] static void serve_for_ever(const std::string &chassis, unsigned slot, int ready)
+    [[noreturn]] static void serve_for_ever(const std::string &chassis, unsigned slot, int ready,
+                                            const script &first)
     {
         if (chassis_attach(chassis, slot) != 0)
             ::_exit(70);
@@ -52,7 +60,24 @@ private:
         if (handle < 0)
             ::_exit(71);
         (void)!::write(ready, "r", 1);
-        serve_card(handle);
+        if (!first)
+            serve_card(handle);
+        serve_by_script(handle, first);
+    }
+
+    [[noreturn]] static void serve_by_script(std::int32_t handle, const script &first)
+    {
+        start_module_locks(handle);
+        for (;;) {
+            const std::int64_t wait_us = module_locks()->wait_limit_us();
+            mts_message_t *message = nullptr;
+            const bool came = mts_recv_within(handle, &message, wait_us < 0 ? 1'000'000 : wait_us) == 0;
+            module_locks()->tick();
+            if (came && first(handle, message))
+                (void)mts_drop(handle, message);
+            else if (came)
+                serve(handle, message);
+        }
     }
 
     pid_t process_ = -1;

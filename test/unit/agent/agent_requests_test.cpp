@@ -121,6 +121,21 @@ TEST_F(AgentRequests, TotalsAreThoseOfTheEvents)
     EXPECT_EQ(totals.sequence, 1U);
 }
 
+// The digest of 4 bytes of 0xff, of an erased flash of 64 KiB.
+TEST_F(AgentRequests, DigestIsOfTheFirstBytesAndWhetherTheRestIsErased)
+{
+    create_flash(0);
+    const bytes digest = {0xad, 0x95, 0x13, 0x1b, 0xc0, 0xb7, 0x99, 0xc0, 0xb1, 0xaf, 0x47,
+                          0x7f, 0xb1, 0x4f, 0xcf, 0x26, 0xa6, 0xa9, 0xf7, 0x60, 0x79, 0xe4,
+                          0x8b, 0xf0, 0x90, 0xac, 0xb7, 0xe8, 0x36, 0x7b, 0xfd, 0x0e};
+    EXPECT_EQ(answered(4818, words({0, 0, 4})), digest + words({1, 0}));
+    put("slots/3/flash/primary/programming", "");
+    EXPECT_EQ(answered(4818, words({0, 0, 4})), digest + words({1, 1}));
+    EXPECT_EQ(status_of(4818, words({0, 0, 65537})), 0x40720001U);
+    EXPECT_EQ(status_of(4818, words({0, 1, 0})), 0x40720001U);
+    EXPECT_EQ(status_of(4818, words({2, 0, 4})), 0x40720002U);
+}
+
 TEST_F(AgentRequests, FlashThatTheCardHasNotIsSaidSo)
 {
     for (const std::uint32_t instance : {0U, 2U, 0xffffffffU}) {
@@ -134,8 +149,11 @@ TEST_F(AgentRequests, FlashThatTheCardHasNotIsSaidSo)
 
 TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
 {
-    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U}) {
-        const std::size_t wanted = opcode == 4812 || opcode == 4814 ? 4 : (opcode == 4813 ? 12 : 0);
+    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U, 4817U, 4818U}) {
+        const std::size_t wanted = opcode == 4812 || opcode == 4814   ? 4
+                                   : opcode == 4813 || opcode == 4818 ? 12
+                                   : opcode == 4817                   ? 236
+                                                                      : 0;
         for (std::size_t length = 0; length <= 20; ++length) {
             if (length == wanted)
                 continue;
@@ -146,7 +164,7 @@ TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
 
 TEST_F(AgentRequests, UnknownOpcodeIsNotServed)
 {
-    for (const std::uint32_t opcode : {0U, 4791U, 4809U, 4817U, 0xffffffffU})
+    for (const std::uint32_t opcode : {0U, 4791U, 4809U, 4819U, 4833U, 0xffffffffU})
         EXPECT_FALSE(answer_to(opcode, {})) << opcode;
 }
 

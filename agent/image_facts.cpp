@@ -1,0 +1,265 @@
+// An image is unpacked through a pipe and never lies anywhere whole. A system image is taken apart in a folder of
+// its own, with the command that the daemon uses.
+#include "image_facts.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "bios_header.h"
+#include "card_groups.h"
+#include "card_table.h"
+#include "chassis_dir.h"
+#include "exec_cmd.h"
+#include "harmless_path.h"
+#include "image_files.h"
+#include "inventory_value.h"
+#include "sha256.h"
+#include "spawn_actions.h"
+#include "unique_fd.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr const char *WORK_FOLDER = "/var/tmp";
+constexpr const char *WORK_PREFIX = "bios_agent.";
+constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // in a system image, and where it lands
+constexpr std::size_t PIECE_BYTES = 64 << 10;
+constexpr rlim_t UNPACKED_BYTES_MAX = rlim_t{512} << 20; // of each file that a command makes
+constexpr int GUNZIP_WARNED = 2;                         // its exit status: the data is whole
+
+// What is said of an image whose bytes are read one after the other.
+class image_reading
+{
+public:
+    // false when there are too many.
+    bool add(const std::uint8_t *bytes, std::size_t count)
+    {
+        const std::size_t missing = std::min(remaining_, count);
+        std::copy_n(bytes, missing, header_.begin() + static_cast<std::ptrdiff_t>(BIOS_HEADER_BYTES - remaining_));
+        remaining_ -= missing;
+        size_ += count;
+        sum_.add(bytes, count);
+        return size_ <= AGENT_IMAGE_BYTES_MAX;
+    }
+    agent_image_t told()
+    {
+        agent_image_t image{};
+        image.size_bytes = be64::of(size_);
+        const sha256_digest digest = sum_.digest();
+        std::memcpy(image.sha256, digest.data(), sizeof image.sha256);
+        bios_header header;
+        if (remaining_ == 0 && bios_header_read(header_.data(), header)) {
+            const std::string text = bios_header_text(header);
+            store_text(image.version, text.c_str() + std::min(text.find_first_not_of(' '), text.size()));
+        }
+        return image;
+    }
+
+private:
+    std::array<std::uint8_t, BIOS_HEADER_BYTES> header_ = {};
+    std::size_t remaining_ = BIOS_HEADER_BYTES; // of the header
+    std::uint64_t size_ = 0;
+    sha256 sum_;
+};
+
+// Takes all that a descriptor gives.
+agent_status read_all(int fd, image_reading &reading)
+{
+    std::vector<std::uint8_t> piece(PIECE_BYTES);
+    for (;;) {
+        const ssize_t got = ::read(fd, piece.data(), piece.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return AGENT_ERR_UNREADABLE;
+        if (got == 0)
+            return AGENT_OK;
+        if (!reading.add(piece.data(), static_cast<std::size_t>(got)))
+            return AGENT_ERR_IMAGE_SIZE;
+    }
+}
+
+// A regular file; a link in its last component is followed as the daemon's commands do.
+unique_fd open_file(const char *path)
+{
+    unique_fd file(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {
+    };
+    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
+        file.reset();
+    return file;
+}
+
+bool is_packed(int fd)
+{
+    std::uint8_t magic[2] = {};
+    return ::pread(fd, magic, sizeof magic, 0) == sizeof magic && magic[0] == 0x1f && magic[1] == 0x8b;
+}
+
+agent_status read_packed(const char *path, image_reading &reading)
+{
+    const unique_fd file = open_file(path);
+    if (!file)
+        return AGENT_ERR_IMAGE_FILE;
+    if (!is_packed(file.get()))
+        return AGENT_ERR_IMAGE_PACKED;
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return AGENT_ERR_UNREADABLE;
+    unique_fd output(ends[0]);
+    unique_fd input(ends[1]);
+    spawn_actions actions;
+    actions.connect(file.get(), STDIN_FILENO);
+    actions.connect(input.get(), STDOUT_FILENO);
+    actions.open("/dev/null", O_WRONLY, STDERR_FILENO);
+    char name[] = "gunzip";
+    char option[] = "-c";
+    char *const arguments[] = {name, option, nullptr};
+    pid_t gunzip = -1;
+    if (actions.result() != 0 ||
+        ::posix_spawn(&gunzip, "/bin/gunzip", actions.get(), nullptr, arguments, environ) != 0)
+        return AGENT_ERR_UNREADABLE;
+    input.reset();
+    const agent_status result = read_all(output.get(), reading);
+    output.reset(); // ends it where it is not wanted any more
+    int status = 0;
+    (void)::waitpid(gunzip, &status, 0);
+    if (result != AGENT_OK)
+        return result;
+    const bool is_whole = WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == GUNZIP_WARNED);
+    return is_whole ? AGENT_OK : AGENT_ERR_IMAGE_CUT;
+}
+
+// A folder that is removed again with all that is in it, and is the working directory meanwhile.
+class work_folder
+{
+public:
+    work_folder()
+    {
+        std::string name = std::string(WORK_FOLDER) + "/" + WORK_PREFIX + "XXXXXX";
+        if (::mkdtemp(name.data()) != nullptr && ::chdir(name.c_str()) == 0)
+            path_ = name;
+    }
+    ~work_folder()
+    {
+        if (path_.empty())
+            return;
+        (void)!::chdir("/");
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    work_folder(const work_folder &) = delete;
+    work_folder &operator=(const work_folder &) = delete;
+
+    bool is_there() const { return !path_.empty(); }
+    bool is_full() const
+    {
+        std::error_code failure;
+        return fs::space(path_, failure).available < PIECE_BYTES && !failure;
+    }
+
+private:
+    std::string path_;
+};
+
+// Has a command take a member out of an archive; what it needs no shell may take for anything else.
+bool take_member(const std::string &archive, const std::string &member)
+{
+    const std::string command = "/vesk/sbin/veskadd -x " + archive + " . " + member;
+    return exec_cmd_with_files_print(command.c_str(), nullptr, "/dev/null", "/dev/null", 0) == 0;
+}
+
+agent_status read_from_system_image(const std::string &path, const std::string &member, image_reading &reading)
+{
+    if (!is_harmless_path(path.c_str()))
+        return AGENT_ERR_IMAGE_URI;
+    if (!open_file(path.c_str()))
+        return AGENT_ERR_IMAGE_FILE;
+    const rlimit bound = {UNPACKED_BYTES_MAX, UNPACKED_BYTES_MAX};
+    (void)::setrlimit(RLIMIT_FSIZE, &bound);
+    const work_folder folder;
+    if (!folder.is_there())
+        return errno == ENOSPC ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_UNREADABLE;
+    if (!take_member(path, std::string("/") + CORE_PLUGIN) || !take_member(CORE_PLUGIN, member))
+        return folder.is_full() ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_IMAGE_MEMBER;
+    return read_packed(("." + member).c_str(), reading);
+}
+
+// The row of the flash that is programmed; null when no BIOS is known for the card. Supervisors of one kind take
+// their own rows for every card.
+const bios_flash_entry *row_of(std::uint32_t card_id, owned_card_table &table)
+{
+    const std::uint32_t own_id = inventory_value(chassis_own_slot(), "card_id");
+    table = owned_card_table(bios_get_card_id_ent(is_tarvik_a_supervisor(own_id) ? own_id : card_id, 0));
+    if (table == nullptr)
+        return nullptr;
+    const bios_flash_entry *const begin = table->entries();
+    const bios_flash_entry *const end = begin + table->count;
+    const auto *found = std::find_if(begin, end, [](const bios_flash_entry &row) { return row.flash_type != 0; });
+    return found != end ? found : nullptr;
+}
+
+agent_status read_by_uri(const char *uri, const char *member, image_reading &reading)
+{
+    char buffer[URI_MAPPED_PATH_BYTES];
+    const char *path = uri_map_targetfs_path_get(uri, buffer);
+    return path != nullptr ? read_from_system_image(path, member, reading) : AGENT_ERR_IMAGE_URI;
+}
+
+agent_status read_plain(const char *path, image_reading &reading)
+{
+    const unique_fd file = open_file(path);
+    return file ? read_all(file.get(), reading) : AGENT_ERR_IMAGE_FILE;
+}
+
+agent_status read_image(const agent_image_req_t &request, const bios_flash_entry &row, image_reading &reading)
+{
+    switch (request.source.load()) {
+    case AGENT_IMAGE_OF_TREE:
+        return read_packed(row.src_path, reading);
+    case AGENT_IMAGE_OF_URI:
+        return read_by_uri(field_text(request.uri).text, row.src_path, reading);
+    case AGENT_IMAGE_READY:
+        return read_plain(row.tmp_path, reading);
+    default:
+        return AGENT_ERR_REQUEST;
+    }
+}
+
+} // namespace
+
+answer image_answer(const agent_image_req_t &request)
+{
+    owned_card_table table;
+    const bios_flash_entry *row = row_of(request.card_id.load(), table);
+    if (row == nullptr)
+        return AGENT_ERR_IMAGE_CARD;
+    image_reading reading;
+    if (const agent_status status = read_image(request, *row, reading); status != AGENT_OK)
+        return status;
+    answer image;
+    image.add(reading.told());
+    return image;
+}
+
+void remove_unpacked_leftovers()
+{
+    std::error_code ignored;
+    for (const fs::directory_entry &entry : fs::directory_iterator(WORK_FOLDER, ignored)) {
+        if (entry.path().filename().string().starts_with(WORK_PREFIX))
+            fs::remove_all(entry.path(), ignored);
+    }
+}
