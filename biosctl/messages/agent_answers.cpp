@@ -132,6 +132,30 @@ std::optional<std::vector<told_result>> decode_results(answer_payload payload)
     return records.at_end() ? std::optional(results) : std::nullopt;
 }
 
+std::optional<told_image> decode_image(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_image_t record{};
+    if (!records.take(record) || !records.at_end())
+        return std::nullopt;
+    told_image image{.size_bytes = record.size_bytes.load(), .version = printable(record.version)};
+    std::copy(std::begin(record.sha256), std::end(record.sha256), image.digest.begin());
+    return image;
+}
+
+std::optional<told_digest> decode_digest(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_digest_t record{};
+    if (!records.take(record) || !records.at_end())
+        return std::nullopt;
+    told_digest told{.rest_is_erased = record.rest_is_erased.load() != 0,
+                     .marked = (record.state.load() & AGENT_FLASH_MARKED) != 0,
+                     .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
+    std::copy(std::begin(record.sha256), std::end(record.sha256), told.digest.begin());
+    return told;
+}
+
 std::vector<flash_event> decode_events(std::string_view lines)
 {
     std::vector<flash_event> events;

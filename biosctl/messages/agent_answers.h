@@ -12,6 +12,7 @@
 #include "flash_event.h"
 #include "flash_event_log.h"
 #include "flash_progress_file.h"
+#include "sha256.h"
 
 // A card of the chassis, as its cards know it.
 struct chassis_module {
@@ -43,6 +44,21 @@ struct told_result {
     std::string time; // UTC, "2026-01-31T23:59:59Z"
 };
 
+// An image, as the card that has it tells of it.
+struct told_image {
+    std::uint64_t size_bytes = 0;
+    sha256_digest digest = {};
+    std::string version = {}; // empty: none can be read
+};
+
+// The beginning of a flash, as read just now.
+struct told_digest {
+    sha256_digest digest = {};
+    bool rest_is_erased = false;
+    bool marked = false;     // its programming was begun, and it was not found equal to the image since
+    bool has_writer = false; // a process changes it, or has done so and has not ended yet
+};
+
 using answer_payload = std::span<const std::uint8_t>;
 
 // The modules in order of their slots, each once.
@@ -50,6 +66,8 @@ std::optional<std::vector<chassis_module>> decode_modules(answer_payload payload
 std::optional<card_facts_told> decode_card(answer_payload payload);
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
+std::optional<told_image> decode_image(answer_payload payload);
+std::optional<told_digest> decode_digest(answer_payload payload);
 
 // What of a text can be printed; the rest is left out.
 std::string printable_text(std::string_view text);

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <map>
 #include <span>
+#include <unistd.h>
 
 #include "agent_answers.h"
 #include "agent_messages.h"
 #include "client.h"
 #include "monotonic_clock.h"
 #include "mts_tools.h"
+#include "text_field.h"
 
 namespace
 {
@@ -17,6 +19,9 @@ using bytes = std::vector<std::uint8_t>;
 
 constexpr std::int64_t SILENCE_US = 10 * MICROSECONDS;
 constexpr unsigned ATTEMPTS = 3;
+constexpr std::int64_t BUSY_PATIENCE_US = 5 * MICROSECONDS;
+constexpr unsigned BUSY_PAUSE_US = 20'000;
+constexpr unsigned WORK_WAIT_LIMIT_S = 20; // a large image on a slow card takes some seconds
 
 // One endpoint for all that this process asks; made anew when it could not be bound.
 client_endpoint &endpoint()
@@ -41,25 +46,51 @@ bool is_silent(std::uint32_t node)
     return found != silent_agents().end() && monotonic_us() < found->second;
 }
 
-std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
+request_answer request(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                       unsigned wait_limit_s)
 {
     if (!endpoint().bound() || is_silent(node))
-        return std::nullopt;
+        return {};
     for (unsigned attempt = 0; attempt < ATTEMPTS; ++attempt) { // on its way a message may be lost
-        request_answer answer = endpoint().request_agent(node, opcode, body, AGENT_WAIT_LIMIT_S);
-        if (answer.answered)
-            return answer.status == AGENT_OK ? std::optional(std::move(answer.payload)) : std::nullopt;
-        if (answer.error != MTS_ERRNO_TIMED_OUT)
-            return std::nullopt;
+        request_answer answer = endpoint().request_agent(node, opcode, body, wait_limit_s);
+        if (answer.answered || answer.error != MTS_ERRNO_TIMED_OUT)
+            return answer;
     }
     silent_agents()[node] = monotonic_us() + SILENCE_US;
-    return std::nullopt;
+    return {};
+}
+
+std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
+{
+    request_answer answer = request(node, opcode, body, AGENT_WAIT_LIMIT_S);
+    const bool given = answer.answered && answer.status == AGENT_OK;
+    return given ? std::optional(std::move(answer.payload)) : std::nullopt;
+}
+
+// For what a worker of the agent does, which takes its time. An agent that hangs is found out by a quick question.
+request_answer ask_for_work(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
+{
+    if (!ask(node, AGENT_OPC_GET_CARD, {}))
+        return {};
+    const std::int64_t busy_until_us = monotonic_us() + BUSY_PATIENCE_US;
+    for (;;) {
+        request_answer answer = request(node, opcode, body, WORK_WAIT_LIMIT_S);
+        if (!answer.answered || answer.status != AGENT_ERR_BUSY || monotonic_us() > busy_until_us)
+            return answer;
+        (void)::usleep(BUSY_PAUSE_US);
+    }
+}
+
+template<class Record>
+std::span<const std::uint8_t> bytes_of(const Record &record)
+{
+    return {reinterpret_cast<const std::uint8_t *>(&record), sizeof record};
 }
 
 template<class Record>
 std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, const Record &body)
 {
-    return ask(node, opcode, {reinterpret_cast<const std::uint8_t *>(&body), sizeof body});
+    return ask(node, opcode, bytes_of(body));
 }
 
 // What all cards know alike is asked of the agent that has answered last, else of the first that answers.
@@ -118,6 +149,26 @@ std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned in
 {
     const auto answer = ask(node, AGENT_OPC_GET_TOTALS, agent_flash_req_t{be32::of(instance)});
     return answer ? std::optional(flash_event_totals_parse(text_of(*answer))) : std::nullopt;
+}
+
+image_reply ask_for_image(std::uint32_t node, const image_question &question)
+{
+    agent_image_req_t body{};
+    body.card_id = be32::of(question.card_id);
+    body.source = be32::of(question.source);
+    store_text(body.uri, question.uri.c_str());
+    const request_answer answer = ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body));
+    if (!answer.answered || answer.status != AGENT_OK)
+        return {.status = answer.status};
+    return {.image = decode_image(answer.payload)};
+}
+
+std::optional<told_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes)
+{
+    const request_answer answer =
+        ask_for_work(node, AGENT_OPC_GET_DIGEST,
+                     bytes_of(agent_digest_req_t{be32::of(instance), be64::of(bytes)}));
+    return answer.answered && answer.status == AGENT_OK ? decode_digest(answer.payload) : std::nullopt;
 }
 
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks()

@@ -22,6 +22,23 @@ std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsig
                                                        std::uint64_t after_sequence);
 std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned instance);
 
+// Which image is asked for: of a card, from the tree, by a URI, or ready (agent_image_source).
+struct image_question {
+    std::uint32_t card_id = 0;
+    std::uint32_t source = 0;
+    std::string uri = {};
+};
+// An image, or the status of the agent's answer that says why there is none; a status of 0 then: it has not answered.
+struct image_reply {
+    std::optional<told_image> image = {};
+    std::uint32_t status = 0;
+    std::string why_not = {}; // for people
+};
+image_reply ask_for_image(std::uint32_t node, const image_question &question);
+
+// Of the first bytes of a flash.
+std::optional<told_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
+
 // The module locks that are held, in order of their node ids: each agent serves its own. None when no agent answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();
 

@@ -9,6 +9,7 @@
 #include "bios_results.h"
 #include "card_groups.h"
 #include "client.h"
+#include "flash_proof.h"
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -69,6 +70,14 @@ programming_result refused_result(const program_subject &subject, std::uint32_t 
     return result;
 }
 
+programming_result interrupted_before_request(const program_subject &subject)
+{
+    return not_asked(subject, failure(EXIT_INTERRUPTED,
+                                      "module " + std::to_string(subject.programmed_module) +
+                                          ": interrupted before it was asked for",
+                                      "look at the cards with: biosctl show"));
+}
+
 programming_result interrupted_before_answer(const program_subject &subject)
 {
     return no_answer(subject,
@@ -112,6 +121,10 @@ programming_result program_module(const program_options &options, int fd, const 
     if (!endpoint.bound() || !endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY))
         return no_answer(subject, no_endpoint_failure());
     const daemon_probe daemon(node);
+    const image_reply asked = [&] {
+        const interrupt_ends_process guard(fd, last_words(interrupted_before_request(subject)));
+        return find_asked_image(subject, options.request);
+    }();
     const request_answer answer = [&] {
         const interrupt_ends_process guard(fd, last_words(interrupted_before_answer(subject)));
         return send_request(endpoint, subject, options);
@@ -124,5 +137,6 @@ programming_result program_module(const program_options &options, int fd, const 
     progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
     const programming_end end =
         watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
-    return result_of(subject, end);
+    const bool has_ended = end.how == watch_end::reported || end.how == watch_end::vanished;
+    return result_of(subject, end, has_ended ? prove(subject, options.request.type, asked) : flash_proof());
 }

@@ -46,14 +46,41 @@ explanation explain_verified(const programming_result &result)
             .next = "reboot the card for the new BIOS to take effect"};
 }
 
+// Heard to be verified, and found otherwise.
+explanation explain_disproved(const programming_result &result)
+{
+    const char *found =
+        result.proof.finding == flash_finding::half_written
+            ? " and a verified flash were reported, but the flash is marked as half written"
+            : " and a verified flash were reported, but the flash does not hold the image asked for";
+    return {.headline =
+                module_text(result) + ": " + styled_text(NOT_PROGRAMMED) + ": result " + code_text(BIOS_OK) + found,
+            .likely = {"another image was programmed, or another programming has begun since",
+                       "the reports were not the card's"},
+            .flash = FLASH_UNKNOWN,
+            .next = PROGRAM_AGAIN.text};
+}
+
 explanation explain_unverified(const programming_result &result)
 {
+    if (result.progress.verified())
+        return explain_disproved(result);
     return {.headline = module_text(result) + ": " + styled_text(NOT_PROGRAMMED) +
                         ": the programming ended with result " + code_text(BIOS_OK) +
                         " before the flash was verified (" + seen_text(result) + ")",
             .likely = {"the programming process was killed or ended early"},
             .flash = FLASH_CORRUPTED,
             .next = PROGRAM_AGAIN.text};
+}
+
+explanation explain_unconfirmed(const programming_result &result)
+{
+    return {.headline = module_text(result) + ": " + styled_text("not confirmed", text_meaning::wrong) +
+                        ": result " + code_text(BIOS_OK) + " and a verified flash were reported, but " +
+                        result.proof.why,
+            .flash = FLASH_UNKNOWN,
+            .next = "look at the card's version before a reboot (biosctl show " +
+                    std::to_string(result.subject.programmed_module) + ")"};
 }
 
 explanation explain_nothing_programmed(const programming_result &result)
@@ -73,7 +100,7 @@ explanation explain_nothing_programmed(const programming_result &result)
 // an attempt before it, or a step before it, had changed the flash already.
 styled_text flash_after_failure(const result_description &described, const programming_result &result)
 {
-    if (result.progress.verified())
+    if (result.is_proved())
         return styled_text(VERIFIED) + " before that; the new BIOS is in it";
     const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
     return changed ? FLASH_CORRUPTED : described.flash;
@@ -95,9 +122,9 @@ explanation explain_daemon_ended(const programming_result &result)
     return {.headline = module_text(result) + ": the daemon of slot " +
                         std::to_string(result.subject.serving_slot) + " ended before it reported a result (" +
                         seen_text(result) + ")",
-            .flash = result.progress.verified() ? VERIFIED : left,
+            .flash = result.is_proved() ? VERIFIED : left,
             .next = "look at the card's state" + place_in_brackets(look_at::states) +
-                    (result.progress.verified() ? "" : ", then program it again before a reboot")};
+                    (result.is_proved() ? "" : ", then program it again before a reboot")};
 }
 
 // biosctl looks away and the card works on.
@@ -134,6 +161,8 @@ explanation explain(const programming_result &result)
         return explain_verified(result);
     case programming_ending::not_verified:
         return explain_unverified(result);
+    case programming_ending::unconfirmed:
+        return explain_unconfirmed(result);
     case programming_ending::nothing_programmed:
         return explain_nothing_programmed(result);
     case programming_ending::daemon_ended:
@@ -179,7 +208,7 @@ void add_watched_members(nlohmann::ordered_json &object, const programming_resul
     object["module"] = result.subject.asked_module;
     object["programmed_module"] = result.subject.programmed_module;
     object["serving_slot"] = result.subject.serving_slot;
-    object["verified"] = result.progress.verified();
+    object["verified"] = result.is_proved();
     object["elapsed_s"] = result.elapsed_s.value_or(0);
     if (!result.progress.seen)
         return;

@@ -9,21 +9,29 @@
 namespace
 {
 
-programming_ending ending_by_code(const programming_end &end)
+// Of a programming that ended with code 0 after work on the flash was heard of.
+programming_ending ending_by_proof(bool heard_verified, flash_finding finding)
+{
+    if (heard_verified && finding == flash_finding::holds_image)
+        return programming_ending::verified;
+    return heard_verified && finding == flash_finding::unknown ? programming_ending::unconfirmed
+                                                               : programming_ending::not_verified;
+}
+
+programming_ending ending_by_code(const programming_end &end, flash_finding finding)
 {
     if (end.result != BIOS_OK)
         return describe_result(end.result).exit == EXIT_NOTHING_TO_DO ? programming_ending::nothing_to_do
                                                                       : programming_ending::failed;
-    if (end.progress.verified())
-        return programming_ending::verified;
-    return end.progress.seen ? programming_ending::not_verified : programming_ending::nothing_programmed;
+    return end.progress.seen ? ending_by_proof(end.progress.verified(), finding)
+                             : programming_ending::nothing_programmed;
 }
 
-programming_ending ending_of(const programming_end &end)
+programming_ending ending_of(const programming_end &end, flash_finding finding)
 {
     switch (end.how) {
     case watch_end::reported:
-        return ending_by_code(end);
+        return ending_by_code(end, finding);
     case watch_end::vanished:
         return programming_ending::daemon_ended;
     case watch_end::interrupted:
@@ -51,6 +59,8 @@ const char *ending_name(programming_ending ending)
         return "programmed and verified";
     case programming_ending::not_verified:
         return "not verified";
+    case programming_ending::unconfirmed:
+        return "not confirmed";
     case programming_ending::nothing_programmed:
         return "nothing was programmed";
     case programming_ending::nothing_to_do:
@@ -74,6 +84,7 @@ bool programming_result::has_code() const
     case programming_ending::refused:
     case programming_ending::verified:
     case programming_ending::not_verified:
+    case programming_ending::unconfirmed:
     case programming_ending::nothing_programmed:
     case programming_ending::nothing_to_do:
     case programming_ending::failed:
@@ -84,13 +95,14 @@ bool programming_result::has_code() const
     }
 }
 
-programming_result result_of(const program_subject &subject, const programming_end &end)
+programming_result result_of(const program_subject &subject, const programming_end &end, flash_proof proof)
 {
     return {.subject = subject,
-            .ending = ending_of(end),
+            .ending = ending_of(end, proof.finding),
             .code = end.how == watch_end::reported ? end.result : BIOS_OK,
             .progress = end.progress,
-            .elapsed_s = end.elapsed_s};
+            .elapsed_s = end.elapsed_s,
+            .proof = std::move(proof)};
 }
 
 programming_result not_asked(const program_subject &subject, outcome why)

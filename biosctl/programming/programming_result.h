@@ -23,8 +23,9 @@ enum class programming_ending {
     no_answer, // no daemon has taken the request; obstacle says why
     refused,   // the daemon has answered the request with code
     // It was accepted and watched:
-    verified,           // the only success: code 0, and the flash was read back and found equal to the image
-    not_verified,       // code 0, though the flash was not found equal after work on it had begun
+    verified,           // the only success: code 0, heard to be verified, and the card's agent finds the image there
+    not_verified,       // code 0, though the flash does not hold the image after work on it had begun
+    unconfirmed,        // code 0 and heard to be verified, but the agents cannot say whether it is so
     nothing_programmed, // code 0, and no work on a flash was seen
     nothing_to_do,      // code says that nothing had to be done
     failed,             // code says why
@@ -36,6 +37,19 @@ enum class programming_ending {
 
 // As in tables and JSON.
 const char *ending_name(programming_ending ending);
+
+enum class flash_finding {
+    not_looked,   // or not at a flash whose programming has ended
+    holds_image,  // the one that was asked for, and nobody writes
+    holds_other,  // bytes
+    half_written, // its programming goes on, or was cut off
+    unknown,
+};
+
+struct flash_proof {
+    flash_finding finding = flash_finding::not_looked;
+    std::string why = {}; // it is unknown; for people
+};
 
 struct lock_in_the_way {
     unsigned module = 0; // that is locked
@@ -54,16 +68,20 @@ struct programming_result {
     std::uint32_t code = 0;                    // of an ending that has one
     progress_state progress = {};              // of one that was watched
     std::optional<unsigned> elapsed_s = {};    // none: it was not watched
+    flash_proof proof = {};                    // of one whose end was seen
     std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
     std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
 
     bool tried() const { return ending != programming_ending::not_tried; }
     bool has_code() const; // whether a daemon has given one
+    // It was heard to be read back and found equal, and the agents find it so.
+    bool is_proved() const { return progress.verified() && proof.finding == flash_finding::holds_image; }
 };
 
 // How a programming has ended that was watched. Code 0 alone is no success: a programming process that was killed,
-// an image that held nothing for this card and a flash instance that the card does not have end with it too.
-programming_result result_of(const program_subject &subject, const programming_end &end);
+// an image that held nothing for this card and a flash instance that the card does not have end with it too. Nor
+// are messages, which anybody may send: the proof counts.
+programming_result result_of(const program_subject &subject, const programming_end &end, flash_proof proof);
 
 programming_result not_asked(const program_subject &subject, outcome why);
 programming_result no_answer(const program_subject &subject, outcome why);

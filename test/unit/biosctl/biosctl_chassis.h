@@ -71,7 +71,10 @@ public:
         std::ofstream(folder + "/card_id") << card_id << "\n";
         std::ofstream(folder + "/sup_state") << sup_state << "\n";
         if (!agents_.contains(slot))
-            agents_[slot] = std::make_unique<card_agent_process>(path_, slot);
+            agents_[slot] = std::make_unique<card_agent_process>(path_, slot, [folder = path_ + "/slots/" + std::to_string(slot)](
+                                                                                   std::int32_t handle, mts_message *message) {
+                return tells_of_image_or_flash(folder, handle, message);
+            });
     }
     // Makes a blank flash of 64 KiB with sectors of 4 KiB unless it is there; its folder.
     std::string flash_folder(unsigned slot, const std::string &instance) const
@@ -88,7 +91,35 @@ public:
     void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 
+    // What the agent of a slot says from now on: "no_image" and a status, "other_contents", "half_written".
+    void agent_says(unsigned slot, const std::string &what, const std::string &value = "") const
+    {
+        std::ofstream(path_ + "/slots/" + std::to_string(slot) + "/" + what) << value;
+    }
+
 private:
+    // The cards have no images, and their daemons program nothing: their agents tell of one image that each card has, and
+    // that each flash holds.
+    static bool tells_of_image_or_flash(const std::string &folder, std::int32_t handle, mts_message *message)
+    {
+        const auto is_said = [&](const char *what) { return std::filesystem::exists(folder + "/" + what); };
+        if (mts_opc_get(message) == AGENT_OPC_GET_IMAGE) {
+            agent_image_t image{be64::of(4096), {1, 2, 3}, "v3.5.0(09/17/12)"};
+            std::uint32_t status = AGENT_OK;
+            std::ifstream(folder + "/no_image") >> std::hex >> status;
+            (void)cmi_response(&image, status == AGENT_OK ? sizeof image : 0, handle, message, status);
+            return true;
+        }
+        if (mts_opc_get(message) == AGENT_OPC_GET_DIGEST) {
+            agent_digest_t digest{{1, 2, 3}, be32::of(1), {}};
+            digest.sha256[31] = is_said("other_contents") ? 1 : 0;
+            digest.state = be32::of(is_said("half_written") ? std::uint32_t{AGENT_FLASH_MARKED} : 0);
+            (void)cmi_response(&digest, sizeof digest, handle, message, AGENT_OK);
+            return true;
+        }
+        return false;
+    }
+
     std::string path_;
     mutable std::map<unsigned, std::unique_ptr<card_agent_process>> agents_; // processes, no state of this object
 };

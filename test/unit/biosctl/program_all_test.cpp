@@ -121,6 +121,7 @@ TEST_F(ProgramAll, JsonIsOneObjectWithAllModules)
 TEST_F(ProgramAll, AModuleThatIsNamedIsPutIntoTheRequestAsTheOneThatIsProgrammed)
 {
     chassis_.insert(27, 1, 183, 1);
+    chassis_.insert(18, 2, 90, 0);
     const scripted_daemon active(chassis_, 27, healthy(active_));
     biosctl_run run({"--dir", chassis_.path(), "program", "5"});
     EXPECT_EQ(run.exit_code(), 0) << run.err();

@@ -16,6 +16,14 @@ programming_end ended(watch_end how, std::uint32_t result, int percent)
     return end;
 }
 
+// What was heard to be verified is.
+programming_result looked_at(const programming_end &end)
+{
+    return result_of(
+        SUBJECT, end,
+        {.finding = end.progress.verified() ? flash_finding::holds_image : flash_finding::holds_other});
+}
+
 bool tells(const outcome &end, const std::string &text)
 {
     return failure_text(end, false).find(text) != std::string::npos;
@@ -25,7 +33,7 @@ bool tells(const outcome &end, const std::string &text)
 
 TEST(ProgramReport, SuccessNeedsResultZeroAndOneHundredPercent)
 {
-    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, 100)));
+    const outcome end = report_programming(looked_at(ended(watch_end::reported, 0, 100)));
     EXPECT_EQ(end.exit, 0);
     EXPECT_TRUE(tells(end, "module 5: programmed and verified"));
     EXPECT_EQ(end.json["verified"], true);
@@ -34,7 +42,7 @@ TEST(ProgramReport, SuccessNeedsResultZeroAndOneHundredPercent)
 
 TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
 {
-    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, -1)));
+    const outcome end = report_programming(looked_at(ended(watch_end::reported, 0, -1)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "nothing was programmed"));
     EXPECT_TRUE(tells(end, "likely: "));
@@ -45,7 +53,7 @@ TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
 TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
 {
     for (const int percent : {0, 1, 99}) {
-        const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, percent)));
+        const outcome end = report_programming(looked_at(ended(watch_end::reported, 0, percent)));
         EXPECT_EQ(end.exit, 1) << percent;
         EXPECT_TRUE(tells(end, "not programmed")) << percent;
         EXPECT_TRUE(tells(end, "do not reboot")) << percent;
@@ -55,7 +63,7 @@ TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
 
 TEST(ProgramReport, AFailureTellsCodeMeaningFlashAndNextStep)
 {
-    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710009, 30)));
+    const outcome end = report_programming(looked_at(ended(watch_end::reported, 0x40710009, 30)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "0x40710009 (erase_failed)"));
     EXPECT_TRUE(tells(end, "\n  flash: may be corrupted: do not reboot"));
@@ -66,46 +74,43 @@ TEST(ProgramReport, AFailureTellsCodeMeaningFlashAndNextStep)
 
 TEST(ProgramReport, AFailureAfterTheVerificationSaysThatTheFlashIsGood)
 {
-    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710004, 100)));
+    const outcome end = report_programming(looked_at(ended(watch_end::reported, 0x40710004, 100)));
     EXPECT_EQ(end.exit, 1);
     EXPECT_TRUE(tells(end, "flash: programmed and verified before that"));
 }
 
 TEST(ProgramReport, AHarmlessCodeAfterAnAttemptThatChangedTheFlashWarnsAllTheSame)
 {
-    EXPECT_TRUE(
-        tells(report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710027, 30))), "do not reboot"));
-    EXPECT_FALSE(
-        tells(report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710027, 0))), "do not reboot"));
+    EXPECT_TRUE(tells(report_programming(looked_at(ended(watch_end::reported, 0x40710027, 30))), "do not reboot"));
+    EXPECT_FALSE(tells(report_programming(looked_at(ended(watch_end::reported, 0x40710027, 0))), "do not reboot"));
     programming_end second = ended(watch_end::reported, 0x40710027, 0);
     second.progress.attempt = 2;
-    EXPECT_TRUE(tells(report_programming(result_of(SUBJECT, second)), "do not reboot"));
+    EXPECT_TRUE(tells(report_programming(looked_at(second)), "do not reboot"));
 }
 
 TEST(ProgramReport, NotNeededIsNothingToDo)
 {
-    const outcome end = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710001, -1)));
+    const outcome end = report_programming(looked_at(ended(watch_end::reported, 0x40710001, -1)));
     EXPECT_EQ(end.exit, 2);
     EXPECT_TRUE(tells(end, "nothing to do"));
 }
 
 TEST(ProgramReport, ADaemonThatEndedLeavesTheFlashAsFarAsItWasSeen)
 {
-    EXPECT_TRUE(
-        tells(report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, 40))), "may be corrupted"));
-    EXPECT_TRUE(tells(report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, -1))), "flash: unknown"));
-    const outcome verified = report_programming(result_of(SUBJECT, ended(watch_end::vanished, 0, 100)));
+    EXPECT_TRUE(tells(report_programming(looked_at(ended(watch_end::vanished, 0, 40))), "may be corrupted"));
+    EXPECT_TRUE(tells(report_programming(looked_at(ended(watch_end::vanished, 0, -1))), "flash: unknown"));
+    const outcome verified = report_programming(looked_at(ended(watch_end::vanished, 0, 100)));
     EXPECT_TRUE(tells(verified, "flash: programmed and verified"));
     EXPECT_EQ(verified.exit, 1);
 }
 
 TEST(ProgramReport, AnInterruptAndATimeLimitSayThatItGoesOn)
 {
-    const outcome interrupted = report_programming(result_of(SUBJECT, ended(watch_end::interrupted, 0, 40)));
+    const outcome interrupted = report_programming(looked_at(ended(watch_end::interrupted, 0, 40)));
     EXPECT_EQ(interrupted.exit, 130);
     EXPECT_TRUE(tells(interrupted, "goes on in the card"));
     EXPECT_TRUE(tells(interrupted, "look at it again with: biosctl watch 5"));
-    EXPECT_EQ(report_programming(result_of(SUBJECT, ended(watch_end::timed_out, 0, 40))).exit, 1);
+    EXPECT_EQ(report_programming(looked_at(ended(watch_end::timed_out, 0, 40))).exit, 1);
 }
 
 TEST(ProgramReport, TextAndJsonSayTheSame)
@@ -113,7 +118,7 @@ TEST(ProgramReport, TextAndJsonSayTheSame)
     for (const watch_end how :
          {watch_end::reported, watch_end::vanished, watch_end::interrupted, watch_end::timed_out}) {
         for (const int percent : {-1, 40, 100}) {
-            const outcome end = report_programming(result_of(SUBJECT, ended(how, 0, percent)));
+            const outcome end = report_programming(looked_at(ended(how, 0, percent)));
             EXPECT_EQ(end.json["command"], "program");
             EXPECT_EQ(end.json["next"], end.hints.back().text.plain());
             EXPECT_EQ(end.json.contains("error"), end.exit != EXIT_DONE);
@@ -137,7 +142,7 @@ TEST(ProgramReport, ARefusalNamesTheHolderOfTheLock)
 
 TEST(ProgramReport, AnotherVersionThanExpectedIsExplained)
 {
-    const programming_result verified = result_of(SUBJECT, ended(watch_end::reported, 0, 100));
+    const programming_result verified = looked_at(ended(watch_end::reported, 0, 100));
     const outcome end = report_programming(with_version(verified, {"v3.5.0(09/17/12)", "v3.4.0(09/17/12)"}));
     EXPECT_EQ(end.exit, EXIT_FAILED);
     EXPECT_TRUE(tells(end, "its flash holds v3.4.0(09/17/12) and not v3.5.0(09/17/12)"));
@@ -160,10 +165,10 @@ TEST(ProgramReport, WhatKeptItFromBeingAskedForIsReportedAsItIs)
 
 TEST(ProgramReport, ColoursWhatCameOfItAndWhatMustNotBeDone)
 {
-    const outcome good = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0, 100)));
+    const outcome good = report_programming(looked_at(ended(watch_end::reported, 0, 100)));
     EXPECT_EQ(good.headline.coloured(),
               "module 5: \033[32mprogrammed and verified\033[0m (result 0x00000000, 00:42)");
-    const outcome bad = report_programming(result_of(SUBJECT, ended(watch_end::reported, 0x40710009, 30)));
+    const outcome bad = report_programming(looked_at(ended(watch_end::reported, 0x40710009, 30)));
     EXPECT_TRUE(bad.headline.coloured().starts_with("module 5: \033[31mprogramming failed\033[0m: 0x40710009"));
     ASSERT_EQ(bad.hints.size(), 2U);
     EXPECT_EQ(bad.hints[0].text.coloured(), "\033[31mmay be corrupted: do not reboot the card\033[0m");

@@ -80,6 +80,46 @@ TEST_F(Program, TheRequestIsTheLiteralBody)
         << run_->err();
 }
 
+// Anybody may send the pair of them.
+TEST_F(Program, AVerifiedFlashThatIsOnlyHeardOfIsNoSuccess)
+{
+    const auto forged = [](daemon_side &side) {
+        accept(side);
+        program_to_100(side);
+        side.notify(0, 5);
+    };
+    chassis_.agent_says(5, "other_contents");
+    EXPECT_EQ(program(forged), 1);
+    EXPECT_TRUE(err_has("module 5: not programmed")) << run_->err();
+    EXPECT_TRUE(err_has("the flash does not hold the image asked for")) << run_->err();
+    EXPECT_FALSE(err_has("programmed and verified")) << run_->err();
+    EXPECT_EQ(run_->out(), "");
+    chassis_.agent_says(5, "half_written");
+    EXPECT_EQ(program(forged), 1);
+    EXPECT_TRUE(err_has("marked as half written")) << run_->err();
+}
+
+TEST_F(Program, WhatNoAgentConfirmsIsNotConfirmed)
+{
+    const auto heard = [](daemon_side &side) {
+        accept(side);
+        program_to_100(side);
+        side.notify(0, 5);
+    };
+    chassis_.agent_says(5, "no_image", "0x40720025");
+    EXPECT_EQ(program(heard, {"5", "--json"}), 1);
+    const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
+    ASSERT_TRUE(told.is_object()) << run_->out();
+    EXPECT_EQ(told["outcome"], "not confirmed");
+    EXPECT_EQ(told["verified"], false);
+    EXPECT_NE(told["error"].get<std::string>().find("cut short or damaged"), std::string::npos) << run_->out();
+    chassis_.end_agent(5);
+    EXPECT_EQ(program(heard), 1);
+    EXPECT_TRUE(err_has("not confirmed")) << run_->err();
+    EXPECT_TRUE(err_has("the agent of slot 5 does not answer")) << run_->err();
+    EXPECT_TRUE(err_has("do not reboot")) << run_->err();
+}
+
 TEST_F(Program, ResultZeroWithoutProgressIsNoSuccess)
 {
     EXPECT_EQ(program([](daemon_side &side) {
@@ -229,6 +269,7 @@ TEST_F(Program, AStandbyAskedForAnotherModuleIsToldToProgramItsOwn)
 TEST_F(Program, ACardThatProgramsModule18OnlyIsExpectedToReportIt)
 {
     chassis_.insert(27, 1, 316, 1);
+    chassis_.insert(18, 2, 90, 0);
     EXPECT_EQ(program([](daemon_side &side) {
                   accept(side);
                   side.progress(3, 100);

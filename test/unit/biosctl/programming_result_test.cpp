@@ -19,7 +19,8 @@ programming_result ended(watch_end how, std::uint32_t code, int percent)
     programming_end end{.how = how, .result = code, .elapsed_s = 42};
     if (percent >= 0)
         end.progress = {true, 2, static_cast<std::uint32_t>(percent), 1};
-    return result_of(SUBJECT, end);
+    return result_of(SUBJECT, end,
+                     {.finding = percent == 100 ? flash_finding::holds_image : flash_finding::holds_other});
 }
 
 programming_ending ending_of(watch_end how, std::uint32_t code, int percent)
@@ -41,6 +42,22 @@ TEST(ProgrammingResult, IsVerifiedWithCodeZeroAndOneHundredPercentAlone)
     EXPECT_EQ(ending_of(watch_end::timed_out, 0, 100), programming_ending::timed_out);
 }
 
+TEST(ProgrammingResult, IsByTheProofAndNotByWhatIsHeard)
+{
+    const auto ending_with = [](std::uint32_t percent, flash_finding finding) {
+        const programming_end end{.progress = {true, 3, percent, 1}};
+        return result_of(SUBJECT, end, {.finding = finding}).ending;
+    };
+    EXPECT_EQ(ending_with(100, flash_finding::holds_other), programming_ending::not_verified);
+    EXPECT_EQ(ending_with(100, flash_finding::half_written), programming_ending::not_verified);
+    EXPECT_EQ(ending_with(100, flash_finding::not_looked), programming_ending::not_verified);
+    EXPECT_EQ(ending_with(100, flash_finding::unknown), programming_ending::unconfirmed);
+    EXPECT_EQ(ending_with(40, flash_finding::unknown), programming_ending::not_verified);
+    EXPECT_EQ(ending_with(40, flash_finding::holds_image), programming_ending::not_verified);
+    EXPECT_EQ(exit_of(result_of(SUBJECT, {.progress = {true, 3, 100, 1}}, {.finding = flash_finding::unknown})),
+              EXIT_FAILED);
+}
+
 TEST(ProgrammingResult, HasACodeWhenADaemonGaveOne)
 {
     EXPECT_TRUE(ended(watch_end::reported, 0, 100).has_code());
@@ -59,7 +76,7 @@ TEST(ProgrammingResult, OnlyTheExpectedNumbersAreSuccess)
         const programming_result checked = with_version(verified, {NEW, found});
         EXPECT_EQ(checked.ending, programming_ending::other_version) << found;
         EXPECT_EQ(exit_of(checked), EXIT_FAILED) << found;
-        EXPECT_TRUE(checked.progress.verified()) << found;
+        EXPECT_TRUE(checked.is_proved()) << found;
         EXPECT_EQ(checked.version->found, found);
     }
 }
@@ -90,7 +107,7 @@ TEST(ProgrammingResult, EndingsThatDifferHaveDifferentNames)
     std::set<std::string> names;
     for (int ending = 0; ending <= static_cast<int>(programming_ending::other_version); ++ending)
         names.insert(ending_name(static_cast<programming_ending>(ending)));
-    EXPECT_EQ(names.size(), 12U) << "a programming goes on after Ctrl-C as after a time limit";
+    EXPECT_EQ(names.size(), 13U) << "a programming goes on after Ctrl-C as after a time limit";
 }
 
 TEST(SeriesJson, HasARowForEachModule)

@@ -1,0 +1,59 @@
+#include "flash_proof.h"
+
+#include "agent_messages.h"
+#include "agent_result_text.h"
+#include "inventory.h"
+#include "lock_holders.h"
+#include "result_text.h"
+
+namespace
+{
+
+std::string no_agent_text(unsigned slot)
+{
+    return "the agent of " + slot_text(slot) + " does not answer";
+}
+
+// Only an active supervisor unpacks, for itself and for the standby supervisor; any other card programs what lies
+// ready.
+bool is_unpacked(const program_subject &subject)
+{
+    return slot_is_active(subject.serving_slot) &&
+           (subject.programmed_module == subject.serving_slot || slot_is_standby(subject.programmed_module));
+}
+
+unsigned slot_with_image(const program_subject &subject)
+{
+    return is_unpacked(subject) ? subject.serving_slot : subject.programmed_module;
+}
+
+} // namespace
+
+image_reply find_asked_image(const program_subject &subject, const programming_request &request)
+{
+    image_question question{.card_id = card_id_of(subject.programmed_module), .source = AGENT_IMAGE_READY};
+    if (is_unpacked(subject)) {
+        question.source = request.image ? AGENT_IMAGE_OF_URI : AGENT_IMAGE_OF_TREE;
+        question.uri = request.image.value_or("");
+    }
+    image_reply reply = ask_for_image(node_of_module(slot_with_image(subject)), question);
+    if (!reply.image)
+        reply.why_not =
+            reply.status != 0 ? agent_status_text(reply.status) : no_agent_text(slot_with_image(subject));
+    return reply;
+}
+
+flash_proof prove(const program_subject &subject, unsigned instance, const image_reply &asked)
+{
+    if (!asked.image)
+        return {.finding = flash_finding::unknown,
+                .why = "the image that was asked for is not known: " + asked.why_not};
+    const auto found = ask_for_digest(node_of_module(subject.programmed_module), instance, asked.image->size_bytes);
+    if (!found)
+        return {.finding = flash_finding::unknown,
+                .why = "the flash was not read: " + no_agent_text(subject.programmed_module)};
+    if (found->marked || found->has_writer)
+        return {.finding = flash_finding::half_written};
+    const bool holds = found->digest == asked.image->digest && found->rest_is_erased;
+    return {.finding = holds ? flash_finding::holds_image : flash_finding::holds_other};
+}

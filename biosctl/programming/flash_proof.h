@@ -1,0 +1,16 @@
+// The proof that a flash holds the image that was asked for: not what is heard of a programming, which anybody may
+// say, but what the agents of the cards find when they look.
+#pragma once
+
+#include <string>
+
+#include "agents.h"
+#include "programming_messages.h"
+#include "programming_result.h"
+
+// The image that the request will bring, as the card tells that has it. To be asked before the request: it may be
+// gone afterwards.
+image_reply find_asked_image(const program_subject &subject, const programming_request &request);
+
+// Looks at the flash of the module that was programmed.
+flash_proof prove(const program_subject &subject, unsigned instance, const image_reply &asked);

@@ -1,0 +1,36 @@
+#include "agent_result_text.h"
+
+#include "agent_messages.h"
+#include "result_text.h"
+
+std::string agent_status_text(std::uint32_t status)
+{
+    switch (status) {
+    case AGENT_ERR_REQUEST:
+        return "the agent does not know such a request";
+    case AGENT_ERR_FLASH:
+        return "the card has no such flash";
+    case AGENT_ERR_UNREADABLE:
+        return "it cannot be read on the card";
+    case AGENT_ERR_BUSY:
+        return "the agent has too much to do at once";
+    case AGENT_ERR_IMAGE_CARD:
+        return "no BIOS is known for this type of card";
+    case AGENT_ERR_IMAGE_URI:
+        return "the URI names no file that the card may unpack";
+    case AGENT_ERR_IMAGE_FILE:
+        return "there is no such file on the card";
+    case AGENT_ERR_IMAGE_MEMBER:
+        return "the file is no system image, or holds no BIOS for this type of card";
+    case AGENT_ERR_IMAGE_PACKED:
+        return "the image was not compressed by gzip";
+    case AGENT_ERR_IMAGE_CUT:
+        return "the image is cut short or damaged";
+    case AGENT_ERR_IMAGE_SIZE:
+        return "the image is too large for any flash";
+    case AGENT_ERR_IMAGE_SPACE:
+        return "the card has no space to unpack the image";
+    default:
+        return "status " + code_text(status);
+    }
+}
