@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "loader_messages.h"
 #include "outcome.h"
 
 struct loader_install_options {
@@ -18,11 +19,6 @@ struct loader_install_options {
 outcome report_loader_install(const loader_install_options &options, unsigned slot, std::uint32_t result);
 
 outcome run_loader_install(const loader_install_options &options, bool json);
-
-enum class loader_file {
-    loader, // the installed boot loader
-    ks,     // "/etc/srg-ks.sro"
-};
 
 struct loader_file_options {
     loader_file file = loader_file::loader;

@@ -2,7 +2,6 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "file_search.h"
@@ -23,12 +22,11 @@ namespace
 constexpr std::uint32_t ERRNO_MAX = 4095;
 
 struct file_kind {
-    std::uint32_t opcode;
     const char *command;
     const char *name;
 };
-constexpr file_kind LOADER{MTS_OPC_BIOS_GET_LOADER_IMAGE, "loader get", "boot loader"};
-constexpr file_kind KS{MTS_OPC_BIOS_GET_KS_IMAGE, "loader ks", "/etc/srg-ks.sro"};
+constexpr file_kind LOADER{"loader get", "boot loader"};
+constexpr file_kind KS{"loader ks", "/etc/srg-ks.sro"};
 
 const file_kind &kind_of(const loader_file_options &options)
 {
@@ -44,7 +42,7 @@ class file_asker
 {
 public:
     file_asker(const loader_file_options &options, unsigned slot)
-        : opcode_(kind_of(options).opcode),
+        : file_(options.file),
           slot_(slot),
           wait_s_(options.timeout_s.value_or(ANSWER_WAIT_LIMIT_S))
     {
@@ -54,7 +52,7 @@ public:
     file_answer ask(std::uint32_t length)
     {
         request_answer answer =
-            endpoint_.request(node_of_module(slot_), opcode_, encode_loader_file_request(length), wait_s_);
+            endpoint_.request(node_of_module(slot_), encode_loader_file_request(file_, length), wait_s_);
         if (!answer.answered)
             return {.error = answer.error};
         if (answer.status != BIOS_OK)
@@ -64,7 +62,7 @@ public:
 
 private:
     client_endpoint endpoint_;
-    std::uint32_t opcode_;
+    loader_file file_;
     unsigned slot_;
     unsigned wait_s_;
 };

@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "interrupt.h"
@@ -66,10 +65,9 @@ outcome run_loader_install(const loader_install_options &options, bool json)
     catch_interrupt();
     const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,
                                        failure_text(interrupted_installation(), json));
-    const request_answer answer =
-        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_INSTALL_LOADER,
-                         encode_loader_install_request(options.image_path, options.remove_image),
-                         options.timeout_s.value_or(NO_LIMIT_S));
+    const request_answer answer = endpoint.request(
+        node_of_module(slot), encode_loader_install_request(options.image_path, options.remove_image),
+        options.timeout_s.value_or(NO_LIMIT_S));
     if (!answer.answered)
         return no_answer_failure(slot, answer.error);
     return report_loader_install(options, slot, answer.status);

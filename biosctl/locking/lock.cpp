@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "inventory.h"
@@ -81,8 +80,7 @@ outcome run_lock(const lock_options &options)
     if (is_unlock(options))
         warn_about_programming(locked_node);
     const request_answer answer =
-        endpoint.request(node_of_module(slot), MTS_OPC_BIOS_MODULE_LOCK,
-                         encode_lock_request(options.operation, locked_node), ANSWER_WAIT_LIMIT_S);
+        endpoint.request(node_of_module(slot), encode_lock_request(options.operation, locked_node), ANSWER_WAIT_LIMIT_S);
     if (!answer.answered)
         return no_answer_failure(slot, answer.error);
     const auto result = decode_lock_answer(answer, options.operation, locked_node);

@@ -155,7 +155,9 @@ image_reply ask_for_image(std::uint32_t node, const image_question &question)
 {
     agent_image_req_t body{};
     body.card_id = be32::of(question.card_id);
-    body.source = be32::of(question.source);
+    body.source = be32::of(question.place == image_place::tree  ? AGENT_IMAGE_OF_TREE
+                           : question.place == image_place::uri ? AGENT_IMAGE_OF_URI
+                                                                : AGENT_IMAGE_READY);
     store_text(body.uri, question.uri.c_str());
     const request_answer answer = ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body));
     if (!answer.answered || answer.status != AGENT_OK)

@@ -22,10 +22,15 @@ std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsig
                                                        std::uint64_t after_sequence);
 std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned instance);
 
-// Which image is asked for: of a card, from the tree, by a URI, or ready (agent_image_source).
+// Which image is asked for.
+enum class image_place {
+    tree,  // of the system software on the card
+    uri,   // in the system image that it names
+    ready, // in the file that a card takes which does not unpack
+};
 struct image_question {
-    std::uint32_t card_id = 0;
-    std::uint32_t source = 0;
+    std::uint32_t card_id = 0; // whose image
+    image_place place = image_place::tree;
     std::string uri = {};
 };
 // An image, or the status of the agent's answer that says why there is none; a status of 0 then: it has not answered.

@@ -17,6 +17,11 @@ constexpr const char *ENDPOINT_NAME = "biosctl";
 
 } // namespace
 
+bool received_message::is_from_daemon(std::uint32_t node) const
+{
+    return source.node == node && source.sap == BIOS_DAEMON_SAP;
+}
+
 std::optional<std::uint32_t> received_message::word(std::size_t offset) const
 {
     be32 value{};
@@ -39,10 +44,9 @@ bool client_endpoint::listen(std::uint32_t opcode)
     return mts_listen(handle_, opcode) == 0;
 }
 
-request_answer client_endpoint::request(std::uint32_t node, std::uint32_t opcode,
-                                        std::span<const std::uint8_t> body, unsigned wait_limit_s)
+request_answer client_endpoint::request(std::uint32_t node, const daemon_request &request, unsigned wait_limit_s)
 {
-    return ask({node, BIOS_DAEMON_SAP}, opcode, body, wait_limit_s);
+    return ask({node, BIOS_DAEMON_SAP}, request.opcode, request.body, wait_limit_s);
 }
 
 request_answer client_endpoint::request_agent(std::uint32_t node, std::uint32_t opcode,

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "big_endian.h"
+#include "daemon_request.h"
 #include "datagram_driver.h"
 #include "mts.h"
 
@@ -20,6 +21,8 @@ struct received_message {
     std::uint32_t opcode = 0;
     mts_address_t source{};
     std::vector<std::uint8_t> payload; // exactly what was sent
+
+    bool is_from_daemon(std::uint32_t node) const;
 
     // The payload's word at a byte offset; none when the payload ends before.
     std::optional<std::uint32_t> word(std::size_t offset) const;
@@ -47,8 +50,7 @@ public:
     [[nodiscard]] bool listen(std::uint32_t opcode);
 
     // Sends a request to the daemon of a node and waits for the answer. Other messages are kept for receive.
-    request_answer request(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
-                           unsigned wait_limit_s);
+    request_answer request(std::uint32_t node, const daemon_request &request, unsigned wait_limit_s);
 
     // The same to the agent beside the daemon of a node.
     request_answer request_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,

@@ -7,18 +7,24 @@
 #include <vector>
 
 #include "bios_messages.h"
+#include "daemon_request.h"
 
 constexpr std::size_t LOADER_IMAGE_PATH_BYTES_MAX =
     sizeof(bios_install_loader_req_t::image_path) - 1; // the terminator is needed
 
-// Body of MTS_OPC_BIOS_INSTALL_LOADER.
+// MTS_OPC_BIOS_INSTALL_LOADER.
 //   image_path    on the card, at most LOADER_IMAGE_PATH_BYTES_MAX bytes
 //   remove_image  when done, whatever came of it
-std::vector<std::uint8_t> encode_loader_install_request(const std::string &image_path, bool remove_image);
+daemon_request encode_loader_install_request(const std::string &image_path, bool remove_image);
 
-// Body of MTS_OPC_BIOS_GET_LOADER_IMAGE and MTS_OPC_BIOS_GET_KS_IMAGE.
+enum class loader_file {
+    loader, // the installed boot loader
+    ks,     // "/etc/srg-ks.sro"
+};
+
+// MTS_OPC_BIOS_GET_LOADER_IMAGE or MTS_OPC_BIOS_GET_KS_IMAGE.
 //   length  bytes of the file that are wanted
-std::vector<std::uint8_t> encode_loader_file_request(std::uint32_t length);
+daemon_request encode_loader_file_request(loader_file file, std::uint32_t length);
 
 // What a daemon answered to a request for a file.
 struct file_answer {
@@ -30,5 +36,5 @@ struct file_answer {
     bool has_content() const { return error == 0 && understood && status == 0; }
 };
 
-// Takes the payload of an answer to encode_loader_file_request(length) apart.
+// Takes the payload of an answer to a request for so many bytes apart.
 file_answer decode_file_answer(std::vector<std::uint8_t> payload, std::uint32_t length);

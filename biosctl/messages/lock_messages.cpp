@@ -2,13 +2,12 @@
 
 #include <cstring>
 
+#include "bios_opcodes.h"
 #include "bios_results.h"
 
-std::vector<std::uint8_t> encode_lock_request(bios_module_lock_operation operation, std::uint32_t node)
+daemon_request encode_lock_request(bios_module_lock_operation operation, std::uint32_t node)
 {
-    const bios_module_lock_req_t request{be32::of(operation), be32::of(node)};
-    const auto *begin = reinterpret_cast<const std::uint8_t *>(&request);
-    return {begin, begin + sizeof request};
+    return daemon_request_of(MTS_OPC_BIOS_MODULE_LOCK, bios_module_lock_req_t{be32::of(operation), be32::of(node)});
 }
 
 std::optional<std::uint32_t> decode_lock_answer(const request_answer &answer, bios_module_lock_operation operation,

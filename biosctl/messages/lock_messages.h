@@ -8,9 +8,9 @@
 #include "bios_messages.h"
 #include "client.h"
 
-// Body of MTS_OPC_BIOS_MODULE_LOCK.
+// MTS_OPC_BIOS_MODULE_LOCK.
 //   node  of the daemon of the module that is meant
-std::vector<std::uint8_t> encode_lock_request(bios_module_lock_operation operation, std::uint32_t node);
+daemon_request encode_lock_request(bios_module_lock_operation operation, std::uint32_t node);
 
 // The daemon's result; none when this is no answer to that request.
 std::optional<std::uint32_t> decode_lock_answer(const request_answer &answer, bios_module_lock_operation operation,

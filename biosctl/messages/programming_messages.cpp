@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "bios_opcodes.h"
+
 namespace
 {
 
@@ -10,7 +12,7 @@ constexpr std::uint32_t PERCENT_MAX = 100;
 
 } // namespace
 
-std::vector<std::uint8_t> encode_programming_request(const programming_request &request)
+daemon_request encode_programming_request(const programming_request &request)
 {
     bios_programming_req_t body{};
     body.programming_mod_num.store(request.module);
@@ -19,8 +21,12 @@ std::vector<std::uint8_t> encode_programming_request(const programming_request &
     else
         body.def.store(1);
     body.type = request.type;
-    const auto *begin = reinterpret_cast<const std::uint8_t *>(&body);
-    return {begin, begin + sizeof body};
+    return daemon_request_of(MTS_OPC_BIOS_PROGRAMMING_START, body);
+}
+
+bool listen_for_end_notices(client_endpoint &endpoint)
+{
+    return endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY);
 }
 
 std::optional<told_progress> decode_progress(const received_message &message)
@@ -28,7 +34,8 @@ std::optional<told_progress> decode_progress(const received_message &message)
     const auto phase = message.word(offsetof(bios_programming_progress_t, phase));
     const auto percent = message.word(offsetof(bios_programming_progress_t, percent));
     const auto attempt = message.word(offsetof(bios_programming_progress_t, attempt));
-    if (!phase || !percent || !attempt || *percent > PERCENT_MAX)
+    if (message.opcode != MTS_OPC_BIOS_PROGRAMMING_PROGRESS || !phase || !percent || !attempt ||
+        *percent > PERCENT_MAX)
         return std::nullopt;
     return told_progress{*phase, *percent, *attempt};
 }
@@ -37,12 +44,13 @@ std::optional<told_end> decode_end_notice(const received_message &message)
 {
     const auto result = message.word(offsetof(bios_programming_notify_t, result));
     const auto module = message.word(offsetof(bios_programming_notify_t, programming_mod_num));
-    if (!result || !module)
+    if (message.opcode != MTS_OPC_BIOS_PROGRAMMING_NOTIFY || !result || !module)
         return std::nullopt;
     return told_end{*result, *module};
 }
 
 std::optional<std::uint32_t> decode_done(const received_message &message)
 {
-    return message.word(offsetof(bios_programming_done_t, result));
+    return message.opcode == MTS_OPC_BIOS_PROGRAMMING_DONE ? message.word(offsetof(bios_programming_done_t, result))
+                                                           : std::nullopt;
 }

@@ -18,8 +18,13 @@ struct programming_request {
     std::uint8_t type = 0;                 // flash instance
 };
 
-// Body of MTS_OPC_BIOS_PROGRAMMING_START.
-std::vector<std::uint8_t> encode_programming_request(const programming_request &request);
+// MTS_OPC_BIOS_PROGRAMMING_START.
+daemon_request encode_programming_request(const programming_request &request);
+
+// Has the notices about ends delivered to an endpoint. false with errno.
+[[nodiscard]] bool listen_for_end_notices(client_endpoint &endpoint);
+
+// The following are none for messages of other opcodes, too.
 
 // MTS_OPC_BIOS_PROGRAMMING_PROGRESS.
 struct told_progress {

@@ -30,7 +30,7 @@ request_answer ask(const daemon_query &query)
     client_endpoint endpoint;
     if (!endpoint.bound())
         return {.error = errno};
-    return endpoint.request(query.node, query.opcode, query.body, query.wait_limit_s);
+    return endpoint.request(query.node, query.request, query.wait_limit_s);
 }
 
 [[noreturn]] void run_process(const daemon_query &query, int fd, pid_t parent)

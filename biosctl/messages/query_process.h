@@ -12,8 +12,7 @@
 
 struct daemon_query {
     std::uint32_t node = 0; // of the daemon asked
-    std::uint32_t opcode = 0;
-    std::vector<std::uint8_t> body = {};
+    daemon_request request = {};
     unsigned wait_limit_s = 0;
     std::size_t answer_bytes_max = 0; // of the answer's payload that are handed back; the rest is cut
 };

@@ -3,17 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bios_opcodes.h"
+
 namespace
 {
 
 constexpr std::uint32_t ALL_ONES = 0xffffffff;
-
-template<class Record>
-std::vector<std::uint8_t> bytes_of(const Record &record)
-{
-    const auto *begin = reinterpret_cast<const std::uint8_t *>(&record);
-    return {begin, begin + sizeof record};
-}
 
 // REQUIRES: the payload has the record.
 template<class Record>
@@ -36,13 +31,12 @@ std::string text_of(const char (&field)[SIZE])
 
 } // namespace
 
-std::vector<std::uint8_t> encode_module_version_request(unsigned module)
+daemon_request encode_module_version_request(unsigned module)
 {
-    return bytes_of(bios_mod_version_req_t{be32::of(module)});
+    return daemon_request_of(MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, bios_mod_version_req_t{be32::of(module)});
 }
 
-std::vector<std::uint8_t> encode_source_version_request(const std::optional<std::string> &image_path,
-                                                        mts_address_t progress)
+daemon_request encode_source_version_request(const std::optional<std::string> &image_path, mts_address_t progress)
 {
     bios_src_version_req request{};
     if (image_path)
@@ -51,7 +45,7 @@ std::vector<std::uint8_t> encode_source_version_request(const std::optional<std:
         request.def = 1;
     request.progress_addr.node = progress.node;
     request.progress_addr.sap = progress.sap;
-    return bytes_of(request);
+    return daemon_request_of(MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, request);
 }
 
 module_versions_answer decode_module_versions(std::span<const std::uint8_t> payload, unsigned module)
@@ -106,10 +100,10 @@ std::optional<source_versions_answer> decode_source_versions(std::span<const std
     return answer;
 }
 
-std::optional<std::uint32_t> decode_source_progress(std::span<const std::uint8_t> payload)
+std::optional<std::uint32_t> decode_source_progress(std::uint32_t opcode, std::span<const std::uint8_t> payload)
 {
     constexpr std::uint32_t PERCENT_MAX = 100;
-    if (payload.size() != sizeof(std::uint32_t))
+    if (opcode != MTS_OPC_BIOS_SRC_VERSION_PROGRESS || payload.size() != sizeof(std::uint32_t))
         return std::nullopt;
     const auto percent = record_at<std::uint32_t>(payload, 0);
     return percent <= PERCENT_MAX ? std::optional(percent) : std::nullopt;

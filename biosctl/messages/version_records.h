@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bios_messages.h"
+#include "daemon_request.h"
 #include "mts.h"
 
 constexpr std::size_t VERSION_ENTRIES_MAX = 32; // of one card; an answer that tells of more is not understood
@@ -19,14 +20,13 @@ constexpr std::size_t IMAGE_PATH_BYTES_MAX =
     sizeof(bios_src_version_req::image_path) - 1; // the terminator is needed
 constexpr mts_address_t NO_PROGRESS_NOTICES{MTS_NODE_LISTENERS, 0};
 
-// Body of MTS_OPC_BIOS_GET_MOD_BIOS_VERSION.
-std::vector<std::uint8_t> encode_module_version_request(unsigned module);
+// MTS_OPC_BIOS_GET_MOD_BIOS_VERSION.
+daemon_request encode_module_version_request(unsigned module);
 
-// Body of MTS_OPC_BIOS_GET_SRC_BIOS_VERSION.
+// MTS_OPC_BIOS_GET_SRC_BIOS_VERSION.
 //   image_path  of a system image on the card, at most IMAGE_PATH_BYTES_MAX bytes; none: the card's image tree
 //   progress    where notices go
-std::vector<std::uint8_t> encode_source_version_request(const std::optional<std::string> &image_path,
-                                                        mts_address_t progress);
+daemon_request encode_source_version_request(const std::optional<std::string> &image_path, mts_address_t progress);
 
 // Texts are cut at their field's end, without blanks around them, and have '?' for what cannot be printed.
 struct flash_versions {
@@ -67,9 +67,9 @@ struct source_versions_answer {
 // not understood.
 std::optional<source_versions_answer> decode_source_versions(std::span<const std::uint8_t> payload);
 
-// Percents of MTS_OPC_BIOS_SRC_VERSION_PROGRESS, 0..100. The number stands in the sender's own byte order, which is
+// Percents of MTS_OPC_BIOS_SRC_VERSION_PROGRESS, 0..100; none of another opcode. The number stands in the sender's own byte order, which is
 // this machine's.
-std::optional<std::uint32_t> decode_source_progress(std::span<const std::uint8_t> payload);
+std::optional<std::uint32_t> decode_source_progress(std::uint32_t opcode, std::span<const std::uint8_t> payload);
 
 // "x86n", "x86", ...
 std::string image_format_text(std::uint32_t image_format);

@@ -1,6 +1,5 @@
 #include "flash_proof.h"
 
-#include "agent_messages.h"
 #include "agent_result_text.h"
 #include "inventory.h"
 #include "lock_holders.h"
@@ -31,9 +30,9 @@ unsigned slot_with_image(const program_subject &subject)
 
 image_reply find_asked_image(const program_subject &subject, const programming_request &request)
 {
-    image_question question{.card_id = card_id_of(subject.programmed_module), .source = AGENT_IMAGE_READY};
+    image_question question{.card_id = card_id_of(subject.programmed_module), .place = image_place::ready};
     if (is_unpacked(subject)) {
-        question.source = request.image ? AGENT_IMAGE_OF_URI : AGENT_IMAGE_OF_TREE;
+        question.place = request.image ? image_place::uri : image_place::tree;
         question.uri = request.image.value_or("");
     }
     image_reply reply = ask_for_image(node_of_module(slot_with_image(subject)), question);

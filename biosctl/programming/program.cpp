@@ -5,7 +5,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "card_groups.h"
 #include "client.h"
@@ -91,8 +90,7 @@ programming_result interrupted_before_answer(const program_subject &subject)
 request_answer send_request(client_endpoint &endpoint, const program_subject &subject, program_options options)
 {
     options.request.module = subject.programmed_module;
-    return endpoint.request(node_of_module(subject.serving_slot), MTS_OPC_BIOS_PROGRAMMING_START,
-                            encode_programming_request(options.request),
+    return endpoint.request(node_of_module(subject.serving_slot), encode_programming_request(options.request),
                             std::min(ANSWER_WAIT_LIMIT_S, options.timeout_s.value_or(ANSWER_WAIT_LIMIT_S)));
 }
 
@@ -118,7 +116,7 @@ programming_result program_module(const program_options &options, int fd, const 
     warn_about_image(options, slot);
 
     client_endpoint endpoint;
-    if (!endpoint.bound() || !endpoint.listen(MTS_OPC_BIOS_PROGRAMMING_NOTIFY))
+    if (!endpoint.bound() || !listen_for_end_notices(endpoint))
         return no_answer(subject, no_endpoint_failure());
     const daemon_probe daemon(node);
     const image_reply asked = [&] {

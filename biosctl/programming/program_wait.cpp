@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <unistd.h>
 
-#include "bios_opcodes.h"
 #include "elapsed.h"
 #include "interrupt.h"
 #include "lock_holders.h"
@@ -31,7 +30,7 @@ bool take_kept_messages(client_endpoint &endpoint, programming_watch &watch, pro
         view.show(watch.progress(), 0);
         if (!ended)
             continue;
-        if (message->opcode == MTS_OPC_BIOS_PROGRAMMING_DONE || watch.progress().seen)
+        if (decode_done(*message) || watch.progress().seen)
             return true;
         doubtful = true;
     }
@@ -60,17 +59,8 @@ bool programming_watch::take(const received_message &message)
 {
     if (message.source.node != node_)
         return false;
-    switch (message.opcode) {
-    case MTS_OPC_BIOS_PROGRAMMING_PROGRESS:
-        take_progress(message);
-        return false;
-    case MTS_OPC_BIOS_PROGRAMMING_NOTIFY:
-        return take_notify(message);
-    case MTS_OPC_BIOS_PROGRAMMING_DONE:
-        return take_done(message);
-    default:
-        return false;
-    }
+    take_progress(message);
+    return take_notify(message) || take_done(message);
 }
 
 void programming_watch::take_progress(const received_message &message)
@@ -82,7 +72,7 @@ void programming_watch::take_progress(const received_message &message)
 bool programming_watch::take_notify(const received_message &message)
 {
     const auto end = decode_end_notice(message);
-    if (message.source.sap != BIOS_DAEMON_SAP || !end || end->module != module_)
+    if (!message.is_from_daemon(node_) || !end || end->module != module_)
         return false;
     result_ = end->result;
     return true;
@@ -91,7 +81,7 @@ bool programming_watch::take_notify(const received_message &message)
 bool programming_watch::take_done(const received_message &message)
 {
     const auto result = decode_done(message);
-    if (message.source.sap != BIOS_DAEMON_SAP || !result)
+    if (!message.is_from_daemon(node_) || !result)
         return false;
     result_ = *result;
     return true;

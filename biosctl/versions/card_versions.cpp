@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <optional>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "inventory.h"
@@ -40,8 +39,7 @@ private:
     void take(card &asked, const request_answer &answer);
     request_answer request(unsigned module)
     {
-        return endpoint_.request(node_of_module(slot_), MTS_OPC_BIOS_GET_MOD_BIOS_VERSION,
-                                 encode_module_version_request(module), timeout_s_);
+        return endpoint_.request(node_of_module(slot_), encode_module_version_request(module), timeout_s_);
     }
 
     client_endpoint endpoint_;
@@ -151,9 +149,8 @@ void ask_for_sources(const std::vector<card *> &cards, unsigned timeout_s)
     std::vector<daemon_query> queries;
     queries.reserve(cards.size());
     for (const card *asked : cards)
-        queries.push_back({asked->node(), MTS_OPC_BIOS_GET_SRC_BIOS_VERSION,
-                           encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES), timeout_s,
-                           SOURCE_ANSWER_BYTES_MAX});
+        queries.push_back({asked->node(), encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES),
+                           timeout_s, SOURCE_ANSWER_BYTES_MAX});
     const std::vector<request_answer> answers = ask_all(queries);
     for (std::size_t k = 0; k < cards.size(); ++k)
         take_sources(*cards[k], answers[k]);

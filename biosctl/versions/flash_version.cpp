@@ -1,6 +1,5 @@
 #include "flash_version.h"
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "inventory.h"
@@ -11,8 +10,8 @@ std::string read_flash_version(unsigned serving_slot, unsigned module, unsigned 
     client_endpoint endpoint;
     if (!endpoint.bound())
         return {};
-    const request_answer answer = endpoint.request(node_of_module(serving_slot), MTS_OPC_BIOS_GET_MOD_BIOS_VERSION,
-                                                   encode_module_version_request(module), timeout_s);
+    const request_answer answer =
+        endpoint.request(node_of_module(serving_slot), encode_module_version_request(module), timeout_s);
     if (!answer.answered || answer.status != BIOS_OK)
         return {};
     const module_versions_answer versions = decode_module_versions(answer.payload, module);

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "client.h"
 #include "elapsed.h"
@@ -38,10 +37,9 @@ std::string image_text(const source_options &options)
 void take_notices(client_endpoint &endpoint, std::uint32_t node, progress_state &state)
 {
     while (const auto message = endpoint.receive(0)) {
-        if (message->opcode != MTS_OPC_BIOS_SRC_VERSION_PROGRESS || message->source.node != node ||
-            message->source.sap != BIOS_DAEMON_SAP)
+        if (!message->is_from_daemon(node))
             continue;
-        if (const auto percent = decode_source_progress(message->payload); percent)
+        if (const auto percent = decode_source_progress(message->opcode, message->payload); percent)
             state.percent = std::max(state.percent, *percent);
     }
 }
@@ -50,8 +48,7 @@ request_answer ask_with_progress(client_endpoint &endpoint, const source_options
 {
     const std::uint32_t node = node_of_module(slot);
     query_process query({.node = node,
-                         .opcode = MTS_OPC_BIOS_GET_SRC_BIOS_VERSION,
-                         .body = encode_source_version_request(options.image_path, endpoint.address()),
+                         .request = encode_source_version_request(options.image_path, endpoint.address()),
                          .wait_limit_s = options.timeout_s.value_or(UNPACKING_TIMEOUT_S),
                          .answer_bytes_max = SOURCE_ANSWER_BYTES_MAX});
     const steady::time_point start = steady::now();

@@ -75,14 +75,14 @@ TEST(LoaderInstallRequest, IsTheLiteralBody)
 {
     bytes expected(204);
     std::memcpy(expected.data(), "/bootflash/a.img", 16);
-    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", false), expected);
+    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", false).body, expected);
     expected[203] = 1;
-    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", true), expected);
+    EXPECT_EQ(encode_loader_install_request("/bootflash/a.img", true).body, expected);
 }
 
 TEST(LoaderInstallRequest, ATooLongPathStaysTerminated)
 {
-    const bytes body = encode_loader_install_request(std::string(300, 'p'), false);
+    const bytes body = encode_loader_install_request(std::string(300, 'p'), false).body;
     EXPECT_EQ(body[198], 'p');
     EXPECT_EQ(body[199], 0);
 }
@@ -102,7 +102,7 @@ TEST(LoaderInstallReport, HasAnExitCodeForEachResult)
 
 TEST(FileRequest, IsTheLengthThatIsWanted)
 {
-    EXPECT_EQ(encode_loader_file_request(0x01020304), (bytes{1, 2, 3, 4}));
+    EXPECT_EQ(encode_loader_file_request(loader_file::loader, 0x01020304).body, (bytes{1, 2, 3, 4}));
 }
 
 TEST(FileAnswer, OnlyExactlyWhatWasAskedForIsContent)

@@ -52,9 +52,9 @@ void hold(unsigned node, std::uint32_t reason)
 
 TEST(LockMessages, TheRequestIsTheLiteralBody)
 {
-    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_TAKE, 0x502),
+    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_TAKE, 0x502).body,
               (std::vector<std::uint8_t>{0, 0, 0, 2, 0, 0, 5, 2}));
-    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_RELEASE, 0x1b01),
+    EXPECT_EQ(encode_lock_request(BIOS_MODULE_LOCK_RELEASE, 0x1b01).body,
               (std::vector<std::uint8_t>{0, 0, 0, 3, 0, 0, 0x1b, 1}));
 }
 

@@ -86,24 +86,24 @@ chassis_module_lock_holder lock_on(std::uint16_t node, std::uint32_t slot, std::
 
 TEST(VersionRequests, AreTheLiteralBodies)
 {
-    EXPECT_EQ(encode_module_version_request(27), (bytes{0, 0, 0, 27}));
+    EXPECT_EQ(encode_module_version_request(27).body, (bytes{0, 0, 0, 27}));
     bytes tree(268);
     const std::uint32_t one = 1;
     const std::uint32_t nobody = 0xfe000000;
     std::memcpy(tree.data(), &one, 4); // numbers of this message are in this machine's order
     std::memcpy(&tree[260], &nobody, 4);
-    EXPECT_EQ(encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES), tree);
+    EXPECT_EQ(encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES).body, tree);
     bytes image(268);
     put_text(image, 4, "/bootflash/a.img");
     image[260] = 1;
     image[264] = 0x39;
     image[265] = 0x30;
-    EXPECT_EQ(encode_source_version_request("/bootflash/a.img", {1, 12345}), image);
+    EXPECT_EQ(encode_source_version_request("/bootflash/a.img", {1, 12345}).body, image);
 }
 
 TEST(VersionRequests, ATooLongPathStaysTerminated)
 {
-    const bytes body = encode_source_version_request(std::string(300, 'p'), NO_PROGRESS_NOTICES);
+    const bytes body = encode_source_version_request(std::string(300, 'p'), NO_PROGRESS_NOTICES).body;
     EXPECT_EQ(body[4 + 254], 'p');
     EXPECT_EQ(body[4 + 255], 0);
 }

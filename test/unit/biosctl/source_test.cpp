@@ -66,13 +66,13 @@ TEST(SourceProgress, IsAPercentageInThisMachinesOrder)
     const auto percent_of = [](std::uint32_t number) {
         std::vector<std::uint8_t> payload(sizeof number);
         std::memcpy(payload.data(), &number, sizeof number);
-        return decode_source_progress(payload);
+        return decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, payload);
     };
     EXPECT_EQ(percent_of(0), 0u);
     EXPECT_EQ(percent_of(100), 100u);
     EXPECT_FALSE(percent_of(101));
-    EXPECT_FALSE(decode_source_progress(std::vector<std::uint8_t>{1, 0, 0}));
-    EXPECT_FALSE(decode_source_progress(std::vector<std::uint8_t>{1, 0, 0, 0, 0}));
+    EXPECT_FALSE(decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, std::vector<std::uint8_t>{1, 0, 0}));
+    EXPECT_FALSE(decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, std::vector<std::uint8_t>{1, 0, 0, 0, 0}));
 }
 
 TEST(ImagePath, OfTheBootFlashAndAbsolute)
