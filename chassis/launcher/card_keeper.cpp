@@ -51,7 +51,7 @@ public:
     explicit card_keeper(const keeper_options &options)
         : options_(options),
           root_(options.slot),
-          agent_({options.directory, options.slot, options.way, program_file(card_program::agent, {}, options.tools)})
+          agent_({options.directory, options.slot, options.way, agent_program(options.daemon, options.tools)})
     {
     }
 

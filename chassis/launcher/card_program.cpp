@@ -1,5 +1,7 @@
 #include "card_program.h"
 
+#include <unistd.h>
+
 #include "answer_form.h"
 #include "card_files.h"
 #include "chassis_dir.h"
@@ -27,6 +29,13 @@ const char *program_name(card_program program)
 std::string place_in_root(card_program program)
 {
     return PROGRAMS_IN_ROOT + std::string(program_name(program));
+}
+
+std::string agent_program(const std::string &daemon, const std::string &tools)
+{
+    const std::string name = program_name(card_program::agent);
+    const std::string beside_daemon = daemon.substr(0, daemon.rfind('/') + 1) + name;
+    return ::access(beside_daemon.c_str(), X_OK) == 0 ? beside_daemon : tools + "/" + name;
 }
 
 std::string program_file(card_program program, const std::string &daemon, const std::string &tools)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Does what the page about a new card type says: applies its change to a copy of the sources, builds the daemon, and
-types the page's session with it. Without the change the session has to fail: else it would show nothing.
+"""Does what the page about a new card type says: applies its change to a copy of the sources, builds the daemon and the
+agent, and types the page's session with them. Without the change the session has to fail: else it would show nothing.
 """
 import argparse
 import os
@@ -11,7 +11,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-SOURCE_FOLDERS = ("chassis", "cmake", "common", "drivers", "include", "platform", "services", "sup")
+SOURCE_FOLDERS = ("agent", "chassis", "cmake", "common", "drivers", "include", "platform", "services", "sup")
+CARD_DRIVERS = ("drivers/card_flash_driver.cpp", "drivers/card_datagram_driver.cpp") # leaves out all but daemon and agent
 CHECKED_HEADER = "chassis/launcher/card_families.cpp"
 
 
@@ -40,7 +41,6 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("sources", type=Path)
     parser.add_argument("programs", type=Path, help="folder with the built programs")
-    parser.add_argument("platform", type=Path, help="platform library that the daemon is linked with")
     given = parser.parse_args()
     page = given.sources / "doc/adding-a-card-type.md"
 
@@ -51,8 +51,8 @@ def main():
         shutil.copy(given.sources / "CMakeLists.txt", copy)
         run(["patch", "-p1", "--fuzz=0"], cwd=copy, input=patch_of(page))
         run(["cmake", "-G", "Ninja", "-S", copy, "-B", copy / "build", "-DCMAKE_BUILD_TYPE=Debug",
-             f"-DBIOS_DAEMON_PLATFORM={given.platform}"])
-        run(["cmake", "--build", copy / "build", "--target", "bios_daemon"])
+             "-DBIOS_DAEMON_DRIVERS=" + ";".join(str(copy / driver) for driver in CARD_DRIVERS)])
+        run(["cmake", "--build", copy / "build", "--target", "bios_daemon", "bios_agent"])
         run(["g++", "-std=c++20", "-fsyntax-only", copy / CHECKED_HEADER])
 
         followed = type_session(page, given.programs, copy / "build/bin/bios_daemon")
