@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "agents.h"
 #include "bios_results.h"
 #include "card_groups.h"
 #include "client.h"
@@ -64,8 +65,11 @@ std::optional<lock_in_the_way> find_lock_in_the_way(const program_subject &subje
 programming_result refused_result(const program_subject &subject, std::uint32_t status)
 {
     programming_result result{.subject = subject, .ending = programming_ending::refused, .code = status};
-    if (status == BIOS_ERR_BUSY)
-        result.lock = find_lock_in_the_way(subject);
+    if (status != BIOS_ERR_BUSY)
+        return result;
+    result.lock = find_lock_in_the_way(subject);
+    if (!result.lock && !ask_for_card(node_of_module(subject.serving_slot)))
+        result.silent_agent = subject.serving_slot;
     return result;
 }
 

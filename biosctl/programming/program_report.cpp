@@ -182,6 +182,9 @@ outcome refused_outcome(const programming_result &result)
     outcome refused = failure_by_code(
         module_text(result) + ": " + slot_text(result.subject.serving_slot) + " refused to program", result.code);
     refused.json["outcome"] = ending_name(result.ending);
+    if (result.silent_agent)
+        refused.hints.push_back({"likely", "the agent of " + slot_text(*result.silent_agent) +
+                                               " does not answer, and without it no module lock can be had"});
     if (!result.lock)
         return refused;
     const std::string holder = holder_text(result.lock->holder);

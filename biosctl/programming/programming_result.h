@@ -70,6 +70,7 @@ struct programming_result {
     std::optional<unsigned> elapsed_s = {};    // none: it was not watched
     flash_proof proof = {};                    // of one whose end was seen
     std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
+    std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks
     std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
 
     bool tried() const { return ending != programming_ending::not_tried; }

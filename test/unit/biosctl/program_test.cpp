@@ -170,6 +170,17 @@ TEST_F(Program, BusyIsToldWithTheHolderOfTheLock)
     EXPECT_TRUE(err_has("for a programming")) << run_->err();
 }
 
+TEST_F(Program, BusyBecauseNoLockCanBeHadNamesTheAgent)
+{
+    chassis_.end_agent(27);
+    EXPECT_EQ(program([](daemon_side &side) {
+                  (void)side.receive(4791);
+                  side.answer(0x4071000a);
+              }),
+              4);
+    EXPECT_TRUE(err_has("the agent of slot 27 does not answer")) << run_->err();
+}
+
 TEST_F(Program, AnUnmappedUriIsNotFound)
 {
     EXPECT_EQ(program(
