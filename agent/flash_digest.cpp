@@ -32,7 +32,7 @@ bool read_pieces(flash_device &flash, std::uint32_t begin, std::uint32_t end, Us
 
 } // namespace
 
-answer digest_answer(const agent_digest_req_t &request)
+answer digest_answer(const agent_flash_digest_req_t &request)
 {
     const std::uint32_t instance = request.instance.load();
     const auto flash = flash_device::open(instance, flash_access::read);
@@ -57,7 +57,7 @@ answer digest_answer(const agent_digest_req_t &request)
         return AGENT_ERR_UNREADABLE;
     state |= flash_state_of(instance);
 
-    agent_digest_t told{};
+    agent_flash_digest_t told{};
     const sha256_digest digest = sum.digest();
     std::memcpy(told.sha256, digest.data(), sizeof told.sha256);
     told.rest_is_erased = be32::of(is_erased ? 1 : 0);

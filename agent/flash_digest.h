@@ -3,4 +3,4 @@
 
 #include "answer.h"
 
-answer digest_answer(const agent_digest_req_t &request); // AGENT_OPC_GET_DIGEST
+answer digest_answer(const agent_flash_digest_req_t &request); // AGENT_OPC_GET_DIGEST

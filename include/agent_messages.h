@@ -166,19 +166,19 @@ struct agent_image_t {
 static_assert(sizeof(agent_image_t) == 168);
 static_assert(offsetof(agent_image_t, version) == 40);
 
-// AGENT_OPC_GET_DIGEST: body agent_digest_req_t. The answer is agent_digest_t, read from the flash just now.
-struct agent_digest_req_t {
+// AGENT_OPC_GET_DIGEST: body agent_flash_digest_req_t. The answer is agent_flash_digest_t, read from the flash just now.
+struct agent_flash_digest_req_t {
     be32 instance;
     be64 bytes; // how many, from the beginning
 };
-static_assert(sizeof(agent_digest_req_t) == 12);
+static_assert(sizeof(agent_flash_digest_req_t) == 12);
 
-struct agent_digest_t {
+struct agent_flash_digest_t {
     std::uint8_t sha256[AGENT_DIGEST_BYTES]; // of these bytes
     be32 rest_is_erased;                     // 1: behind them there are erased bytes only
     be32 state;                              // bits of agent_flash_state, at any time while the flash was read
 };
-static_assert(sizeof(agent_digest_t) == 40);
+static_assert(sizeof(agent_flash_digest_t) == 40);
 
 // Module locks. A process holds a lock through the agent of its own card; that one holds it at the agent of the module's
 // card, and renews it there. Each message may be sent again: the receiver does the same as the first time. The ids of an

@@ -143,13 +143,13 @@ std::optional<told_image> decode_image(answer_payload payload)
     return image;
 }
 
-std::optional<told_digest> decode_digest(answer_payload payload)
+std::optional<told_flash_digest> decode_flash_digest(answer_payload payload)
 {
     record_reader records(payload);
-    agent_digest_t record{};
+    agent_flash_digest_t record{};
     if (!records.take(record) || !records.at_end())
         return std::nullopt;
-    told_digest told{.rest_is_erased = record.rest_is_erased.load() != 0,
+    told_flash_digest told{.rest_is_erased = record.rest_is_erased.load() != 0,
                      .marked = (record.state.load() & AGENT_FLASH_MARKED) != 0,
                      .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
     std::copy(std::begin(record.sha256), std::end(record.sha256), told.digest.begin());

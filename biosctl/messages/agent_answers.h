@@ -52,7 +52,7 @@ struct told_image {
 };
 
 // The beginning of a flash, as read just now.
-struct told_digest {
+struct told_flash_digest {
     sha256_digest digest = {};
     bool rest_is_erased = false;
     bool marked = false;     // its programming was begun, and it was not found equal to the image since
@@ -67,7 +67,7 @@ std::optional<card_facts_told> decode_card(answer_payload payload);
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);
-std::optional<told_digest> decode_digest(answer_payload payload);
+std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
 
 // What of a text can be printed; the rest is left out.
 std::string printable_text(std::string_view text);

@@ -42,7 +42,7 @@ struct image_reply {
 image_reply ask_for_image(std::uint32_t node, const image_question &question);
 
 // Of the first bytes of a flash.
-std::optional<told_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
+std::optional<told_flash_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
 
 // The module locks that are held, in order of their node ids: each agent serves its own. None when no agent answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();

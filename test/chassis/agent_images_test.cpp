@@ -136,21 +136,21 @@ TEST_F(AgentImages, TellsWhatAFlashHolds)
 {
     const auto ask_for_digest = [](std::uint32_t instance, std::uint64_t bytes) {
         return ask_agent(daemon_node(1, true), AGENT_OPC_GET_DIGEST,
-                         bytes_of(agent_digest_req_t{be32::of(instance), be64::of(bytes)}), 30)
+                         bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}), 30)
             .value_or(agent_reply{~0U});
     };
     const std::string held = flash_of(1);
-    const auto whole = decode_digest(ask_for_digest(0, held.size()).payload);
+    const auto whole = decode_flash_digest(ask_for_digest(0, held.size()).payload);
     ASSERT_TRUE(whole);
     EXPECT_EQ(whole->digest, digest_of(held));
     EXPECT_TRUE(whole->rest_is_erased);
     EXPECT_FALSE(whole->marked);
-    const auto half = decode_digest(ask_for_digest(0, held.size() / 2).payload);
+    const auto half = decode_flash_digest(ask_for_digest(0, held.size() / 2).payload);
     ASSERT_TRUE(half);
     EXPECT_EQ(half->digest, digest_of(held.substr(0, held.size() / 2)));
     EXPECT_FALSE(half->rest_is_erased);
     write_file(flash_file(1, "programming"), "");
-    const auto marked = decode_digest(ask_for_digest(0, 0).payload);
+    const auto marked = decode_flash_digest(ask_for_digest(0, 0).payload);
     ASSERT_TRUE(marked);
     EXPECT_TRUE(marked->marked);
     EXPECT_EQ(marked->digest, digest_of(""));

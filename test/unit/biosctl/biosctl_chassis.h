@@ -111,7 +111,7 @@ private:
             return true;
         }
         if (mts_opc_get(message) == AGENT_OPC_GET_DIGEST) {
-            agent_digest_t digest{{1, 2, 3}, be32::of(1), {}};
+            agent_flash_digest_t digest{{1, 2, 3}, be32::of(1), {}};
             digest.sha256[31] = is_said("other_contents") ? 1 : 0;
             digest.state = be32::of(is_said("half_written") ? std::uint32_t{AGENT_FLASH_MARKED} : 0);
             (void)cmi_response(&digest, sizeof digest, handle, message, AGENT_OK);
