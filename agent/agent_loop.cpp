@@ -1,7 +1,10 @@
 #include "agent_loop.h"
 
+#include <algorithm>
+
 #include "agent_requests.h"
 #include "c_boundary.h"
+#include "card_transfers.h"
 #include "image_facts.h"
 #include "module_locks.h"
 #include "monotonic_clock.h"
@@ -13,18 +16,27 @@ namespace
 
 constexpr std::int64_t IDLE_WAIT_US = 3600 * MICROSECONDS; // a lasting error is returned after a pause
 
+// Until something is due; limit_us as of wait_limit_us.
+std::int64_t sooner(std::int64_t wait_us, std::int64_t limit_us)
+{
+    return limit_us < 0 ? wait_us : std::min(wait_us, limit_us);
+}
+
 } // namespace
 
 void serve_card(std::int32_t handle)
 {
     start_module_locks(handle);
     best_effort(remove_unpacked_leftovers);
+    start_card_transfers();
     for (;;) {
-        const std::int64_t wait_us = module_locks()->wait_limit_us();
+        const std::int64_t wait_us =
+            sooner(sooner(IDLE_WAIT_US, module_locks()->wait_limit_us()), card_transfers()->wait_limit_us());
         mts_message_t *message = nullptr;
-        const bool came = mts_recv_within(handle, &message, wait_us < 0 ? IDLE_WAIT_US : wait_us) == 0;
+        const bool came = mts_recv_within(handle, &message, wait_us) == 0;
         best_effort([] { module_locks()->tick(); });
         reap_workers();
+        best_effort([] { card_transfers()->tick(); });
         if (came)
             serve(handle, message);
     }

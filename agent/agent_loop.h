@@ -1,4 +1,5 @@
-// The life of an agent: it waits for a message or for the next moment at which a lock needs something, and never
+// The life of an agent: it waits for a message or for the next moment at which a lock or a transfer needs
+// something, and never
 // for anybody.
 #pragma once
 

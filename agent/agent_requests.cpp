@@ -5,8 +5,10 @@
 
 #include "c_boundary.h"
 #include "card_facts.h"
+#include "card_transfers.h"
 #include "chassis_facts.h"
 #include "cmi.h"
+#include "file_requests.h"
 #include "flash_digest.h"
 #include "flash_history.h"
 #include "image_facts.h"
@@ -92,23 +94,28 @@ void respond(std::int32_t handle, mts_message_t *message)
     if (is_about_a_lock(mts_opc_get(message)))
         return serve_lock_message(handle, message);
     const auto body = body_of(message);
-    const served_opcode *row = row_of(mts_opc_get(message));
-    if (row == nullptr || !body) {
+    const std::uint32_t opcode = mts_opc_get(message);
+    const served_opcode *row = row_of(opcode);
+    if (row != nullptr && row->takes_long && body)
+        return answer_by_worker(handle, message, [&] { return row->serve(*body); });
+    mts_address_t from{};
+    (void)mts_saddr_get(message, &from); // fails for null only
+    const auto given = body ? answer_to(opcode, *body, from) : std::nullopt;
+    if (!given) {
         (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
         return;
     }
-    if (row->takes_long)
-        return answer_by_worker(handle, message, [&] { return row->serve(*body); });
-    const answer given = row->serve(*body);
     // Who has asked may be gone.
-    (void)cmi_response(given.payload().data(), static_cast<std::uint32_t>(given.payload().size()), handle, message,
-                       given.status());
+    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle, message,
+                       given->status());
 }
 
 } // namespace
 
-std::optional<answer> answer_to(std::uint32_t opcode, std::span<const std::uint8_t> body)
+std::optional<answer> answer_to(std::uint32_t opcode, std::span<const std::uint8_t> body, mts_address_t from)
 {
+    if (file_transfers *transfers = card_transfers(); transfers != nullptr && is_about_files(opcode))
+        return answer_about_files(*transfers, from, opcode, body);
     const served_opcode *row = row_of(opcode);
     return row != nullptr ? std::optional(row->serve(body)) : std::nullopt;
 }

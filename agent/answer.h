@@ -21,13 +21,12 @@ public:
         add_bytes(&record, sizeof record);
     }
     void add_text(std::string_view text) { add_bytes(text.data(), text.size()); }
+    void add_bytes(const void *bytes, std::size_t count);
 
     std::uint32_t status() const { return status_; }
     const std::vector<std::uint8_t> &payload() const { return payload_; }
 
 private:
-    void add_bytes(const void *bytes, std::size_t count);
-
     agent_status status_ = AGENT_OK;
     std::vector<std::uint8_t> payload_;
 };

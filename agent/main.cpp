@@ -15,6 +15,7 @@
 int main()
 {
     (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGXFSZ, SIG_IGN); // a file may be larger than this process may make one
     if (chassis_own_slot() == 0) {
         (void)std::fprintf(stderr, "bios_agent: this process belongs to no card: %s is not set\n",
                            CHASSIS_ENV_SLOT);

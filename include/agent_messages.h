@@ -1,6 +1,7 @@
 // Messages of a card's agent, in order of their opcodes: requests and, from AGENT_OPC_LOCK on, messages without an
-// answer by the transport. A request's body begins MTS_REQUEST_HEADER_BYTES into its payload. Numbers are in network byte
-// order, texts zero-padded and not terminated when they fill their field; times are UTC, "2026-01-31T23:59:59Z".
+// answer by the transport. A request's body begins MTS_REQUEST_HEADER_BYTES into its payload. Numbers are in
+// network byte order, texts zero-padded and not terminated when they fill their field; times are UTC,
+// "2026-01-31T23:59:59Z".
 //
 // An answer with a status that is not 0 has no payload.
 #pragma once
@@ -23,6 +24,16 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_GET_IMAGE = 4817,   // the image that this card has for a card
     AGENT_OPC_GET_DIGEST = 4818,  // digest of what a flash holds
 
+    AGENT_OPC_PUT_FILE = 4820,    // begins the delivery of a file to the card
+    AGENT_OPC_PUT_PIECE = 4821,   // the next bytes of it
+    AGENT_OPC_PUT_END = 4822,     // gives the file its name
+    AGENT_OPC_GET_FLASH = 4823,   // begins a copy of a flash
+    AGENT_OPC_GET_FILE = 4824,    // begins a copy of a delivered file
+    AGENT_OPC_GET_PIECE = 4825,   // the next bytes of it
+    AGENT_OPC_GET_END = 4826,     // the digest of what was given
+    AGENT_OPC_LIST_FILES = 4827,  // the delivered files
+    AGENT_OPC_REMOVE_FILE = 4828, // removes a delivered file
+
     AGENT_OPC_LOCK = 4830,        // wants a module lock, or has it and renews it
     AGENT_OPC_UNLOCK = 4831,      // gives a module lock back, or does not have it
     AGENT_OPC_LOCK_CHECK = 4832,  // asks an agent whether a process of its card still has a module lock
@@ -31,13 +42,26 @@ enum agent_opcode : std::uint32_t {
 
 enum agent_status : std::uint32_t {
     AGENT_OK = 0,
-    AGENT_ERR_REQUEST = 0x40720001,   // the body is not one of this request
-    AGENT_ERR_FLASH = 0x40720002,     // the card has no such flash
+    AGENT_ERR_REQUEST = 0x40720001,    // the body is not one of this request
+    AGENT_ERR_FLASH = 0x40720002,      // the card has no such flash
     AGENT_ERR_UNREADABLE = 0x40720003, // what was asked for cannot be read; the card's disk or memory
-    AGENT_ERR_LOCK_HELD = 0x40720004, // another process has the module lock
-    AGENT_ERR_LOCK_FREE = 0x40720005, // nobody has the module lock
+    AGENT_ERR_LOCK_HELD = 0x40720004,  // another process has the module lock
+    AGENT_ERR_LOCK_FREE = 0x40720005,  // nobody has the module lock
     AGENT_ERR_LOCK_AGENT = 0x40720006, // the agent of the module's card does not answer
     AGENT_ERR_BUSY = 0x40720007,       // as many such requests as the agent serves at once are being served
+
+    AGENT_ERR_FILE_NAME = 0x40720010,      // the name is not one that a delivered file may have
+    AGENT_ERR_FILE_SIZE = 0x40720011,      // the file has no bytes, or more than AGENT_FILE_BYTES_MAX
+    AGENT_ERR_NO_SPACE = 0x40720012,       // the card's disk has no room for the file
+    AGENT_ERR_TOO_MANY_FILES = 0x40720013, // AGENT_FILES_MAX files are there
+    AGENT_ERR_NO_FILE = 0x40720014,        // no file of this name was delivered
+    AGENT_ERR_DIGEST = 0x40720015,         // the bytes do not have the digest that the file should have
+    AGENT_ERR_TRANSFER = 0x40720016,       // the sender has no such transfer, or it has ended
+    AGENT_ERR_TRANSFERS = 0x40720017,      // AGENT_TRANSFERS_MAX transfers are open
+    AGENT_ERR_NAME_BUSY = 0x40720018,      // another sender delivers a file of this name
+    AGENT_ERR_OFFSET = 0x40720019,         // the piece is neither the next one nor the last one again
+    AGENT_ERR_INCOMPLETE = 0x4072001a,     // the transfer was ended before its last piece
+    AGENT_ERR_FLASH_CHANGED = 0x4072001b,  // a process changes the flash, or has done so since the transfer began
 
     // Why there is no image:
     AGENT_ERR_IMAGE_CARD = 0x40720020,   // no BIOS is known for cards of this id
@@ -47,7 +71,7 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_IMAGE_PACKED = 0x40720024, // the file was not made by gzip
     AGENT_ERR_IMAGE_CUT = 0x40720025,    // the file is cut short or damaged
     AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than AGENT_IMAGE_BYTES_MAX
-    AGENT_ERR_IMAGE_SPACE = 0x40720027   // there is no space to unpack it
+    AGENT_ERR_IMAGE_SPACE = 0x40720027,  // there is no space to unpack it
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;
@@ -108,11 +132,11 @@ struct agent_flash_req_t {
 };
 static_assert(sizeof(agent_flash_req_t) == 4);
 
-// AGENT_OPC_GET_VERSION: body agent_flash_req_t. The answer is the text, read from the flash just now; empty when the
-// flash has none that can be read.
+// AGENT_OPC_GET_VERSION: body agent_flash_req_t. The answer is the text, read from the flash just now; empty when
+// the flash has none that can be read.
 
-// AGENT_OPC_GET_EVENTS: body agent_events_req_t. The answer is the text of the events behind a sequence number, the oldest first: lines as
-// flash_event_format gives them.
+// AGENT_OPC_GET_EVENTS: body agent_events_req_t. The answer is the text of the events behind a sequence number, the
+// oldest first: lines as flash_event_format gives them.
 struct agent_events_req_t {
     be32 instance;
     be64 after_sequence;
@@ -121,8 +145,8 @@ static_assert(sizeof(agent_events_req_t) == 12);
 
 // AGENT_OPC_GET_TOTALS: body agent_flash_req_t. The answer is the text that flash_event_totals_format gives.
 
-// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held and that this agent serves, in order of
-// the node ids.
+// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held and that this agent serves, in
+// order of the node ids.
 struct agent_lock_t {
     be32 node_id;
     be32 slot;   // of the holder
@@ -149,8 +173,8 @@ enum agent_image_source : std::uint32_t {
     AGENT_IMAGE_READY = 3,   // the file that a card takes which programs without unpacking
 };
 
-// AGENT_OPC_GET_IMAGE: body agent_image_req_t. The answer is agent_image_t; the image is unpacked for it, in a place of the
-// agent's own.
+// AGENT_OPC_GET_IMAGE: body agent_image_req_t. The answer is agent_image_t; the image is unpacked for it, in a
+// place of the agent's own.
 struct agent_image_req_t {
     be32 card_id; // whose image
     be32 source;  // of agent_image_source
@@ -166,7 +190,8 @@ struct agent_image_t {
 static_assert(sizeof(agent_image_t) == 168);
 static_assert(offsetof(agent_image_t, version) == 40);
 
-// AGENT_OPC_GET_DIGEST: body agent_flash_digest_req_t. The answer is agent_flash_digest_t, read from the flash just now.
+// AGENT_OPC_GET_DIGEST: body agent_flash_digest_req_t. The answer is agent_flash_digest_t, read from the flash just
+// now.
 struct agent_flash_digest_req_t {
     be32 instance;
     be64 bytes; // how many, from the beginning
@@ -180,12 +205,13 @@ struct agent_flash_digest_t {
 };
 static_assert(sizeof(agent_flash_digest_t) == 40);
 
-// Module locks. A process holds a lock through the agent of its own card; that one holds it at the agent of the module's
-// card, and renews it there. Each message may be sent again: the receiver does the same as the first time. The ids of an
-// agent grow, also from one of its lives to the next: what it says with a lower id than before was overtaken on the way.
+// Module locks. A process holds a lock through the agent of its own card; that one holds it at the agent of the
+// module's card, and renews it there. Each message may be sent again: the receiver does the same as the first time.
+// The ids of an agent grow, also from one of its lives to the next: what it says with a lower id than before was
+// overtaken on the way.
 
-// AGENT_OPC_LOCK: of a process to its own card's agent, and of an agent to another one. A process marks what it wants in
-// its card's lock file first (module_lock_file.h): what is not marked there is not wanted any more.
+// AGENT_OPC_LOCK: of a process to its own card's agent, and of an agent to another one. A process marks what it
+// wants in its card's lock file first (module_lock_file.h): what is not marked there is not wanted any more.
 struct agent_lock_msg_t {
     be64 id; // chosen by the sender, told back in the answer
     agent_lock_t lock;
@@ -209,3 +235,75 @@ struct agent_lock_answer_t {
                  // AGENT_ERR_REQUEST: the asker has not marked that it wants it
 };
 static_assert(sizeof(agent_lock_answer_t) == 16);
+
+// Files, in pieces. A delivery is AGENT_OPC_PUT_FILE, AGENT_OPC_PUT_PIECE for each piece, AGENT_OPC_PUT_END; a copy
+// is AGENT_OPC_GET_FLASH or AGENT_OPC_GET_FILE, AGENT_OPC_GET_PIECE for each piece, AGENT_OPC_GET_END. Pieces come
+// in order. Each request may be sent again when its answer was lost: it is answered alike, and changes nothing. A
+// begin that is repeated after the first piece begins anew.
+//
+// A transfer belongs to the endpoint that has begun it. It ends with an END, whatever that is answered; with a
+// piece that could not be kept or given for another reason than its offset; when the endpoint's process has ended;
+// and after AGENT_TRANSFER_SILENCE_S without a request. A file that did not arrive whole is never there under its
+// name.
+
+constexpr std::size_t AGENT_FILE_NAME_BYTES = 64;                // with a NUL
+constexpr std::size_t AGENT_PIECE_BYTES = std::size_t{56} << 10; // a piece has at most so many
+constexpr std::uint64_t AGENT_FILE_BYTES_MAX = std::uint64_t{64} << 20;
+constexpr std::size_t AGENT_FILES_MAX = 64;
+constexpr std::size_t AGENT_TRANSFERS_MAX = 4; // of an agent at a time
+constexpr unsigned AGENT_TRANSFER_SILENCE_S = 15;
+
+// AGENT_OPC_PUT_FILE: body agent_file_t, answer agent_transfer_t. AGENT_OPC_LIST_FILES: no body; the answer is an
+// agent_file_t for each delivered file, in order of the names.
+struct agent_file_t {
+    char name[AGENT_FILE_NAME_BYTES]; // 1 to 63 letters, digits and ._-+, no dot or dash first; a NUL
+    be64 size_bytes;                  // at least 1
+    std::uint8_t sha256[AGENT_DIGEST_BYTES];
+};
+static_assert(sizeof(agent_file_t) == 104);
+static_assert(offsetof(agent_file_t, size_bytes) == 64);
+
+struct agent_transfer_t {
+    be64 transfer; // names the transfer in the requests that follow; no other transfer of the card has had it
+    be64 size_bytes;
+};
+static_assert(sizeof(agent_transfer_t) == 16);
+
+// AGENT_OPC_PUT_PIECE: body agent_put_piece_t and 1 to AGENT_PIECE_BYTES bytes behind it. No answer but the status.
+struct agent_put_piece_t {
+    be64 transfer;
+    be64 offset; // of the first byte
+};
+static_assert(sizeof(agent_put_piece_t) == 16);
+
+// AGENT_OPC_PUT_END: body agent_transfer_req_t. AGENT_OK: the file has its name, and both are on the disk; a file
+// that had the name before was replaced.
+struct agent_transfer_req_t {
+    be64 transfer;
+};
+static_assert(sizeof(agent_transfer_req_t) == 8);
+
+// AGENT_OPC_GET_FLASH: body agent_flash_req_t, answer agent_transfer_t.
+
+// AGENT_OPC_GET_FILE: body agent_file_req_t, answer agent_transfer_t. AGENT_OPC_REMOVE_FILE: the same body; no
+// answer but the status.
+struct agent_file_req_t {
+    char name[AGENT_FILE_NAME_BYTES];
+};
+static_assert(sizeof(agent_file_req_t) == 64);
+
+// AGENT_OPC_GET_PIECE: the answer is so many bytes, or those up to the end when these are fewer.
+struct agent_get_piece_t {
+    be64 transfer;
+    be64 offset;
+    be32 bytes; // 1 to AGENT_PIECE_BYTES
+};
+static_assert(sizeof(agent_get_piece_t) == 20);
+static_assert(offsetof(agent_get_piece_t, bytes) == 16);
+
+// AGENT_OPC_GET_END: body agent_transfer_req_t. The answer is the digest of the bytes that were given: they are
+// what the flash held all the time, or the file as it was delivered.
+struct agent_digest_t {
+    std::uint8_t sha256[AGENT_DIGEST_BYTES];
+};
+static_assert(sizeof(agent_digest_t) == 32);

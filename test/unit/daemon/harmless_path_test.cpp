@@ -38,4 +38,21 @@ TEST(HarmlessPath, IsNotEmpty)
     EXPECT_FALSE(is_harmless_path(""));
 }
 
+TEST(HarmlessFileName, IsMadeOfLettersDigitsAndFourMarks)
+{
+    const std::string marks = "._-+";
+    for (int character = 1; character < 256; ++character) {
+        const char letter = static_cast<char>(character);
+        const bool harmless = is_letter_or_digit(character) || marks.find(letter) != std::string::npos;
+        EXPECT_EQ(is_harmless_file_name((std::string("a") + letter).c_str()), harmless) << character;
+    }
+}
+
+TEST(HarmlessFileName, BeginsWithNeitherADotNorADash)
+{
+    for (const char *name : {"", ".", "..", ".a", "-a"})
+        EXPECT_FALSE(is_harmless_file_name(name)) << name;
+    EXPECT_TRUE(is_harmless_file_name("a.-"));
+}
+
 } // namespace
