@@ -21,6 +21,15 @@ std::string folder_of(const std::string &path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+mode_t usual_mode()
+{
+    const mode_t mask = ::umask(0);
+    (void)::umask(mask);
+    return 0666 & ~mask;
+}
+
+} // namespace
+
 // A name beside the file to be; removed unless the file got its own name.
 class temporary_file
 {
@@ -54,15 +63,6 @@ private:
     bool renamed_ = false;
 };
 
-mode_t usual_mode()
-{
-    const mode_t mask = ::umask(0);
-    (void)::umask(mask);
-    return 0666 & ~mask;
-}
-
-} // namespace
-
 int check_output_file(const std::string &path, bool overwrite)
 {
     struct stat status {
@@ -78,16 +78,36 @@ int check_output_file(const std::string &path, bool overwrite)
     return ::access(folder_of(path).c_str(), W_OK | X_OK) == 0 ? 0 : errno;
 }
 
+output_file::output_file(std::string path) : path_(std::move(path)), file_(std::make_unique<temporary_file>(path_))
+{
+    if (file_->fd() < 0 || ::fchmod(file_->fd(), usual_mode()) != 0)
+        error_ = errno;
+}
+
+output_file::~output_file() = default;
+
+int output_file::write(std::span<const std::uint8_t> bytes)
+{
+    if (error_ == 0 && !write_all(file_->fd(), bytes.data(), bytes.size()))
+        error_ = errno;
+    return error_;
+}
+
+int output_file::finish(bool overwrite)
+{
+    if (error_ != 0)
+        return error_;
+    if (::fsync(file_->fd()) != 0 || !file_->rename_to(path_, overwrite))
+        return error_ = errno;
+    const unique_fd folder(::open(folder_of(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || ::fsync(folder.get()) != 0)
+        return error_ = errno;
+    return 0;
+}
+
 int write_output_file(const std::string &path, std::span<const std::uint8_t> content, bool overwrite)
 {
-    temporary_file file(path);
-    if (file.fd() < 0)
-        return errno;
-    if (::fchmod(file.fd(), usual_mode()) != 0 || !write_all(file.fd(), content.data(), content.size()) ||
-        ::fsync(file.fd()) != 0 || !file.rename_to(path, overwrite))
-        return errno;
-    const unique_fd folder(::open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || ::fsync(folder.get()) != 0)
-        return errno;
-    return 0;
+    output_file file(path);
+    (void)file.write(content); // finish says what failed
+    return file.finish(overwrite);
 }

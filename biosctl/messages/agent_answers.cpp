@@ -5,6 +5,7 @@
 
 #include "agent_messages.h"
 #include "flash_geometry.h"
+#include "harmless_path.h"
 #include "pfm.h"
 #include "text_field.h"
 
@@ -154,6 +155,43 @@ std::optional<told_flash_digest> decode_flash_digest(answer_payload payload)
                      .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
     std::copy(std::begin(record.sha256), std::end(record.sha256), told.digest.begin());
     return told;
+}
+
+std::optional<std::vector<delivered_file>> decode_files(answer_payload payload)
+{
+    record_reader records(payload);
+    std::vector<delivered_file> files;
+    for (agent_file_t told{}; records.take(told);) {
+        delivered_file file{.name = field_text(told.name).text, .size_bytes = told.size_bytes.load()};
+        const bool is_next = files.empty() || file.name > files.back().name;
+        const bool is_possible = is_harmless_file_name(file.name.c_str()) && file.size_bytes >= 1 &&
+                                 file.size_bytes <= AGENT_FILE_BYTES_MAX;
+        if (!is_next || !is_possible || files.size() == AGENT_FILES_MAX)
+            return std::nullopt;
+        std::ranges::copy(told.sha256, file.sha256.begin());
+        files.push_back(std::move(file));
+    }
+    return records.at_end() ? std::optional(files) : std::nullopt;
+}
+
+std::optional<begun_transfer> decode_transfer(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_transfer_t told{};
+    if (!records.take(told) || !records.at_end())
+        return std::nullopt;
+    return begun_transfer{told.transfer.load(), told.size_bytes.load()};
+}
+
+std::optional<sha256_digest> decode_digest(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_digest_t told{};
+    if (!records.take(told) || !records.at_end())
+        return std::nullopt;
+    sha256_digest digest;
+    std::ranges::copy(told.sha256, digest.begin());
+    return digest;
 }
 
 std::vector<flash_event> decode_events(std::string_view lines)

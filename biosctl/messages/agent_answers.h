@@ -59,6 +59,19 @@ struct told_flash_digest {
     bool has_writer = false; // a process changes it, or has done so and has not ended yet
 };
 
+// A file that was delivered to a card.
+struct delivered_file {
+    std::string name;
+    std::uint64_t size_bytes = 0;
+    sha256_digest sha256 = {};
+};
+
+// A delivery or a copy that has begun.
+struct begun_transfer {
+    std::uint64_t id = 0;
+    std::uint64_t size_bytes = 0;
+};
+
 using answer_payload = std::span<const std::uint8_t>;
 
 // The modules in order of their slots, each once.
@@ -68,6 +81,11 @@ std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_paylo
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);
 std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
+
+// The files in order of their names, each once and with a name and a size that it may have.
+std::optional<std::vector<delivered_file>> decode_files(answer_payload payload);
+std::optional<begun_transfer> decode_transfer(answer_payload payload);
+std::optional<sha256_digest> decode_digest(answer_payload payload);
 
 // What of a text can be printed; the rest is left out.
 std::string printable_text(std::string_view text);

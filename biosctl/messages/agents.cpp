@@ -1,8 +1,8 @@
 #include "agents.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
-#include <span>
 #include <unistd.h>
 
 #include "agent_answers.h"
@@ -46,25 +46,10 @@ bool is_silent(std::uint32_t node)
     return found != silent_agents().end() && monotonic_us() < found->second;
 }
 
-request_answer request(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
-                       unsigned wait_limit_s)
-{
-    if (!endpoint().bound() || is_silent(node))
-        return {};
-    for (unsigned attempt = 0; attempt < ATTEMPTS; ++attempt) { // on its way a message may be lost
-        request_answer answer = endpoint().request_agent(node, opcode, body, wait_limit_s);
-        if (answer.answered || answer.error != MTS_ERRNO_TIMED_OUT)
-            return answer;
-    }
-    silent_agents()[node] = monotonic_us() + SILENCE_US;
-    return {};
-}
-
 std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
 {
-    request_answer answer = request(node, opcode, body, AGENT_WAIT_LIMIT_S);
-    const bool given = answer.answered && answer.status == AGENT_OK;
-    return given ? std::optional(std::move(answer.payload)) : std::nullopt;
+    request_answer answer = ask_agent(node, opcode, body);
+    return answer.answered && answer.status == AGENT_OK ? std::optional(std::move(answer.payload)) : std::nullopt;
 }
 
 // For what a worker of the agent does, which takes its time. An agent that hangs is found out by a quick question.
@@ -74,7 +59,7 @@ request_answer ask_for_work(std::uint32_t node, std::uint32_t opcode, std::span<
         return {};
     const std::int64_t busy_until_us = monotonic_us() + BUSY_PATIENCE_US;
     for (;;) {
-        request_answer answer = request(node, opcode, body, WORK_WAIT_LIMIT_S);
+        request_answer answer = ask_agent(node, opcode, body, WORK_WAIT_LIMIT_S);
         if (!answer.answered || answer.status != AGENT_ERR_BUSY || monotonic_us() > busy_until_us)
             return answer;
         (void)::usleep(BUSY_PAUSE_US);
@@ -118,6 +103,23 @@ std::string_view text_of(const bytes &payload)
 }
 
 } // namespace
+
+request_answer ask_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                         unsigned wait_limit_s)
+{
+    if (!endpoint().bound())
+        return {.error = errno};
+    request_answer answer{.error = MTS_ERRNO_TIMED_OUT};
+    if (is_silent(node))
+        return answer;
+    for (unsigned attempt = 0; attempt < ATTEMPTS; ++attempt) { // on its way a message may be lost
+        answer = endpoint().request_agent(node, opcode, body, wait_limit_s);
+        if (answer.answered || answer.error != MTS_ERRNO_TIMED_OUT)
+            return answer;
+    }
+    silent_agents()[node] = monotonic_us() + SILENCE_US;
+    return answer;
+}
 
 std::optional<std::vector<chassis_module>> ask_for_modules()
 {

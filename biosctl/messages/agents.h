@@ -4,13 +4,19 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "agent_answers.h"
+#include "client.h"
 #include "flash_event_totals.h"
 
 constexpr unsigned AGENT_WAIT_LIMIT_S = 1;
+
+// One request, and what came of it: its own answer or, when its last attempt has failed, why there is none.
+request_answer ask_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                         unsigned wait_limit_s = AGENT_WAIT_LIMIT_S);
 
 // The cards that are known, in order of their slots; none when no agent answers.
 std::optional<std::vector<chassis_module>> ask_for_modules();

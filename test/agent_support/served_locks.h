@@ -15,7 +15,7 @@ inline std::vector<chassis_module_lock_holder> served_locks()
     for (const std::uint32_t node : mts_nodes_with(AGENT_SAP)) {
         std::optional<std::vector<chassis_module_lock_holder>> served;
         for (unsigned k = 0; !served && k < ATTEMPTS; ++k) {
-            const auto reply = ask_agent(node, AGENT_OPC_GET_LOCKS);
+            const auto reply = agent_reply_to(node, AGENT_OPC_GET_LOCKS);
             if (!reply)
                 break;
             served = decode_locks(reply->payload);

@@ -44,7 +44,7 @@ protected:
     {
         agent_image_req_t body{be32::of(card_id), be32::of(source), {}};
         store_text(body.uri, uri.c_str());
-        return ask_agent(daemon_node(1, true), AGENT_OPC_GET_IMAGE, bytes_of(body), 30).value_or(agent_reply{~0U});
+        return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_IMAGE, bytes_of(body), 30).value_or(agent_reply{~0U});
     }
     static void expect_image(const agent_reply &reply, const test_image &wanted)
     {
@@ -129,13 +129,13 @@ TEST_F(AgentImages, DoesNotWaitForAFifoInTheTree)
     files::remove(tree_file());
     ASSERT_EQ(::mkfifo(tree_file().c_str(), 0600), 0); // is no file to wait for
     EXPECT_EQ(ask_for(AGENT_IMAGE_OF_TREE).status, AGENT_ERR_IMAGE_FILE);
-    EXPECT_EQ(ask_agent(daemon_node(1, true), AGENT_OPC_GET_CARD).value_or(agent_reply{~0U}).status, AGENT_OK);
+    EXPECT_EQ(agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_CARD).value_or(agent_reply{~0U}).status, AGENT_OK);
 }
 
 TEST_F(AgentImages, TellsWhatAFlashHolds)
 {
     const auto ask_for_digest = [](std::uint32_t instance, std::uint64_t bytes) {
-        return ask_agent(daemon_node(1, true), AGENT_OPC_GET_DIGEST,
+        return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_DIGEST,
                          bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}), 30)
             .value_or(agent_reply{~0U});
     };

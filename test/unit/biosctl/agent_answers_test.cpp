@@ -85,3 +85,50 @@ TEST(AgentAnswers, ResultsAreThoseOfModules)
     EXPECT_FALSE(decode_results(words({28, 0, 27}) + bytes(23)));
     EXPECT_TRUE(decode_results({})->empty());
 }
+
+TEST(AgentAnswers, FilesAreTakenInOrder)
+{
+    const bytes first = text_field("a.bin", 64) + words({0, 3}) + bytes(31) + bytes{7};
+    const bytes second = text_field("b", 64) + words({0, 64 << 20}) + bytes(32);
+    const auto files = decode_files(first + second);
+    ASSERT_TRUE(files && files->size() == 2);
+    EXPECT_EQ(files->front().name, "a.bin");
+    EXPECT_EQ(files->front().size_bytes, 3U);
+    EXPECT_EQ(files->front().sha256.back(), 7);
+    EXPECT_EQ(files->back().name, "b");
+    EXPECT_TRUE(decode_files({})->empty());
+    EXPECT_FALSE(decode_files(second + first));
+    EXPECT_FALSE(decode_files(first + first));
+    EXPECT_FALSE(decode_files(first + bytes(1)));
+}
+
+TEST(AgentAnswers, FilesThatACardCannotHaveAreNone)
+{
+    const auto file = [](const std::string &name, bytes size) { return text_field(name, 64) + size + bytes(32); };
+    for (const std::string &name : {std::string(), std::string(".."), std::string("a/b"), std::string("\x1b[2J"),
+                                    std::string(64, 'a') + "b"}) {
+        bytes field = file(name.substr(0, 64), words({0, 3}));
+        EXPECT_EQ(decode_files(field).has_value(), name.size() > 64) << name;
+    }
+    EXPECT_FALSE(decode_files(file("a", words({0, 0}))));
+    EXPECT_FALSE(decode_files(file("a", words({0, (64 << 20) + 1}))));
+    EXPECT_FALSE(decode_files(file("a", words({1, 3}))));
+}
+
+TEST(AgentAnswers, TransferIsItsIdAndItsSize)
+{
+    const bytes begun = words({0x5b1c7702, 0x934ea611, 0, 3});
+    const auto transfer = decode_transfer(begun);
+    ASSERT_TRUE(transfer);
+    EXPECT_EQ(transfer->id, 0x5b1c7702934ea611U);
+    EXPECT_EQ(transfer->size_bytes, 3U);
+    EXPECT_FALSE(decode_transfer(begun + bytes(1)));
+    EXPECT_FALSE(decode_transfer(words({1, 2, 3})));
+}
+
+TEST(AgentAnswers, DigestHas32Bytes)
+{
+    EXPECT_EQ(decode_digest(bytes(31) + bytes{9})->back(), 9);
+    EXPECT_FALSE(decode_digest(bytes(31)));
+    EXPECT_FALSE(decode_digest(bytes(33)));
+}
