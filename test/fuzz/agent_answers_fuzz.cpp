@@ -5,8 +5,10 @@
 #include <algorithm>
 
 #include "agent_answers.h"
+#include "agent_messages.h"
 #include "flash_geometry.h"
 #include "fuzz_input.h"
+#include "harmless_path.h"
 #include "pfm.h"
 
 namespace
@@ -58,6 +60,16 @@ void expect_sound(const std::vector<told_result> &results)
     }
 }
 
+void expect_sound(const std::vector<delivered_file> &files)
+{
+    require(files.size() <= AGENT_FILES_MAX, "no more files than a card keeps");
+    for (const delivered_file &file : files) {
+        require(is_harmless_file_name(file.name.c_str()), "a file has a harmless name");
+        require(file.size_bytes >= 1 && file.size_bytes <= AGENT_FILE_BYTES_MAX, "a file has a possible size");
+    }
+    require(std::ranges::is_sorted(files, {}, &delivered_file::name), "files are in order");
+}
+
 template<class Decoded>
 void expect_sound(const std::optional<Decoded> &decoded)
 {
@@ -70,7 +82,7 @@ void expect_sound(const std::optional<Decoded> &decoded)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz_input input(data, size);
-    const unsigned kind = input.byte() % 5;
+    const unsigned kind = input.byte() % 8;
     const auto rest = input.rest();
     const answer_payload payload(rest.data(), rest.size());
     switch (kind) {
@@ -85,6 +97,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         break;
     case 3:
         expect_sound(decode_results(payload));
+        break;
+    case 5:
+        expect_sound(decode_files(payload));
+        break;
+    case 6:
+        require(decode_transfer(payload).has_value() == (payload.size() == sizeof(agent_transfer_t)),
+                "a transfer is its record");
+        break;
+    case 7:
+        require(decode_digest(payload).has_value() == (payload.size() == sizeof(agent_digest_t)),
+                "a digest is its record");
         break;
     default:
         for (const flash_event &event :

@@ -4,6 +4,7 @@ fuzzer reads (told at the head of SUBJECT_fuzz.cpp). The same files at every run
 Inputs that a fuzzer has found lie beside them under names that begin with found-, and are left alone.
 """
 import gzip
+import hashlib
 import io
 import pathlib
 import struct
@@ -212,7 +213,7 @@ def make_records():
 
 
 def make_agent_answers():
-    modules, card, locks, results, events = range(5)
+    modules, card, locks, results, events, files, transfer, digest = range(8)
     def answer(name, kind, content):
         put("agent_answers", name, bytes([kind]) + content)
     def words(*values):
@@ -231,7 +232,103 @@ def make_agent_answers():
     answer("results", results, words(28, 0x4071000C, 27) + time)
     answer("results-of-no-module", results, words(233, 0, 27) + time)
     line = b'{"time":"2026-01-31T12:00:00.000Z","slot":5,"flash":"primary","sequence":10,"pid":9,"event":"begun"'
+    file = field("a.bin", 64) + struct.pack(">Q", 3) + bytes(range(32))
+    answer("files", files, file + file.replace(b"a.bin", b"b.bin"))
+    answer("files-not-in-order", files, file + file)
+    answer("files-hostile-name", files, file.replace(b"a.bin", b"../.."))
+    answer("files-unterminated", files, b"a" * 64 + file[64:])
+    answer("transfer", transfer, words(1, 2, 0, 65536))
+    answer("digest", digest, bytes(range(32)))
     answer("events", events, line + b"}\n" + line + b',"image_bytes":8,"version":"v3.5.0"}\n' + line)
+
+
+def make_agent_requests():
+    sender, other, agent = range(3)
+    first_id = 1 << 32
+    (get_chassis, get_card, get_version, get_events, get_totals, get_locks, get_results, *_) = range(1, 11)
+    put_file, put_piece, put_end, get_flash, get_file, get_piece, get_end, list_files, remove_file = range(11, 20)
+    lock, unlock, check, lock_answer = range(1, 5)
+
+    def request(opcode, body=b"", source=sender):
+        return struct.pack(">BBBH", 0, source, opcode, len(body)) + body
+
+    def lock_message(opcode, body, source=sender):
+        return struct.pack(">BBBH", 4, source, opcode, len(body)) + body
+
+    def passes(milliseconds):
+        return struct.pack(">BH", 5, milliseconds)
+
+    def process(source, is_there):
+        return bytes([6, source, is_there])
+
+    def words(*values):
+        return struct.pack(f">{len(values)}I", *values)
+
+    def announced(name, content, size=None):
+        return field(name, 64) + struct.pack(">Q", len(content) if size is None else size) + \
+            hashlib.sha256(content).digest()
+
+    def transfer(number=1):
+        return struct.pack(">Q", first_id + number)
+
+    def piece(offset, content, number=1):
+        return transfer(number) + struct.pack(">Q", offset) + content
+
+    def asked_piece(offset, count, number=1):
+        return transfer(number) + struct.pack(">QI", offset, count)
+
+    def steps(name, *all_steps):
+        put("agent_requests", name, b"".join(all_steps))
+
+    killed = bytes([7])
+    abc = b"abc"
+    begin = request(put_file, announced("a.bin", abc))
+    delivery = [begin, request(put_piece, piece(0, abc)), request(put_end, transfer())]
+    steps("empty")
+    steps("facts", *(request(opcode) for opcode in (get_chassis, get_card, get_locks, get_results, list_files)))
+    steps("flash-facts", *(request(opcode, words(instance)) for opcode in (get_version, get_totals, get_flash)
+                           for instance in (0, 1, 2, 0xFFFFFFFF)), request(get_events, words(0, 0, 0)))
+    steps("unknown", request(0), request(8), request(20), request(21), request(25))
+    steps("delivery", *delivery, request(list_files), request(get_file, field("a.bin", 64)),
+          request(get_piece, asked_piece(0, 57344, 2)), request(get_end, transfer(2)),
+          request(remove_file, field("a.bin", 64)))
+    steps("delivery-repeated", *(step for step in delivery for _ in range(3)))
+    steps("delivery-replaces", *delivery, request(put_file, announced("a.bin", b"abcd")),
+          request(put_piece, piece(0, b"ab", 2)), request(put_piece, piece(2, b"cd", 2)), request(put_end, transfer(2)))
+    steps("wrong-digest", request(put_file, announced("a.bin", b"abd")), *delivery[1:])
+    steps("missing-piece", begin, request(put_end, transfer()))
+    steps("other-offsets", begin, *(request(put_piece, piece(offset, abc)) for offset in (1, 3, 2**64 - 1, 0, 0, 3)))
+    for number, name in enumerate(("", ".", "..", "../x", "/x", ".part.1", "-x", "a\nb", "a" * 64)):
+        steps(f"hostile-name-{number}", request(put_file, announced(name, abc)), request(get_file, field(name, 64)),
+              request(remove_file, field(name, 64)))
+    steps("sizes", *(request(put_file, announced(str(size), b"", size)) for size in (0, 1 << 26, (1 << 26) + 1, 2**64 - 1)))
+    steps("many", *(request(put_file, announced(str(number), abc)) for number in range(6)))
+    steps("two-senders", begin, request(put_file, announced("a.bin", abc), other),
+          request(put_piece, piece(0, abc), other), *delivery[1:])
+    steps("silent-sender", begin, passes(14000), delivery[1], passes(15000), delivery[2])
+    steps("dead-sender", begin, process(sender, 0), passes(200), *delivery[1:])
+    steps("other-process", begin, process(sender, 1), passes(200), *delivery[1:])
+    steps("killed-agent", begin, delivery[1], killed, delivery[2], request(list_files))
+    steps("flash", request(get_flash, words(0)), request(get_piece, asked_piece(0, 16000)),
+          request(get_piece, asked_piece(0, 8000)), request(get_piece, asked_piece(8000, 57344)),
+          request(get_end, transfer()), request(get_end, transfer()))
+    steps("flash-not-whole", request(get_flash, words(0)), request(get_piece, asked_piece(0, 1)),
+          request(get_end, transfer()), request(get_piece, asked_piece(1, 1)))
+    time = field("2026-01-31T11:00:00Z", 24)
+
+    def wanted(node_id, number=1):
+        return struct.pack(">Q", number) + words(node_id, 1, 9, 129, 0x4071000A) + time
+
+    def node(node_id, number=2):
+        return struct.pack(">QI", number, node_id)
+    steps("lock", lock_message(lock, wanted(0x301)), passes(600), lock_message(unlock, node(0x301)))
+    steps("lock-of-another-card", lock_message(lock, wanted(0x301), agent), passes(500),
+          lock_message(lock, wanted(0x301, 3), agent), lock_message(lock, wanted(0x301)), passes(5000))
+    steps("lock-at-another-card", lock_message(lock, wanted(0x101)),
+          lock_message(lock_answer, struct.pack(">QII", first_id + 1, 0x101, 0), agent), passes(600), passes(6000))
+    steps("lock-check", lock_message(lock, wanted(0x301), agent), lock_message(lock, wanted(0x301)),
+          lock_message(check, node(0x301), agent), lock_message(unlock, node(0x301), agent), killed, passes(1000))
+    steps("lock-of-no-length", *(lock_message(opcode, b"x" * length) for opcode in range(6) for length in (0, 11, 53)))
 
 
 def make_frames():
@@ -348,6 +445,7 @@ def main():
     make_versions()
     make_records()
     make_agent_answers()
+    make_agent_requests()
     make_frames()
     make_archives()
     make_descriptions()
