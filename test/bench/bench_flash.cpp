@@ -38,6 +38,18 @@ void expect_content(const std::string &path, const test_image &wanted)
         throw std::runtime_error(path + " does not hold what was written");
 }
 
+double copy_ms(const test_image &copied, const std::string &destination)
+{
+    settle_disk(destination);
+    const double took = run_timed_ms({"cp", copied.path, destination}) + timed_ms([&] {
+                            const unique_fd file(::open(destination.c_str(), O_RDWR | O_CLOEXEC));
+                            if (!file || ::fsync(file.get()) != 0)
+                                throw std::runtime_error("cannot sync " + destination);
+                        });
+    expect_content(destination, copied);
+    return took;
+}
+
 bench_flash::bench_flash(const test_image &contents)
 {
     flash_geometry geometry;

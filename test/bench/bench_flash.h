@@ -14,6 +14,10 @@ void settle_disk(const std::string &path);
 // Throws std::runtime_error when a file does not hold the image.
 void expect_content(const std::string &path, const test_image &wanted);
 
+// Copies an image over a file, and waits for the disk as the flash service waits for its flash; milliseconds.
+// Throws unless the file then holds the image.
+double copy_ms(const test_image &copied, const std::string &destination);
+
 class bench_flash
 {
 public:

@@ -13,3 +13,4 @@ std::vector<figure> measure_extraction();
 std::vector<figure> measure_readers();
 std::vector<figure> measure_show();
 std::vector<figure> measure_chassis_size();
+std::vector<figure> measure_file_delivery();

@@ -1,14 +1,11 @@
 // Writing a flash with an image that differs in every sector, and with one that it has already, beside a flash
 // programmer with an emulated chip, and beside copying the bytes.
-#include <fcntl.h>
 #include <stdexcept>
-#include <unistd.h>
 #include <utility>
 
 #include "bench_flash.h"
 #include "benchmarks.h"
 #include "in_turn.h"
-#include "unique_fd.h"
 
 namespace
 {
@@ -76,19 +73,6 @@ private:
     chip chip_;
     bench_folder folder_;
 };
-
-// A file that is copied over, and then waited for as the flash service waits for its flash.
-double copy_ms(const test_image &copied, const std::string &destination)
-{
-    settle_disk(destination);
-    const double took = run_timed_ms({"cp", copied.path, destination}) + timed_ms([&] {
-                            const unique_fd file(::open(destination.c_str(), O_RDWR | O_CLOEXEC));
-                            if (!file || ::fsync(file.get()) != 0)
-                                throw std::runtime_error("cannot sync " + destination);
-                        });
-    expect_content(destination, copied);
-    return took;
-}
 
 std::string size_text(const chip &sized)
 {
