@@ -280,8 +280,8 @@ void lock_service::serve(mts_address_t from, std::uint64_t id, bool wants_lock,
         answer(from, id, node_id, AGENT_OK);
         refuse_checks(node_id);
     } else {
+        end_grant(node_id); // first: what is kept is true when the answer comes
         answer(from, id, node_id, AGENT_ERR_LOCK_FREE);
-        end_grant(node_id);
     }
 }
 
