@@ -259,7 +259,7 @@ TEST_F(FileTransfer, WhatAKilledSenderHasBegunIsGoneWithinASecond)
 
 TEST_F(FileTransfer, KilledAgentLeavesWholeFilesOnly)
 {
-    const bytes content = random_content(1 << 20);
+    const bytes content = random_content(300'000);
     const std::string path = write("local", content);
     const std::string image = images() + "/image";
     const std::int64_t start_us = monotonic_us();
