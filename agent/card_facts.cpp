@@ -12,6 +12,7 @@
 #include "flash_progress_file.h"
 #include "flash_wear.h"
 #include "mts_tools.h"
+#include "utc_time.h"
 
 namespace
 {
@@ -70,9 +71,13 @@ answer card_answer()
         if (const auto flash = flash_device::open(instance, flash_access::read); flash)
             flashes.push_back(facts_of(instance, *flash));
     }
+    const auto daemon = mts_peer_at(mts_node_of_slot(slot), BIOS_DAEMON_SAP);
+    agent_card_t facts{be32::of(slot), be32::of(daemon ? 1 : 0),
+                       be32::of(static_cast<std::uint32_t>(flashes.size())), {}};
+    if (daemon && daemon->bound_at_s != 0)
+        store_text(facts.serves_since, utc_seconds(daemon->bound_at_s).c_str());
     answer card;
-    card.add(agent_card_t{be32::of(slot), be32::of(mts_is_bound(mts_node_of_slot(slot), BIOS_DAEMON_SAP) ? 1 : 0),
-                          be32::of(static_cast<std::uint32_t>(flashes.size()))});
+    card.add(facts);
     for (const agent_flash_t &flash : flashes)
         card.add(flash);
     return card;

@@ -100,8 +100,9 @@ struct agent_card_t {
     be32 slot;
     be32 serves; // 1: its daemon's endpoint is bound
     be32 flash_count;
+    char serves_since[AGENT_TIME_BYTES]; // empty: it does not serve, or the transport cannot tell
 };
-static_assert(sizeof(agent_card_t) == 12);
+static_assert(sizeof(agent_card_t) == 36);
 
 enum agent_flash_state : std::uint32_t {
     AGENT_FLASH_MARKED = 1,       // its programming was begun, and it was not found equal to the image since

@@ -99,7 +99,7 @@ std::optional<card_facts_told> decode_card(answer_payload payload)
     agent_card_t head{};
     if (!records.take(head))
         return std::nullopt;
-    card_facts_told card{.serves = head.serves.load() != 0};
+    card_facts_told card{.serves = head.serves.load() != 0, .serves_since = printable(head.serves_since)};
     for (agent_flash_t told{}; records.take(told);) {
         const bool is_next = card.flashes.empty() || told.instance.load() > card.flashes.back().instance;
         if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)

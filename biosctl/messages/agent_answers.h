@@ -32,7 +32,8 @@ struct card_flash {
 };
 
 struct card_facts_told {
-    bool serves = false; // its daemon's endpoint is bound
+    bool serves = false;           // its daemon's endpoint is bound
+    std::string serves_since = {}; // UTC, "2026-01-31T23:59:59Z"; empty: not known
     std::vector<card_flash> flashes = {};
 };
 

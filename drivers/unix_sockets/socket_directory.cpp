@@ -93,6 +93,7 @@ bool read_identity(int directory, mts_address_t address, datagram_peer &identity
     // Inode numbers alone are used again.
     identity.word = {facts.st_ino, static_cast<std::uint64_t>(facts.st_ctim.tv_sec),
                      static_cast<std::uint64_t>(facts.st_ctim.tv_nsec)};
+    identity.bound_at_s = facts.st_ctim.tv_sec;
     return true;
 }
 

@@ -33,6 +33,11 @@ std::string utc_now()
     return seconds_text(std::time(nullptr)) + "Z";
 }
 
+std::string utc_seconds(std::int64_t time_s)
+{
+    return seconds_text(static_cast<std::time_t>(time_s)) + "Z";
+}
+
 std::string utc_now_microseconds()
 {
     return utc_microseconds(now_ns());

@@ -7,5 +7,8 @@
 std::string utc_now();              // "2026-01-31T23:59:59Z"
 std::string utc_now_microseconds(); // "2026-01-31T23:59:59.000001Z"
 
+// The shorter form of seconds since 1970-01-01.
+std::string utc_seconds(std::int64_t time_s);
+
 // The longer form of nanoseconds since 1970-01-01.
 std::string utc_microseconds(std::uint64_t time_ns);

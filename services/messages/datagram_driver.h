@@ -5,11 +5,11 @@
 // MTS_MAX_PAYLOAD_BYTES of payload, which arrive whole or not at all; how large payloads travel is the driver's
 // business. Datagrams from one port to one address arrive in the order in which they were sent, at most once.
 //
-// Concurrency: a process uses its ports from one thread, and a port belongs to the process that bound it. In a forked
-// child nothing but abandon may be called with a port of its parent. Every descriptor is close-on-exec.
+// Concurrency: a process uses its ports from one thread, and a port belongs to the process that bound it. In a
+// forked child nothing but abandon may be called with a port of its parent. Every descriptor is close-on-exec.
 //
-// Operations that return bool or a pointer report a failure by false or null with errno. Nothing is thrown out of an
-// operation but std::bad_alloc.
+// Operations that return bool or a pointer report a failure by false or null with errno. Nothing is thrown out of
+// an operation but std::bad_alloc.
 #pragma once
 
 #include <array>
@@ -21,9 +21,11 @@
 
 struct datagram_port; // a bound address; each driver has its own
 
-// Which process a datagram went to: tells it from a later one that has taken its address. The words are the driver's.
+// Which process a datagram went to: tells it from a later one that has taken its address. The words are the
+// driver's.
 struct datagram_peer {
     std::array<std::uint64_t, 3> word{};
+    std::int64_t bound_at_s = 0; // when it took the address, seconds since 1970 by the system's clock; 0: not known
 
     bool operator==(const datagram_peer &) const = default;
 };
@@ -40,8 +42,9 @@ struct datagram_driver {
     // Gives the address back. What was received stays valid. Never fails.
     void (*unbind)(datagram_port *port);
 
-    // In a forked child: closes what it has inherited of a port of its parent, who goes on using it; and the address
-    // is free when the parent is dead, not only when the child is. Never fails, calls nothing but the system.
+    // In a forked child: closes what it has inherited of a port of its parent, who goes on using it; and the
+    // address is free when the parent is dead, not only when the child is. Never fails, calls nothing but the
+    // system.
     void (*abandon)(datagram_port *port);
 
     mts_address_t (*address)(const datagram_port *port);
@@ -77,8 +80,8 @@ struct datagram_driver {
     // that cannot be found out.
     std::vector<std::uint32_t> (*nodes_with)(std::uint32_t sap);
 
-    // Has frames of an opcode that are sent to listeners delivered to this port, too, until it is given back. Twice is
-    // as good as once.
+    // Has frames of an opcode that are sent to listeners delivered to this port, too, until it is given back. Twice
+    // is as good as once.
     bool (*listen)(datagram_port *port, std::uint32_t opcode);
 
     // Sends a frame to all ports of all cards that listen for its opcode; each gets it or not by itself. true also

@@ -333,6 +333,18 @@ TEST_F(DatagramDriver, SendsToTheSuccessorOfADeadReceiver)
     EXPECT_EQ(text_of(received(successor)), "to the second");
 }
 
+TEST_F(DatagramDriver, TellsSinceWhenAnAddressIsTakenWhenItKnows)
+{
+    const std::int64_t before = std::time(nullptr);
+    const bound_port port = bound(SAP);
+    datagram_peer self;
+    ASSERT_TRUE(tested_datagram_driver.is_bound({network_node(0), SAP}, &self));
+    if (self.bound_at_s == 0)
+        GTEST_SKIP() << "the driver does not know it";
+    EXPECT_GE(self.bound_at_s, before - 1); // a file system's clock may be a tick behind
+    EXPECT_LE(self.bound_at_s, std::time(nullptr));
+}
+
 TEST_F(DatagramDriver, TellsAPeerFromItsSuccessor)
 {
     const bound_port port = bound(SAP);

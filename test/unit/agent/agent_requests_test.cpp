@@ -2,10 +2,14 @@
 #include <gtest/gtest.h>
 
 #include "agent_requests.h"
+#include "bios_opcodes.h"
 #include "bios_header.h"
+#include "endpoints.h"
 #include "flash_event_log.h"
 #include "flash_fixture.h"
 #include "flash_progress_file.h"
+#include "mts_tools.h"
+#include "utc_time.h"
 #include "wire_bytes.h"
 
 using namespace wire;
@@ -60,7 +64,24 @@ TEST_F(AgentRequests, ChassisIsTheOwnSlotAndEachModule)
 
 TEST_F(AgentRequests, CardWithoutFlashesIsItsSlotAlone)
 {
-    EXPECT_EQ(answered(4811), words({3, 0, 0}));
+    EXPECT_EQ(answered(4811), words({3, 0, 0}) + bytes(24));
+}
+
+TEST_F(AgentRequests, CardTellsSinceWhenItsDaemonServes)
+{
+    const std::string before = utc_now();
+    const std::int32_t daemon =
+        mts_bind(BIND_KIND, static_cast<std::int32_t>(BIOS_DAEMON_SAP), BIND_OPTIONS, "daemon");
+    ASSERT_GE(daemon, 0);
+    const bytes card = answered(4811);
+    mts_unbind(daemon);
+    ASSERT_EQ(card.size(), 36U);
+    EXPECT_EQ(bytes(card.begin(), card.begin() + 12), words({3, 1, 0}));
+    const std::string since(card.begin() + 12, card.begin() + 32);
+    EXPECT_GE(since, before.substr(0, 17)) << "the same minute at least";
+    EXPECT_LE(since, utc_now());
+    EXPECT_EQ(bytes(card.begin() + 32, card.end()), bytes(4));
+    EXPECT_EQ(answered(4811), words({3, 0, 0}) + bytes(24));
 }
 
 TEST_F(AgentRequests, CardHasARecordForEachFlash)
@@ -70,11 +91,11 @@ TEST_F(AgentRequests, CardHasARecordForEachFlash)
     put("slots/3/flash/alternate/programming", "");
     put("slots/3/flash/alternate/wear", "erases 4294967298\nprograms 2\nreads 3\n");
     const bytes card = answered(4811);
-    ASSERT_EQ(card.size(), 12U + 2 * 80U);
-    EXPECT_EQ(bytes(card.begin(), card.begin() + 12), words({3, 0, 2}));
-    EXPECT_EQ(bytes(card.begin() + 12, card.begin() + 92),
+    ASSERT_EQ(card.size(), 36U + 2 * 80U);
+    EXPECT_EQ(bytes(card.begin(), card.begin() + 36), words({3, 0, 2}) + bytes(24));
+    EXPECT_EQ(bytes(card.begin() + 36, card.begin() + 116),
               words({0, 64 << 10, 4 << 10, 0, 1, 0, 0, 0}) + bytes(24) + words({0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(bytes(card.begin() + 92, card.begin() + 156),
+    EXPECT_EQ(bytes(card.begin() + 116, card.begin() + 180),
               words({1, 32 << 10, 8 << 10, AGENT_FLASH_MARKED, 1, 0, 0, 0}) + bytes(24) + words({1, 2}));
 }
 
@@ -84,7 +105,7 @@ TEST_F(AgentRequests, CardTellsHowFarTheLastProgrammingCame)
     const flash_progress_line line = {BIOS_PHASE_WRITE, 43, 2, 17, "2026-01-31T11:00:00Z"};
     write_flash_file("progress", flash_progress_format(line));
     const bytes card = answered(4811);
-    EXPECT_EQ(bytes(card.begin() + 24, card.begin() + 12 + 56),
+    EXPECT_EQ(bytes(card.begin() + 48, card.begin() + 36 + 56),
               words({AGENT_FLASH_HAS_PROGRESS, 2, 43, 2, 17}) + text_field("2026-01-31T11:00:00Z", 24));
 }
 
