@@ -18,6 +18,7 @@
 
 #include "bios_header.h"
 #include "card_groups.h"
+#include "card_identification.h"
 #include "card_table.h"
 #include "chassis_dir.h"
 #include "exec_cmd.h"
@@ -199,16 +200,16 @@ agent_status read_from_system_image(const std::string &path, const std::string &
 }
 
 // The row of the flash that is programmed; null when no BIOS is known for the card. Supervisors of one kind take
-// their own rows for every card.
-const bios_flash_entry *row_of(std::uint32_t card_id, owned_card_table &table)
+// their own rows for every card. The table itself is read: the daemon's way to it writes lines into the card's log
+// and history.
+const bios_flash_entry *row_of(std::uint32_t card_id)
 {
     const std::uint32_t own_id = inventory_value(chassis_own_slot(), "card_id");
-    table = owned_card_table(bios_get_card_id_ent(is_tarvik_a_supervisor(own_id) ? own_id : card_id, 0));
-    if (table == nullptr)
-        return nullptr;
-    const bios_flash_entry *const begin = table->entries();
-    const bios_flash_entry *const end = begin + table->count;
-    const auto *found = std::find_if(begin, end, [](const bios_flash_entry &row) { return row.flash_type != 0; });
+    const std::uint32_t family = get_sw_card_family(is_tarvik_a_supervisor(own_id) ? own_id : card_id);
+    const bios_flash_entry *const end = bios_flash_entry_tbl + max_bios_id_entries;
+    const auto *found = std::find_if(bios_flash_entry_tbl, end, [family](const bios_flash_entry &row) {
+        return row.sw_card_id == family && row.flash_type != 0;
+    });
     return found != end ? found : nullptr;
 }
 
@@ -243,8 +244,7 @@ agent_status read_image(const agent_image_req_t &request, const bios_flash_entry
 
 answer image_answer(const agent_image_req_t &request)
 {
-    owned_card_table table;
-    const bios_flash_entry *row = row_of(request.card_id.load(), table);
+    const bios_flash_entry *row = row_of(request.card_id.load() & 0xffff);
     if (row == nullptr)
         return AGENT_ERR_IMAGE_CARD;
     image_reading reading;
