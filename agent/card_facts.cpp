@@ -1,16 +1,19 @@
 #include "card_facts.h"
 
 #include <algorithm>
+#include <map>
 #include <memory>
 
 #include "bios_header.h"
 #include "bios_opcodes.h"
+#include "card_identification.h"
 #include "chassis_dir.h"
 #include "flash_device.h"
 #include "flash_event_log.h"
 #include "flash_folder.h"
 #include "flash_progress_file.h"
 #include "flash_wear.h"
+#include "inventory_value.h"
 #include "mts_tools.h"
 #include "utc_time.h"
 
@@ -32,6 +35,17 @@ std::uint32_t bits_of(const flash_activity &activity)
 {
     return (activity.marked ? AGENT_FLASH_MARKED : 0U) | (activity.has_writer ? AGENT_FLASH_HAS_WRITER : 0U) |
            (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U);
+}
+
+// Found out once for an id: for some the card's SPROM is read.
+std::uint32_t family_of(std::uint32_t card_id)
+{
+    static std::map<std::uint32_t, std::uint32_t> known;
+    const auto [place, is_new] = known.try_emplace(card_id, 0);
+    if (const std::uint32_t family = is_new ? get_sw_card_family(card_id) : NO_CARD_FAMILY;
+        family != NO_CARD_FAMILY)
+        place->second = family;
+    return place->second;
 }
 
 agent_flash_t facts_of(unsigned instance, const flash_device &flash)
@@ -72,8 +86,15 @@ answer card_answer()
             flashes.push_back(facts_of(instance, *flash));
     }
     const auto daemon = mts_peer_at(mts_node_of_slot(slot), BIOS_DAEMON_SAP);
-    agent_card_t facts{be32::of(slot), be32::of(daemon ? 1 : 0),
-                       be32::of(static_cast<std::uint32_t>(flashes.size())), {}};
+    const std::uint32_t card_id = inventory_value(slot, "card_id");
+    agent_card_t facts{};
+    facts.slot = be32::of(slot);
+    facts.card_id = be32::of(card_id);
+    facts.family = be32::of(family_of(card_id));
+    facts.kind = be32::of(inventory_value(slot, "kind"));
+    facts.sup_state = be32::of(inventory_value(slot, "sup_state"));
+    facts.serves = be32::of(daemon ? 1 : 0);
+    facts.flash_count = be32::of(static_cast<std::uint32_t>(flashes.size()));
     if (daemon && daemon->bound_at_s != 0)
         store_text(facts.serves_since, utc_seconds(daemon->bound_at_s).c_str());
     answer card;

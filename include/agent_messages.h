@@ -98,11 +98,15 @@ static_assert(sizeof(agent_module_t) == 16);
 // AGENT_OPC_GET_CARD: no body. The answer is agent_card_t and a flash for each of its flash_count.
 struct agent_card_t {
     be32 slot;
-    be32 serves; // 1: its daemon's endpoint is bound
+    be32 card_id;   // 0: not known
+    be32 family;    // of the table of BIOS flashes; 0: the card has none
+    be32 kind;      // as in agent_module_t
+    be32 sup_state; // as in agent_module_t
+    be32 serves;    // 1: its daemon's endpoint is bound
     be32 flash_count;
     char serves_since[AGENT_TIME_BYTES]; // empty: it does not serve, or the transport cannot tell
 };
-static_assert(sizeof(agent_card_t) == 36);
+static_assert(sizeof(agent_card_t) == 52);
 
 enum agent_flash_state : std::uint32_t {
     AGENT_FLASH_MARKED = 1,       // its programming was begun, and it was not found equal to the image since
