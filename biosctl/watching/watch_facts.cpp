@@ -38,7 +38,9 @@ watch_facts read_watch_facts(const std::vector<unsigned> &modules)
 {
     watch_facts facts;
     facts.now = utc_now();
-    for (const told_result &told : ask_for_results().value_or(std::vector<told_result>{}))
+    const auto results = ask_for_results();
+    facts.results_readable = results.has_value();
+    for (const told_result &told : results.value_or(std::vector<told_result>{}))
         facts.results[told.module] = {told.code, told.time, told.reported_by_slot};
     const auto locks = ask_for_locks();
     facts.locks = locks.value_or(std::vector<chassis_module_lock_holder>{});

@@ -36,6 +36,7 @@ struct watch_facts {
     bool locks_readable = true; // false: locks is empty and nothing is known
     std::vector<chassis_module_lock_holder> locks;
     results_by_module results;
+    bool results_readable = true;
 };
 
 // modules: those to look at; empty: all that the chassis has at the moment

@@ -21,6 +21,7 @@ constexpr wording WORDINGS[] = {wording::full, wording::usual, wording::compact,
 constexpr const char *NOT_VERIFIED = "not verified: do not reboot";
 constexpr const char *NOT_VERIFIED_ADVICE = " the card; program it again: biosctl program SLOT";
 constexpr const char *LOCKS_REMARK = "the module locks could not be read: what is locked is not known";
+constexpr const char *RESULTS_REMARK = "the last results could not be read: how programmings have ended is not known";
 
 const char *flash_name(unsigned instance)
 {
@@ -110,6 +111,8 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
 
 table_cell result_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
 {
+    if (!snapshot.results_readable)
+        return "?";
     if (!row.result)
         return "";
     const std::string name = words >= wording::compact ? "" : describe_result(row.result->code).name + " ";
@@ -170,6 +173,8 @@ std::vector<styled_text> remarks_of(const watch_snapshot &snapshot)
         remarks.push_back(styled_text(NOT_VERIFIED, text_meaning::wrong) + NOT_VERIFIED_ADVICE);
     if (!snapshot.locks_readable)
         remarks.emplace_back(LOCKS_REMARK);
+    if (!snapshot.results_readable)
+        remarks.emplace_back(RESULTS_REMARK);
     return remarks;
 }
 

@@ -120,7 +120,7 @@ const char *watch_state_name(watch_state state)
 
 watch_snapshot make_snapshot(const watch_facts &facts)
 {
-    watch_snapshot snapshot{.time = facts.now, .locks_readable = facts.locks_readable};
+    watch_snapshot snapshot{.time = facts.now, .locks_readable = facts.locks_readable, .results_readable = facts.results_readable};
     for (const watched_card &card : facts.cards)
         snapshot.rows.push_back(row_of(facts, card));
     return snapshot;
@@ -128,7 +128,7 @@ watch_snapshot make_snapshot(const watch_facts &facts)
 
 watch_snapshot changed_rows(const watch_snapshot &before, const watch_snapshot &now)
 {
-    watch_snapshot changed{.time = now.time, .locks_readable = now.locks_readable};
+    watch_snapshot changed{.time = now.time, .locks_readable = now.locks_readable, .results_readable = now.results_readable};
     for (const watch_row &row : now.rows) {
         if (std::find(before.rows.begin(), before.rows.end(), row) == before.rows.end())
             changed.rows.push_back(row);

@@ -58,12 +58,14 @@ struct watch_row {
 struct watch_snapshot {
     std::string time; // UTC
     bool locks_readable = true;
+    bool results_readable = true;
     std::vector<watch_row> rows = {}; // in order of the slots
 
     // Whether anything but the time differs.
     bool differs_from(const watch_snapshot &other) const
     {
-        return locks_readable != other.locks_readable || rows != other.rows;
+        return locks_readable != other.locks_readable || results_readable != other.results_readable ||
+               rows != other.rows;
     }
 };
 

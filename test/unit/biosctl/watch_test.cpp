@@ -297,6 +297,16 @@ TEST(WatchTable, Words)
     EXPECT_EQ(lines(facts).back(), "the module locks could not be read: what is locked is not known");
 }
 
+TEST(WatchTable, ResultsThatCannotBeReadAreNotTakenForNone)
+{
+    watch_facts facts = forwarded_facts();
+    facts.results.clear();
+    EXPECT_FALSE(lines(facts)[2].ends_with("?")) << lines(facts)[2];
+    facts.results_readable = false;
+    EXPECT_TRUE(lines(facts)[2].ends_with("?")) << lines(facts)[2];
+    EXPECT_EQ(lines(facts).back(), "the last results could not be read: how programmings have ended is not known");
+}
+
 TEST(WatchTable, FitsIntoEveryTerminal)
 {
     watch_facts facts = forwarded_facts();
