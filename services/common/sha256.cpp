@@ -51,6 +51,8 @@ constexpr std::uint32_t big_sigma_1(std::uint32_t x)
 
 void sha256::add(const void *bytes, std::size_t count)
 {
+    if (count == 0)
+        return; // there may be no bytes to point at
     const auto *next = static_cast<const std::uint8_t *>(bytes);
     const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
     length_ += count;
