@@ -88,6 +88,19 @@ public:
         }
         return folder;
     }
+    // Waits until the agent of a slot has granted a lock of its module; false when it does not in time.
+    bool wait_for_lock(unsigned slot) const
+    {
+        const std::string granted = path_ + "/slots/" + std::to_string(slot) + "/locks/granted";
+        const auto deadline = std::chrono::steady_clock::now() + TEST_DEADLINE;
+        std::error_code missing;
+        while (std::filesystem::file_size(granted, missing) == 0 || missing) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            (void)::usleep(1000);
+        }
+        return true;
+    }
     void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 

@@ -45,7 +45,8 @@ void hold(unsigned node, std::uint32_t reason)
 {
     const std::uint32_t request[4] = {1, 0, 0, reason};
     (void)modlock_init();
-    (void)modlock_module_lock(129, node, request);
+    while (modlock_module_lock(129, node, request) != 0) // the other one may be trying it just now
+        (void)::usleep(5'000);
 }
 
 } // namespace

@@ -619,6 +619,7 @@ TEST_F(Show, DuringAProgrammingNoImageIsReadAnywhere)
     });
     serve(28, source_of(NEW));
     serve(5, source_of(NEW));
+    ASSERT_TRUE(chassis_.wait_for_lock(27) && chassis_.wait_for_lock(5));
     EXPECT_EQ(run({"--json", "show"}), 0);
     EXPECT_EQ(verdict_of(5), "being programmed") << run_->out();
     EXPECT_EQ(verdict_of(27), "unknown");

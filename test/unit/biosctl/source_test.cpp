@@ -229,10 +229,7 @@ TEST_F(Source, DuringAProgrammingTheDaemonIsNotAsked)
         (void)modlock_init();
         (void)modlock_module_lock(129, 28 * 256 + 1, request);
     });
-    // The lock is taken after the process has told that it is up.
-    const auto deadline = std::chrono::steady_clock::now() + TEST_DEADLINE;
-    while (!std::filesystem::exists(chassis_.path() + "/slots/28/locks/granted") && std::chrono::steady_clock::now() < deadline)
-        (void)::usleep(1000);
+    ASSERT_TRUE(chassis_.wait_for_lock(28));
     EXPECT_EQ(source([](daemon_side &side) { (void)side.receive(4703); }), 4);
     EXPECT_TRUE(err_has("a programming runs")) << run_->err();
 }
