@@ -30,8 +30,9 @@ void serve_card(std::int32_t handle)
     best_effort(remove_unpacked_leftovers);
     start_card_transfers();
     for (;;) {
-        const std::int64_t wait_us =
-            sooner(sooner(IDLE_WAIT_US, module_locks()->wait_limit_us()), card_transfers()->wait_limit_us());
+        std::int64_t wait_us = sooner(IDLE_WAIT_US, module_locks()->wait_limit_us());
+        wait_us = sooner(wait_us, card_transfers()->wait_limit_us());
+        wait_us = sooner(wait_us, worker_wait_limit_us());
         mts_message_t *message = nullptr;
         const bool came = mts_recv_within(handle, &message, wait_us) == 0;
         best_effort([] { module_locks()->tick(); });

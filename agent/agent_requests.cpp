@@ -89,10 +89,13 @@ void serve_lock_message(std::int32_t handle, mts_message_t *message)
     (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
 }
 
-void respond(std::int32_t handle, mts_message_t *message)
+// Whether the message is kept, for a worker.
+bool respond(std::int32_t handle, mts_message_t *message)
 {
-    if (is_about_a_lock(mts_opc_get(message)))
-        return serve_lock_message(handle, message);
+    if (is_about_a_lock(mts_opc_get(message))) {
+        serve_lock_message(handle, message);
+        return false;
+    }
     const auto body = body_of(message);
     const std::uint32_t opcode = mts_opc_get(message);
     const served_opcode *row = row_of(opcode);
@@ -103,11 +106,12 @@ void respond(std::int32_t handle, mts_message_t *message)
     const auto given = body ? answer_to(opcode, *body, from) : std::nullopt;
     if (!given) {
         (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
-        return;
+        return false;
     }
     // Who has asked may be gone.
-    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle, message,
-                       given->status());
+    (void)cmi_response(given->payload().data(), static_cast<std::uint32_t>(given->payload().size()), handle,
+                       message, given->status());
+    return false;
 }
 
 } // namespace
@@ -122,11 +126,13 @@ std::optional<answer> answer_to(std::uint32_t opcode, std::span<const std::uint8
 
 void serve(std::int32_t handle, mts_message *message)
 {
+    bool is_kept = false;
     const bool served = c_boundary(false, [&] {
-        respond(handle, message);
+        is_kept = respond(handle, message);
         return true;
     });
     if (!served) // no memory; whoever has asked is not left waiting
         (void)cmi_response(nullptr, 0, handle, message, AGENT_ERR_UNREADABLE);
-    (void)mts_drop(handle, message);
+    if (!is_kept)
+        (void)mts_drop(handle, message);
 }

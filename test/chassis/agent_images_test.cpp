@@ -1,7 +1,9 @@
 // What an agent tells of images and of flashes: size, digest and version of what would be programmed, or which of
 // the things that can be wrong is.
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "agent_answers.h"
 #include "agent_requester.h"
@@ -44,7 +46,8 @@ protected:
     {
         agent_image_req_t body{be32::of(card_id), be32::of(source), {}};
         store_text(body.uri, uri.c_str());
-        return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_IMAGE, bytes_of(body), 30).value_or(agent_reply{~0U});
+        return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_IMAGE, bytes_of(body), 30)
+            .value_or(agent_reply{~0U});
     }
     static void expect_image(const agent_reply &reply, const test_image &wanted)
     {
@@ -132,11 +135,34 @@ TEST_F(AgentImages, DoesNotWaitForAFifoInTheTree)
     EXPECT_EQ(agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_CARD).value_or(agent_reply{~0U}).status, AGENT_OK);
 }
 
+// It is met while it unpacks a large image.
+TEST_F(AgentImages, AWorkerThatIsKilledLeavesNobodyWaiting)
+{
+    const std::string large = workspace() + "/large";
+    ASSERT_EQ(run_program({"sh", "-c", "head -c 66000000 /dev/zero | gzip >'" + large + "'"}).exit_code, 0);
+    files::copy_file(large, tree_file(), files::copy_options::overwrite_existing);
+    const pid_t agent = agent_pid(1);
+    std::thread killer([agent] {
+        const std::string children =
+            "/proc/" + std::to_string(agent) + "/task/" + std::to_string(agent) + "/children";
+        EXPECT_TRUE(wait_until([&] {
+            std::ifstream list(children);
+            pid_t worker = 0;
+            return (list >> worker) && ::kill(worker, SIGKILL) == 0;
+        }));
+    });
+    const auto start = std::chrono::steady_clock::now();
+    const agent_reply reply = ask_for(AGENT_IMAGE_OF_TREE);
+    killer.join();
+    EXPECT_EQ(reply.status, AGENT_ERR_UNREADABLE);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
 TEST_F(AgentImages, TellsWhatAFlashHolds)
 {
     const auto ask_for_digest = [](std::uint32_t instance, std::uint64_t bytes) {
         return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_DIGEST,
-                         bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}), 30)
+                              bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}), 30)
             .value_or(agent_reply{~0U});
     };
     const std::string held = flash_of(1);
