@@ -167,12 +167,14 @@ image_reply ask_for_image(std::uint32_t node, const image_question &question)
     return {.image = decode_image(answer.payload)};
 }
 
-std::optional<told_flash_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes)
+flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes)
 {
     const request_answer answer =
         ask_for_work(node, AGENT_OPC_GET_DIGEST,
                      bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}));
-    return answer.answered && answer.status == AGENT_OK ? decode_flash_digest(answer.payload) : std::nullopt;
+    if (!answer.answered || answer.status != AGENT_OK)
+        return {.status = answer.status};
+    return {.digest = decode_flash_digest(answer.payload)};
 }
 
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks()

@@ -47,8 +47,12 @@ struct image_reply {
 };
 image_reply ask_for_image(std::uint32_t node, const image_question &question);
 
-// Of the first bytes of a flash.
-std::optional<told_flash_digest> ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
+// Of the first bytes of a flash; the status as in image_reply.
+struct flash_digest_reply {
+    std::optional<told_flash_digest> digest = {};
+    std::uint32_t status = 0;
+};
+flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
 
 // The module locks that are held, in order of their node ids: each agent serves its own. None when no agent answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();

@@ -8,6 +8,8 @@
 namespace
 {
 
+constexpr unsigned READ_ATTEMPTS = 3; // a part may read a bit wrong; equal digests are no chance
+
 std::string no_agent_text(unsigned slot)
 {
     return "the agent of " + slot_text(slot) + " does not answer";
@@ -24,6 +26,20 @@ bool is_unpacked(const program_subject &subject)
 unsigned slot_with_image(const program_subject &subject)
 {
     return is_unpacked(subject) ? subject.serving_slot : subject.programmed_module;
+}
+
+flash_proof look_once(const program_subject &subject, unsigned instance, const told_image &wanted)
+{
+    const flash_digest_reply found =
+        ask_for_digest(node_of_module(subject.programmed_module), instance, wanted.size_bytes);
+    if (!found.digest)
+        return {.finding = flash_finding::unknown,
+                .why = "the flash was not read: " + (found.status != 0 ? agent_status_text(found.status)
+                                                                       : no_agent_text(subject.programmed_module))};
+    if (found.digest->marked || found.digest->has_writer)
+        return {.finding = flash_finding::half_written};
+    const bool holds = found.digest->digest == wanted.digest && found.digest->rest_is_erased;
+    return {.finding = holds ? flash_finding::holds_image : flash_finding::holds_other};
 }
 
 } // namespace
@@ -47,12 +63,11 @@ flash_proof prove(const program_subject &subject, unsigned instance, const image
     if (!asked.image)
         return {.finding = flash_finding::unknown,
                 .why = "the image that was asked for is not known: " + asked.why_not};
-    const auto found = ask_for_digest(node_of_module(subject.programmed_module), instance, asked.image->size_bytes);
-    if (!found)
-        return {.finding = flash_finding::unknown,
-                .why = "the flash was not read: " + no_agent_text(subject.programmed_module)};
-    if (found->marked || found->has_writer)
-        return {.finding = flash_finding::half_written};
-    const bool holds = found->digest == asked.image->digest && found->rest_is_erased;
-    return {.finding = holds ? flash_finding::holds_image : flash_finding::holds_other};
+    flash_proof proof;
+    for (unsigned attempt = 0; attempt < READ_ATTEMPTS; ++attempt) {
+        proof = look_once(subject, instance, *asked.image);
+        if (proof.finding == flash_finding::holds_image || proof.finding == flash_finding::half_written)
+            break;
+    }
+    return proof;
 }

@@ -104,13 +104,17 @@ public:
     void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 
-    // What the agent of a slot says from now on: "no_image" and a status, "other_contents", "half_written".
+    // What the agent of a slot says from now on: "no_image" or "no_digest" and a status, "other_contents",
+    // "misread_once", "half_written".
     void agent_says(unsigned slot, const std::string &what, const std::string &value = "") const
     {
         std::ofstream(path_ + "/slots/" + std::to_string(slot) + "/" + what) << value;
     }
 
 private:
+    // Whether the file was there; it is not any more.
+    static bool take_once(const std::string &file) { return std::filesystem::remove(file); }
+
     // The cards have no images, and their daemons program nothing: their agents tell of one image that each card has, and
     // that each flash holds.
     static bool tells_of_image_or_flash(const std::string &folder, std::int32_t handle, mts_message *message)
@@ -125,9 +129,11 @@ private:
         }
         if (mts_opc_get(message) == AGENT_OPC_GET_DIGEST) {
             agent_flash_digest_t digest{{1, 2, 3}, be32::of(1), {}};
-            digest.sha256[31] = is_said("other_contents") ? 1 : 0;
+            digest.sha256[31] = is_said("other_contents") || take_once(folder + "/misread_once") ? 1 : 0;
+            std::uint32_t status = AGENT_OK;
+            std::ifstream(folder + "/no_digest") >> std::hex >> status;
             digest.state = be32::of(is_said("half_written") ? std::uint32_t{AGENT_FLASH_MARKED} : 0);
-            (void)cmi_response(&digest, sizeof digest, handle, message, AGENT_OK);
+            (void)cmi_response(&digest, status == AGENT_OK ? sizeof digest : 0, handle, message, status);
             return true;
         }
         return false;

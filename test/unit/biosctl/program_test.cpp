@@ -99,6 +99,32 @@ TEST_F(Program, AVerifiedFlashThatIsOnlyHeardOfIsNoSuccess)
     EXPECT_TRUE(err_has("marked as half written")) << run_->err();
 }
 
+TEST_F(Program, AFlashThatIsReadWrongOnceIsReadAgain)
+{
+    chassis_.agent_says(5, "misread_once");
+    EXPECT_EQ(program([](daemon_side &side) {
+                  accept(side);
+                  program_to_100(side);
+                  side.notify(0, 5);
+              }),
+              0)
+        << run_->err();
+    EXPECT_FALSE(std::filesystem::exists(chassis_.path() + "/slots/5/misread_once"));
+}
+
+TEST_F(Program, AFlashThatCannotBeReadIsSaidSo)
+{
+    chassis_.agent_says(5, "no_digest", "0x40720003");
+    EXPECT_EQ(program([](daemon_side &side) {
+                  accept(side);
+                  program_to_100(side);
+                  side.notify(0, 5);
+              }),
+              1);
+    EXPECT_TRUE(err_has("the flash was not read: it cannot be read on the card")) << run_->err();
+    EXPECT_FALSE(err_has("does not answer")) << run_->err();
+}
+
 TEST_F(Program, WhatNoAgentConfirmsIsNotConfirmed)
 {
     const auto heard = [](daemon_side &side) {
