@@ -8,7 +8,7 @@
 namespace
 {
 
-constexpr unsigned READ_ATTEMPTS = 3; // a part may read a bit wrong; equal digests are no chance
+constexpr unsigned READ_ATTEMPTS = 3; // a part may misread a bit; digests do not become equal by chance
 
 std::string no_agent_text(unsigned slot)
 {
