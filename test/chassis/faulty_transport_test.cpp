@@ -124,7 +124,7 @@ void be_client(tally &counts, unsigned requests, unsigned seed)
     std::mt19937 random(seed);
     std::optional<requester> asking(std::in_place);
     for (unsigned number = 0; number < requests / CLIENTS; ++number) {
-        const question asked = question_of(random() % 100, random());
+        const question asked = question_of(static_cast<unsigned>(random() % 100), static_cast<unsigned>(random()));
         const bool vanishes = random() % 100 < VANISHING_PERCENT;
         ask_and_count(counts, *asking, asked, vanishes ? 0 : WAIT_LIMIT_S);
         if (vanishes)
