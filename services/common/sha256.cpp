@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "hex_text.h"
+
 namespace
 {
 
@@ -118,12 +120,5 @@ void sha256::take_block(const std::uint8_t *block)
 
 std::string sha256_text(const sha256_digest &digest)
 {
-    constexpr char DIGITS[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * digest.size());
-    for (const std::uint8_t byte : digest) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 15];
-    }
-    return text;
+    return hex_text(digest);
 }
