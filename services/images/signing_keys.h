@@ -1,0 +1,54 @@
+// The keys that a card trusts. The folder `keys` of the card's slot folder holds a file NAME.pub for each, and the
+// file `revoked` with the id of a key in each line. A key file is a text of one line, beside comments behind a #:
+//
+//     ed25519-public HEX     32 bytes, the key that signatures are checked with
+//     ed25519-secret HEX     32 bytes, the seed of the key pair; never on a card
+//
+// The id of a key is the beginning of the SHA-256 of its public half, and what a manifest names it by.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "image_manifest.h"
+
+constexpr const char *SIGNING_KEYS_FOLDER = "keys";
+constexpr const char *REVOKED_KEYS_FILE = "keys/revoked";
+constexpr const char *PUBLIC_KEY_SUFFIX = ".pub";
+constexpr const char *PUBLIC_KEY_KIND = "ed25519-public";
+constexpr const char *SECRET_KEY_KIND = "ed25519-secret";
+constexpr std::size_t SIGNING_KEYS_MAX = 64;
+
+using signing_key = std::array<std::uint8_t, 32>; // the public half, or the seed
+
+image_key_id signing_key_id(const signing_key &public_key);
+
+// 16 hexadecimal digits.
+std::string signing_key_id_text(const image_key_id &id);
+
+// The key in the text of a key file of a kind; nothing when the text is not that of such a file.
+std::optional<signing_key> signing_key_parse(std::string_view text, std::string_view kind);
+
+// The text that signing_key_parse reads.
+std::string signing_key_format(const signing_key &key, std::string_view kind);
+
+struct trusted_keys {
+    std::vector<signing_key> keys; // public halves, in no order
+    std::vector<image_key_id> revoked;
+
+    const signing_key *find(const image_key_id &id) const; // null: there is none of this id
+    bool is_revoked(const image_key_id &id) const;
+};
+
+// Reads the keys of this card, anew at each call; none without the folder.
+// false with a text for a person when a file is not what it should be, or others could have written it; keys_out is
+// not set then, and no signature counts.
+[[nodiscard]] bool trusted_keys_load(trusted_keys &keys_out, std::string &problem_out);
+
+// The ids in the text of the file of revoked keys. false with the problem: "line 2: not the id of a key: x".
+[[nodiscard]] bool revoked_keys_parse(std::string_view text, std::vector<image_key_id> &revoked_out,
+                                      std::string &problem_out);
