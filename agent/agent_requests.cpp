@@ -11,6 +11,7 @@
 #include "file_requests.h"
 #include "flash_digest.h"
 #include "flash_history.h"
+#include "image_check.h"
 #include "image_facts.h"
 #include "module_locks.h"
 #include "mts_tools.h"
@@ -54,6 +55,7 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_RESULTS, [](request_body body) { return without_body(body, results_answer); }},
     {AGENT_OPC_GET_IMAGE, [](request_body body) { return with_record(body, image_answer); }, true},
     {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},
+    {AGENT_OPC_VERIFY_IMAGE, [](request_body body) { return with_record(body, verified_answer); }, true},
 };
 
 // Null for an opcode that is not served.

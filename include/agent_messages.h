@@ -38,6 +38,8 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_UNLOCK = 4831,      // gives a module lock back, or does not have it
     AGENT_OPC_LOCK_CHECK = 4832,  // asks an agent whether a process of its card still has a module lock
     AGENT_OPC_LOCK_ANSWER = 4833, // what became of an AGENT_OPC_LOCK or AGENT_OPC_UNLOCK
+
+    AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
 };
 
 enum agent_status : std::uint32_t {
@@ -72,6 +74,14 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_IMAGE_CUT = 0x40720025,    // the file is cut short or damaged
     AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than AGENT_IMAGE_BYTES_MAX
     AGENT_ERR_IMAGE_SPACE = 0x40720027,  // there is no space to unpack it
+
+    // Why the signature of an image does not count:
+    AGENT_ERR_NOT_SIGNED = 0x40720030,  // the image has no manifest, or one without a signature
+    AGENT_ERR_KEY_UNKNOWN = 0x40720031, // the card has no key of the id that the manifest names
+    AGENT_ERR_KEY_REVOKED = 0x40720032, // the key was revoked
+    AGENT_ERR_SIGNATURE = 0x40720033,   // the signature is not that of the image
+    AGENT_ERR_MANIFEST = 0x40720034,    // the manifest is damaged, or the image has two
+    AGENT_ERR_KEYS = 0x40720035,        // the card's keys cannot be read, or others may have written them
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;
@@ -312,3 +322,23 @@ struct agent_digest_t {
     std::uint8_t sha256[AGENT_DIGEST_BYTES];
 };
 static_assert(sizeof(agent_digest_t) == 32);
+
+// AGENT_OPC_VERIFY_IMAGE: body agent_verify_req_t. The answer is agent_verified_t when the signature is good.
+constexpr std::size_t AGENT_PATH_BYTES = 256;
+constexpr std::size_t AGENT_KEY_ID_BYTES = 8;
+
+struct agent_verify_req_t {
+    char path[AGENT_PATH_BYTES]; // absolute, of a regular file of the card; a link in its last part is not followed
+};
+static_assert(sizeof(agent_verify_req_t) == 256);
+
+struct agent_verified_t {
+    be64 size_bytes;
+    std::uint8_t sha256[AGENT_DIGEST_BYTES]; // of all bytes of the file, as they were checked
+    std::uint8_t key_id[AGENT_KEY_ID_BYTES];
+    be32 family; // of the manifest, a number of the table of BIOS flashes
+    be32 security_version;
+};
+static_assert(sizeof(agent_verified_t) == 56);
+static_assert(offsetof(agent_verified_t, key_id) == 40);
+static_assert(offsetof(agent_verified_t, security_version) == 52);

@@ -30,6 +30,18 @@ std::string agent_status_text(std::uint32_t status)
         return "the image is too large for any flash";
     case AGENT_ERR_IMAGE_SPACE:
         return "the card has no space to unpack the image";
+    case AGENT_ERR_NOT_SIGNED:
+        return "the image is not signed";
+    case AGENT_ERR_KEY_UNKNOWN:
+        return "the card does not have the key that the image was signed with";
+    case AGENT_ERR_KEY_REVOKED:
+        return "the key that the image was signed with was revoked";
+    case AGENT_ERR_SIGNATURE:
+        return "the image's signature is wrong";
+    case AGENT_ERR_MANIFEST:
+        return "the image's manifest is damaged";
+    case AGENT_ERR_KEYS:
+        return "the card's keys cannot be read, or other users may write to them";
     default:
         return "status " + code_text(status);
     }

@@ -5,6 +5,7 @@
 
 #include "card_file.h"
 #include "harmless_path.h"
+#include "text_lines.h"
 
 namespace
 {

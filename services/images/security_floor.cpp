@@ -9,6 +9,7 @@
 
 #include "card_file.h"
 #include "chassis_dir.h"
+#include "text_lines.h"
 #include "unique_fd.h"
 #include "write_all.h"
 

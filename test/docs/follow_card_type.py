@@ -51,6 +51,7 @@ def main():
         shutil.copy(given.sources / "CMakeLists.txt", copy)
         run(["patch", "-p1", "--fuzz=0"], cwd=copy, input=patch_of(page))
         run(["cmake", "-G", "Ninja", "-S", copy, "-B", copy / "build", "-DCMAKE_BUILD_TYPE=Debug",
+             f"-DBIOS_DAEMON_SODIUM={given.sources / 'build/libsodium'}",
              "-DBIOS_DAEMON_DRIVERS=" + ";".join(str(copy / driver) for driver in CARD_DRIVERS)])
         run(["cmake", "--build", copy / "build", "--target", "bios_daemon", "bios_agent"])
         run(["g++", "-std=c++20", "-fsyntax-only", copy / CHECKED_HEADER])

@@ -6,7 +6,7 @@
 #include "card_policy.h"
 #include "flash_fixture.h"
 #include "security_floor.h"
-#include "signing_keys.h"
+#include "trusted_keys.h"
 
 namespace
 {

@@ -1,5 +1,4 @@
-// The keys that a card trusts. The folder `keys` of the card's slot folder holds a file NAME.pub for each, and the
-// file `revoked` with the id of a key in each line. A key file is a text of one line, beside comments behind a #:
+// Keys that images are signed with, as files. A key file is a text of one line, beside comments behind a #:
 //
 //     ed25519-public HEX     32 bytes, the key that signatures are checked with
 //     ed25519-secret HEX     32 bytes, the seed of the key pair; never on a card
@@ -16,12 +15,8 @@
 
 #include "image_manifest.h"
 
-constexpr const char *SIGNING_KEYS_FOLDER = "keys";
-constexpr const char *REVOKED_KEYS_FILE = "keys/revoked";
-constexpr const char *PUBLIC_KEY_SUFFIX = ".pub";
 constexpr const char *PUBLIC_KEY_KIND = "ed25519-public";
 constexpr const char *SECRET_KEY_KIND = "ed25519-secret";
-constexpr std::size_t SIGNING_KEYS_MAX = 64;
 
 using signing_key = std::array<std::uint8_t, 32>; // the public half, or the seed
 
@@ -36,6 +31,7 @@ std::optional<signing_key> signing_key_parse(std::string_view text, std::string_
 // The text that signing_key_parse reads.
 std::string signing_key_format(const signing_key &key, std::string_view kind);
 
+// The keys that somebody trusts.
 struct trusted_keys {
     std::vector<signing_key> keys; // public halves, in no order
     std::vector<image_key_id> revoked;
@@ -44,11 +40,7 @@ struct trusted_keys {
     bool is_revoked(const image_key_id &id) const;
 };
 
-// Reads the keys of this card, anew at each call; none without the folder.
-// false with a text for a person when a file is not what it should be, or others could have written it; keys_out is
-// not set then, and no signature counts.
-[[nodiscard]] bool trusted_keys_load(trusted_keys &keys_out, std::string &problem_out);
-
-// The ids in the text of the file of revoked keys. false with the problem: "line 2: not the id of a key: x".
+// The ids in the text of a file of revoked keys: one in each line, beside comments.
+// false with the problem: "line 2: not the id of a key: x".
 [[nodiscard]] bool revoked_keys_parse(std::string_view text, std::vector<image_key_id> &revoked_out,
                                       std::string &problem_out);
