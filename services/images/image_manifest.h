@@ -36,7 +36,6 @@
 #include "md5.h"
 #include "sha256.h"
 
-constexpr std::size_t IMAGE_MANIFEST_BYTES = 256;
 constexpr std::size_t IMAGE_MARK_BYTES = 16;
 constexpr std::size_t IMAGE_CARD_IDS_MAX = 14;
 constexpr std::size_t IMAGE_KEY_ID_BYTES = 8;
@@ -59,13 +58,15 @@ struct image_manifest_record {
     std::uint8_t digest[32];
     std::uint8_t signature[IMAGE_SIGNATURE_BYTES];
 };
-static_assert(sizeof(image_manifest_record) == IMAGE_MANIFEST_BYTES && alignof(image_manifest_record) == 1);
+static_assert(sizeof(image_manifest_record) == 256);
 static_assert(offsetof(image_manifest_record, version) == 32);
 static_assert(offsetof(image_manifest_record, card_id_count) == 96);
 static_assert(offsetof(image_manifest_record, unused) == 128);
 static_assert(offsetof(image_manifest_record, key_id) == 152);
 static_assert(offsetof(image_manifest_record, digest) == 160);
 static_assert(offsetof(image_manifest_record, signature) == 192);
+
+constexpr std::size_t IMAGE_MANIFEST_BYTES = sizeof(image_manifest_record);
 
 using image_key_id = std::array<std::uint8_t, IMAGE_KEY_ID_BYTES>;
 using image_signature = std::array<std::uint8_t, IMAGE_SIGNATURE_BYTES>;

@@ -20,6 +20,7 @@ PAIRS = (
     (("messages.md", "version-messages.md"),
      ("include/bios_messages.h", "include/bios_opcodes.h", "include/bios_results.h", "platform/bios_flash.h")),
     (("agent-messages.md",), ("include/agent_messages.h",)),
+    (("images.md",), ("services/images/image_manifest.h",)),
 )
 
 
