@@ -1,22 +1,27 @@
 // bios_image: makes the images that the daemon programs and installs, from any firmware file.
 //
-//   bios_image build   a BIOS image with header and version
-//   bios_image loader  a boot-loader file with its version
-//   bios_image system  a system image that carries BIOS images and a boot loader
-//   bios_image tree    the image tree of a running system
-//   bios_image show    version and size of a BIOS image or of a boot-loader file
+//   bios_image build     a BIOS image with header and version
+//   bios_image manifest  a manifest in a BIOS image, which says what the image is for
+//   bios_image keygen    a pair of keys; sign and verify use them
+//   bios_image loader    a boot-loader file with its version
+//   bios_image system    a system image that carries BIOS images and a boot loader
+//   bios_image tree      the image tree of a running system
+//   bios_image show      version, size and manifest of a BIOS image or of a boot-loader file
 //
 // Exit status: 0 done, 1 failed, 64 wrong usage.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bios_builder.h"
 #include "image_error.h"
+#include "image_sealing.h"
 #include "loader_file.h"
+#include "manifest_commands.h"
 #include "system_image.h"
 
 namespace
@@ -30,6 +35,8 @@ struct build_options {
     std::string version;
     std::string date;
     std::string payload;
+    std::optional<std::string> family; // without it no manifest
+    std::uint32_t security_version = 0;
 };
 
 struct loader_options {
@@ -63,7 +70,10 @@ void build(const build_options &options)
 {
     const std::string payload = payload_of(options.payload);
     const bios_header header = parse_bios_header(options.version, options.date);
-    replace_file(options.output, build_bios_image(header, parse_image_size(options.size), payload));
+    std::string image = build_bios_image(header, parse_image_size(options.size), payload);
+    if (options.family)
+        put_manifest(image, make_manifest(image, *options.family, options.security_version, {}));
+    replace_file(options.output, image);
 }
 
 void build_loader(const loader_options &options)
@@ -73,21 +83,27 @@ void build_loader(const loader_options &options)
 }
 
 // Version as it is shown; throws image_error when there is none.
-std::string version_text(const std::string &image, const std::string &path)
+std::string version_text(const std::string &image, const image_reading &reading, const std::string &path)
 {
     bios_header header{};
     if (image.size() >= BIOS_HEADER_BYTES && bios_header_read(image.data(), header))
         return bios_header_text(header);
     const std::string_view loader = loader_version_in(image);
-    if (loader.empty())
-        throw image_error(path + ": has neither a BIOS header nor the version of a boot loader");
-    return "  " + std::string(loader) + " (boot loader)";
+    if (!loader.empty())
+        return "  " + std::string(loader) + " (boot loader)";
+    if (reading.state == image_manifest_state::intact)
+        return "  " + reading.manifest.version;
+    throw image_error(path + ": has neither a BIOS header nor the version of a boot loader");
 }
 
 void show(const std::string &path)
 {
     const std::string image = read_whole_file(path);
-    std::printf("version%s\nsize     %zu bytes\n", version_text(image, path).c_str(), image.size());
+    image_reader reader;
+    reader.add(image.data(), image.size());
+    const image_reading reading = reader.finish();
+    std::printf("version%s\nsize     %zu bytes\n", version_text(image, reading, path).c_str(), image.size());
+    show_manifest(reading, path);
 }
 
 void add_build(CLI::App &app, build_options &options)
@@ -98,7 +114,14 @@ void add_build(CLI::App &app, build_options &options)
     command->add_option("--version", options.version, "Version, MAJOR.MINOR")->required();
     command->add_option("--date", options.date, "Date of the build, MM/DD/YY")->required();
     command->add_option("--payload", options.payload, "Firmware that is placed at the image's end");
-    command->callback([&options] { build(options); });
+    command->add_option("--family", options.family, "Family of the cards that it is for, for a manifest");
+    CLI::Option *security_version = command->add_option("--security-version", options.security_version,
+                                                        "Security version of the manifest (default 0)");
+    command->callback([&options, security_version] {
+        if (!options.family && security_version->count() > 0)
+            throw CLI::RequiredError("--family");
+        build(options);
+    });
 }
 
 void add_loader(CLI::App &app, loader_options &options)
@@ -139,11 +162,14 @@ int main(int argc, char **argv)
     loader_options loader_line;
     ship_options system_line;
     ship_options tree_line;
+    manifest_command_line manifest_line;
     std::string shown;
     add_build(app, build_line);
+    add_manifest_commands(app, manifest_line);
     add_loader(app, loader_line);
     add_shipping(app, system_line, tree_line);
-    CLI::App *command = app.add_subcommand("show", "Show version and size of a BIOS image or boot-loader file");
+    CLI::App *command =
+        app.add_subcommand("show", "Show version, size and manifest of a BIOS image or boot-loader file");
     command->add_option("FILE", shown, "BIOS image or boot-loader file")->required();
     command->callback([&shown] { show(shown); });
 
