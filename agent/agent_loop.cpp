@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent_requests.h"
+#include "boot_record.h"
 #include "c_boundary.h"
 #include "card_transfers.h"
 #include "image_facts.h"
@@ -27,6 +28,7 @@ std::int64_t sooner(std::int64_t wait_us, std::int64_t limit_us)
 void serve_card(std::int32_t handle)
 {
     start_module_locks(handle);
+    best_effort(note_boot);
     best_effort(remove_unpacked_leftovers);
     start_card_transfers();
     for (;;) {

@@ -16,6 +16,7 @@
 #include "module_locks.h"
 #include "mts_tools.h"
 #include "programming_results.h"
+#include "version_facts.h"
 #include "worker.h"
 
 namespace
@@ -56,6 +57,7 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_IMAGE, [](request_body body) { return with_record(body, image_answer); }, true},
     {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},
     {AGENT_OPC_VERIFY_IMAGE, [](request_body body) { return with_record(body, verified_answer); }, true},
+    {AGENT_OPC_GET_VERSIONS, [](request_body body) { return without_body(body, versions_answer); }},
 };
 
 // Null for an opcode that is not served.

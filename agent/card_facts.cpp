@@ -1,10 +1,8 @@
 #include "card_facts.h"
 
-#include <algorithm>
 #include <map>
 #include <memory>
 
-#include "bios_header.h"
 #include "bios_opcodes.h"
 #include "card_identification.h"
 #include "chassis_dir.h"
@@ -19,17 +17,6 @@
 
 namespace
 {
-
-// Empty when the flash has no header, or one that cannot be read.
-std::string version_in(flash_device &flash)
-{
-    std::uint8_t bytes[BIOS_HEADER_BYTES];
-    bios_header header;
-    if (!flash.read(0, bytes, sizeof bytes) || !bios_header_read(bytes, header))
-        return {};
-    const std::string text = bios_header_text(header);
-    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
-}
 
 std::uint32_t bits_of(const flash_activity &activity)
 {
@@ -102,14 +89,4 @@ answer card_answer()
     for (const agent_flash_t &flash : flashes)
         card.add(flash);
     return card;
-}
-
-answer version_answer(const agent_flash_req_t &request)
-{
-    const auto flash = flash_device::open(request.instance.load(), flash_access::read);
-    if (!flash)
-        return AGENT_ERR_FLASH;
-    answer version;
-    version.add_text(version_in(*flash));
-    return version;
 }

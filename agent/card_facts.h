@@ -3,6 +3,5 @@
 
 #include "answer.h"
 
-answer card_answer();                                     // AGENT_OPC_GET_CARD
-std::uint32_t flash_state_of(unsigned instance);          // bits of agent_flash_state
-answer version_answer(const agent_flash_req_t &request); // AGENT_OPC_GET_VERSION
+answer card_answer();                            // AGENT_OPC_GET_CARD
+std::uint32_t flash_state_of(unsigned instance); // bits of agent_flash_state

@@ -40,6 +40,7 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_LOCK_ANSWER = 4833, // what became of an AGENT_OPC_LOCK or AGENT_OPC_UNLOCK
 
     AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
+    AGENT_OPC_GET_VERSIONS = 4860, // the versions in the flashes of this card, and the one that runs
 };
 
 enum agent_status : std::uint32_t {
@@ -148,7 +149,28 @@ struct agent_flash_req_t {
 static_assert(sizeof(agent_flash_req_t) == 4);
 
 // AGENT_OPC_GET_VERSION: body agent_flash_req_t. The answer is the text, read from the flash just now; empty when
-// the flash has none that can be read.
+// the flash has none that can be read, is marked, or is being changed.
+
+// AGENT_OPC_GET_VERSIONS: no body. The answer is agent_versions_t and an agent_flash_version_t for each of its
+// flash_count.
+struct agent_versions_t {
+    be32 slot;
+    be32 serves;                       // 1: the endpoint of its daemon is bound
+    be32 started_from;                 // instance of the flash that the card has booted from; AGENT_FLASH_UNKNOWN
+    be32 flash_count;                  //
+    char running[AGENT_VERSION_BYTES]; // that this flash held when the card booted; empty: not known
+};
+static_assert(sizeof(agent_versions_t) == 144);
+static_assert(offsetof(agent_versions_t, running) == 16);
+
+constexpr std::uint32_t AGENT_FLASH_UNKNOWN = 0xffffffff;
+
+struct agent_flash_version_t {
+    be32 instance;
+    be32 state;                        // bits of agent_flash_state, at any time while the flash was read
+    char version[AGENT_VERSION_BYTES]; // as in the answer to AGENT_OPC_GET_VERSION
+};
+static_assert(sizeof(agent_flash_version_t) == 136);
 
 // AGENT_OPC_GET_EVENTS: body agent_events_req_t. The answer is the text of the events behind a sequence number, the
 // oldest first: lines as flash_event_format gives them.

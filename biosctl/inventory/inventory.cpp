@@ -145,3 +145,9 @@ bool slot_programs_one_module_only(unsigned slot)
 {
     return is_tarvik_a_supervisor(card_id_of(slot));
 }
+
+std::optional<unsigned> slot_that_unpacks_for(unsigned module, unsigned serving_slot)
+{
+    const bool unpacks = slot_is_active(serving_slot) && (module == serving_slot || slot_is_standby(module));
+    return unpacks ? std::optional(serving_slot) : std::nullopt;
+}

@@ -43,3 +43,7 @@ std::optional<unsigned> active_supervisor();
 // Whether the card in a slot is of a kind whose daemon programs module TARVIK_A_MODULE_NUM, and tells that module's
 // versions, whatever module it is asked for.
 bool slot_programs_one_module_only(unsigned slot);
+
+// The slot whose card unpacks the image that a supervisor's daemon programs into a module: an active supervisor
+// does so for itself and for the standby supervisor. None for any other card, which programs what lies ready on it.
+std::optional<unsigned> slot_that_unpacks_for(unsigned module, unsigned serving_slot);

@@ -110,6 +110,32 @@ std::optional<card_facts_told> decode_card(answer_payload payload)
     return is_whole ? std::optional(card) : std::nullopt;
 }
 
+std::optional<told_versions> decode_versions(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_versions_t head{};
+    if (!records.take(head))
+        return std::nullopt;
+    told_versions versions{.serves = head.serves.load() != 0, .running = printable(head.running)};
+    if (const std::uint32_t instance = head.started_from.load(); instance < FLASH_INSTANCE_COUNT)
+        versions.started_from = instance;
+    for (agent_flash_version_t told{}; records.take(told);) {
+        const bool is_next =
+            versions.flashes.empty() || told.instance.load() > versions.flashes.back().instance;
+        if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
+            return std::nullopt;
+        const std::uint32_t state = told.state.load();
+        told_flash_version flash{.instance = told.instance.load(),
+                                 .marked = (state & AGENT_FLASH_MARKED) != 0,
+                                 .has_writer = (state & AGENT_FLASH_HAS_WRITER) != 0};
+        if (!flash.marked && !flash.has_writer)
+            flash.version = printable(told.version);
+        versions.flashes.push_back(std::move(flash));
+    }
+    const bool is_whole = records.at_end() && versions.flashes.size() == head.flash_count.load();
+    return is_whole ? std::optional(versions) : std::nullopt;
+}
+
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload)
 {
     record_reader records(payload);

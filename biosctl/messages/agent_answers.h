@@ -37,6 +37,22 @@ struct card_facts_told {
     std::vector<card_flash> flashes = {};
 };
 
+// The version in a flash; empty: none could be read.
+struct told_flash_version {
+    unsigned instance = 0;
+    bool marked = false;     // its programming was begun, and it was not found equal to the image since
+    bool has_writer = false; // a process changes it, or has done so and has not ended yet
+    std::string version = {};
+};
+
+// The versions of a card.
+struct told_versions {
+    bool serves = false;                      // its daemon's endpoint is bound
+    std::optional<unsigned> started_from = {}; // instance of the flash that it has booted from
+    std::string running = {};                 // that this flash held when the card booted; empty: not known
+    std::vector<told_flash_version> flashes = {};
+};
+
 // How a programming has ended, as a supervisor has told whoever listened.
 struct told_result {
     unsigned module = 0;
@@ -78,6 +94,7 @@ using answer_payload = std::span<const std::uint8_t>;
 // The modules in order of their slots, each once.
 std::optional<std::vector<chassis_module>> decode_modules(answer_payload payload);
 std::optional<card_facts_told> decode_card(answer_payload payload);
+std::optional<told_versions> decode_versions(answer_payload payload);
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <memory>
 #include <unistd.h>
 
 #include "agent_answers.h"
@@ -23,12 +24,17 @@ constexpr std::int64_t BUSY_PATIENCE_US = 5 * MICROSECONDS;
 constexpr unsigned BUSY_PAUSE_US = 20'000;
 constexpr unsigned WORK_WAIT_LIMIT_S = 20; // a large image on a slow card takes some seconds
 
-// One endpoint for all that this process asks; made anew when it could not be bound.
+// One endpoint for all that this process asks; made anew when it could not be bound. That of a process that was
+// forked from is not this one's.
 client_endpoint &endpoint()
 {
-    static std::optional<client_endpoint> bound;
+    static std::unique_ptr<client_endpoint> bound;
+    static pid_t owner = 0;
+    if (bound && owner != ::getpid())
+        (void)bound.release();
+    owner = ::getpid();
     if (!bound || !bound->bound())
-        bound.emplace();
+        bound = std::make_unique<client_endpoint>();
     return *bound;
 }
 
@@ -133,6 +139,11 @@ std::optional<card_facts_told> ask_for_card(std::uint32_t node)
     return answer ? decode_card(*answer) : std::nullopt;
 }
 
+request_answer ask_for_versions(std::uint32_t node)
+{
+    return ask_agent(node, AGENT_OPC_GET_VERSIONS, {});
+}
+
 std::optional<std::string> ask_for_version(std::uint32_t node, unsigned instance)
 {
     const auto answer = ask(node, AGENT_OPC_GET_VERSION, agent_flash_req_t{be32::of(instance)});
@@ -153,7 +164,7 @@ std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned in
     return answer ? std::optional(flash_event_totals_parse(text_of(*answer))) : std::nullopt;
 }
 
-image_reply ask_for_image(std::uint32_t node, const image_question &question)
+request_answer request_image(std::uint32_t node, const image_question &question)
 {
     agent_image_req_t body{};
     body.card_id = be32::of(question.card_id);
@@ -161,10 +172,19 @@ image_reply ask_for_image(std::uint32_t node, const image_question &question)
                            : question.place == image_place::uri ? AGENT_IMAGE_OF_URI
                                                                 : AGENT_IMAGE_READY);
     store_text(body.uri, question.uri.c_str());
-    const request_answer answer = ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body));
+    return ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body));
+}
+
+image_reply image_reply_of(const request_answer &answer)
+{
     if (!answer.answered || answer.status != AGENT_OK)
         return {.status = answer.status};
     return {.image = decode_image(answer.payload)};
+}
+
+image_reply ask_for_image(std::uint32_t node, const image_question &question)
+{
+    return image_reply_of(request_image(node, question));
 }
 
 flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes)

@@ -23,6 +23,7 @@ std::optional<std::vector<chassis_module>> ask_for_modules();
 
 // These ask the agent of one card; node is that of the card's daemon.
 std::optional<card_facts_told> ask_for_card(std::uint32_t node);
+request_answer ask_for_versions(std::uint32_t node); // payload for decode_versions
 std::optional<std::string> ask_for_version(std::uint32_t node, unsigned instance);
 std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsigned instance,
                                                        std::uint64_t after_sequence);
@@ -46,6 +47,10 @@ struct image_reply {
     std::string why_not = {}; // for people
 };
 image_reply ask_for_image(std::uint32_t node, const image_question &question);
+
+// The same in two steps, for a process that only asks.
+request_answer request_image(std::uint32_t node, const image_question &question);
+image_reply image_reply_of(const request_answer &answer);
 
 // Of the first bytes of a flash; the status as in image_reply.
 struct flash_digest_reply {

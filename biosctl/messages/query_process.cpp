@@ -25,23 +25,15 @@ struct answer_head {
     std::uint32_t payload_bytes;
 };
 
-request_answer ask(const daemon_query &query)
-{
-    client_endpoint endpoint;
-    if (!endpoint.bound())
-        return {.error = errno};
-    return endpoint.request(query.node, query.request, query.wait_limit_s);
-}
-
-[[noreturn]] void run_process(const daemon_query &query, int fd, pid_t parent)
+[[noreturn]] void run_process(const card_query &question, int fd, pid_t parent)
 {
     (void)std::signal(SIGINT, SIG_DFL); // the last words are the parent's
     (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent)
         ::_exit(1);
     try {
-        const request_answer answer = ask(query);
-        const std::size_t length = std::min(answer.payload.size(), query.answer_bytes_max);
+        const request_answer answer = question();
+        const std::size_t length = std::min(answer.payload.size(), QUERY_ANSWER_BYTES_MAX);
         const answer_head head{answer.answered, answer.error, answer.status, static_cast<std::uint32_t>(length)};
         std::string bytes(reinterpret_cast<const char *>(&head), sizeof head);
         bytes.append(answer.payload.begin(), answer.payload.begin() + static_cast<std::ptrdiff_t>(length));
@@ -75,7 +67,17 @@ bool is_ready(const query_process &process)
 
 } // namespace
 
-query_process::query_process(const daemon_query &query)
+card_query daemon_query(std::uint32_t node, daemon_request request, unsigned wait_limit_s)
+{
+    return [node, request = std::move(request), wait_limit_s]() -> request_answer {
+        client_endpoint endpoint;
+        if (!endpoint.bound())
+            return {.error = errno};
+        return endpoint.request(node, request, wait_limit_s);
+    };
+}
+
+query_process::query_process(const card_query &question)
 {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) {
@@ -87,7 +89,7 @@ query_process::query_process(const daemon_query &query)
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ == 0)
-        run_process(query, writing.get(), parent);
+        run_process(question, writing.get(), parent);
     if (pid_ < 0) {
         error_ = errno;
         pipe_.reset();
@@ -135,7 +137,7 @@ request_answer query_process::answer() const
             .payload = {received_.begin() + sizeof head, received_.end()}};
 }
 
-std::vector<request_answer> ask_all(const std::vector<daemon_query> &queries)
+std::vector<request_answer> ask_all(const std::vector<card_query> &queries)
 {
     std::vector<request_answer> answers(queries.size());
     std::vector<running_query> running;

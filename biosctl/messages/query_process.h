@@ -1,8 +1,9 @@
-// A request that is under way in a process of its own, so that several daemons can be asked at once: each waits
-// for one answer and hands it back through a pipe.
+// A request that is under way in a process of its own, so that several cards can be asked at once: each waits for
+// one answer and hands it back through a pipe.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -10,18 +11,17 @@
 #include "client.h"
 #include "unique_fd.h"
 
-struct daemon_query {
-    std::uint32_t node = 0; // of the daemon asked
-    daemon_request request = {};
-    unsigned wait_limit_s = 0;
-    std::size_t answer_bytes_max = 0; // of the answer's payload that are handed back; the rest is cut
-};
+// Asks, and waits for the answer; called in the process.
+using card_query = std::function<request_answer()>;
+constexpr std::size_t QUERY_ANSWER_BYTES_MAX = 16 << 10; // of the payload; the rest is cut
+
+card_query daemon_query(std::uint32_t node, daemon_request request, unsigned wait_limit_s);
 
 class query_process
 {
 public:
-    explicit query_process(const daemon_query &query); // a failure becomes the answer
-    ~query_process();                                  // ends a process that still waits
+    explicit query_process(const card_query &question); // a failure becomes the answer
+    ~query_process();                                   // ends a process that still waits
     query_process(const query_process &) = delete;
     query_process &operator=(const query_process &) = delete;
 
@@ -42,4 +42,4 @@ private:
 constexpr std::size_t QUERIES_AT_ONCE = 16;
 
 // Asks all, at most QUERIES_AT_ONCE at a time. The answers are in the order of the queries.
-std::vector<request_answer> ask_all(const std::vector<daemon_query> &queries);
+std::vector<request_answer> ask_all(const std::vector<card_query> &queries);

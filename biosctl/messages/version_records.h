@@ -14,8 +14,6 @@
 #include "mts.h"
 
 constexpr std::size_t VERSION_ENTRIES_MAX = 32; // of one card; an answer that tells of more is not understood
-constexpr std::size_t SOURCE_ANSWER_BYTES_MAX =
-    sizeof(bios_src_version_reply) + VERSION_ENTRIES_MAX * sizeof(bios_src_version_entry);
 constexpr std::size_t IMAGE_PATH_BYTES_MAX =
     sizeof(bios_src_version_req::image_path) - 1; // the terminator is needed
 constexpr mts_address_t NO_PROGRESS_NOTICES{MTS_NODE_LISTENERS, 0};

@@ -15,19 +15,6 @@ std::string no_agent_text(unsigned slot)
     return "the agent of " + slot_text(slot) + " does not answer";
 }
 
-// Only an active supervisor unpacks, for itself and for the standby supervisor; any other card programs what lies
-// ready.
-bool is_unpacked(const program_subject &subject)
-{
-    return slot_is_active(subject.serving_slot) &&
-           (subject.programmed_module == subject.serving_slot || slot_is_standby(subject.programmed_module));
-}
-
-unsigned slot_with_image(const program_subject &subject)
-{
-    return is_unpacked(subject) ? subject.serving_slot : subject.programmed_module;
-}
-
 flash_proof look_once(const program_subject &subject, unsigned instance, const told_image &wanted)
 {
     const flash_digest_reply found =
@@ -46,15 +33,16 @@ flash_proof look_once(const program_subject &subject, unsigned instance, const t
 
 image_reply find_asked_image(const program_subject &subject, const programming_request &request)
 {
+    const auto unpacks = slot_that_unpacks_for(subject.programmed_module, subject.serving_slot);
     image_question question{.card_id = card_id_of(subject.programmed_module), .place = image_place::ready};
-    if (is_unpacked(subject)) {
+    if (unpacks) {
         question.place = request.image ? image_place::uri : image_place::tree;
         question.uri = request.image.value_or("");
     }
-    image_reply reply = ask_for_image(node_of_module(slot_with_image(subject)), question);
+    const unsigned slot = unpacks.value_or(subject.programmed_module);
+    image_reply reply = ask_for_image(node_of_module(slot), question);
     if (!reply.image)
-        reply.why_not =
-            reply.status != 0 ? agent_status_text(reply.status) : no_agent_text(slot_with_image(subject));
+        reply.why_not = reply.status != 0 ? agent_status_text(reply.status) : no_agent_text(slot);
     return reply;
 }
 

@@ -63,7 +63,7 @@ programming_result program_and_check(const series_step &step, const series_optio
         return result;
     return with_version(
         std::move(result),
-        {step.expected_version, read_flash_version(options.serving_slot, step.module, options.version_timeout_s)});
+        {step.expected_version, read_flash_version(step.module)});
 }
 
 text_meaning meaning_of(programming_ending ending)

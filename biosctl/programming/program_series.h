@@ -20,7 +20,6 @@ struct series_options {
     unsigned serving_slot = 0; // whose daemon is asked
     bool keep_going = false;   // after a failure
     bool json = false;
-    unsigned version_timeout_s = 0; // the longest wait for the version read afterwards
 };
 
 // What the whole command reports with the results so far; for Ctrl-C.

@@ -14,8 +14,6 @@
 namespace
 {
 
-// As in show: reading the version in an image takes a few seconds.
-
 constexpr styled_literal NOT_IN_STEP{"not in step", text_meaning::wrong};
 
 struct subject {
@@ -30,45 +28,27 @@ sync_role role_of(unsigned module, unsigned serving_slot)
     return slot_is_standby(module) ? sync_role::standby : sync_role::other;
 }
 
-// What a standby supervisor gets depends on the active one's image: that one is asked, too.
-std::vector<unsigned> modules_to_ask(const subject &of)
-{
-    std::vector<unsigned> modules = of.modules;
-    const bool standby = std::any_of(modules.begin(), modules.end(), slot_is_standby);
-    if (standby && std::find(modules.begin(), modules.end(), of.serving_slot) == modules.end())
-        modules.push_back(of.serving_slot);
-    return modules;
-}
-
 std::string interrupted_text(const std::string &what, bool json)
 {
     return failure_text(failure(EXIT_INTERRUPTED, what, "look at the cards with: biosctl show"), json);
-}
-
-bool is_named(const subject &of, unsigned module)
-{
-    return std::find(of.modules.begin(), of.modules.end(), module) != of.modules.end();
 }
 
 //   error_out  0, or why the serving daemon could not be asked at all; then nothing is seen
 sync_view look(const subject &of, const sync_options &options, int &error_out)
 {
     const chassis_report versions =
-        collect_versions(of.serving_slot, modules_to_ask(of), options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
+        collect_versions(of.serving_slot, of.modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
     error_out = versions.serving_error;
     if (error_out != 0)
         return {};
     std::vector<sync_card> cards;
     cards.reserve(versions.cards.size());
     for (const card_report &card : versions.cards)
-        cards.push_back({card, role_of(card.module, of.serving_slot), card_id_of(card.module)});
+        cards.push_back({card, role_of(card.module, of.serving_slot)});
     sync_rules rules{.allow_older = options.allow_older};
     if (slot_programs_one_module_only(of.serving_slot))
         rules.only_module = TARVIK_A_MODULE_NUM;
-    sync_view view{.plan = plan_sync(std::move(cards), rules), .cards = versions.cards};
-    std::erase_if(view.plan, [&](const sync_step &step) { return !is_named(of, step.module); });
-    std::erase_if(view.cards, [&](const card_report &card) { return !is_named(of, card.module); });
-    return view;
+    return {.plan = plan_sync(std::move(cards), rules), .cards = versions.cards};
 }
 
 std::size_t count_of(const std::vector<sync_step> &plan, sync_action action)
@@ -140,14 +120,11 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
     }
     if (!json)
         print_report(plan_text(plan));
-    const auto results = run_series(steps,
-                                    {.serving_slot = of.serving_slot,
-                                     .keep_going = options.keep_going,
-                                     .json = json,
-                                     .version_timeout_s = options.timeout_s.value_or(VERSIONS_TIMEOUT_S)},
-                                    [&](const std::vector<programming_result> &so_far) {
-                                        return report_sync(of.serving_slot, plan, so_far, {});
-                                    });
+    const auto results =
+        run_series(steps, {.serving_slot = of.serving_slot, .keep_going = options.keep_going, .json = json},
+                   [&](const std::vector<programming_result> &so_far) {
+                       return report_sync(of.serving_slot, plan, so_far, {});
+                   });
     if (series_exit(results) == EXIT_INTERRUPTED)
         return report_sync(of.serving_slot, plan, results, {});
     const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,

@@ -19,9 +19,11 @@ constexpr action_row ROWS[] = {
     {sync_action::program_newer, "program: update", text_meaning::to_do},
     {sync_action::program_older, "program: older", text_meaning::to_do},
     {sync_action::program_no_version, "program: flash has no version", text_meaning::to_do},
+    {sync_action::program_again, "program: not verified", text_meaning::wrong},
     {sync_action::left_newer, "left: newer than shipped", text_meaning::to_do},
     {sync_action::left_no_way, "left: no way to bring an image", text_meaning::wrong},
     {sync_action::left_unknown, "left: unknown", text_meaning::wrong},
+    {sync_action::left_unconfirmed, "left: unconfirmed", text_meaning::wrong},
     {sync_action::left_unreachable, "left: unreachable", text_meaning::wrong},
     {sync_action::left_busy, "left: being programmed", text_meaning::to_do},
 };
@@ -40,9 +42,13 @@ sync_action judge_flash(const flash_report &flash, const sync_rules &rules)
         return sync_action::left_busy;
     if (!facts.reachable)
         return sync_action::left_unreachable;
+    if (!facts.confirmed)
+        return sync_action::left_unconfirmed;
     const auto shipped = parse_version(facts.source);
     if (!is_told(flash) || !shipped)
         return sync_action::left_unknown;
+    if (facts.not_verified)
+        return sync_action::program_again;
     const auto held = parse_version(facts.flash);
     if (!held)
         return sync_action::program_no_version;
@@ -54,7 +60,7 @@ sync_action judge_flash(const flash_report &flash, const sync_rules &rules)
 }
 
 // Why the active supervisor cannot bring the image to a card; empty when it can.
-std::string obstacle(const sync_card &card, const sync_step &step, const sync_card *active, const sync_rules &rules)
+std::string obstacle(const sync_card &card, const sync_rules &rules)
 {
     if (rules.only_module && card.versions.module != *rules.only_module)
         return "the active supervisor programs module " + std::to_string(*rules.only_module) +
@@ -62,18 +68,10 @@ std::string obstacle(const sync_card &card, const sync_step &step, const sync_ca
     if (card.role == sync_role::other)
         return "the active supervisor hands an image to the standby supervisor only; this card programs the one "
                "that it finds as /bootflash/.tmpbios.bin";
-    if (card.role == sync_role::active || active == nullptr || active->card_id != card.card_id)
-        return {};
-    // A card of the same kind gets the image of the active supervisor's own tree.
-    const auto brought = parse_version(active->versions.flashes.front().facts.source);
-    const auto shipped = parse_version(step.shipped);
-    if (brought && shipped && brought->number != shipped->number)
-        return "the active supervisor would bring " + active->versions.flashes.front().facts.source +
-               " of its image tree, and not " + step.shipped;
     return {};
 }
 
-sync_step plan_card(const sync_card &card, const sync_card *active, const sync_rules &rules)
+sync_step plan_card(const sync_card &card, const sync_rules &rules)
 {
     sync_step step{.module = card.versions.module, .action = sync_action::in_step};
     for (const flash_report &flash : card.versions.flashes) {
@@ -85,7 +83,7 @@ sync_step plan_card(const sync_card &card, const sync_card *active, const sync_r
         step.shipped = flash.facts.source;
     }
     if (has_to_be_programmed(step.action)) {
-        if (const std::string why = obstacle(card, step, active, rules); !why.empty()) {
+        if (const std::string why = obstacle(card, rules); !why.empty()) {
             step.action = sync_action::left_no_way;
             step.reasons.push_back(why);
         }
@@ -100,7 +98,7 @@ sync_step plan_card(const sync_card &card, const sync_card *active, const sync_r
 bool has_to_be_programmed(sync_action action)
 {
     return action == sync_action::program_newer || action == sync_action::program_older ||
-           action == sync_action::program_no_version;
+           action == sync_action::program_no_version || action == sync_action::program_again;
 }
 
 bool is_in_step(sync_action action)
@@ -112,12 +110,10 @@ std::vector<sync_step> plan_sync(std::vector<sync_card> cards, const sync_rules 
 {
     std::stable_sort(cards.begin(), cards.end(),
                      [](const sync_card &a, const sync_card &b) { return a.role < b.role; });
-    const auto active = std::find_if(cards.begin(), cards.end(),
-                                     [](const sync_card &card) { return card.role == sync_role::active; });
     std::vector<sync_step> plan;
     plan.reserve(cards.size());
     for (const sync_card &card : cards)
-        plan.push_back(plan_card(card, active != cards.end() ? &*active : nullptr, rules));
+        plan.push_back(plan_card(card, rules));
     return plan;
 }
 

@@ -16,10 +16,12 @@ enum class sync_action {
     reboot_pending,     // the flash is in step, another version runs
     program_newer,      // the image is newer than the flash
     program_older,      // the image is older, and that is wanted
-    program_no_version, // the flash holds no version: half programmed or erased
+    program_no_version, // the flash holds no version
+    program_again,      // the flash may be half written
     left_newer,         // the image is older, and that is not wanted
     left_no_way,        // out of step, but the active supervisor cannot bring the image there
     left_unknown,
+    left_unconfirmed, // its agent does not answer
     left_unreachable,
     left_busy, // is being programmed
 };
@@ -33,7 +35,6 @@ enum class sync_role { standby, other, active };
 struct sync_card {
     card_report versions = {};
     sync_role role = sync_role::other;
-    unsigned card_id = 0;
 };
 
 struct sync_rules {

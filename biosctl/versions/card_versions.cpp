@@ -2,103 +2,108 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <optional>
+#include <utility>
 
+#include "agent_result_text.h"
+#include "agents.h"
 #include "bios_results.h"
 #include "client.h"
 #include "inventory.h"
 #include "lock_holders.h"
 #include "query_process.h"
 #include "result_text.h"
+#include "version_records.h"
 
 namespace
 {
 
+constexpr unsigned ALTERNATE = 1; // instance
+
 // What has been learnt about one card so far.
 struct card {
     unsigned module = 0;
+    std::optional<told_versions> told = {}; // by its agent
+    std::vector<flash_versions> said = {};  // by its daemon, when its agent has said nothing
     bool reachable = true;
-    std::vector<flash_versions> flashes = {};
-    std::vector<source_version> sources = {};
+    std::string source = {};
     std::vector<std::string> reasons = {};
 
     std::uint32_t node() const { return node_of_module(module); }
 };
 
-class flash_collection
+// An image that is asked for: the node of the agent that has it, and the id of the card that it is for.
+using image_place_and_card = std::pair<std::uint32_t, std::uint32_t>;
+
+image_place_and_card image_for(unsigned module, unsigned serving_slot)
+{
+    return {node_of_module(slot_that_unpacks_for(module, serving_slot).value_or(module)), card_id_of(module)};
+}
+
+// Asks the serving daemon for the cards whose agents say nothing, one after the other: it waits for each.
+class daemon_collection
 {
 public:
-    flash_collection(unsigned serving_slot, unsigned timeout_s) : slot_(serving_slot), timeout_s_(timeout_s) {}
-
-    void collect(std::vector<card> &cards);
-    int total_failure() const { return answered_ || stuck_ ? 0 : error_; }
-    bool stuck() const { return stuck_; } // it still waits for a module that does not answer
+    daemon_collection(unsigned serving_slot, unsigned timeout_s, int error)
+        : slot_(serving_slot),
+          timeout_s_(timeout_s),
+          error_(error)
+    {
+    }
+    void ask(card &asked);
 
 private:
-    void ask(card &asked);
     void take(card &asked, const request_answer &answer);
     request_answer request(unsigned module)
     {
         return endpoint_.request(node_of_module(slot_), encode_module_version_request(module), timeout_s_);
     }
+    bool may_ask(card &asked);
 
     client_endpoint endpoint_;
     unsigned slot_;
     unsigned timeout_s_;
-    bool answered_ = false;
+    int error_;             // not 0: it does not answer
     bool doubtful_ = false; // the last request timed out
-    bool stuck_ = false;
-    int error_ = 0;
+    bool stuck_ = false;    // it still waits for a module that does not answer
 };
 
-// The serving card first: its daemon answers for it without asking anybody, and may come to wait for others.
-void flash_collection::collect(std::vector<card> &cards)
-{
-    if (!endpoint_.bound()) {
-        error_ = errno;
-        return;
-    }
-    for (const bool serving : {true, false}) {
-        for (card &asked : cards) {
-            if ((asked.module == slot_) == serving)
-                ask(asked);
-        }
-    }
-}
-
 // After a time-out the serving daemon may still wait for that module; its own versions tell whether it does.
-void flash_collection::ask(card &asked)
+bool daemon_collection::may_ask(card &asked)
 {
     if (doubtful_ && error_ == 0) {
         const request_answer probe = request(slot_);
         doubtful_ = false;
-        answered_ = answered_ || probe.answered;
         stuck_ = !probe.answered;
         error_ = probe.answered ? 0 : probe.error;
     }
-    if (error_ != 0) {
-        asked.reasons.push_back(
-            "not asked: " + slot_text(slot_) +
-            (stuck_ ? " still waits for a module that does not answer" : ": " + no_answer_text(error_)));
-        return;
-    }
-    const request_answer answer = request(asked.module);
-    if (answer.answered) {
-        answered_ = true;
-        take(asked, answer);
-        return;
-    }
-    if (answer.error != MTS_ERRNO_TIMED_OUT) {
-        error_ = answer.error;
-        asked.reasons.push_back("not asked: " + slot_text(slot_) + ": " + no_answer_text(error_));
-        return;
-    }
-    doubtful_ = true;
+    if (error_ == 0)
+        return true;
     asked.reachable = false;
-    asked.reasons.push_back("no answer in time through " + slot_text(slot_));
+    asked.reasons.push_back(
+        "not asked: " + slot_text(slot_) +
+        (stuck_ ? " still waits for a module that does not answer" : ": " + no_answer_text(error_)));
+    return false;
 }
 
-void flash_collection::take(card &asked, const request_answer &answer)
+void daemon_collection::ask(card &asked)
+{
+    asked.reasons.emplace_back("its agent does not answer");
+    if (!may_ask(asked))
+        return;
+    const request_answer answer = request(asked.module);
+    if (answer.answered)
+        return take(asked, answer);
+    asked.reachable = false;
+    doubtful_ = answer.error == MTS_ERRNO_TIMED_OUT;
+    if (!doubtful_)
+        error_ = answer.error;
+    asked.reasons.push_back(doubtful_ ? "no answer in time through " + slot_text(slot_)
+                                      : slot_text(slot_) + ": " + no_answer_text(error_));
+}
+
+void daemon_collection::take(card &asked, const request_answer &answer)
 {
     if (answer.status != BIOS_OK) {
         asked.reasons.push_back(slot_text(slot_) + " answered with " + code_text(answer.status));
@@ -120,103 +125,106 @@ void flash_collection::take(card &asked, const request_answer &answer)
     case module_answer_kind::versions:
         break;
     }
-    asked.flashes = std::move(versions.entries);
-    if (asked.flashes.empty())
-        asked.reasons.push_back("it tells of no flash");
+    asked.said = std::move(versions.entries);
+    if (asked.said.empty())
+        asked.reasons.emplace_back("it tells of no flash");
     if (versions.empty_entries > 0)
         asked.reasons.push_back("empty entries in its answer: " + std::to_string(versions.empty_entries));
 }
 
-void take_sources(card &asked, const request_answer &answer)
+void take_image(card &known, const image_reply &reply, unsigned asked_slot)
 {
-    const auto complain = [&](const std::string &why) { asked.reasons.push_back("no image version: " + why); };
-    if (!answer.answered)
-        return complain(no_answer_text(answer.error));
-    if (answer.status != BIOS_OK)
-        return complain("its daemon answered with " + code_text(answer.status));
-    auto sources = decode_source_versions(answer.payload);
-    if (!sources)
-        return complain("its daemon's answer is not understood");
-    if (sources->status != BIOS_OK)
-        complain("its daemon reports " + code_text(sources->status));
-    else if (sources->entries.empty())
-        complain("its image tree holds no BIOS for it");
-    asked.sources = std::move(sources->entries);
+    const std::string of = asked_slot != known.module ? " of " + slot_text(asked_slot) : "";
+    if (reply.image)
+        known.source = reply.image->version;
+    if (!known.source.empty())
+        return;
+    std::string why = "the image holds no version";
+    if (!reply.image)
+        why = reply.status != 0 ? agent_status_text(reply.status) : "the agent does not answer";
+    known.reasons.push_back("no image version" + of + ": " + why);
 }
 
-void ask_for_sources(const std::vector<card *> &cards, unsigned timeout_s)
+// What the agents say, all at the same time, and whether the serving daemon answers: 0, or why not.
+int ask_agents(std::vector<card> &cards, unsigned serving_slot, unsigned timeout_s)
 {
-    std::vector<daemon_query> queries;
-    queries.reserve(cards.size());
-    for (const card *asked : cards)
-        queries.push_back({asked->node(), encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES),
-                           timeout_s, SOURCE_ANSWER_BYTES_MAX});
-    const std::vector<request_answer> answers = ask_all(queries);
-    for (std::size_t k = 0; k < cards.size(); ++k)
-        take_sources(*cards[k], answers[k]);
-}
-
-void collect_sources(std::vector<card> &cards, const flash_collection &flashes, unsigned serving_slot,
-                     unsigned timeout_s)
-{
-    std::vector<card *> together;
-    std::vector<card *> alone;
-    for (card &asked : cards) {
-        if (!asked.reachable)
+    std::map<image_place_and_card, std::size_t> images;
+    std::vector<card_query> queries;
+    for (const card &asked : cards)
+        queries.emplace_back([node = asked.node()] { return ask_for_versions(node); });
+    queries.push_back(
+        daemon_query(node_of_module(serving_slot), encode_module_version_request(serving_slot), timeout_s));
+    for (const card &asked : cards) {
+        const auto image = image_for(asked.module, serving_slot);
+        if (!images.try_emplace(image, queries.size()).second)
             continue;
-        if (asked.module == serving_slot && flashes.stuck())
-            asked.reasons.push_back("no image version: it still waits for a module that does not answer");
-        else
-            (slot_is_standby(asked.module) ? alone : together).push_back(&asked);
+        queries.emplace_back(
+            [image] { return request_image(image.first, {.card_id = image.second, .place = image_place::tree}); });
     }
-    ask_for_sources(together, timeout_s);
-    for (card *asked : alone)
-        ask_for_sources({asked}, timeout_s);
+    const std::vector<request_answer> answers = ask_all(queries);
+    for (std::size_t k = 0; k < cards.size(); ++k) {
+        card &known = cards[k];
+        if (answers[k].answered && answers[k].status == 0)
+            known.told = decode_versions(answers[k].payload);
+        if (known.told)
+            take_image(known, image_reply_of(answers[images.at(image_for(known.module, serving_slot))]),
+                       slot_that_unpacks_for(known.module, serving_slot).value_or(known.module));
+    }
+    const request_answer &serving = answers[cards.size()];
+    return serving.answered ? 0 : serving.error;
 }
 
-void refuse_sources(std::vector<card> &cards, const programming_locks &locks)
+void report_flashes(card_report &report, const told_versions &told, version_facts facts)
 {
-    for (card &refused : cards) {
-        if (refused.reachable && !locks.has(refused.node()))
-            refused.reasons.push_back(locks.readable ? "no image version: not read while a programming runs"
-                                                     : "no image version: the module locks cannot be read");
+    for (const told_flash_version &flash : told.flashes) {
+        facts.being_programmed = facts.being_programmed || flash.has_writer;
+        facts.not_verified = facts.not_verified || flash.marked;
+        if (flash.instance == ALTERNATE && flash.marked)
+            report.reasons.emplace_back("its alternate flash is not verified");
     }
+    const bool has_primary = !told.flashes.empty() && told.flashes.front().instance != ALTERNATE;
+    if (!has_primary)
+        report.reasons.emplace_back("it has no flash");
+    else if (const told_flash_version &primary = told.flashes.front(); !facts.being_programmed) {
+        facts.flash = primary.version;
+        if (primary.version.empty() && !primary.marked)
+            report.reasons.emplace_back("its flash holds no version");
+    }
+    facts.running = told.running;
+    if (told.running.empty())
+        report.reasons.emplace_back("which version it was started from is not known");
+    if (told.started_from == ALTERNATE)
+        report.reasons.emplace_back("it was started from its alternate flash");
+    if (!told.serves)
+        report.reasons.emplace_back("its daemon does not serve");
+    report.flashes.push_back({.label = has_primary ? "primary" : "", .facts = std::move(facts)});
 }
 
 card_report report_on(const card &known, bool being_programmed)
 {
     card_report report{.module = known.module, .reasons = known.reasons};
-    // A card that told of no flash is told about all the same.
-    const std::size_t count = std::max<std::size_t>(known.flashes.size(), 1);
-    for (std::size_t k = 0; k < count; ++k) {
-        flash_report flash{.facts = {.being_programmed = being_programmed, .reachable = known.reachable}};
-        if (k < known.flashes.size()) {
-            flash.label = known.flashes[k].label;
-            flash.facts.flash = known.flashes[k].flash;
-            flash.facts.running = known.flashes[k].running;
-            flash.facts.source = source_for(known.flashes, k, known.sources);
-        } else if (known.sources.size() == 1) {
-            flash.facts.source = known.sources.front().version;
+    version_facts facts{.being_programmed = being_programmed, .reachable = known.reachable, .source = known.source};
+    if (known.told) {
+        report_flashes(report, *known.told, std::move(facts));
+    } else {
+        facts.confirmed = false;
+        const std::size_t count = std::max<std::size_t>(known.said.size(), 1);
+        for (std::size_t k = 0; k < count; ++k) {
+            flash_report flash{.facts = facts};
+            if (k < known.said.size()) {
+                flash.label = known.said[k].label;
+                flash.facts.flash = being_programmed ? "" : known.said[k].flash;
+                flash.facts.running = known.said[k].running;
+            }
+            report.flashes.push_back(std::move(flash));
         }
-        flash.kind = judge(flash.facts);
-        report.flashes.push_back(std::move(flash));
     }
+    for (flash_report &flash : report.flashes)
+        flash.kind = judge(flash.facts);
     return report;
 }
 
 } // namespace
-
-std::string source_for(const std::vector<flash_versions> &flashes, std::size_t k,
-                       const std::vector<source_version> &sources)
-{
-    const std::string &label = flashes[k].label;
-    if (flashes.size() == sources.size())
-        return sources[k].label == label ? sources[k].version : "";
-    if (std::ranges::count(flashes, label, &flash_versions::label) != 1 ||
-        std::ranges::count(sources, label, &source_version::label) != 1)
-        return "";
-    return std::ranges::find(sources, label, &source_version::label)->version;
-}
 
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s)
 {
@@ -226,18 +234,14 @@ chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigne
         cards.push_back({.module = module});
 
     const programming_locks before = find_programming();
-    flash_collection flashes(serving_slot, timeout_s);
-    flashes.collect(cards);
-    chassis_report report{.serving_slot = serving_slot, .serving_error = flashes.total_failure()};
-    if (report.serving_error != 0)
-        return report;
-
-    // A programming that ended in between had its flash told as the running version.
+    chassis_report report{.serving_slot = serving_slot};
+    report.serving_error = ask_agents(cards, serving_slot, timeout_s);
+    daemon_collection by_daemon(serving_slot, timeout_s, report.serving_error);
+    for (card &known : cards) {
+        if (!known.told)
+            by_daemon.ask(known);
+    }
     const programming_locks locks = find_programming();
-    if (locks.readable && !locks.any)
-        collect_sources(cards, flashes, serving_slot, timeout_s);
-    else
-        refuse_sources(cards, locks);
     for (const card &known : cards)
         report.cards.push_back(report_on(known, before.has(known.node()) || locks.has(known.node())));
     return report;

@@ -1,16 +1,16 @@
-// The versions of the chassis' cards: in the flash and running, as the serving supervisor's daemon tells them, and
-// in the image, as each card's own daemon reads it from its image tree.
+// The versions of the chassis' cards, as their agents read them: in the flash just now, running since the card was
+// started, and in the image that ships for the card. The image of a supervisor is the one that the serving
+// supervisor would bring; that of another card is the one of its own image tree. Agents unpack an image in a place
+// of their own, so that nothing of this is in anybody's way.
 //
-// A daemon that reads image versions serves nothing else meanwhile, and unpacks into the file that a programming
-// unpacks into; through the files that daemons hand to the standby supervisor this holds for that card too. So the
-// images are read last, the standby's alone, and none while a programming runs.
+// A card whose agent does not answer is asked through the serving supervisor's daemon. What that says is shown, and
+// is not confirmed: a daemon tells the running version for that in the flash while it programs.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "verdict.h"
-#include "version_records.h"
 
 struct flash_report {
     std::string label = {};
@@ -20,14 +20,14 @@ struct flash_report {
 
 struct card_report {
     unsigned module = 0;
-    std::vector<flash_report> flashes = {}; // at least one; without texts when the card told none
+    std::vector<flash_report> flashes = {}; // at least one; without texts when nothing is known
     std::vector<std::string> reasons = {};  // why something is not known, or is not what it seems
 };
 
 struct chassis_report {
     unsigned serving_slot = 0;
     std::vector<card_report> cards = {}; // as the modules were named
-    int serving_error = 0; // not 0: the serving daemon could not be asked at all, as in request_answer; no cards
+    int serving_error = 0; // not 0: the serving daemon does not answer, as in request_answer
 };
 
 // The longest wait for one answer, when the operator names none.
@@ -36,8 +36,3 @@ constexpr unsigned VERSIONS_TIMEOUT_S = 30;
 // Asks for the modules' versions.
 //   timeout_s  the longest wait for one answer
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s);
-
-// The version in the image for a card's k-th flash; empty when it cannot be told which one it is. Answers of the
-// same length go together entry by entry, others by labels that occur once.
-std::string source_for(const std::vector<flash_versions> &flashes, std::size_t k,
-                       const std::vector<source_version> &sources);

@@ -1,8 +1,8 @@
-// The version in a module's flash, as a supervisor's daemon tells it.
+// The version in a module's flash, as the agent of its card reads it.
 #pragma once
 
 #include <string>
 
-// Asks the daemon of serving_slot for one module. The version of the module's first flash; empty when no answer
-// came in time or it tells none.
-std::string read_flash_version(unsigned serving_slot, unsigned module, unsigned timeout_s);
+// Of the module's first flash; empty when the agent does not answer, when the flash has no version, and when it is
+// being changed or not verified.
+std::string read_flash_version(unsigned module);

@@ -7,13 +7,6 @@
 #include "inventory.h"
 #include "serving_slot.h"
 
-namespace
-{
-
-// Reading the version in an image takes a few seconds; a daemon may be busy with something else first.
-
-} // namespace
-
 outcome run_show(const show_options &options, bool json)
 {
     const std::vector<unsigned> modules = modules_named(options.modules);
@@ -30,7 +23,5 @@ outcome run_show(const show_options &options, bool json)
         json ? STDOUT_FILENO : STDERR_FILENO,
         failure_text(failure(EXIT_INTERRUPTED, "interrupted before the versions were known", "ask again"), json));
     const chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
-    if (versions.serving_error != 0)
-        return no_answer_failure(slot, versions.serving_error);
-    return report_versions(versions, options.kind, slot_programs_one_module_only(slot));
+    return report_versions(versions, options.kind);
 }

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "card_groups.h"
 #include "inventory.h"
 #include "result_text.h"
+#include "serving_slot.h"
 
 namespace
 {
@@ -47,10 +47,10 @@ void add_reasons(text_report &report, const std::vector<card_report> &cards)
     }
 }
 
-std::string one_module_note(unsigned serving_slot)
+// A daemon's word is no reading of the flash.
+std::string version_cell(const std::string &version, const version_facts &facts)
 {
-    return slot_text(serving_slot) + " tells of module " + std::to_string(TARVIK_A_MODULE_NUM) +
-           " whatever module it is asked for";
+    return version.empty() || facts.confirmed ? version : version + "?";
 }
 
 nlohmann::ordered_json json_of_card(const card_report &card)
@@ -61,6 +61,7 @@ nlohmann::ordered_json json_of_card(const card_report &card)
                            {"source", text_or_null(flash.facts.source)},
                            {"flash", text_or_null(flash.facts.flash)},
                            {"running", text_or_null(flash.facts.running)},
+                           {"confirmed", flash.facts.confirmed},
                            {"verdict", verdict_name(flash.kind)}});
     return {{"module", card.module}, {"flashes", flashes}, {"reasons", card.reasons}};
 }
@@ -79,8 +80,8 @@ table version_table(const std::vector<card_report> &cards)
             const verdict_row &judged = row_of(flash.kind);
             versions.add({std::to_string(card.module),
                           flash.facts.source,
-                          flash.facts.flash,
-                          flash.facts.running,
+                          version_cell(flash.facts.flash, flash.facts),
+                          version_cell(flash.facts.running, flash.facts),
                           {judged.name, judged.meaning}});
         }
     }
@@ -95,7 +96,7 @@ nlohmann::ordered_json json_of_cards(const std::vector<card_report> &cards)
     return array;
 }
 
-outcome report_versions(const chassis_report &versions, show_kind kind, bool serving_tells_one_module)
+outcome report_versions(const chassis_report &versions, show_kind kind)
 {
     std::size_t flashes = 0;
     for (const card_report &card : versions.cards)
@@ -106,21 +107,21 @@ outcome report_versions(const chassis_report &versions, show_kind kind, bool ser
     told.report = {version_table(versions.cards)};
     add_meanings(told.report, versions.cards);
     add_reasons(told.report, versions.cards);
-    nlohmann::ordered_json notes = nlohmann::ordered_json::array();
-    if (serving_tells_one_module) {
-        notes.push_back(one_module_note(versions.serving_slot));
-        told.report.push_back(text_line{"note: " + one_module_note(versions.serving_slot)});
-    }
     told.json = {{"command", kind == show_kind::audit ? "audit" : "show"},
                  {"serving_slot", versions.serving_slot},
                  {"all_in_step", in_step == flashes},
-                 {"cards", json_of_cards(versions.cards)},
-                 {"notes", notes}};
+                 {"cards", json_of_cards(versions.cards)}};
     if (kind == show_kind::audit) {
         told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
         told.headline = told.exit == EXIT_DONE ? "all " + styled_text("in step", text_meaning::well)
                                                : styled_text("not in step", text_meaning::wrong) + " (" +
                                                      summary_text(versions.cards) + ")";
+    }
+    if (versions.serving_error != 0) {
+        const outcome problem = no_answer_failure(versions.serving_slot, versions.serving_error);
+        told.exit = problem.exit;
+        told.headline = problem.headline;
+        told.hints = problem.hints;
     }
     if (told.exit != EXIT_DONE)
         told.json["error"] = told.headline.plain();

@@ -5,7 +5,7 @@
 #include "outcome.h"
 
 enum class show_kind {
-    show,  // succeeds whatever the versions are
+    show,  // succeeds whatever the versions are, when the serving daemon answers
     audit, // fails when any flash is not in step
 };
 
@@ -15,5 +15,4 @@ table version_table(const std::vector<card_report> &cards);
 // An element for each card: module, flashes with their versions and verdicts, reasons.
 nlohmann::ordered_json json_of_cards(const std::vector<card_report> &cards);
 
-// serving_tells_one_module: of a kind whose daemon tells of one module only, whatever module it is asked for
-outcome report_versions(const chassis_report &versions, show_kind kind, bool serving_tells_one_module);
+outcome report_versions(const chassis_report &versions, show_kind kind);

@@ -47,10 +47,8 @@ void take_notices(client_endpoint &endpoint, std::uint32_t node, progress_state 
 request_answer ask_with_progress(client_endpoint &endpoint, const source_options &options, unsigned slot)
 {
     const std::uint32_t node = node_of_module(slot);
-    query_process query({.node = node,
-                         .request = encode_source_version_request(options.image_path, endpoint.address()),
-                         .wait_limit_s = options.timeout_s.value_or(UNPACKING_TIMEOUT_S),
-                         .answer_bytes_max = SOURCE_ANSWER_BYTES_MAX});
+    query_process query(daemon_query(node, encode_source_version_request(options.image_path, endpoint.address()),
+                                     options.timeout_s.value_or(UNPACKING_TIMEOUT_S)));
     const steady::time_point start = steady::now();
     progress_view view(STDERR_FILENO, slot_text(slot) + ": " + image_text(options));
     progress_state state{.seen = true}; // a card with one flash tells of no progress at all

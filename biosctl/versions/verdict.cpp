@@ -13,7 +13,15 @@ constexpr verdict_row ROWS[] = {
      "being programmed",
      text_meaning::to_do,
      {"do not reboot the card", text_meaning::wrong}},
+    {verdict::not_verified,
+     "not verified: do not reboot",
+     text_meaning::wrong,
+     {"program it again: biosctl program SLOT"}},
     {verdict::unreachable, "unreachable", text_meaning::wrong, {"look at the card: "}, look_at::log_and_states},
+    {verdict::unconfirmed,
+     "unconfirmed",
+     text_meaning::wrong,
+     {"its agent does not answer; what its daemon says may not be so"}},
     {verdict::reboot_pending, "reboot pending", text_meaning::to_do, {"the flash's version runs after a reboot"}},
     {verdict::update_available, "update available", text_meaning::to_do, {"next: biosctl program SLOT"}},
     {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, {"the image is older than the flash"}},
@@ -60,8 +68,12 @@ verdict judge(const version_facts &facts)
 {
     if (facts.being_programmed)
         return verdict::being_programmed;
+    if (facts.not_verified)
+        return verdict::not_verified;
     if (!facts.reachable)
         return verdict::unreachable;
+    if (!facts.confirmed)
+        return verdict::unconfirmed;
     const auto flash = parse_version(facts.flash);
     const auto running = parse_version(facts.running);
     if (!flash || !running)

@@ -23,7 +23,9 @@ std::optional<bios_version> parse_version(const std::string &text);
 
 enum class verdict {
     being_programmed,
+    not_verified,
     unreachable,
+    unconfirmed,
     reboot_pending,
     update_available,
     newer_than_shipped,
@@ -34,7 +36,9 @@ enum class verdict {
 // What is known about one flash. Texts as they came; empty, or not understood, when a version could not be read.
 struct version_facts {
     bool being_programmed = false;
+    bool not_verified = false; // begun to be programmed, and not found equal to the image since
     bool reachable = true;
+    bool confirmed = true; // read by the card's agent; false: as its daemon says, which may not have looked
     std::string flash = {};   // in the flash
     std::string running = {}; // that runs
     std::string source = {};  // in the image that ships for the card
@@ -42,7 +46,9 @@ struct version_facts {
 
 // The first that holds, in this order:
 //   being programmed    the flash must not be judged, whatever was read from it
+//   not verified        the flash may be half written
 //   unreachable         the card could not be asked
+//   unconfirmed         its agent does not answer, and its daemon may take what runs for what the flash holds
 //   unknown             the flash's or the running version could not be read
 //   reboot pending      they differ, numbers or date; also when the image is newer still
 //   unknown             the image's version could not be read

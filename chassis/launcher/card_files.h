@@ -10,6 +10,7 @@
 //   slots/SLOT/state            starting, "serving PID", restarting, failed or down
 //   slots/SLOT/pid              of the daemon, as seen from outside of the card; absent when there is none
 //   slots/SLOT/starts           how often the daemon was started since "up"
+//   slots/SLOT/booted           when the card has booted
 //   slots/SLOT/software_restart 1: the daemon was started again without a boot of the card
 //   slots/SLOT/log              what the daemon and the card's process print
 //

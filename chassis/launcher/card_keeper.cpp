@@ -31,6 +31,7 @@
 #include "keeper_lock.h"
 #include "launcher_error.h"
 #include "process_descriptor.h"
+#include "utc_time.h"
 
 namespace
 {
@@ -174,6 +175,7 @@ void card_keeper::boot()
 {
     root_.empty_tmp();
     (void)::unlinkat(chassis_dir_fd(), slot_file("locks/granted").c_str(), 0); // a card that boots has granted nothing
+    write_line(slot_file(CHASSIS_BOOTED), utc_now_microseconds());
     boots_ = true;
     start();
 }

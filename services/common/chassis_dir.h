@@ -23,6 +23,9 @@ constexpr const char *CHASSIS_ENV_SLOT = "CHASSIS_SLOT";     // own slot, decima
 // File of a slot: not 0 when its daemon was started again and the card has not booted since; absent: it has.
 constexpr const char *CHASSIS_SOFTWARE_RESTART = "software_restart";
 
+// File of a slot: when the card has booted, as utc_now_microseconds. What boots the card writes it.
+constexpr const char *CHASSIS_BOOTED = "booted";
+
 // Descriptor of the chassis directory (close-on-exec), opened at the first call from the environment.
 // -1 with errno when the environment names none or it cannot be opened.
 int chassis_dir_fd();

@@ -1,4 +1,6 @@
 // Card control registers: one file per register, slots/SLOT/registers/NUMBER, that holds the last value written.
+#include "control_register.h"
+
 #include "cctrl.h"
 
 #include <cerrno>
@@ -17,10 +19,18 @@ namespace
 // While this file is in the folder every write fails, as on a card whose control block does not answer.
 constexpr const char *FAULT_FILE = "/fault";
 
+constexpr uint32_t FLASH_SELECTION = 186;
+constexpr uint32_t ALTERNATE_SELECTED = 0xC00;
+
 int32_t failure(int error)
 {
     errno = error;
     return -1;
+}
+
+std::string register_path(unsigned slot, uint32_t reg)
+{
+    return chassis_slot_path(slot, "registers") + "/" + std::to_string(reg);
 }
 
 } // namespace
@@ -37,7 +47,12 @@ try {
         return failure(EIO);
     char text[16];
     (void)std::snprintf(text, sizeof text, "0x%x\n", value);
-    return chassis_write_file(folder + "/" + std::to_string(reg), text) ? 0 : -1;
+    return chassis_write_file(register_path(slot, reg), text) ? 0 : -1;
 } catch (const std::exception &) {
     return failure(ENOMEM);
+}
+
+unsigned selected_flash()
+{
+    return chassis_read_value(register_path(chassis_own_slot(), FLASH_SELECTION), 0) == ALTERNATE_SELECTED ? 1 : 0;
 }

@@ -46,6 +46,17 @@ void expect_sound(const card_facts_told &card)
     }
 }
 
+void expect_sound(const told_versions &versions)
+{
+    require(versions.flashes.size() <= FLASH_INSTANCE_COUNT, "no more flashes than a card has");
+    require(versions.started_from.value_or(0) < FLASH_INSTANCE_COUNT, "a card is started from a flash that it has");
+    expect_printable(versions.running);
+    for (const told_flash_version &flash : versions.flashes) {
+        expect_printable(flash.version);
+        require(flash.version.empty() || (!flash.marked && !flash.has_writer), "a flash that changes has no version");
+    }
+}
+
 void expect_sound(const std::vector<chassis_module_lock_holder> &locks)
 {
     for (const chassis_module_lock_holder &lock : locks)
@@ -82,7 +93,7 @@ void expect_sound(const std::optional<Decoded> &decoded)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz_input input(data, size);
-    const unsigned kind = input.byte() % 8;
+    const unsigned kind = input.byte() % 9;
     const auto rest = input.rest();
     const answer_payload payload(rest.data(), rest.size());
     switch (kind) {
@@ -108,6 +119,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case 7:
         require(decode_digest(payload).has_value() == (payload.size() == sizeof(agent_digest_t)),
                 "a digest is its record");
+        break;
+    case 8:
+        expect_sound(decode_versions(payload));
         break;
     default:
         for (const flash_event &event :

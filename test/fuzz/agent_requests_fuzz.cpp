@@ -86,7 +86,7 @@ public:
     void take_request(fuzz_input &input)
     {
         const mts_address_t from = sender_of(input.byte());
-        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 42U; // up to 4850
+        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 60U; // up to 4868
         const auto body = input.bytes(input.word());
         const auto given = is_about_files(opcode)
                                ? std::optional(answer_about_files(*transfers_, from, opcode, body))

@@ -61,6 +61,42 @@ TEST(AgentAnswers, CardThatIsNotWholeIsNone)
     EXPECT_FALSE(decode_card(third));
 }
 
+namespace
+{
+
+const bytes VERSIONS = words({5, 1, 1, 2}) + text_field("v3.1.0(02/11/11)", 128) + words({0, 4}) +
+                       text_field("v3.5.0(09/17/12)", 128) + words({1, 3}) + text_field("v9.9.9(01/01/01)", 128);
+
+} // namespace
+
+TEST(AgentAnswers, VersionsAreThoseOfTheFlashesAndOfWhatRuns)
+{
+    const auto versions = decode_versions(VERSIONS);
+    ASSERT_TRUE(versions && versions->flashes.size() == 2);
+    EXPECT_TRUE(versions->serves);
+    EXPECT_EQ(versions->started_from, 1U);
+    EXPECT_EQ(versions->running, "v3.1.0(02/11/11)");
+    EXPECT_EQ(versions->flashes[0].version, "v3.5.0(09/17/12)");
+    EXPECT_FALSE(versions->flashes[0].marked || versions->flashes[0].has_writer);
+    EXPECT_TRUE(versions->flashes[1].marked && versions->flashes[1].has_writer);
+    EXPECT_EQ(versions->flashes[1].version, "") << "whatever is said of a flash that changes";
+    bytes unknown = VERSIONS;
+    std::fill_n(unknown.begin() + 8, 4, std::uint8_t{0xff});
+    EXPECT_FALSE(decode_versions(unknown)->started_from);
+}
+
+TEST(AgentAnswers, VersionsThatAreNotWholeAreNone)
+{
+    for (std::size_t length = 0; length < VERSIONS.size(); ++length)
+        EXPECT_FALSE(decode_versions({VERSIONS.data(), length})) << length;
+    EXPECT_FALSE(decode_versions(VERSIONS + bytes(1)));
+    bytes wrong = VERSIONS;
+    wrong[144 + 136 + 3] = 0; // the second flash is the first again
+    EXPECT_FALSE(decode_versions(wrong));
+    wrong[144 + 136 + 3] = 2;
+    EXPECT_FALSE(decode_versions(wrong));
+}
+
 TEST(AgentAnswers, TextsThatCannotBePrintedAreCut)
 {
     EXPECT_EQ(printable_text("v3\x1b[31m.5\n\x9b\x7f!"), "v3[31m.5!");

@@ -105,13 +105,48 @@ public:
     const std::string &path() const { return path_; }
 
     // What the agent of a slot says from now on: "no_image" or "no_digest" and a status, "other_contents",
-    // "misread_once", "half_written".
+    // "misread_once", "half_written"; "ships" and the version of its image, "slow_image"; "holds" and the version in its
+    // flash, "runs" and the one that it was started from, "flash_state" and bits, "started_from" and an instance;
+    // "no_versions" (it lets such requests wait), "wild_versions".
     void agent_says(unsigned slot, const std::string &what, const std::string &value = "") const
     {
         std::ofstream(path_ + "/slots/" + std::to_string(slot) + "/" + what) << value;
     }
 
+    void card_holds(unsigned slot, const std::string &flash, const std::string &running) const
+    {
+        agent_says(slot, "holds", flash);
+        agent_says(slot, "runs", running);
+    }
+
 private:
+    static std::string text_in(const std::string &file)
+    {
+        std::string text;
+        std::getline(std::ifstream(file), text);
+        return text;
+    }
+    static std::uint32_t number_in(const std::string &file)
+    {
+        std::uint32_t number = 0;
+        std::ifstream(file) >> number;
+        return number;
+    }
+    static void tell_versions(const std::string &folder, std::int32_t handle, mts_message *message)
+    {
+        struct {
+            agent_versions_t card;
+            agent_flash_version_t flash;
+        } versions{};
+        versions.card.serves = be32::of(1);
+        versions.card.started_from = be32::of(number_in(folder + "/started_from"));
+        versions.card.flash_count = be32::of(1);
+        text_in(folder + "/runs").copy(versions.card.running, sizeof versions.card.running);
+        versions.flash.state = be32::of(number_in(folder + "/flash_state"));
+        text_in(folder + "/holds").copy(versions.flash.version, sizeof versions.flash.version);
+        (void)cmi_response(&versions, sizeof versions, handle, message, AGENT_OK);
+    }
+
     // Whether the file was there; it is not any more.
     static bool take_once(const std::string &file) { return std::filesystem::remove(file); }
 
@@ -122,10 +157,25 @@ private:
         const auto is_said = [&](const char *what) { return std::filesystem::exists(folder + "/" + what); };
         if (mts_opc_get(message) == AGENT_OPC_GET_IMAGE) {
             agent_image_t image{be64::of(4096), {1, 2, 3}, "v3.5.0(09/17/12)"};
+            if (is_said("ships")) {
+                std::memset(image.version, 0, sizeof image.version);
+                text_in(folder + "/ships").copy(image.version, sizeof image.version);
+            }
+            if (is_said("slow_image"))
+                (void)::usleep(500'000); // the length of the work
             std::uint32_t status = AGENT_OK;
             std::ifstream(folder + "/no_image") >> std::hex >> status;
             (void)cmi_response(&image, status == AGENT_OK ? sizeof image : 0, handle, message, status);
             return true;
+        }
+        if (mts_opc_get(message) == AGENT_OPC_GET_VERSIONS) {
+            if (is_said("no_versions"))
+                return true;
+            if (is_said("wild_versions"))
+                (void)cmi_response("wild", 4, handle, message, AGENT_OK);
+            else if (is_said("holds"))
+                tell_versions(folder, handle, message);
+            return is_said("wild_versions") || is_said("holds");
         }
         if (mts_opc_get(message) == AGENT_OPC_GET_DIGEST) {
             agent_flash_digest_t digest{{1, 2, 3}, be32::of(1), {}};
@@ -147,7 +197,7 @@ private:
 class daemon_side
 {
 public:
-    daemon_side(const std::string &chassis, unsigned slot)
+    daemon_side(const std::string &chassis, unsigned slot) : chassis_(chassis)
     {
         if (chassis_attach(chassis, slot) != 0)
             ::_exit(70);
@@ -180,6 +230,11 @@ public:
     {
         (void)cmi_response(payload, length, handle_, msg_, status);
         (void)mts_drop(handle_, msg_);
+    }
+    // The version that the agent of a slot finds in its flash from now on.
+    void card_holds(unsigned slot, const std::string &flash) const
+    {
+        std::ofstream(chassis_ + "/slots/" + std::to_string(slot) + "/holds") << flash;
     }
     void reject()
     {
@@ -228,6 +283,7 @@ private:
         (void)mts_send(handle, to.node, to.sap, opcode, bytes, length, 0, 0, 0);
     }
 
+    std::string chassis_;
     std::int32_t handle_ = -1;
     std::int32_t child_ = -1;
     mts_message_t *msg_ = nullptr;

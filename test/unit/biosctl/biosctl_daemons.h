@@ -13,13 +13,13 @@
 struct healthy_card {
     std::map<unsigned, std::string> flashes = {};   // version in the flash by module, of those that it can tell of
     std::string running = {};                       // of every module
-    std::string shipped = {};                       // in the card's own image tree; empty: none
+    std::string shipped = {};                       // in the card's own image tree, for its own daemon; empty: none
     std::string brought = {};                       // that a programming brings; empty: as shipped
     std::map<unsigned, std::uint32_t> results = {}; // of programmings that fail, by module
     unsigned endless = 0;                           // module whose programming stays at 50 percent
     std::string loader_file = {};                   // empty: none
     std::uint32_t install_result = 0;
-    std::string journal = {}; // file that gets a line for each request that changes something
+    std::string journal = {}; // file that gets a line for each request that changes something, or unpacks
 };
 
 class healthy_daemon
@@ -89,6 +89,7 @@ private:
     }
     void tell_shipped()
     {
+        note("unpack");
         std::vector<std::uint8_t> payload(8 + 268);
         payload[7] = card_.shipped.empty() ? 0 : 1;
         put_text(payload, 8 + 8, "swid-bios");
@@ -109,6 +110,7 @@ private:
             return;
         }
         card_.flashes[module] = card_.brought.empty() ? card_.shipped : card_.brought;
+        side_.card_holds(module, card_.flashes[module]);
         side_.progress(3, 100);
         side_.notify(0, module);
     }

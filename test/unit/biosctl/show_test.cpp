@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "biosctl_chassis.h"
+#include "biosctl_daemons.h"
 #include "card_versions.h"
 #include "lock_holders.h"
 #include "modlock.h"
@@ -239,19 +239,6 @@ TEST(SourceVersions, ShortAnswersAndWildCountsAreNotUnderstood)
     }
 }
 
-TEST(SourceFor, GoesByPlaceAndElseByLabelsThatOccurOnce)
-{
-    const std::vector<flash_versions> two{{"a", OLD, OLD}, {"b", OLD, OLD}};
-    const std::vector<flash_versions> same{{"a", OLD, OLD}, {"a", OLD, OLD}};
-    EXPECT_EQ(source_for(two, 1, {{"a", "1", 19}, {"b", "2", 19}}), "2");
-    EXPECT_EQ(source_for(two, 1, {{"b", "2", 19}}), "2");
-    EXPECT_EQ(source_for(two, 0, {{"b", "2", 19}}), "");
-    EXPECT_EQ(source_for(two, 0, {{"b", "2", 19}, {"a", "1", 19}}), "");
-    EXPECT_EQ(source_for(same, 0, {{"a", "1", 19}, {"a", "2", 19}}), "1");
-    EXPECT_EQ(source_for(same, 0, {{"a", "1", 19}}), "") << "which of the two is not known";
-    EXPECT_EQ(source_for(two, 0, {}), "");
-}
-
 TEST(ProgrammingLocks, TheProgrammingSupervisorIsNotBeingProgrammedItself)
 {
     const std::vector holders{lock_on(27 * 256 + 1, 27, 41, 0x4071000a), lock_on(5 * 256 + 2, 27, 41, 0x4071000a)};
@@ -347,17 +334,19 @@ TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
     const card_report in_step = card_of(5, {.flash = NEW, .running = NEW, .source = NEW});
     const std::vector<card_report> others{
         card_of(6, {.being_programmed = true}),
+        card_of(6, {.not_verified = true}),
         card_of(6, {.reachable = false}),
+        card_of(6, {.confirmed = false, .flash = NEW, .running = NEW, .source = NEW}),
         card_of(6, {.flash = NEW, .running = OLD, .source = NEW}),
         card_of(6, {.flash = OLD, .running = OLD, .source = NEW}),
         card_of(6, {.flash = NEW, .running = NEW, .source = OLD}),
         card_of(6, {.flash = NEW, .running = NEW}),
     };
-    EXPECT_EQ(report_versions(report_of({in_step}), show_kind::audit, false).exit, EXIT_DONE);
+    EXPECT_EQ(report_versions(report_of({in_step}), show_kind::audit).exit, EXIT_DONE);
     for (const card_report &other : others) {
         const auto report = report_of({in_step, other});
-        EXPECT_EQ(report_versions(report, show_kind::show, false).exit, EXIT_DONE);
-        const outcome audit = report_versions(report, show_kind::audit, false);
+        EXPECT_EQ(report_versions(report, show_kind::show).exit, EXIT_DONE);
+        const outcome audit = report_versions(report, show_kind::audit);
         EXPECT_EQ(audit.exit, EXIT_FAILED) << verdict_name(other.flashes[0].kind);
         EXPECT_EQ(audit.json["all_in_step"], false);
         EXPECT_NE(audit.headline.plain().find(verdict_name(other.flashes[0].kind)), std::string::npos);
@@ -367,7 +356,7 @@ TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
 TEST(VersionReport, ColoursTheVerdictsOfAnAudit)
 {
     const auto audit = [](const version_facts &facts) {
-        return report_versions(report_of({card_of(5, facts)}), show_kind::audit, false);
+        return report_versions(report_of({card_of(5, facts)}), show_kind::audit);
     };
     EXPECT_EQ(audit({.flash = NEW, .running = NEW, .source = NEW}).headline.coloured(),
               "all \033[32min step\033[0m");
@@ -381,43 +370,64 @@ TEST(VersionReport, ColoursTheVerdictsOfAnAudit)
 TEST(VersionReport, AVersionThatCouldNotBeReadIsNullForPrograms)
 {
     const outcome told =
-        report_versions(report_of({card_of(5, {.flash = OLD, .running = OLD})}), show_kind::show, false);
+        report_versions(report_of({card_of(5, {.flash = OLD, .running = OLD})}), show_kind::show);
     EXPECT_TRUE(told.json["cards"][0]["flashes"][0]["source"].is_null());
     EXPECT_EQ(told.json["cards"][0]["flashes"][0]["flash"], OLD);
     EXPECT_EQ(told.json["cards"][0]["flashes"][0]["verdict"], "unknown");
 }
 
-// The program against daemons in the slots 27 (active), 28 (standby) and 5 (a line card).
+TEST(VersionReport, SaysWhatToDoAboutAFlashThatIsNotVerified)
+{
+    for (const show_kind kind : {show_kind::show, show_kind::audit}) {
+        const outcome told = report_versions(report_of({card_of(5, {.not_verified = true, .running = OLD})}), kind);
+        const std::string text = text_of(told.report, {});
+        EXPECT_NE(text.find("not verified: do not reboot: program it again: biosctl program SLOT\n"),
+                  std::string::npos)
+            << text;
+        EXPECT_EQ(told.json["cards"][0]["flashes"][0]["verdict"], "not verified: do not reboot");
+    }
+}
+
+TEST(VersionReport, ADaemonsWordIsNoReadingOfTheFlash)
+{
+    const outcome told =
+        report_versions(report_of({card_of(5, {.confirmed = false, .flash = OLD, .running = OLD})}), show_kind::show);
+    EXPECT_NE(text_of(told.report, {}).find("v3.1.0(02/11/11)?  v3.1.0(02/11/11)?  unconfirmed\n"), std::string::npos)
+        << text_of(told.report, {});
+    EXPECT_EQ(told.json["cards"][0]["flashes"][0]["confirmed"], false);
+}
+
+TEST(VersionReport, WithoutTheServingDaemonTheTableIsShownAndItFails)
+{
+    chassis_report report = report_of({card_of(5, {.flash = NEW, .running = NEW, .source = NEW})});
+    report.serving_error = ECONNREFUSED;
+    for (const show_kind kind : {show_kind::show, show_kind::audit}) {
+        const outcome told = report_versions(report, kind);
+        EXPECT_EQ(told.exit, EXIT_FAILED);
+        EXPECT_NE(told.headline.plain().find("slot 27: no daemon serves there"), std::string::npos);
+        EXPECT_NE(text_of(told.report, {}).find("in step"), std::string::npos);
+    }
+}
+
+// The program, the agents of the slots 27 (active), 28 (standby) and 5 (a line card), and the active one's daemon.
 class Show : public ::testing::Test
 {
 protected:
     using script = scripted_daemon::script_function;
 
-    // Serves requests for versions of the modules 5, 27 and 28; a module without answer is answered as failed.
-    static void serve_versions(daemon_side &side, const std::map<unsigned, bytes> &answers, unsigned requests)
+    Show()
     {
-        for (unsigned k = 0; k < requests; ++k) {
-            const bytes body = side.receive(4790);
-            const auto found = answers.find(body.at(3));
-            const bytes answer = found != answers.end() ? found->second : failure_answer(body.at(3));
-            side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
-        }
+        chassis_.card_holds(5, OLD, OLD);
+        chassis_.card_holds(27, NEW, NEW);
+        chassis_.card_holds(28, NEW, OLD);
     }
-    static void serve_source(daemon_side &side, const bytes &answer)
+    // A daemon in the slot of the active supervisor that knows the versions of some modules.
+    void serve_versions(const std::map<unsigned, std::string> &flashes)
     {
-        (void)side.receive(4789);
-        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
+        daemons_.push_back(std::make_unique<scripted_daemon>(
+            chassis_, 27, healthy({.flashes = flashes, .running = OLD, .journal = journal()})));
     }
-    static script source_of(const std::string &version)
-    {
-        return [version](daemon_side &side) { serve_source(side, source_answer(version)); };
-    }
-    static void reject_source(daemon_side &side)
-    {
-        (void)side.receive(4789);
-        side.reject();
-    }
-
+    std::string journal() const { return chassis_.path() + "/journal"; }
     void serve(unsigned slot, const script &what)
     {
         daemons_.push_back(std::make_unique<scripted_daemon>(chassis_, slot, what));
@@ -453,44 +463,27 @@ protected:
 
 TEST_F(Show, TellsEveryCardAndGivesEachItsVerdict)
 {
-    serve(27, [](daemon_side &side) {
-        serve_versions(side,
-                       {{5, versions_answer(5, OLD, OLD)},
-                        {27, versions_answer(27, NEW, NEW)},
-                        {28, versions_answer(28, NEW, OLD)}},
-                       3);
-        serve_source(side, source_answer(NEW));
-    });
-    serve(28, source_of(NEW));
-    serve(5, reject_source);
+    serve_versions({{27, NEW}});
+    chassis_.agent_says(5, "no_image", "40720022");
     EXPECT_EQ(run({"show"}), 0) << run_->err();
     EXPECT_TRUE(has_line("5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown")) << run_->out();
     EXPECT_TRUE(has_line("27    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.5.0(09/17/12)  in step")) << run_->out();
     EXPECT_TRUE(has_line("28    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending"));
-    EXPECT_TRUE(has_line("slot 5: no image version: the daemon rejected the request")) << run_->out();
+    EXPECT_TRUE(has_line("slot 5: no image version: there is no such file on the card")) << run_->out();
     EXPECT_EQ(run_->err(), "");
 }
 
-TEST_F(Show, TheRequestsAreTheLiteralBodies)
+TEST_F(Show, NoDaemonIsHadUnpackAnything)
 {
-    serve(27, [](daemon_side &side) {
-        const bool asked = side.receive(4790) == bytes{0, 0, 0, 27};
-        const bytes versions = versions_answer(27, NEW, NEW);
-        side.answer(asked ? 0 : 1, versions.data(), static_cast<std::uint32_t>(versions.size()));
-        bytes expected(268);
-        expected[0] = 1;
-        expected[263] = 0xfe;
-        const bytes body = side.receive(4789);
-        const bytes source = source_answer(NEW);
-        side.answer(body == expected ? 0 : 1, source.data(), static_cast<std::uint32_t>(source.size()));
-    });
-    EXPECT_EQ(run({"audit", "27"}), 0) << run_->out() << run_->err();
+    serve_versions({{27, NEW}});
+    EXPECT_EQ(run({"show"}), 0);
+    EXPECT_EQ(run({"audit"}), 1);
+    EXPECT_EQ(text_of_file(journal()), "");
 }
 
 TEST_F(Show, NamedModulesAloneAreAskedAndEachOnce)
 {
-    serve(27, [](daemon_side &side) { serve_versions(side, {{5, versions_answer(5, OLD, OLD)}}, 1); });
-    serve(5, source_of(NEW));
+    serve_versions({{27, NEW}});
     EXPECT_EQ(run({"--json", "show", "5", "05"}), 0);
     EXPECT_EQ(verdict_of(5), "update available") << run_->out();
     EXPECT_EQ(verdict_of(27), "not told");
@@ -506,57 +499,117 @@ TEST_F(Show, AModuleThatDoesNotExistIsNotFound)
 
 TEST_F(Show, AuditFailsAndStillTellsTheTable)
 {
-    serve(27, [](daemon_side &side) { serve_versions(side, {}, 1); });
+    serve_versions({{27, NEW}});
+    chassis_.end_agent(5);
     EXPECT_EQ(run({"audit", "5"}), 1);
-    EXPECT_TRUE(has_line("5     -                 -                 -                 unreachable")) << run_->out();
+    EXPECT_TRUE(has_line("5     -       -      -        unreachable") ||
+                has_line("5     -                 -                 -                 unreachable"))
+        << run_->out();
     EXPECT_EQ(run_->err(), "biosctl: not in step (unreachable: 1)\n");
 }
 
-TEST_F(Show, AnUnreachableCardIsNotAskedForItsImage)
+TEST_F(Show, AFlashThatIsNotVerifiedHasNoVersion)
 {
-    serve(27, [](daemon_side &side) { serve_versions(side, {}, 1); });
-    serve(5, [](daemon_side &) {}); // would never answer
-    EXPECT_EQ(run({"--json", "show", "5"}), 0);
-    EXPECT_EQ(verdict_of(5), "unreachable");
+    serve_versions({{27, NEW}});
+    chassis_.agent_says(5, "flash_state", "1");
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  -                 v3.1.0(02/11/11)  not verified: do not reboot"))
+        << run_->out();
+    EXPECT_EQ(run({"audit", "5"}), 1);
+    EXPECT_NE(run_->err().find("not in step (not verified: do not reboot: 1)"), std::string::npos) << run_->err();
 }
 
-TEST_F(Show, WithoutAServingDaemonItFails)
+TEST_F(Show, AFlashThatIsWrittenHasNoVersionAlsoWithoutALock)
+{
+    serve_versions({{27, NEW}});
+    chassis_.agent_says(5, "flash_state", "3");
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  -                 v3.1.0(02/11/11)  being programmed"))
+        << run_->out();
+}
+
+TEST_F(Show, DuringAProgrammingAFlashHasNoVersionAndTheImagesAreReadAllTheSame)
+{
+    serve(27, [](daemon_side &side) {
+        const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
+        (void)modlock_init();
+        (void)modlock_module_lock(129, 27 * 256 + 1, request);
+        (void)modlock_module_lock(129, 5 * 256 + 2, request);
+        healthy_daemon(side, {.flashes = {{27, NEW}}}).serve();
+    });
+    ASSERT_TRUE(chassis_.wait_for_lock(27) && chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"show"}), 0);
+    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  -                 v3.1.0(02/11/11)  being programmed"))
+        << run_->out();
+    EXPECT_TRUE(has_line("27    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.5.0(09/17/12)  in step")) << run_->out();
+}
+
+TEST_F(Show, ACardWhoseAgentIsGoneIsShownFromItsDaemonAsUnconfirmed)
+{
+    serve_versions({{27, NEW}, {5, NEW}});
+    chassis_.end_agent(5);
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("5     -       v3.5.0(09/17/12)?  v3.1.0(02/11/11)?  unconfirmed") ||
+                has_line("5     -                 v3.5.0(09/17/12)?  v3.1.0(02/11/11)?  unconfirmed"))
+        << run_->out();
+    EXPECT_TRUE(has_line("slot 5: its agent does not answer")) << run_->out();
+    EXPECT_EQ(run({"audit", "5"}), 1);
+}
+
+TEST_F(Show, AnAgentThatHangsOrSaysWildThingsIsAsGoodAsNone)
+{
+    serve_versions({{27, NEW}, {5, NEW}, {28, NEW}});
+    chassis_.agent_says(5, "no_versions");
+    chassis_.agent_says(28, "wild_versions");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(run({"--json", "show"}), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(verdict_of(5), "unconfirmed") << run_->out();
+    EXPECT_EQ(verdict_of(28), "unconfirmed");
+    EXPECT_EQ(verdict_of(27), "in step");
+}
+
+TEST_F(Show, WithoutAServingDaemonItFailsAndShowsWhatTheAgentsSay)
 {
     EXPECT_EQ(run({"show"}), 1);
     EXPECT_NE(run_->err().find("slot 27: no daemon serves there"), std::string::npos) << run_->err();
-    EXPECT_EQ(run_->out(), "");
+    EXPECT_TRUE(has_line("27    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.5.0(09/17/12)  in step")) << run_->out();
 }
 
-TEST_F(Show, ADaemonThatEndsLeavesTheRestUnknown)
+TEST_F(Show, AServingDaemonThatHangsMakesItFail)
 {
-    serve(27, [](daemon_side &side) {
-        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}}, 1);
-        ::_exit(0);
-    });
-    EXPECT_EQ(run({"--json", "show"}), 0);
-    EXPECT_EQ(verdict_of(5), "unknown") << run_->out();
-    EXPECT_EQ(verdict_of(28), "unknown");
-    EXPECT_EQ(verdict_of(27), "unknown") << "its image could not be read any more";
+    serve(27, [](daemon_side &) {});
+    EXPECT_EQ(run({"show", "--timeout", "1"}), 1);
+    EXPECT_NE(run_->err().find("slot 27: the daemon did not answer in time"), std::string::npos) << run_->err();
 }
 
 TEST_F(Show, AModuleThatNeverAnswersIsUnreachableAndTheRestIsNotWaitedFor)
 {
+    chassis_.end_agent(5);
+    chassis_.end_agent(28);
     serve(27, [](daemon_side &side) {
-        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}}, 1);
+        (void)side.receive(4790);
+        std::vector<std::uint8_t> versions = versions_answer(27, NEW, NEW);
+        side.answer(0, versions.data(), static_cast<std::uint32_t>(versions.size()));
         (void)side.receive(4790); // 5, and never comes back
     });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(run({"--json", "show", "--timeout", "1"}), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_EQ(verdict_of(5), "unreachable") << run_->out();
-    EXPECT_EQ(verdict_of(28), "unknown");
+    EXPECT_EQ(verdict_of(28), "unreachable");
+    EXPECT_EQ(verdict_of(27), "in step");
     EXPECT_NE(run_->out().find("still waits for a module"), std::string::npos) << run_->out();
 }
 
 TEST_F(Show, TheLimitOnTheCardsWaitsLeavesTheDaemonTimeForItsOwnFailure)
 {
     std::ofstream(chassis_.path() + "/transport/wait_limit_s") << "1\n";
+    chassis_.end_agent(5);
     serve(27, [](daemon_side &side) {
+        (void)side.receive(4790);
+        std::vector<std::uint8_t> versions = versions_answer(27, NEW, NEW);
+        side.answer(0, versions.data(), static_cast<std::uint32_t>(versions.size()));
         (void)side.receive(4790);
         (void)::usleep(2'500'000); // two looks at the limit later
         const bytes failure = failure_answer(5);
@@ -569,118 +622,76 @@ TEST_F(Show, TheLimitOnTheCardsWaitsLeavesTheDaemonTimeForItsOwnFailure)
 
 TEST_F(Show, GarbageIsUnknownAndNeverAnUpdate)
 {
-    serve(27, [](daemon_side &side) {
-        bytes wild = versions_answer(5, OLD, OLD);
-        wild[8] = 0xff;
-        serve_versions(side, {{5, wild}, {27, bytes{1, 2, 3}}, {28, versions_answer(28, "\x01\xff v", "")}}, 3);
-        serve_source(side, source_answer(NEW));
-    });
-    serve(28, source_of(NEW));
-    serve(5, source_of(NEW));
+    serve_versions({{27, NEW}});
+    chassis_.card_holds(5, "v3.1", OLD);
+    chassis_.card_holds(27, "\x1b[2J\x01\xff", NEW);
+    chassis_.card_holds(28, "", "");
     EXPECT_EQ(run({"--json", "audit"}), 1);
     for (const unsigned module : {5u, 27u, 28u})
         EXPECT_EQ(verdict_of(module), "unknown") << module;
+    EXPECT_EQ(run_->out().find("\x1b"), std::string::npos);
 }
 
-TEST_F(Show, GarbageAboutTheImageIsUnknown)
+TEST_F(Show, EachCauseOfAMissingImageVersionIsToldApart)
 {
-    serve(27, [](daemon_side &side) {
-        serve_versions(side,
-                       {{5, versions_answer(5, OLD, OLD)},
-                        {27, versions_answer(27, OLD, OLD)},
-                        {28, versions_answer(28, OLD, OLD)}},
-                       3);
-        serve_source(side, bytes(8, 0xff));
-    });
-    serve(28, [](daemon_side &side) {
-        (void)side.receive(4789);
-        side.answer(0, nullptr, 0);
-    });
-    serve(5, [](daemon_side &side) { serve_source(side, bytes(100000, 'v')); });
-    EXPECT_EQ(run({"--json", "show"}), 0);
-    for (const unsigned module : {5u, 27u, 28u})
-        EXPECT_EQ(verdict_of(module), "unknown") << module << run_->out();
-    EXPECT_NE(run_->out().find("its image tree holds no BIOS for it"), std::string::npos) << run_->out();
+    serve_versions({{27, NEW}});
+    const std::pair<const char *, const char *> causes[] = {
+        {"40720022", "there is no such file on the card"},
+        {"40720024", "the image was not compressed by gzip"},
+        {"40720025", "the image is cut short or damaged"},
+        {"40720027", "the card has no space to unpack the image"},
+        {"40720020", "no BIOS is known for this type of card"},
+    };
+    for (const auto &[status, text] : causes) {
+        chassis_.agent_says(5, "no_image", status);
+        EXPECT_EQ(run({"show", "5"}), 0);
+        EXPECT_TRUE(has_line(std::string("slot 5: no image version: ") + text)) << run_->out();
+    }
+    chassis_.agent_says(5, "no_image", "0");
+    chassis_.agent_says(5, "ships", "");
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("slot 5: no image version: the image holds no version")) << run_->out();
 }
 
-TEST_F(Show, DuringAProgrammingNoImageIsReadAnywhere)
+TEST_F(Show, TheStandbysImageIsTheOneThatTheActiveSupervisorWouldBring)
 {
-    serve(27, [](daemon_side &side) {
-        const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
-        (void)modlock_init();
-        (void)modlock_module_lock(129, 27 * 256 + 1, request);
-        (void)modlock_module_lock(129, 5 * 256 + 2, request);
-        serve_versions(side,
-                       {{5, versions_answer(5, OLD, OLD)},
-                        {27, versions_answer(27, NEW, NEW)},
-                        {28, versions_answer(28, NEW, OLD)}},
-                       3);
-        (void)side.receive(4703); // anything else ends the script's process
-    });
-    serve(28, source_of(NEW));
-    serve(5, source_of(NEW));
-    ASSERT_TRUE(chassis_.wait_for_lock(27) && chassis_.wait_for_lock(5));
-    EXPECT_EQ(run({"--json", "show"}), 0);
-    EXPECT_EQ(verdict_of(5), "being programmed") << run_->out();
-    EXPECT_EQ(verdict_of(27), "unknown");
-    EXPECT_EQ(verdict_of(28), "reboot pending");
-    const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
-    ASSERT_EQ(told["cards"].size(), 3u);
-    for (const auto &card : told["cards"])
-        EXPECT_TRUE(card["flashes"][0]["source"].is_null()) << card;
+    serve_versions({{27, NEW}});
+    chassis_.agent_says(27, "ships", "v3.9.0(01/01/13)");
+    chassis_.agent_says(28, "ships", OLD);
+    EXPECT_EQ(run({"show", "28"}), 0);
+    EXPECT_TRUE(has_line("28    v3.9.0(01/01/13)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending")) << run_->out();
+    EXPECT_EQ(run({"show", "28", "--via", "28"}), 1) << "no daemon there";
+    EXPECT_TRUE(has_line("28    v3.1.0(02/11/11)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending")) << run_->out();
 }
 
-// Reading an image on any card writes into the standby's boot flash.
-TEST_F(Show, TheStandbyIsAskedForItsImageAfterTheOthers)
+TEST_F(Show, SaysWhichFlashTheCardWasStartedFromAndWhenThatIsNotKnown)
 {
-    const std::string mark = chassis_.path() + "/slow_done";
-    serve(27, [mark](daemon_side &side) {
-        serve_versions(side, {{27, versions_answer(27, NEW, NEW)}, {28, versions_answer(28, NEW, NEW)}}, 2);
-        (void)side.receive(4789);
-        (void)::usleep(700'000); // the length of the work, not a wait for an event
-        std::ofstream(mark) << "done";
-        const bytes answer = source_answer(NEW);
-        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
-    });
-    serve(28, [mark](daemon_side &side) {
-        (void)side.receive(4789);
-        const bytes answer = source_answer(std::filesystem::exists(mark) ? NEW : OLD);
-        side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
-    });
-    EXPECT_EQ(run({"audit", "27", "28"}), 0) << run_->out();
+    serve_versions({{27, NEW}});
+    chassis_.agent_says(5, "started_from", "1");
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("slot 5: it was started from its alternate flash")) << run_->out();
+    chassis_.card_holds(5, OLD, "");
+    EXPECT_EQ(run({"show", "5"}), 0);
+    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  v3.1.0(02/11/11)  -                 unknown") ||
+                has_line("5     v3.5.0(09/17/12)  v3.1.0(02/11/11)  -        unknown"))
+        << run_->out();
+    EXPECT_TRUE(has_line("slot 5: which version it was started from is not known")) << run_->out();
 }
 
 TEST_F(Show, ManyCardsAreAskedForTheirImagesAtTheSameTime)
 {
     constexpr unsigned CARDS = 20; // more than are asked at once
-    std::map<unsigned, bytes> answers;
     std::vector<std::string> words{"--json", "audit"};
+    serve_versions({{27, NEW}});
     for (unsigned slot = 101; slot <= 100 + CARDS; ++slot) {
         chassis_.insert(slot, 2, 90, 0);
-        answers[slot] = versions_answer(static_cast<std::uint8_t>(slot), NEW, NEW);
+        chassis_.card_holds(slot, NEW, NEW);
+        chassis_.agent_says(slot, "slow_image");
         words.push_back(std::to_string(slot));
-        serve(slot, [](daemon_side &side) {
-            (void)side.receive(4789);
-            (void)::usleep(500'000); // the length of the work
-            const bytes answer = source_answer(NEW);
-            side.answer(0, answer.data(), static_cast<std::uint32_t>(answer.size()));
-        });
     }
-    serve(27, [answers](daemon_side &side) { serve_versions(side, answers, CARDS); });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(run(words), 0) << run_->out();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500 * CARDS * 3 / 4));
-}
-
-TEST_F(Show, ASupervisorThatTellsOfOneModuleOnlyIsPointedOut)
-{
-    chassis_.insert(27, 1, 183, 1);
-    serve(27, [](daemon_side &side) { serve_versions(side, {{5, versions_answer(18, OLD, OLD)}}, 1); });
-    serve(5, source_of(NEW));
-    EXPECT_EQ(run({"show", "5"}), 0);
-    EXPECT_TRUE(has_line("note: slot 27 tells of module 18 whatever module it is asked for")) << run_->out();
-    EXPECT_TRUE(has_line("slot 5: slot 27 answered about module 18")) << run_->out();
-    EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  -                 -                 unknown")) << run_->out();
 }
 
 TEST_F(Show, InterruptedItEndsWithItsOwnExitCode)

@@ -9,13 +9,12 @@ namespace
 constexpr const char *OLD = "v3.1.0(02/11/11)";
 constexpr const char *NEW = "v3.5.0(09/17/12)";
 
-sync_card card_of(unsigned module, sync_role role, version_facts facts, unsigned card_id = 90)
+sync_card card_of(unsigned module, sync_role role, version_facts facts)
 {
     return {.versions = {.module = module,
                          .flashes = {{.label = "swid-bios", .facts = facts, .kind = judge(facts)}},
                          .reasons = {"a reason"}},
-            .role = role,
-            .card_id = card_id};
+            .role = role};
 }
 
 // The step for one card alone.
@@ -86,6 +85,19 @@ TEST(SyncPlan, WhatIsUnreachableOrBeingProgrammedIsLeft)
     EXPECT_EQ(step_for(busy).action, sync_action::left_busy);
 }
 
+TEST(SyncPlan, WhatIsNotConfirmedIsLeftAndWhatIsNotVerifiedIsProgrammedAgain)
+{
+    version_facts facts = versions(OLD, NEW, OLD);
+    facts.confirmed = false;
+    EXPECT_EQ(step_for(facts).action, sync_action::left_unconfirmed);
+    for (const char *held : {"", OLD, NEW}) {
+        facts = versions(held, NEW, OLD);
+        facts.not_verified = true;
+        EXPECT_EQ(step_for(facts).action, sync_action::program_again) << held;
+        EXPECT_TRUE(has_to_be_programmed(step_for(facts).action));
+    }
+}
+
 TEST(SyncPlan, OnlyTheStandbyGetsAnImageOfTheActiveSupervisor)
 {
     EXPECT_EQ(step_for(versions(OLD, NEW, OLD), sync_role::standby).action, sync_action::program_newer);
@@ -107,21 +119,6 @@ TEST(SyncPlan, WhereTheActiveSupervisorProgramsOneModuleOnlyOthersAreLeft)
     EXPECT_EQ(plan[0].action, sync_action::program_newer);
     EXPECT_EQ(plan[1].action, sync_action::left_no_way);
     EXPECT_NE(plan[1].reasons.at(0).find("programs module 18"), std::string::npos);
-}
-
-TEST(SyncPlan, AStandbyIsLeftWhenTheActiveSupervisorWouldBringAnotherVersion)
-{
-    const auto action = [](const char *active_ships, unsigned standby_card_id) {
-        return plan_sync({card_of(1, sync_role::active, versions(NEW, active_ships, NEW)),
-                          card_of(2, sync_role::standby, versions(OLD, NEW, OLD), standby_card_id)},
-                         {})
-            .at(0)
-            .action;
-    };
-    EXPECT_EQ(action(NEW, 90), sync_action::program_newer);
-    EXPECT_EQ(action("v3.4.0(01/01/12)", 90), sync_action::left_no_way);
-    EXPECT_EQ(action("", 90), sync_action::program_newer);
-    EXPECT_EQ(action("v3.4.0(01/01/12)", 91), sync_action::program_newer) << "another image of that tree";
 }
 
 TEST(SyncPlan, IsInTheOrderOfTheWork)

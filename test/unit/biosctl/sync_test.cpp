@@ -14,7 +14,7 @@ namespace
 constexpr const char *OLD = "v3.1.0(02/11/11)";
 constexpr const char *NEW = "v3.5.0(09/17/12)";
 
-// The supervisors are in the slots 27 (active) and 28 (standby); the line card of slot 5 serves nothing.
+// The supervisors are in the slots 27 (active) and 28 (standby); the line card of slot 5 serves nothing, and has no agent.
 class Sync : public ::testing::Test
 {
 protected:
@@ -24,12 +24,20 @@ protected:
         active_.running = OLD;
         active_.shipped = NEW;
         active_.journal = chassis_.path() + "/journal";
-        standby_.shipped = NEW;
+        chassis_.end_agent(5);
+    }
+    // What the agents of the cards say before anything is programmed.
+    void tell_agents() const
+    {
+        for (const auto &[module, version] : active_.flashes)
+            chassis_.card_holds(module, version, active_.running);
+        chassis_.agent_says(27, "ships", active_.shipped);
     }
     int sync(std::vector<std::string> words)
     {
         const scripted_daemon active(chassis_, 27, healthy(active_));
-        const scripted_daemon standby(chassis_, 28, healthy(standby_));
+        const scripted_daemon standby(chassis_, 28, healthy({}));
+        tell_agents();
         words.insert(words.begin(), {"--dir", chassis_.path(), "sync", "--timeout", "10"});
         run_ = std::make_unique<biosctl_run>(words);
         return run_->exit_code();
@@ -41,7 +49,6 @@ protected:
 
     test_chassis chassis_;
     healthy_card active_;
-    healthy_card standby_;
     std::unique_ptr<biosctl_run> run_;
 };
 
@@ -65,6 +72,7 @@ TEST_F(Sync, ADryRunTellsThePlanAndProgramsNothing)
     active_.flashes = {{27, NEW}, {28, NEW}};
     EXPECT_EQ(sync({"27", "28", "--dry-run"}), 2) << run_->err();
     active_.flashes = {{27, NEW}};
+    chassis_.end_agent(28);
     EXPECT_EQ(sync({"27", "28", "--dry-run"}), 1) << "nothing can be done, and a card is not in step";
     EXPECT_EQ(journal(), "");
 }
@@ -79,7 +87,7 @@ TEST_F(Sync, WhatIsInStepIsNothingToDo)
 
 TEST_F(Sync, AnOlderImageIsProgrammedOnlyOnDemand)
 {
-    active_.shipped = standby_.shipped = OLD;
+    active_.shipped = OLD;
     active_.flashes = {{27, NEW}, {28, OLD}};
     EXPECT_EQ(sync({"27", "28"}), 1);
     EXPECT_EQ(journal(), "");
@@ -95,6 +103,35 @@ TEST_F(Sync, AHalfProgrammedFlashIsProgrammedAgain)
     EXPECT_EQ(sync({"27", "28"}), 0) << run_->err();
     EXPECT_EQ(journal(), "program 28\n");
     EXPECT_TRUE(out_has("program: flash has no version")) << run_->out();
+}
+
+TEST_F(Sync, AFlashThatIsNotVerifiedIsProgrammedAgainWhateverIsReadFromIt)
+{
+    active_.flashes = {{27, NEW}, {28, NEW}};
+    active_.results = {{28, 0x40710009}};
+    chassis_.agent_says(28, "flash_state", "1");
+    EXPECT_EQ(sync({"27", "28"}), 1) << run_->err();
+    EXPECT_EQ(journal(), "program 28\n");
+    EXPECT_TRUE(out_has("28      -                  v3.5.0(09/17/12)   program: not verified")) << run_->out();
+    EXPECT_TRUE(out_has("28    v3.5.0(09/17/12)  -                 v3.1.0(02/11/11)  not verified: do not reboot"));
+}
+
+TEST_F(Sync, ACardWhoseAgentDoesNotAnswerIsLeft)
+{
+    active_.flashes = {{27, NEW}, {28, OLD}};
+    chassis_.end_agent(28);
+    EXPECT_EQ(sync({"27", "28"}), 1);
+    EXPECT_EQ(journal(), "");
+    EXPECT_TRUE(out_has("28      v3.1.0(02/11/11)   -                  left: unconfirmed")) << run_->out();
+    EXPECT_TRUE(out_has("module 28: its agent does not answer")) << run_->out();
+}
+
+TEST_F(Sync, AProgrammingWithoutALockMakesItBusy)
+{
+    chassis_.agent_says(28, "flash_state", "2");
+    EXPECT_EQ(sync({"27", "28"}), 4);
+    EXPECT_EQ(journal(), "");
+    EXPECT_TRUE(out_has("28      -                  v3.5.0(09/17/12)   left: being programmed")) << run_->out();
 }
 
 TEST_F(Sync, StopsAtTheFirstFailure)
@@ -139,27 +176,19 @@ TEST_F(Sync, AModuleThatDoesNotAnswerIsNotInStep)
 
 TEST_F(Sync, ALineCardIsNotTriedAndTheReasonIsTold)
 {
-    active_.flashes = {{5, OLD}};
-    const scripted_daemon card(chassis_, 5, healthy({.shipped = NEW}));
-    EXPECT_EQ(sync({"5"}), 1);
+    active_.flashes = {{19, OLD}};
+    chassis_.insert(19, 2, 90, 0);
+    EXPECT_EQ(sync({"19"}), 1);
     EXPECT_EQ(journal(), "");
     EXPECT_TRUE(out_has("left: no way to bring an image")) << run_->out();
-    EXPECT_TRUE(out_has("module 5: the active supervisor hands an image to the standby supervisor only"));
-}
-
-TEST_F(Sync, TheStandbyAloneIsLeftWhenItsOwnTreeShipsAnotherVersion)
-{
-    standby_.shipped = "v3.6.0(01/01/13)";
-    EXPECT_EQ(sync({"28"}), 1);
-    EXPECT_EQ(journal(), "");
-    EXPECT_TRUE(out_has("the active supervisor would bring v3.5.0(09/17/12)")) << run_->out();
-    EXPECT_FALSE(out_has("\n27  ")) << "it was not asked for";
+    EXPECT_TRUE(out_has("module 19: the active supervisor hands an image to the standby supervisor only"));
 }
 
 TEST_F(Sync, DuringAProgrammingItIsBusy)
 {
     const std::string locked = chassis_.path() + "/locked";
-    const scripted_daemon programming(chassis_, 5, [&](daemon_side &) {
+    chassis_.insert(19, 1, 206, 0);
+    const scripted_daemon programming(chassis_, 19, [&](daemon_side &) {
         const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
         if (modlock_init() == 0 && modlock_module_lock(129, 27 * 256 + 1, request) == 0)
             std::ofstream(locked) << "yes";
@@ -197,7 +226,8 @@ TEST_F(Sync, CtrlCWhileItProgramsEndsItAndTellsWhatWasDone)
 {
     active_.endless = 28;
     const scripted_daemon active(chassis_, 27, healthy(active_));
-    const scripted_daemon standby(chassis_, 28, healthy(standby_));
+    const scripted_daemon standby(chassis_, 28, healthy({}));
+    tell_agents();
     biosctl_run run({"--dir", chassis_.path(), "sync", "27", "28", "--json", "--keep-going"});
     ASSERT_TRUE(run.wait_for_error_text("50% writing")) << run.err();
     run.signal(SIGINT);

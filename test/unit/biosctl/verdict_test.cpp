@@ -87,18 +87,24 @@ TEST(Judge, ARebootIsPendingWhateverTheImageIs)
         EXPECT_EQ(judged({.flash = NEW, .running = OLD, .source = source}), "reboot pending") << source;
 }
 
-TEST(Judge, AProgrammingGoesBeforeEverythingAndUnreachableBeforeTheRest)
+TEST(Judge, WhatForbidsAJudgementGoesFirst)
 {
     for (const char *flash : {NONE, GARBAGE, OLD, NEW}) {
         for (const char *running : {NONE, GARBAGE, OLD, NEW}) {
-            version_facts facts{
-                .being_programmed = true, .reachable = false, .flash = flash, .running = running, .source = NEW};
-            EXPECT_EQ(judged(facts), "being programmed");
-            facts.reachable = true;
+            version_facts facts{.being_programmed = true,
+                                .not_verified = true,
+                                .reachable = false,
+                                .confirmed = false,
+                                .flash = flash,
+                                .running = running,
+                                .source = NEW};
             EXPECT_EQ(judged(facts), "being programmed");
             facts.being_programmed = false;
-            facts.reachable = false;
+            EXPECT_EQ(judged(facts), "not verified: do not reboot");
+            facts.not_verified = false;
             EXPECT_EQ(judged(facts), "unreachable");
+            facts.reachable = true;
+            EXPECT_EQ(judged(facts), "unconfirmed");
         }
     }
 }
@@ -126,8 +132,8 @@ TEST(VerdictRows, StandInTheOrderOfTheirKinds)
     std::size_t k = 0;
     for (const verdict_row &row : verdict_rows()) {
         EXPECT_EQ(static_cast<std::size_t>(row.kind), k++) << row.name;
-        EXPECT_LE(std::string(row.name).size(), 18u) << row.name;
+        EXPECT_LE(std::string(row.name).size(), 27u) << row.name;
         EXPECT_LE(std::string(row.name).size() + 2 + std::string(row.advice.text).size(), 80u) << row.name;
     }
-    EXPECT_EQ(k, 7u);
+    EXPECT_EQ(k, 9u);
 }
