@@ -58,6 +58,7 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},
     {AGENT_OPC_VERIFY_IMAGE, [](request_body body) { return with_record(body, verified_answer); }, true},
     {AGENT_OPC_GET_VERSIONS, [](request_body body) { return without_body(body, versions_answer); }},
+    {AGENT_OPC_GET_OUTCOME, [](request_body body) { return without_body(body, outcome_answer); }},
 };
 
 // Null for an opcode that is not served.

@@ -41,6 +41,7 @@ enum agent_opcode : std::uint32_t {
 
     AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
     AGENT_OPC_GET_VERSIONS = 4860, // the versions in the flashes of this card, and the one that runs
+    AGENT_OPC_GET_OUTCOME = 4861,  // what the last result that was told of this card's programming means
 };
 
 enum agent_status : std::uint32_t {
@@ -203,6 +204,21 @@ struct agent_result_t {
     char time[AGENT_TIME_BYTES];
 };
 static_assert(sizeof(agent_result_t) == 36);
+
+enum agent_outcome : std::uint32_t {
+    AGENT_OUTCOME_NONE = 0,           // no result was told
+    AGENT_OUTCOME_VERIFIED = 1,       // 0, and the card's log says that a flash was found equal to the image
+    AGENT_OUTCOME_WITHOUT_RESULT = 2, // 0, and it does not: a process that is killed leaves 0 behind
+    AGENT_OUTCOME_FAILED = 3,         // another result than 0
+};
+
+// AGENT_OPC_GET_OUTCOME: no body. The answer is agent_outcome_t: what a result of 0 means, only the card itself knows.
+struct agent_outcome_t {
+    be32 outcome; // of agent_outcome
+    agent_result_t result;
+};
+static_assert(sizeof(agent_outcome_t) == 40);
+static_assert(offsetof(agent_outcome_t, result) == 4);
 
 enum agent_image_source : std::uint32_t {
     AGENT_IMAGE_OF_TREE = 1, // the image tree of the system software

@@ -159,6 +159,15 @@ std::optional<std::vector<told_result>> decode_results(answer_payload payload)
     return records.at_end() ? std::optional(results) : std::nullopt;
 }
 
+std::optional<told_outcome> decode_outcome(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_outcome_t record{};
+    if (!records.take(record) || !records.at_end() || record.outcome.load() > AGENT_OUTCOME_FAILED)
+        return std::nullopt;
+    return told_outcome{static_cast<agent_outcome>(record.outcome.load()), printable(record.result.time)};
+}
+
 std::optional<told_image> decode_image(answer_payload payload)
 {
     record_reader records(payload);

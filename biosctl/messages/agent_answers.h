@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent_messages.h"
 #include "chassis_module_lock.h"
 #include "flash_event.h"
 #include "flash_event_log.h"
@@ -61,6 +62,12 @@ struct told_result {
     std::string time; // UTC, "2026-01-31T23:59:59Z"
 };
 
+// What the last result of a card's own programming means.
+struct told_outcome {
+    agent_outcome outcome = AGENT_OUTCOME_NONE;
+    std::string time; // of the result, as in told_result
+};
+
 // An image, as the card that has it tells of it.
 struct told_image {
     std::uint64_t size_bytes = 0;
@@ -97,6 +104,7 @@ std::optional<card_facts_told> decode_card(answer_payload payload);
 std::optional<told_versions> decode_versions(answer_payload payload);
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
+std::optional<told_outcome> decode_outcome(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);
 std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
 

@@ -139,6 +139,12 @@ std::optional<card_facts_told> ask_for_card(std::uint32_t node)
     return answer ? decode_card(*answer) : std::nullopt;
 }
 
+std::optional<told_outcome> ask_for_outcome(std::uint32_t node)
+{
+    const auto answer = ask(node, AGENT_OPC_GET_OUTCOME, {});
+    return answer ? decode_outcome(*answer) : std::nullopt;
+}
+
 request_answer ask_for_versions(std::uint32_t node)
 {
     return ask_agent(node, AGENT_OPC_GET_VERSIONS, {});

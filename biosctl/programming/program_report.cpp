@@ -66,8 +66,8 @@ explanation explain_unverified(const programming_result &result)
     if (result.progress.verified())
         return explain_disproved(result);
     return {.headline = module_text(result) + ": " + styled_text(NOT_PROGRAMMED) +
-                        ": the programming ended with result " + code_text(BIOS_OK) +
-                        " before the flash was verified (" + seen_text(result) + ")",
+                        ": the programming ended without a result (" + code_text(BIOS_OK) +
+                        ") before the flash was verified (" + seen_text(result) + ")",
             .likely = {"the programming process was killed or ended early"},
             .flash = FLASH_CORRUPTED,
             .next = PROGRAM_AGAIN.text};

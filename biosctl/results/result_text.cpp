@@ -29,9 +29,11 @@ constexpr std::uint32_t LOCK_RESULT_ERRNO = 0xfff;
 constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_OK,
      .name = "ok",
-     .meaning = "the request was carried out to its end",
-     .flash = {"verified only if the progress reached 100 percent; otherwise nothing was programmed"},
-     .next = {"reboot the card if the progress reached 100 percent; else look at the card's log"},
+     .meaning = "the request has ended; so does a programming whose process is killed",
+     .flash = {"verified only if the progress reached 100 percent; if the process was killed, it may be half written: do "
+               "not reboot",
+               text_meaning::wrong},
+     .next = {"biosctl show says whether the flash is verified; reboot the card only then"},
      .exit = EXIT_DONE},
     {.code = BIOS_LOADER_ERR_INSTALL,
      .name = "loader_install_failed",

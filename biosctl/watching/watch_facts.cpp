@@ -15,6 +15,17 @@ std::string role_of(unsigned slot)
     return slot_is_standby(slot) ? "standby" : "none";
 }
 
+// A result of 0 is that of a killed process as well. What it means does not change any more once it was told.
+void ask_what_zero_means(unsigned module, noticed_result &result)
+{
+    static std::map<unsigned, told_outcome> known;
+    told_outcome &outcome = known[module];
+    if (result.code == 0 && (outcome.time != result.time || outcome.outcome == AGENT_OUTCOME_NONE))
+        outcome = ask_for_outcome(node_of_module(module)).value_or(told_outcome{});
+    if (result.code == 0 && outcome.time == result.time)
+        result.outcome = outcome.outcome;
+}
+
 watched_card look_at(unsigned slot)
 {
     watched_card card;
@@ -41,11 +52,15 @@ watch_facts read_watch_facts(const std::vector<unsigned> &modules)
     const auto results = ask_for_results();
     facts.results_readable = results.has_value();
     for (const told_result &told : results.value_or(std::vector<told_result>{}))
-        facts.results[told.module] = {told.code, told.time, told.reported_by_slot};
+        facts.results[told.module] = {told.code, told.time, told.reported_by_slot, AGENT_OUTCOME_NONE};
     const auto locks = ask_for_locks();
     facts.locks = locks.value_or(std::vector<chassis_module_lock_holder>{});
     facts.locks_readable = locks.has_value();
     for (const unsigned slot : modules.empty() ? modules_of_chassis() : modules)
         facts.cards.push_back(look_at(slot));
+    for (const watched_card &card : facts.cards) {
+        if (const auto result = facts.results.find(card.slot); card.confirmed && result != facts.results.end())
+            ask_what_zero_means(card.slot, result->second);
+    }
     return facts;
 }

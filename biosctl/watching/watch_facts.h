@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "agent_messages.h"
 #include "chassis_module_lock.h"
 #include "flash_geometry.h"
 #include "flash_progress_file.h"
@@ -25,6 +26,7 @@ struct noticed_result {
     std::uint32_t code = 0;
     std::string time;              // UTC
     unsigned reported_by_slot = 0; // whose daemon has sent the notice
+    agent_outcome outcome = AGENT_OUTCOME_NONE; // what a code of 0 means, as the programmed card says; NONE: not known
 
     bool operator==(const noticed_result &) const = default;
 };

@@ -109,15 +109,32 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
     return who + (words == wording::full ? ", " + reason_text(row.lock->reason) + "," : "") + " since " + since;
 }
 
+constexpr const char *ENDED_WITHOUT_RESULT = "ended without a result";
+
+// The name of a result. 0 says no more than that a process has ended.
+std::string result_name(const noticed_result &result)
+{
+    if (result.code != BIOS_OK || result.outcome == AGENT_OUTCOME_VERIFIED)
+        return describe_result(result.code).name;
+    return result.outcome == AGENT_OUTCOME_NONE ? "ended" : ENDED_WITHOUT_RESULT;
+}
+
+bool is_bad(const noticed_result &result)
+{
+    return find_result(result.code) == nullptr ||
+           (result.code == BIOS_OK && result.outcome == AGENT_OUTCOME_WITHOUT_RESULT);
+}
+
 table_cell result_cell(const watch_snapshot &snapshot, const watch_row &row, wording words)
 {
     if (!snapshot.results_readable)
         return "?";
     if (!row.result)
         return "";
-    const std::string name = words >= wording::compact ? "" : describe_result(row.result->code).name + " ";
+    const bool is_named = words < wording::compact || row.result->code == BIOS_OK;
+    const std::string name = is_named ? result_name(*row.result) + " " : "";
     return {code_text(row.result->code) + " " + name + time_cell(row.result->time, snapshot.time, words),
-            find_result(row.result->code) != nullptr ? text_meaning::none : text_meaning::wrong};
+            is_bad(*row.result) ? text_meaning::wrong : text_meaning::none};
 }
 
 table table_of(const watch_snapshot &snapshot, const std::vector<watch_row> &rows, wording words)
@@ -214,7 +231,7 @@ nlohmann::ordered_json lock_json(const watched_lock &lock)
 nlohmann::ordered_json result_json(const noticed_result &result)
 {
     return {{"result", code_text(result.code)},
-            {"name", describe_result(result.code).name},
+            {"name", result_name(result)},
             {"time", result.time},
             {"reported_by_slot", result.reported_by_slot}};
 }

@@ -50,3 +50,12 @@ std::string utc_microseconds(std::uint64_t time_ns)
                         static_cast<unsigned>(time_ns % SECOND_NS / MICROSECOND_NS));
     return seconds_text(static_cast<std::time_t>(time_ns / SECOND_NS)) + fraction;
 }
+
+std::optional<std::int64_t> utc_parse_seconds(const std::string &text)
+{
+    std::tm utc{};
+    const char *rest = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+    if (rest == nullptr || (*rest != 'Z' && *rest != '.'))
+        return std::nullopt;
+    return ::timegm(&utc);
+}

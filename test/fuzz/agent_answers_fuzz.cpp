@@ -93,7 +93,7 @@ void expect_sound(const std::optional<Decoded> &decoded)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz_input input(data, size);
-    const unsigned kind = input.byte() % 9;
+    const unsigned kind = input.byte() % 10;
     const auto rest = input.rest();
     const answer_payload payload(rest.data(), rest.size());
     switch (kind) {
@@ -122,6 +122,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         break;
     case 8:
         expect_sound(decode_versions(payload));
+        break;
+    case 9:
+        if (const auto outcome = decode_outcome(payload); outcome)
+            expect_printable(outcome->time);
         break;
     default:
         for (const flash_event &event :

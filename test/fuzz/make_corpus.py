@@ -213,7 +213,7 @@ def make_records():
 
 
 def make_agent_answers():
-    modules, card, locks, results, events, files, transfer, digest, versions = range(9)
+    modules, card, locks, results, events, files, transfer, digest, versions, outcome = range(10)
     def answer(name, kind, content):
         put("agent_answers", name, bytes([kind]) + content)
     def words(*values):
@@ -239,6 +239,7 @@ def make_agent_answers():
     answer("files-unterminated", files, b"a" * 64 + file[64:])
     answer("transfer", transfer, words(1, 2, 0, 65536))
     answer("digest", digest, bytes(range(32)))
+    answer("outcome", outcome, words(2, 28, 0, 27) + time)
     version = field("v3.5.0(09/17/12)", 128)
     answer("versions", versions, words(5, 1, 0, 2) + version + words(0, 4) + version + words(1, 3) + version)
     answer("versions-unprintable", versions, words(5, 1, 9, 1) + version.replace(b"v", b"\x1b") + words(0, 0) + b"\xff" * 128)

@@ -21,12 +21,12 @@ TEST(ProgrammingResults, AreThoseOfTheDaemonsNotices)
     results_by_module results;
     take_result(results, notice(4792, DAEMON_27, {0x40, 0x71, 0, 0x0c, 0, 0, 0, 28}));
     ASSERT_EQ(results.size(), 1U);
-    EXPECT_EQ(results[28].module.load(), 28U);
-    EXPECT_EQ(results[28].result.load(), 0x4071000cU);
-    EXPECT_EQ(results[28].reported_by_slot.load(), 27U);
-    EXPECT_STREQ(field_text(results[28].time).text, "2026-01-31T11:00:00Z");
+    EXPECT_EQ(results[28].result.module.load(), 28U);
+    EXPECT_EQ(results[28].result.result.load(), 0x4071000cU);
+    EXPECT_EQ(results[28].result.reported_by_slot.load(), 27U);
+    EXPECT_STREQ(field_text(results[28].result.time).text, "2026-01-31T11:00:00Z");
     take_result(results, notice(4792, DAEMON_27, {0, 0, 0, 0, 0, 0, 0, 28}));
-    EXPECT_EQ(results[28].result.load(), 0U);
+    EXPECT_EQ(results[28].result.result.load(), 0U);
 }
 
 TEST(ProgrammingResults, AreNotMadeOutOfAnythingElse)
@@ -41,4 +41,59 @@ TEST(ProgrammingResults, AreNotMadeOutOfAnythingElse)
     take_result(results, notice(4792, DAEMON_27, {0, 0, 0, 0, 0, 0, 0, 233}));
     take_result(results, notice(4792, DAEMON_27, {0, 0, 0, 0, 1, 0, 0, 28}));
     EXPECT_TRUE(results.empty());
+}
+
+namespace
+{
+
+constexpr const char *TOLD = "2026-01-31T11:00:10.500000Z";
+
+told_end end_with(std::uint32_t result, const std::string &before = "2026-01-31T11:00:00.000000Z")
+{
+    return {.result = {be32::of(28), be32::of(result), be32::of(27), {}}, .time = TOLD, .before = before};
+}
+
+flash_event event_at(const std::string &time, flash_event_kind kind, std::optional<std::uint32_t> result = {})
+{
+    return {.time = time, .slot = 28, .sequence = 1, .kind = kind, .result = result};
+}
+
+agent_outcome outcome_after(const std::string &time, flash_event_kind kind = flash_event_kind::ended,
+                            std::uint32_t result = 0)
+{
+    const std::vector<flash_event> events{event_at(time, kind, result)};
+    return outcome_of(end_with(0), events);
+}
+
+} // namespace
+
+TEST(ProgrammingOutcome, ZeroIsVerifiedWhenTheFlashsLogSaysSo)
+{
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z"), AGENT_OUTCOME_VERIFIED);
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:10.500Z"), AGENT_OUTCOME_VERIFIED);
+}
+
+TEST(ProgrammingOutcome, ZeroOfAKilledProcessIsWithoutAResult)
+{
+    EXPECT_EQ(outcome_of(end_with(0), {}), AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::attempt), AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0x40710009),
+              AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:00.000Z"), AGENT_OUTCOME_WITHOUT_RESULT) << "of the programming before";
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:10.501Z"), AGENT_OUTCOME_WITHOUT_RESULT) << "of a later one";
+}
+
+TEST(ProgrammingOutcome, AnOldEndIsNotTheOneThatWasTold)
+{
+    const std::vector<flash_event> old{event_at("2026-01-31T10:59:39.000Z", flash_event_kind::ended, 0)};
+    EXPECT_EQ(outcome_of(end_with(0, ""), old), AGENT_OUTCOME_WITHOUT_RESULT);
+    const std::vector<flash_event> recent{event_at("2026-01-31T10:59:41.000Z", flash_event_kind::ended, 0)};
+    EXPECT_EQ(outcome_of(end_with(0, ""), recent), AGENT_OUTCOME_VERIFIED);
+}
+
+TEST(ProgrammingOutcome, OtherResultsAreFailuresAndWithoutANoticeNothingIsKnown)
+{
+    const std::vector<flash_event> verified{event_at("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0)};
+    EXPECT_EQ(outcome_of(end_with(0x40710009), verified), AGENT_OUTCOME_FAILED);
+    EXPECT_EQ(outcome_of({}, verified), AGENT_OUTCOME_NONE);
 }

@@ -123,6 +123,18 @@ TEST(AgentAnswers, ResultsAreThoseOfModules)
     EXPECT_TRUE(decode_results({})->empty());
 }
 
+TEST(AgentAnswers, OutcomeIsOneOfThoseThereAre)
+{
+    const bytes result = words({28, 0, 27}) + text_field("2026-01-31T11:00:00Z", 24);
+    const auto outcome = decode_outcome(words({2}) + result);
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->outcome, AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome->time, "2026-01-31T11:00:00Z");
+    EXPECT_FALSE(decode_outcome(words({4}) + result));
+    EXPECT_FALSE(decode_outcome(words({2}) + result + bytes(1)));
+    EXPECT_FALSE(decode_outcome(result));
+}
+
 TEST(AgentAnswers, FilesAreTakenInOrder)
 {
     const bytes first = text_field("a.bin", 64) + words({0, 3}) + bytes(31) + bytes{7};

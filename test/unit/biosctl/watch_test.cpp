@@ -554,3 +554,28 @@ TEST(Watch, LeavesNothingBehind)
     EXPECT_EQ(names(), before);
     EXPECT_NE(run.out().find("27    active   idle"), std::string::npos) << run.out();
 }
+
+// Results
+
+TEST(WatchResults, ZeroIsOkOnlyWhenTheFlashWasVerified)
+{
+    const std::pair<agent_outcome, std::string> cases[] = {
+        {AGENT_OUTCOME_VERIFIED, "ok"},
+        {AGENT_OUTCOME_WITHOUT_RESULT, "ended without a result"},
+        {AGENT_OUTCOME_NONE, "ended"},
+    };
+    for (const auto &[outcome, name] : cases) {
+        watch_facts facts = idle_facts();
+        facts.results[28] = {0, EARLIER, 27, outcome};
+        const std::vector<std::string> all = lines(facts);
+        EXPECT_TRUE(std::ranges::any_of(all, [&](const std::string &line) {
+            return line.ends_with("0x00000000 " + name + " " + EARLIER);
+        })) << name;
+        EXPECT_EQ(watch_json(make_snapshot(facts))["cards"][2]["last_result"]["name"], name);
+        for (const std::string &line : lines(facts, watch_space{.columns = 60, .lines = 20})) {
+            if (line.starts_with("28")) {
+                EXPECT_NE(line.find(name), std::string::npos) << line;
+            }
+        }
+    }
+}

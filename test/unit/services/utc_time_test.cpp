@@ -28,3 +28,12 @@ TEST(UtcTime, OfNowHasOneFormOfEachLength)
 }
 
 } // namespace
+
+TEST(UtcTime, IsReadBack)
+{
+    EXPECT_EQ(utc_parse_seconds("1970-01-01T00:00:10Z"), 10);
+    EXPECT_EQ(utc_parse_seconds(utc_seconds(1'900'000'000)), 1'900'000'000);
+    EXPECT_EQ(utc_parse_seconds("2026-01-31T23:59:59.123Z"), utc_parse_seconds("2026-01-31T23:59:59Z"));
+    for (const char *text : {"", "2026", "2026-01-31", "2026-01-31T23:59:59", "2026-13-31T23:59:59Z", "x"})
+        EXPECT_FALSE(utc_parse_seconds(text)) << text;
+}
