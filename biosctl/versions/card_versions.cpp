@@ -19,7 +19,8 @@
 namespace
 {
 
-constexpr unsigned ALTERNATE = 1; // instance
+constexpr unsigned ALTERNATE = 1;       // instance
+constexpr unsigned DAEMON_LOOK_S = 3; // a daemon that is not busy answers at once
 
 // What has been learnt about one card so far.
 struct card {
@@ -145,13 +146,31 @@ void take_image(card &known, const image_reply &reply, unsigned asked_slot)
     known.reasons.push_back("no image version" + of + ": " + why);
 }
 
-// What the agents say, all at the same time, and whether the serving daemon answers: 0, or why not.
+void take_daemon(card &known, const request_answer &answer)
+{
+    if (answer.answered || answer.error == EOPNOTSUPP)
+        return;
+    known.reasons.push_back(answer.error == MTS_ERRNO_TIMED_OUT
+                                ? "its daemon has not answered in " + std::to_string(DAEMON_LOOK_S) + " s"
+                                : no_answer_text(answer.error));
+}
+
+// What the agents say, and whether the daemons answer, all at the same time. 0 when the serving one does, else why not.
 int ask_agents(std::vector<card> &cards, unsigned serving_slot, unsigned timeout_s)
 {
     std::map<image_place_and_card, std::size_t> images;
     std::vector<card_query> queries;
     for (const card &asked : cards)
         queries.emplace_back([node = asked.node()] { return ask_for_versions(node); });
+    std::map<unsigned, std::size_t> daemons; // by module
+    for (const card &asked : cards) {
+        if (asked.module == serving_slot)
+            continue;
+        daemons[asked.module] = queries.size();
+        queries.push_back(daemon_query(asked.node(), encode_module_version_request(asked.module),
+                                       std::min(timeout_s, DAEMON_LOOK_S)));
+    }
+    const std::size_t serving_place = queries.size();
     queries.push_back(
         daemon_query(node_of_module(serving_slot), encode_module_version_request(serving_slot), timeout_s));
     for (const card &asked : cards) {
@@ -166,11 +185,13 @@ int ask_agents(std::vector<card> &cards, unsigned serving_slot, unsigned timeout
         card &known = cards[k];
         if (answers[k].answered && answers[k].status == 0)
             known.told = decode_versions(answers[k].payload);
+        if (const auto daemon = daemons.find(known.module); known.told && daemon != daemons.end())
+            take_daemon(known, answers[daemon->second]);
         if (known.told)
             take_image(known, image_reply_of(answers[images.at(image_for(known.module, serving_slot))]),
                        slot_that_unpacks_for(known.module, serving_slot).value_or(known.module));
     }
-    const request_answer &serving = answers[cards.size()];
+    const request_answer &serving = answers[serving_place];
     return serving.answered ? 0 : serving.error;
 }
 
@@ -195,8 +216,6 @@ void report_flashes(card_report &report, const told_versions &told, version_fact
         report.reasons.emplace_back("which version it was started from is not known");
     if (told.started_from == ALTERNATE)
         report.reasons.emplace_back("it was started from its alternate flash");
-    if (!told.serves)
-        report.reasons.emplace_back("its daemon does not serve");
     report.flashes.push_back({.label = has_primary ? "primary" : "", .facts = std::move(facts)});
 }
 

@@ -131,8 +131,10 @@ table_cell result_cell(const watch_snapshot &snapshot, const watch_row &row, wor
         return "?";
     if (!row.result)
         return "";
-    const bool is_named = words < wording::compact || row.result->code == BIOS_OK;
-    const std::string name = is_named ? result_name(*row.result) + " " : "";
+    const bool is_brief = words >= wording::compact;
+    std::string name = is_brief && row.result->code != BIOS_OK ? "" : result_name(*row.result) + " ";
+    if (is_brief && name.starts_with(ENDED_WITHOUT_RESULT))
+        name = "no result ";
     return {code_text(row.result->code) + " " + name + time_cell(row.result->time, snapshot.time, words),
             is_bad(*row.result) ? text_meaning::wrong : text_meaning::none};
 }

@@ -63,7 +63,7 @@ TEST_F(BiosctlSync, TakesNoKilledProgrammingForSuccessAndRepairsTheFlashNextTime
 
     const finished_program repaired = biosctl({"sync"});
     EXPECT_EQ(repaired.exit_code, DONE) << repaired.errors;
-    EXPECT_TRUE(says(repaired.output, "program: flash has no version")) << repaired.output;
+    EXPECT_TRUE(says(repaired.output, "program: not verified")) << repaired.output;
     EXPECT_TRUE(holds(1, new_image()));
     EXPECT_FALSE(is_marked(1));
 }

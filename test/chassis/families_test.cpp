@@ -81,7 +81,7 @@ protected:
         EXPECT_TRUE(card.at("reasons").empty());
         ASSERT_EQ(card.at("flashes").size(), 1U);
         const nlohmann::json &only = card["flashes"][0];
-        EXPECT_EQ(only.at("label"), "swid-bios");
+        EXPECT_EQ(only.at("label"), "primary");
         EXPECT_EQ(only.at("source"), told(new_of(family_of(slot))));
         EXPECT_EQ(only.at("flash"), told(flash));
         EXPECT_EQ(only.at("running"), told(running));
@@ -97,7 +97,6 @@ TEST_F(Families, EachCardShowsTheVersionsOfItsFamily)
     const nlohmann::json report = shown({"show", "--json"});
     EXPECT_EQ(report.at("serving_slot"), 1);
     EXPECT_EQ(report.at("all_in_step"), false);
-    EXPECT_TRUE(report.at("notes").empty());
     ASSERT_EQ(report.at("cards").size(), LAST_SLOT);
     for (unsigned slot = FIRST_SLOT; slot <= LAST_SLOT; ++slot) {
         const test_image &old = old_of(family_of(slot));

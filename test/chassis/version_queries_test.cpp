@@ -2,6 +2,7 @@
 // answer in every way, and of modules that are not there. Answers are compared byte for byte.
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <random>
@@ -244,7 +245,10 @@ TEST_F(VersionQueries, OperatorIsToldTheDaemonsOwnFailureAboutASilentModule)
     insert({.slot = 1});
     insert_module(3, "silent");
     start();
+    const pid_t agent = agent_pid(3); // without it the daemon is asked
+    ASSERT_EQ(::kill(agent, SIGSTOP), 0);
     const finished_program shown = biosctl({"show"});
+    ASSERT_EQ(::kill(agent, SIGCONT), 0);
     EXPECT_EQ(shown.exit_code, 0) << shown.errors;
     EXPECT_NE(shown.output.find("slot 3: slot 1 got no versions from it\n"), std::string::npos) << shown.output;
     EXPECT_EQ(shown.output.find("in time"), std::string::npos) << shown.output;

@@ -1,0 +1,180 @@
+// What biosctl shows of the versions of real cards, and that it is so: in every state of a flash, and without being in
+// the way of a programming.
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
+#include "chassis_fixture.h"
+
+namespace
+{
+
+constexpr int DONE = 0;
+constexpr int FAILED = 1;
+constexpr unsigned FLASH_KIB = 512; // takes a few seconds with the time of a real part
+
+using json = nlohmann::json;
+
+// As screens show a version.
+std::string shown(const test_image &image)
+{
+    return image.version.substr(image.version.find_first_not_of(' '));
+}
+
+class BiosctlVersions : public chassis_test
+{
+protected:
+    json card(unsigned slot, const std::string &command = "show") const
+    {
+        const finished_program told = biosctl({"--json", command, std::to_string(slot)});
+        const json answer = json::parse(told.output, nullptr, false);
+        if (!answer.is_object() || !answer.contains("cards"))
+            return {{"error", told.output + told.errors}};
+        return answer["cards"][0];
+    }
+    json flash(unsigned slot) const { return card(slot).value("flashes", json::array({json::object()}))[0]; }
+    json last_result(unsigned slot) const
+    {
+        const finished_program seen = biosctl({"--json", "watch", std::to_string(slot), "--once"});
+        return json::parse(seen.output)["cards"][0]["last_result"];
+    }
+    std::string shipped_file(unsigned slot) const { return card_file(slot, "/vesk/bin/" + shipped_name(90)); }
+};
+
+} // namespace
+
+TEST_F(BiosctlVersions, ShowAndSyncLeaveAnImageThatAnOperatorHasPutReady)
+{
+    insert({.slot = 1});
+    insert({.slot = 2, .role = "standby"});
+    up();
+    const std::string ready = on_bootflash(2, ".tmpbios.bin");
+    write_file(ready, "an operator's");
+    const std::string active = on_bootflash(1, ".tmpbios.bin");
+    write_file(active, "an operator's");
+    EXPECT_EQ(biosctl({"show"}).exit_code, DONE);
+    EXPECT_EQ(biosctl({"audit"}).exit_code, FAILED);
+    EXPECT_EQ(biosctl({"sync", "--dry-run"}).exit_code, DONE);
+    EXPECT_EQ(file_content(ready), "an operator's");
+    EXPECT_EQ(file_content(active), "an operator's");
+    EXPECT_EQ(lines_with(1, "SRC_BIOS_VERSION") + lines_with(2, "SRC_BIOS_VERSION"), 0U);
+}
+
+TEST_F(BiosctlVersions, WhileAFlashIsWrittenItHasNoVersionAlsoWithoutALock)
+{
+    insert({.slot = 1, .in_flash = &image("1.2", FLASH_KIB), .in_tree = &image("2.5", FLASH_KIB), .flash_kib = FLASH_KIB,
+            .sector_kib = 64});
+    insert({.slot = 2, .role = "standby", .in_flash = &image("1.2", FLASH_KIB), .in_tree = &image("2.5", FLASH_KIB),
+            .flash_kib = FLASH_KIB, .sector_kib = 64});
+    up();
+    write_file(flash_file(2, "timing"), "1\n");
+    std::filesystem::copy_file(image("2.5", FLASH_KIB).path, on_bootflash(2, ".tmpbios.bin"));
+    running_program direct(biosctl_words({"program", "2", "--via", "2"}));
+    ASSERT_TRUE(wait_until([&] { return flash(2).value("verdict", "") == "being programmed"; }));
+    unsigned looks = 0;
+    for (json seen = flash(2); seen.value("verdict", "") == "being programmed"; seen = flash(2), ++looks)
+        EXPECT_TRUE(seen["flash"].is_null()) << seen;
+    EXPECT_GT(looks, 0U);
+    EXPECT_EQ(direct.wait(std::chrono::seconds(60)).exit_code, DONE);
+    const json after = flash(2);
+    EXPECT_EQ(after["flash"], shown(image("2.5", FLASH_KIB))) << after;
+    EXPECT_EQ(after["running"], shown(image("1.2", FLASH_KIB))) << after;
+}
+
+TEST_F(BiosctlVersions, AHalfWrittenFlashIsCalledSoByEveryScreen)
+{
+    insert({.slot = 1});
+    up();
+    EXPECT_EQ(flash(1)["flash"], shown(old_image()));
+    set_faults(1, "torn program 300");
+    EXPECT_EQ(biosctl({"program", "1"}).exit_code, FAILED);
+    ASSERT_TRUE(is_marked(1));
+    for (const char *command : {"show", "audit"}) {
+        const json seen = card(1, command);
+        EXPECT_EQ(seen["flashes"][0]["verdict"], "not verified: do not reboot") << seen;
+        EXPECT_TRUE(seen["flashes"][0]["flash"].is_null()) << seen;
+        EXPECT_EQ(seen["flashes"][0]["running"], shown(old_image())) << seen;
+    }
+    const finished_program audit = biosctl({"audit"});
+    EXPECT_EQ(audit.exit_code, FAILED);
+    EXPECT_NE(audit.output.find("program it again: biosctl program SLOT"), std::string::npos) << audit.output;
+    EXPECT_EQ(last_result(1)["result"], "0x00000000");
+    EXPECT_EQ(last_result(1)["name"], "ended without a result");
+
+    set_faults(1, "");
+    EXPECT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    EXPECT_EQ(flash(1)["verdict"], "reboot pending");
+    EXPECT_EQ(last_result(1)["name"], "ok");
+}
+
+TEST_F(BiosctlVersions, WhatRunsIsWhatTheCardWasStartedFromWhoeverIsStartedAgain)
+{
+    insert({.slot = 1});
+    up();
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    EXPECT_EQ(flash(1)["running"], shown(old_image()));
+    const pid_t agent = agent_pid(1);
+    ASSERT_EQ(::kill(agent, SIGKILL), 0);
+    ASSERT_TRUE(wait_until([&] { return agent_pid(1) != 0 && agent_pid(1) != agent; }));
+    ASSERT_TRUE(wait_until([&] { return flash(1).value("running", json()) == shown(old_image()); }));
+    const pid_t daemon = daemon_pid(1);
+    ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+    ASSERT_TRUE(wait_until([&] { return daemon_pid(1) != 0 && daemon_pid(1) != daemon; }));
+    EXPECT_EQ(flash(1)["running"], shown(old_image()));
+    EXPECT_EQ(flash(1)["flash"], shown(new_image()));
+    ASSERT_EQ(chassis({"restart", "1"}).exit_code, DONE);
+    EXPECT_EQ(flash(1)["running"], shown(new_image()));
+    EXPECT_EQ(flash(1)["verdict"], "in step");
+}
+
+TEST_F(BiosctlVersions, ACardWhoseAgentHangsIsUnconfirmedAndLeft)
+{
+    insert({.slot = 1, .in_flash = &new_image()});
+    insert({.slot = 2, .role = "standby"});
+    up();
+    const pid_t agent = agent_pid(2);
+    ASSERT_EQ(::kill(agent, SIGSTOP), 0);
+    const finished_program table = biosctl({"show", "2"});
+    const finished_program left = biosctl({"sync", "2"});
+    ASSERT_EQ(::kill(agent, SIGCONT), 0);
+    EXPECT_EQ(table.exit_code, DONE) << table.errors;
+    EXPECT_NE(table.output.find(shown(old_image()) + "?"), std::string::npos) << table.output;
+    EXPECT_NE(table.output.find("  unconfirmed\n"), std::string::npos) << table.output;
+    EXPECT_EQ(left.exit_code, FAILED);
+    EXPECT_NE(left.output.find("left: unconfirmed"), std::string::npos) << left.output << left.errors;
+    EXPECT_EQ(flash_of(2), old_image().bytes);
+}
+
+TEST_F(BiosctlVersions, EachThingThatCanBeWrongWithAnImageIsToldApart)
+{
+    insert({.slot = 1});
+    up();
+    const auto reason = [&] { return card(1)["reasons"].dump(); };
+    const std::string packed = file_content(shipped_file(1));
+    EXPECT_EQ(reason(), "[]");
+    write_file(shipped_file(1), packed.substr(0, packed.size() / 2));
+    EXPECT_NE(reason().find("the image is cut short or damaged"), std::string::npos) << reason();
+    write_file(shipped_file(1), "no image");
+    EXPECT_NE(reason().find("the image was not compressed by gzip"), std::string::npos) << reason();
+    std::filesystem::remove(shipped_file(1));
+    EXPECT_NE(reason().find("there is no such file on the card"), std::string::npos) << reason();
+    write_file(workspace() + "/blank", std::string(4096, '\xff'));
+    ASSERT_EQ(std::system(("gzip -c " + workspace() + "/blank > " + shipped_file(1)).c_str()), 0);
+    EXPECT_NE(reason().find("the image holds no version"), std::string::npos) << reason();
+}
+
+TEST_F(BiosctlVersions, WithoutTheActiveDaemonTheTableIsThereAndShowFails)
+{
+    insert({.slot = 1});
+    insert({.slot = 2, .role = "standby"});
+    up();
+    const pid_t daemon = daemon_pid(1);
+    ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
+    const finished_program seen = biosctl({"show", "--timeout", "1"});
+    ASSERT_EQ(::kill(daemon, SIGCONT), 0);
+    EXPECT_EQ(seen.exit_code, FAILED);
+    EXPECT_NE(seen.errors.find("slot 1: the daemon did not answer in time"), std::string::npos) << seen.errors;
+    EXPECT_NE(seen.output.find("update available"), std::string::npos) << seen.output;
+}
