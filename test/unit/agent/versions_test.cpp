@@ -117,6 +117,7 @@ TEST_F(AgentVersions, WhatTheCardWasStartedFromIsNotGuessedAfterAProgramming)
     note_programming();
     note_boot();
     EXPECT_EQ(running(), "");
+    ::usleep(2000); // events tell milliseconds
     boot();
     note_boot();
     EXPECT_EQ(running(), OLD) << "the programming was before the boot";
