@@ -18,7 +18,12 @@ int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_m
 
 // Sends a request to an endpoint of another node and waits for its answer. Other messages that arrive at the
 // handle meanwhile are kept for mts_recv. An answer that comes when nobody waits for it any more is dropped: it is
-// neither taken for the answer to another request nor received by mts_recv.
+// neither taken for the answer to another request nor received by mts_recv. Only so many messages are kept; a request
+// that is not is rejected.
+//
+// On a card the wait is bounded by what is asked, whatever wait_limit says: 10 seconds for a version query, 30 for
+// MTS_OPC_BIOS_PROGRAMMING_START. Such a request fails at once, as if the wait had passed, when the endpoint let the last
+// one pass and has not been heard of since. Installations and all other requests wait as long as wait_limit says.
 //   opcode            of the request
 //   request_type      3
 //   request           the request's body, *length bytes; or the same pointer as length, for a request without
@@ -29,7 +34,7 @@ int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_m
 //   length            in: bytes of the body; out: bytes of the answer's payload
 //   tag_1, tag_2      text that the transport puts into the request's header
 //   sap, node         the endpoint asked
-//   wait_limit        seconds; the transport may be set up to wait less
+//   wait_limit        seconds; the transport may be set up to wait less, and tells the receiver how long it waits
 // 0 when the answer came with status 0; the answer's status when it is not 0; -1 with errno when no answer
 // came: MTS_ERRNO_TIMED_OUT, ECONNREFUSED (nobody has the address), ECONNRESET (the endpoint went away while
 // waiting), EOPNOTSUPP (the request was rejected).

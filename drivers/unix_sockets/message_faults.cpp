@@ -107,8 +107,10 @@ mts_held_message copy_of(const mts_message &message, std::uint32_t payload_bytes
     mts_frame_header header = message.header;
     header.payload_bytes = payload_bytes;
     mts_held_message copy = mts_message_for(header);
-    if (copy)
+    if (copy) {
         std::memcpy(copy->payload, message.payload, payload_bytes);
+        copy->came_us = message.came_us;
+    }
     return copy;
 }
 

@@ -1,5 +1,6 @@
 #include "socket_datagram.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -7,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 
+#include "monotonic_clock.h"
 #include "write_all.h"
 
 namespace
@@ -26,6 +28,15 @@ void take_descriptors(const cmsghdr &control, socket_datagram &datagram)
     }
 }
 
+// The system notes arrivals by the clock that can be set.
+std::int64_t time_since(const cmsghdr &control)
+{
+    timespec came;
+    std::memcpy(&came, CMSG_DATA(&control), sizeof came);
+    const std::int64_t came_us = std::int64_t{came.tv_sec} * MICROSECONDS + came.tv_nsec / 1000;
+    return std::max<std::int64_t>(microseconds_of(CLOCK_REALTIME) - came_us, 0);
+}
+
 void take_control(msghdr &received, socket_datagram &datagram)
 {
     for (cmsghdr *control = CMSG_FIRSTHDR(&received); control != nullptr;
@@ -39,6 +50,8 @@ void take_control(msghdr &received, socket_datagram &datagram)
             std::memcpy(&credentials, CMSG_DATA(control), sizeof credentials);
             datagram.sender = credentials.uid;
         }
+        if (control->cmsg_type == SCM_TIMESTAMPNS && control->cmsg_len >= CMSG_LEN(sizeof(timespec)))
+            datagram.queued_us = time_since(*control);
     }
 }
 
@@ -78,7 +91,8 @@ bool read_memory_file(int file, std::uint8_t *destination, std::size_t bytes)
 int socket_datagram_receive(int socket, int flags, socket_datagram &datagram)
 {
     // Room for a few descriptors, so that a wrong number of them is seen; the system closes those without room.
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred)) + CMSG_SPACE(4 * sizeof(int))];
+    alignas(cmsghdr) char
+        control[CMSG_SPACE(sizeof(ucred)) + 2 * CMSG_SPACE(2 * sizeof(std::int64_t)) + CMSG_SPACE(4 * sizeof(int))];
     iovec room = {&datagram.frame, sizeof datagram.frame};
     msghdr received{};
     received.msg_iov = &room;
@@ -91,6 +105,7 @@ int socket_datagram_receive(int socket, int flags, socket_datagram &datagram)
     datagram.bytes = static_cast<std::size_t>(got);
     datagram.cut = (received.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0;
     datagram.sender = static_cast<uid_t>(-1);
+    datagram.queued_us = 0;
     datagram.memory_file.reset();
     datagram.descriptors = 0;
     take_control(received, datagram);
@@ -109,6 +124,7 @@ mts_held_message socket_datagram_accept(socket_datagram &datagram, uid_t user)
     mts_held_message message = mts_message_for(header);
     if (!message)
         return nullptr;
+    message->came_us -= datagram.queued_us;
     if (header.place == mts_frame_place::in_datagram)
         std::memcpy(message->payload, datagram.frame.payload, header.payload_bytes);
     else if (!read_memory_file(memory_file.get(), message->payload, header.payload_bytes))

@@ -19,11 +19,12 @@ struct socket_datagram {
         mts_frame_header header;
         std::uint8_t payload[INLINE_PAYLOAD_BYTES];
     } frame;
-    std::size_t bytes;     // of frame that were received
-    bool cut;              // the datagram was longer, or descriptors were lost
-    uid_t sender;          // (uid_t)-1 when unknown
-    unique_fd memory_file; // the one descriptor that came
-    unsigned descriptors;  // how many came
+    std::size_t bytes;      // of frame that were received
+    bool cut;               // the datagram was longer, or descriptors were lost
+    uid_t sender;           // (uid_t)-1 when unknown
+    std::int64_t queued_us; // how long it lay in the queue; 0: not known
+    unique_fd memory_file;  // the one descriptor that came
+    unsigned descriptors;   // how many came
 };
 
 // Reads one datagram from a socket. flags as of recvmsg. 0, or -1 with the errno of recvmsg.

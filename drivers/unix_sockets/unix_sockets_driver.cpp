@@ -22,6 +22,8 @@ unique_fd receiving_socket()
     const int on = 1;
     if (socket && ::setsockopt(socket.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
         return unique_fd();
+    if (socket) // without them it is not known how long a message lay in the queue
+        (void)::setsockopt(socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
     return socket;
 }
 
@@ -31,8 +33,8 @@ int bind_address(datagram_port &port, std::int32_t sap)
     if (!lock)
         return -1;
     if (sap == DRIVERS_CHOICE)
-        return socket_directory_bind_ephemeral(port.directory.get(), lock.get(), port.socket.get(), port.address.node,
-                                               port.address.sap);
+        return socket_directory_bind_ephemeral(port.directory.get(), lock.get(), port.socket.get(),
+                                               port.address.node, port.address.sap);
     port.address.sap = static_cast<std::uint32_t>(sap);
     return socket_directory_bind(port.directory.get(), port.socket.get(), port.address);
 }

@@ -7,23 +7,26 @@
 //   64   48 bytes  zero
 //   112            the body
 //
-// The answer is found by the request's id: the ids of a process begin at a random number, so that a late answer to
-// one request is never taken for the answer to another, not even by a process that has taken over the address.
+// The answer is found by the request's id. The frame says how long the sender waits: a request that is still in its
+// receiver's queue then is not served (overdue_requests.h).
 #include "cmi.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/random.h>
+#include <limits>
 #include <vector>
 
+#include "bios_messages.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "endpoints.h"
 #include "known_answers.h"
+#include "module_waits.h"
 #include "monotonic_clock.h"
 #include "mts_endpoint.h"
-#include "this_process.h"
+#include "mts_request_id.h"
+#include "silent_peers.h"
 
 namespace
 {
@@ -54,18 +57,6 @@ std::vector<char> body_from_tag(const char *tag, std::uint32_t length)
     return body;
 }
 
-std::uint64_t next_request_id()
-{
-    static std::uint64_t last = 0;
-    static pid_t process = 0;
-    if (process != this_process()) { // a forked child must not go on with its parent's numbers
-        process = this_process();
-        if (::getrandom(&last, sizeof last, 0) != sizeof last)
-            last = static_cast<std::uint64_t>(monotonic_us()) << 20 | static_cast<std::uint64_t>(process);
-    }
-    return ++last;
-}
-
 // A request under way.
 struct pending {
     mts_endpoint &endpoint;
@@ -79,8 +70,7 @@ struct pending {
 bool answers(const mts_message &message, const pending &request)
 {
     const mts_frame_header &header = message.header;
-    return (header.kind == mts_frame_kind::response || header.kind == mts_frame_kind::reject) &&
-           header.request_id == request.id;
+    return mts_is_answer(header) && header.request_id == request.id;
 }
 
 std::int64_t deadline_of(const pending &request, std::uint32_t limit_s)
@@ -90,11 +80,15 @@ std::int64_t deadline_of(const pending &request, std::uint32_t limit_s)
 
 // The chassis's limit binds cards only: a bound tool, which begins to wait before the card that it asks does, would
 // give up just before that card's own failure arrives.
-std::uint32_t allowed_wait_s(const pending &request)
+std::uint32_t allowed_wait_s(std::uint32_t wait_limit_s)
 {
-    if (chassis_own_slot() == 0)
-        return request.wait_limit_s;
-    return chassis_read_value(WAIT_LIMIT_FILE, request.wait_limit_s);
+    return chassis_own_slot() == 0 ? wait_limit_s : chassis_read_value(WAIT_LIMIT_FILE, wait_limit_s);
+}
+
+std::uint32_t milliseconds_of(std::uint32_t seconds)
+{
+    constexpr std::uint32_t PER_SECOND = 1000;
+    return std::min(seconds, std::numeric_limits<std::uint32_t>::max() / PER_SECOND) * PER_SECOND;
 }
 
 // Once a second it is looked whether the receiver still lives and whether the chassis's wait limit has changed.
@@ -125,13 +119,20 @@ mts_held_message wait_for_answer(const pending &request)
         if (now >= next_check) {
             next_check = now + PEER_CHECK_US;
             receiver_gone = !card_datagram_driver->is_there(request.endpoint.port, request.to, request.receiver);
-            deadline = deadline_of(request, allowed_wait_s(request));
+            deadline = deadline_of(request, allowed_wait_s(request.wait_limit_s));
         }
         if (now >= deadline) {
             errno = receiver_gone ? ECONNRESET : MTS_ERRNO_TIMED_OUT;
             return nullptr;
         }
     }
+}
+
+// The flash that a request to program names.
+std::uint32_t flash_instance_in(const mts_payload &payload)
+{
+    constexpr std::size_t TYPE_AT = offsetof(bios_programming_req_t, type);
+    return payload.body_bytes > TYPE_AT ? static_cast<const std::uint8_t *>(payload.body)[TYPE_AT] : 0;
 }
 
 std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uint32_t opcode,
@@ -141,20 +142,32 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
     mts_frame_header header{};
     header.kind = mts_frame_kind::request;
     header.opcode = opcode;
-    header.request_id = next_request_id();
+    header.request_id = mts_next_request_id();
+    const auto module_limit_s = chassis_own_slot() != 0 ? module_wait_limit_s(opcode) : std::nullopt;
+    if (module_limit_s && is_silent_peer(endpoint, to)) {
+        errno = MTS_ERRNO_TIMED_OUT;
+        return -1;
+    }
+    wait_limit = std::min(wait_limit, module_limit_s.value_or(wait_limit));
+    header.wait_ms = milliseconds_of(std::min(wait_limit, allowed_wait_s(wait_limit)));
     pending request{endpoint, to, {}, header.request_id, monotonic_us(), wait_limit};
     if (mts_endpoint_send(endpoint, to, header, payload, &request.receiver) != 0)
         return -1;
 
     mts_held_message answer = wait_for_answer(request);
-    if (!answer)
+    if (!answer) {
+        if (module_limit_s && errno == MTS_ERRNO_TIMED_OUT)
+            silent_peer_note(to, request.receiver);
         return -1;
+    }
     if (answer->header.kind == mts_frame_kind::reject) {
         errno = EOPNOTSUPP;
         return -1;
     }
     *length = answer->header.payload_bytes;
     const auto status = static_cast<std::int32_t>(answer->header.status);
+    if (module_limit_s && status == 0 && opcode == MTS_OPC_BIOS_PROGRAMMING_START)
+        endpoint.awaited.emplace(to, request.receiver, flash_instance_in(payload));
     known_answer_add(answer->payload, *length, *length + MTS_ZEROS_BEHIND_PAYLOAD);
     *response_out = answer.release()->payload;
     return status;

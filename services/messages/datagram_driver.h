@@ -53,16 +53,19 @@ struct datagram_driver {
     int (*descriptor)(const datagram_port *port);
 
     // Waits until a datagram comes, at most wait_us microseconds; 0 or less: takes what is there.
-    // The message, from a sender who may send to this process, with a header that mts_frame_header_is_sound. Null
-    // with errno:
+    // The message, from a sender who may send to this process, with a header that mts_frame_header_is_sound. Its
+    // came_us tells for how long it lay in the queue; a driver that does not know leaves the moment of this call.
+    // Null with errno:
     //   EAGAIN   none came in time
     //   EBADMSG  what came was dropped: another user's, cut, no frame; the rest of the wait is the caller's
     //   EINTR    a signal ended the wait
     //   else     that of the system call that failed
     mts_held_message (*receive)(datagram_port *port, std::int64_t wait_us);
 
-    // Sends a frame; all of the header but place is the caller's. Waits for room in the receiver's queue, at most
-    // 2 s, and not again for a receiver that has kept the last message waiting in vain until it takes one.
+    // Sends a frame; all of the header but place is the caller's. Waits for room in the receiver's queue: with
+    // a request at most 2 s, with an answer 0.1 s, and with all that is no request 1 s in sum, of which a tenth of the
+    // time that passes is given back; not again for a receiver that has kept the last message waiting in vain until
+    // it takes one.
     //   peer_out  who it went to; may be null; set on success only
     // false with errno: ECONNREFUSED when nobody has the address, MTS_ERRNO_TIMED_OUT when the queue stayed full,
     // EMSGSIZE when the payload is larger than MTS_MAX_PAYLOAD_BYTES.

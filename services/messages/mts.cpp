@@ -11,6 +11,7 @@
 #include "monotonic_clock.h"
 #include "mts_endpoint.h"
 #include "mts_tools.h"
+#include "overdue_requests.h"
 
 namespace
 {
@@ -40,10 +41,51 @@ void pause_after_failure(std::int64_t deadline)
     errno = failure;
 }
 
-mts_held_message next_message(mts_endpoint &endpoint, std::int64_t now, std::int64_t deadline)
+// As mts_endpoint_receive, after what was kept.
+mts_held_message next_of_any_kind(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
+                                  std::int64_t deadline)
 {
     mts_held_message message = mts_endpoint_take_kept(endpoint);
-    return message ? std::move(message) : mts_endpoint_receive(endpoint, mts_wanted::messages, now, deadline);
+    return message ? std::move(message) : mts_endpoint_receive(endpoint, wanted, now, deadline);
+}
+
+// While the end of a programming is awaited: it may be one that the transport makes.
+mts_held_message next_while_awaiting(mts_endpoint &endpoint, std::int64_t deadline)
+{
+    awaited_completion &awaited = *endpoint.awaited;
+    for (;;) {
+        awaited.look(endpoint);
+        const std::int64_t now = monotonic_us();
+        const std::int64_t until = awaited.is_given_up() ? now : std::min(deadline, awaited.next_look_us());
+        mts_held_message message = next_of_any_kind(endpoint, mts_wanted::everything, now, until);
+        const int failure = message ? 0 : errno;
+        if (message && (awaited.takes(*message) || mts_is_answer(message->header)))
+            continue;
+        if (message)
+            awaited.notice(*message);
+        else if (awaited.is_given_up() && failure == MTS_ERRNO_TIMED_OUT)
+            message = awaited.made();
+        if (message && awaited.is_ended_by(*message))
+            endpoint.awaited.reset();
+        if (message)
+            return message;
+        if (failure != MTS_ERRNO_TIMED_OUT || monotonic_us() >= deadline) {
+            errno = failure;
+            return nullptr;
+        }
+    }
+}
+
+mts_held_message next_message(mts_endpoint &endpoint, std::int64_t now, std::int64_t deadline)
+{
+    for (;;) {
+        mts_held_message message = endpoint.awaited
+                                       ? next_while_awaiting(endpoint, deadline)
+                                       : next_of_any_kind(endpoint, mts_wanted::messages, now, deadline);
+        if (!message || !mts_is_overdue(endpoint, *message))
+            return message;
+        now = monotonic_us();
+    }
 }
 
 } // namespace
@@ -134,12 +176,7 @@ int32_t mts_respond_reject(int32_t handle, uint32_t, uint32_t, mts_message_t *me
     }
     if (message->header.kind != mts_frame_kind::request)
         return 0; // nobody waits for an answer
-    return c_boundary([&] {
-        mts_frame_header header = header_of(mts_frame_kind::reject, message->header.opcode);
-        header.request_id = message->header.request_id;
-        return mts_endpoint_send(*endpoint, {message->header.source_node, message->header.source_sap}, header, {},
-                                 nullptr);
-    });
+    return c_boundary([&] { return mts_endpoint_reject(*endpoint, message->header); });
 }
 
 int32_t mts_drop(int32_t, mts_message_t *message)

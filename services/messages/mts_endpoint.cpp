@@ -4,11 +4,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <pthread.h>
+#include <utility>
 
+#include "bios_opcodes.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "monotonic_clock.h"
 #include "mts_tools.h"
+#include "programming_child.h"
+#include "silent_peers.h"
 
 namespace
 {
@@ -19,10 +23,13 @@ constexpr std::uint64_t KEPT_BYTES_LIMIT = 2ull * MTS_MAX_PAYLOAD_BYTES;
 
 using endpoint_table = std::vector<std::unique_ptr<mts_endpoint>>;
 
+bool is_daemons_child = false; // forked from the process that had the daemon's endpoint
+
 void abandon_all_in_child();
 void unbind_all_at_exit();
 
-// Made with the handlers that end it: of fork (the child has no endpoints) and of exit (no addresses are left behind).
+// Made with the handlers that end it: of fork (the child has no endpoints) and of exit (no addresses are left
+// behind).
 endpoint_table &endpoints()
 {
     static endpoint_table *const table = [] {
@@ -36,8 +43,10 @@ endpoint_table &endpoints()
 void abandon_all_in_child()
 {
     for (auto &endpoint : endpoints()) {
-        if (endpoint)
+        if (endpoint) {
+            is_daemons_child = is_daemons_child || endpoint->address().sap == BIOS_DAEMON_SAP;
             card_datagram_driver->abandon(endpoint->port);
+        }
         endpoint.reset();
     }
 }
@@ -62,6 +71,10 @@ void unbind_all_at_exit()
 // Repeated requests are not: a receiver that does not expect them would do its work twice.
 bool is_wanted(mts_endpoint &endpoint, const mts_frame_header &header, mts_wanted wanted)
 {
+    if (header.kind == mts_frame_kind::request && header.opcode == MTS_OPCODE_SIGN_OF_LIFE) {
+        (void)mts_endpoint_reject(endpoint, header); // who has asked may be gone
+        return false;
+    }
     if (header.kind == mts_frame_kind::request)
         return !endpoint.seen.repeats(header);
     return wanted == mts_wanted::everything || header.kind == mts_frame_kind::unsolicited;
@@ -78,6 +91,9 @@ std::int32_t mts_endpoint_bind(std::int32_t sap)
     if (endpoint->port == nullptr)
         return -1;
     table.push_back(std::move(endpoint));
+    // The daemon forks to program, and only such a child has an endpoint of its own.
+    if (std::exchange(is_daemons_child, false))
+        programming_child_mark();
     return static_cast<std::int32_t>(table.size() - 1);
 }
 
@@ -99,11 +115,13 @@ void mts_endpoint_unbind(std::int32_t handle)
 }
 
 mts_held_message mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
-                                                  std::int64_t deadline)
+                                      std::int64_t deadline)
 {
     unsigned late = 0;
     for (;;) {
         auto message = card_datagram_driver->receive(endpoint.port, deadline - now);
+        if (message)
+            silent_peer_heard({message->header.source_node, message->header.source_sap});
         if (message && is_wanted(endpoint, message->header, wanted))
             return message;
         const int failure = message ? EBADMSG : errno;
@@ -138,8 +156,11 @@ bool mts_seen_requests::repeats(const mts_frame_header &header)
 void mts_endpoint_keep(mts_endpoint &endpoint, mts_held_message message)
 {
     const std::uint32_t bytes = message->header.payload_bytes;
-    if (endpoint.kept.size() >= KEPT_MESSAGES_LIMIT || endpoint.kept_bytes + bytes > KEPT_BYTES_LIMIT)
+    if (endpoint.kept.size() >= KEPT_MESSAGES_LIMIT || endpoint.kept_bytes + bytes > KEPT_BYTES_LIMIT) {
+        if (message->header.kind == mts_frame_kind::request)
+            (void)mts_endpoint_reject(endpoint, message->header); // whoever does not read waits in vain
         return;
+    }
     endpoint.kept.push_back(std::move(message));
     endpoint.kept_bytes += bytes;
 }
@@ -152,6 +173,15 @@ mts_held_message mts_endpoint_take_kept(mts_endpoint &endpoint)
     endpoint.kept.pop_front();
     endpoint.kept_bytes -= message->header.payload_bytes;
     return message;
+}
+
+int mts_endpoint_reject(mts_endpoint &endpoint, const mts_frame_header &request)
+{
+    mts_frame_header header{};
+    header.kind = mts_frame_kind::reject;
+    header.opcode = request.opcode;
+    header.request_id = request.request_id;
+    return mts_endpoint_send(endpoint, {request.source_node, request.source_sap}, header, {}, nullptr);
 }
 
 int mts_endpoint_send(mts_endpoint &endpoint, mts_address_t to, mts_frame_header header, const mts_payload &payload,

@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 
+#include "awaited_completion.h"
 #include "datagram_driver.h"
 
 // The requests that an endpoint has received last: one that comes twice on its way is received once.
@@ -31,13 +33,18 @@ private:
 };
 
 struct mts_endpoint {
-    datagram_port *port; // given back by mts_endpoint_unbind, or at the end of the process
+    datagram_port *port;               // given back by mts_endpoint_unbind, or at the end of the process
     std::deque<mts_held_message> kept; // received while waiting for an answer
     std::uint64_t kept_bytes = 0;
     mts_seen_requests seen;
+    std::optional<awaited_completion> awaited; // of a programming that was forwarded from here
 
     mts_address_t address() const { return card_datagram_driver->address(port); }
 };
+
+// Opcode of a request that no program sees: every endpoint rejects it, which says that its process is alive. A
+// transport that does not know it delivers it, and then the program rejects it.
+constexpr std::uint32_t MTS_OPCODE_SIGN_OF_LIFE = 0;
 
 // Binds an endpoint of this card's node; sap may be ANY_SAP. The handle, or -1 with errno.
 std::int32_t mts_endpoint_bind(std::int32_t sap);
@@ -56,15 +63,19 @@ enum class mts_wanted {
 // wanted is dropped and does not prolong the wait.
 // Null with errno: MTS_ERRNO_TIMED_OUT, MTS_ERRNO_INTERRUPTED, or that of the system call that failed.
 mts_held_message mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
-                                                  std::int64_t deadline);
+                                      std::int64_t deadline);
 
-// Keeps a message for a later mts_recv; drops it when too many are kept.
+// Keeps a message for a later mts_recv. When too many are kept a request is rejected, and any other message
+// dropped.
 void mts_endpoint_keep(mts_endpoint &endpoint, mts_held_message message);
 
 // The oldest message kept, or null.
 mts_held_message mts_endpoint_take_kept(mts_endpoint &endpoint);
 
-// Sends a frame; header needs kind, opcode, status and request_id, the rest is filled in.
+// Rejects a request. 0, or -1 with errno as of mts_send.
+int mts_endpoint_reject(mts_endpoint &endpoint, const mts_frame_header &request);
+
+// Sends a frame; header needs kind, opcode, status, wait_ms and request_id, the rest is filled in.
 //   to        MTS_NODE_LISTENERS as its node: whoever listens for the opcode
 //   peer_out  who it went to; may be null; not set for listeners
 // 0, or -1 with errno as of mts_send.

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <new>
 
+#include "monotonic_clock.h"
+
 bool mts_frame_header_is_sound(const mts_frame_header &header)
 {
     return header.magic == MTS_FRAME_MAGIC && header.version == MTS_FRAME_VERSION &&
@@ -19,5 +21,5 @@ mts_held_message mts_message_for(const mts_frame_header &header)
     if (block == nullptr)
         return nullptr;
     std::memset(block + header.payload_bytes, 0, MTS_ZEROS_BEHIND_PAYLOAD);
-    return mts_held_message(new (block + message_at) mts_message{header, block});
+    return mts_held_message(new (block + message_at) mts_message{header, block, monotonic_us()});
 }

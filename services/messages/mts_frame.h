@@ -2,8 +2,8 @@
 //
 //   frame       = header, payload
 //
-// Numbers are in host order; they are of fixed width, because a 32-bit daemon talks to 64-bit tools. What arrives is
-// checked in the order of trust: who sent it, its length, its header, its values.
+// Numbers are in host order; they are of fixed width, because a 32-bit daemon talks to 64-bit tools. What arrives
+// is checked in the order of trust: who sent it, its length, its header, its values.
 #pragma once
 
 #include <cstddef>
@@ -40,20 +40,27 @@ struct mts_frame_header {
     std::uint32_t status;     // of a response, otherwise 0
     std::uint64_t request_id; // of a request and its answer, otherwise 0
     std::uint32_t payload_bytes;
-    std::uint32_t reserved; // 0
+    std::uint32_t wait_ms; // of a request: how long its sender waits for the answer; 0: not said. Otherwise 0
 };
 static_assert(sizeof(mts_frame_header) == 40);
 static_assert(offsetof(mts_frame_header, request_id) == 24);
+
+// Whether it answers a request.
+constexpr bool mts_is_answer(const mts_frame_header &header)
+{
+    return header.kind == mts_frame_kind::response || header.kind == mts_frame_kind::reject;
+}
 
 // Zeros behind every payload: a reader who expects more than came finds these.
 constexpr std::uint32_t MTS_ZEROS_BEHIND_PAYLOAD = 704;
 static_assert(MTS_ZEROS_BEHIND_PAYLOAD >= MTS_READABLE_PAYLOAD_BYTES);
 
-// A received message. It lies in one block with its payload, which comes first: whoever is given an answer's payload
-// frees it with free().
+// A received message. It lies in one block with its payload, which comes first: whoever is given an answer's
+// payload frees it with free().
 struct mts_message {
     mts_frame_header header;
     std::uint8_t *payload; // header.payload_bytes, and the zeros behind them
+    std::int64_t came_us;  // when it came to the receiver's queue, as of monotonic_us
 };
 
 struct free_message {
@@ -61,7 +68,7 @@ struct free_message {
 };
 using mts_held_message = std::unique_ptr<mts_message, free_message>;
 
-// A message whose payload is to be filled in. Null when there is no memory.
+// A message that has come now, whose payload is to be filled in. Null when there is no memory.
 mts_held_message mts_message_for(const mts_frame_header &header);
 
 // A payload to be sent, in one or two pieces.

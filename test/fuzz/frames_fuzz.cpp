@@ -30,7 +30,8 @@ struct socket_pair {
         int ends[2];
         const int on = 1;
         require(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0 &&
-                    ::setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0,
+                    ::setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0 &&
+                    ::setsockopt(ends[1], SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0,
                 "a pair of sockets can be made");
         sending.reset(ends[0]);
         receiving.reset(ends[1]);
