@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "bios_opcodes.h"
 #include "card_agent.h"
@@ -79,6 +80,8 @@ private:
     void request(wish wanted);
     void kill_daemon(int signal);
     void session_ended();
+    void session_left(int status);
+    void kill_left();
     void daemon_failed(const std::string &what);
 
     void enter(phase next, const std::string &state);
@@ -96,6 +99,7 @@ private:
     phase phase_ = phase::starting;
     wish wish_ = wish::none;
     pid_t session_ = 0;        // 0: none
+    std::vector<pid_t> left_;  // earlier sessions, whose daemon has ended and left a child that works on
     pid_t daemon_ = 0;         // 0: none
     unique_fd daemon_process_; // the same; its number may become another's before its end is known here
     endpoint_probe probe_;
@@ -216,7 +220,8 @@ void card_keeper::start_session()
     write_line(slot_file("starts"), std::to_string(++starts_));
     write_line(slot_file(CHASSIS_SOFTWARE_RESTART), boots_ ? "0" : "1");
     program_ = program_of(options_.slot);
-    root_.end_mounts();
+    if (left_.empty())
+        root_.end_mounts();
     install_programs();
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
@@ -309,6 +314,10 @@ void card_keeper::take_reports()
             daemon_status_ = message.value;
             continue;
         }
+        if (message.what == session_report::event::daemon_left) {
+            session_left(message.value);
+            return;
+        }
         const cmsghdr *item = CMSG_FIRSTHDR(&header);
         if (item == nullptr || item->cmsg_type != SCM_CREDENTIALS)
             continue;
@@ -328,6 +337,7 @@ void card_keeper::reap()
             return;
         if (agent_.has_ended(ended) && wish_ == wish::none)
             note("bios_agent has ended");
+        std::erase(left_, ended);
         if (ended == session_) {
             take_reports(); // what it said last
             session_ended();
@@ -363,6 +373,8 @@ void card_keeper::request(wish wanted)
         ends_.clear();
     if (wanted != wish::software_restart)
         agent_.kill();
+    if (goes_away())
+        kill_left();
     if (session_ == 0)
         session_ended();
     else
@@ -377,6 +389,25 @@ void card_keeper::kill_daemon(int signal)
         (void)::kill(session_, SIGKILL); // a daemon that is not known yet goes with its session
 }
 
+void card_keeper::kill_left()
+{
+    for (const pid_t left : left_)
+        (void)::kill(left, SIGKILL);
+}
+
+// The daemon has ended, and its child works on in its session; a card that goes down or boots takes both along.
+void card_keeper::session_left(int status)
+{
+    daemon_status_ = status;
+    if (goes_away()) {
+        (void)::kill(session_, SIGKILL);
+        return;
+    }
+    note("the child that programs finishes its work");
+    left_.push_back(session_);
+    session_ended();
+}
+
 void card_keeper::session_ended()
 {
     session_ = 0;
@@ -384,7 +415,8 @@ void card_keeper::session_ended()
     daemon_process_.reset();
     reports_.reset();
     (void)::unlinkat(chassis_dir_fd(), slot_file("pid").c_str(), 0);
-    if (!has_namespaces(options_.way) && !kill_processes_of_root(root_.fd()))
+    const bool is_bare = goes_away() || left_.empty();
+    if (!has_namespaces(options_.way) && is_bare && !kill_processes_of_root(root_.fd()))
         note("processes of the daemon are still there");
     const wish wanted = wish_;
     if (wanted != wish::down)
@@ -432,7 +464,7 @@ int card_keeper::run()
     try {
         prepare();
         boot();
-        while (wish_ != wish::down || session_ != 0 || agent_.runs()) {
+        while (wish_ != wish::down || session_ != 0 || !left_.empty() || agent_.runs()) {
             wait_for_event();
             tick();
         }

@@ -1,15 +1,18 @@
 #include "card_processes.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
+#include <fstream>
 #include <memory>
 #include <string>
-
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "process_descriptor.h"
 #include "unique_fd.h"
@@ -57,6 +60,31 @@ unsigned kill_all_of_root(const struct stat &root)
     return found;
 }
 
+// As /proc/PID/stat tells; 0 when it cannot be read.
+int parent_of(int pid)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const std::size_t name_end = line.rfind(") ");
+    int parent = 0;
+    if (name_end == std::string::npos || std::sscanf(line.c_str() + name_end, ") %*c %d", &parent) != 1)
+        return 0;
+    return parent;
+}
+
+// The number of a child that was not reaped is nobody else's.
+void kill_children()
+{
+    const std::unique_ptr<DIR, close_directory> processes(::opendir("/proc"));
+    const int own = ::getpid();
+    while (const dirent *entry = processes ? ::readdir(processes.get()) : nullptr) {
+        const int pid = std::atoi(entry->d_name);
+        if (pid > 0 && parent_of(pid) == own)
+            (void)::kill(pid, SIGKILL);
+    }
+}
+
 } // namespace
 
 bool kill_processes_of_root(int root_fd)
@@ -71,4 +99,11 @@ bool kill_processes_of_root(int root_fd)
         std::this_thread::sleep_for(PAUSE);
     }
     return true;
+}
+
+void kill_descendants()
+{
+    do {
+        kill_children();
+    } while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR);
 }

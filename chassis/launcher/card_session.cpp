@@ -23,6 +23,7 @@
 #include "card_root.h"
 #include "chassis_dir.h"
 #include "launcher_error.h"
+#include "programming_child.h"
 
 namespace
 {
@@ -128,12 +129,19 @@ void reap_all()
     }
 }
 
-void kill_the_rest(const card_root &root, isolation way)
+// The daemon's child that programs finishes its work.
+void let_child_finish(const session_options &options)
+{
+    while (programming_child_lives(options.slot) && (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR))
+        continue;
+}
+
+void kill_the_rest(isolation way)
 {
     if (has_namespaces(way))
         (void)::kill(-1, SIGKILL); // everything in the process namespace but this process
     else
-        (void)kill_processes_of_root(root.fd()); // the keeper tries again
+        kill_descendants();
     reap_all();
 }
 
@@ -153,8 +161,13 @@ void serve_session(const session_options &options)
     if (daemon < 0)
         throw system_error_of("fork");
     const int status = reap_until(daemon);
-    if (!is_agent) // what is left in the root is the daemon's
-        kill_the_rest(root, options.way);
+    if (!is_agent) {
+        if (programming_child_lives(options.slot)) {
+            report(options.report_fd, session_report::event::daemon_left, status);
+            let_child_finish(options);
+        }
+        kill_the_rest(options.way);
+    }
     report(options.report_fd, session_report::event::daemon_ended, status);
 }
 

@@ -4,8 +4,9 @@
 //
 // The session is a process of its own between the card's keeper and the daemon. With namespaces it is the first
 // process of the card's process namespace, otherwise the one that the card's orphans are given to. It starts the
-// daemon in the card's root, reaps what ends, and when the daemon has ended kills everything that is left of it.
-// It dies with the keeper, and the daemon with it.
+// daemon in the card's root, reaps what ends, and when the daemon has ended kills everything that is left of it: at
+// once, or when the daemon's child that programs has finished its work. It dies with the keeper, and the daemon
+// with it.
 #pragma once
 
 #include <string>
@@ -18,6 +19,7 @@ struct session_report {
     enum class event : int {
         daemon_started, // sent by the daemon's process before it becomes the daemon; its credentials tell the
                         // number
+        daemon_left,    // as daemon_ended, and a child of it works on: the session goes on with it
         daemon_ended,   // value: its wait status
     };
     event what;

@@ -87,7 +87,7 @@ TEST_F(LostProcesses, ChildKilledBeforeTheMarkerGoesLeavesAMarkedFlashThatTheNex
     expect_next_succeeds();
 }
 
-TEST_F(LostProcesses, KilledDaemonTakesItsChildAlongAndIsStartedAgain)
+TEST_F(LostProcesses, ChildOfAKilledDaemonFinishesItsWork)
 {
     write_file(flash_file(1, "timing"), "1\n"); // slow enough to be met at work
     requester asking;
@@ -103,9 +103,27 @@ TEST_F(LostProcesses, KilledDaemonTakesItsChildAlongAndIsStartedAgain)
 
     ASSERT_EQ(::kill(daemon, SIGKILL), 0);
 
-    EXPECT_TRUE(wait_until([&] { return ::kill(child, 0) != 0; })) << "the child outlived its daemon";
     ASSERT_TRUE(wait_for_new_daemon(daemon));
-    expect_half_programmed();
+    EXPECT_EQ(::kill(child, 0), 0) << "the child did not outlive its daemon";
+    EXPECT_TRUE(is_marked(1));
+    ASSERT_TRUE(wait_until([&] { return ::kill(child, 0) != 0; }, std::chrono::seconds(60)));
+    EXPECT_EQ(flash_of(1) == new_image().bytes, true);
+    expect_tidy(1);
+    write_file(flash_file(1, "timing"), "0\n");
+    expect_next_succeeds();
+}
+
+// A boot of the card is a cut of its power, and a card that goes down is switched off.
+TEST_F(LostProcesses, ChildEndsWithItsCard)
+{
+    write_file(flash_file(1, "timing"), "1\n");
+    requester asking;
+    programming seen = asking.start(1);
+    ASSERT_TRUE(wait_until([&] { return is_marked(1); }));
+    const pid_t child = child_pid(1);
+    ASSERT_EQ(chassis({"restart", "1"}).exit_code, 0);
+    EXPECT_NE(::kill(child, 0), 0);
+    EXPECT_TRUE(is_marked(1));
     write_file(flash_file(1, "timing"), "0\n");
     expect_next_succeeds();
 }
