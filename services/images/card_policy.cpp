@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "agent_messages.h"
 #include "card_file.h"
 #include "harmless_path.h"
 #include "text_lines.h"
@@ -72,6 +73,13 @@ bool set_key(std::string_view key, std::string_view value, card_policy &policy, 
 }
 
 } // namespace
+
+bool card_policy::passes_signature(std::uint32_t agent_status) const
+{
+    if (agent_status == AGENT_ERR_NOT_SIGNED || agent_status == AGENT_ERR_KEY_UNKNOWN)
+        return !signature_required;
+    return agent_status == AGENT_OK;
+}
 
 bool card_policy_parse(std::string_view text, card_policy &policy_out, std::string &problem_out)
 {

@@ -15,6 +15,7 @@
 // is a problem: nothing is programmed until somebody has mended it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,11 @@ struct card_policy {
     std::vector<std::string> loader_folders = {"/bootflash"}; // absolute, without . and .. and a slash at the end
 
     bool operator==(const card_policy &) const = default;
+
+    // Whether an image passes of whose signature the agent says this (a status of AGENT_OPC_VERIFY_IMAGE). Without
+    // a demand, an image passes that is not signed, or by a key that the card does not know; a signature that is
+    // wrong, a revoked key and a damaged manifest never pass, nor does an image that the agent could not check.
+    bool passes_signature(std::uint32_t agent_status) const;
 };
 
 // Reads the policy of this card, anew at each call.

@@ -27,6 +27,7 @@ constexpr std::array BENCHMARKS{
     benchmark_entry{"show", "biosctl show for many cards", measure_show},
     benchmark_entry{"chassis_size", "memory and start time of a chassis", measure_chassis_size},
     benchmark_entry{"file_delivery", "delivery of a file to an agent", measure_file_delivery},
+    benchmark_entry{"signature_check", "check of a signed image", measure_signature_check},
 };
 
 bool is_wanted(const std::vector<std::string> &wanted, const std::string &name)

@@ -14,3 +14,4 @@ std::vector<figure> measure_readers();
 std::vector<figure> measure_show();
 std::vector<figure> measure_chassis_size();
 std::vector<figure> measure_file_delivery();
+std::vector<figure> measure_signature_check();

@@ -292,6 +292,8 @@ def make_agent_requests():
     steps("facts", *(request(opcode) for opcode in (get_chassis, get_card, get_locks, get_results, list_files)))
     steps("flash-facts", *(request(opcode, words(instance)) for opcode in (get_version, get_totals, get_flash)
                            for instance in (0, 1, 2, 0xFFFFFFFF)), request(get_events, words(0, 0, 0)))
+    steps("verify-image", *(request(41, field(path, 256)) for path in ("/bin/true", "/dev/zero", "/", "", "none")),
+          request(41, b"/" * 256), request(41, b"/bin/true"))
     steps("unknown", request(0), request(8), request(20), request(21), request(25))
     steps("delivery", *delivery, request(list_files), request(get_file, field("a.bin", 64)),
           request(get_piece, asked_piece(0, 57344, 2)), request(get_end, transfer(2)),
@@ -442,6 +444,59 @@ def make_descriptions():
         put("description", name, text.encode("latin-1"))
 
 
+# Images with manifests, and what a card demands of them.
+
+MARK = b"\x8fBIOSmanifest\r\n\x1a"
+
+
+def make_manifests():
+    sealed, ppc = 1, 2
+
+    def manifest(form=1, version="v3.5.0(09/17/12)", card_ids=(90, 93), count=None, key=b"", unused=b""):
+        return MARK + struct.pack(">IIII", form, 0, 17, 7) + field(version, 32) + field("x86n", 32) + \
+            struct.pack(">I", len(card_ids) if count is None else count) + \
+            struct.pack(f">{len(card_ids)}H", *card_ids).ljust(28, b"\0") + unused.ljust(24, b"\0") + \
+            key.ljust(8, b"\0") + bytes(32) + (b"s" * 64 if key else bytes(64))
+
+    def image(name, content, decisions=sealed, piece=99):
+        put("image_manifest", name, bytes([decisions, piece]) + content)
+
+    erased = b"\xff" * 256
+    image("none", erased * 3)
+    image("whole", erased + manifest() + erased)
+    image("not-sealed", erased + manifest() + erased, 0)
+    image("signed", erased + manifest(key=b"the key!") + b"behind")
+    image("at-the-beginning", manifest())
+    image("shifted", b"x" + manifest())
+    image("two", manifest() * 2)
+    image("cut", erased + manifest()[:255])
+    image("mark-alone", erased + MARK)
+    image("other-form", manifest(form=2))
+    image("too-many-cards", manifest(count=0xFFFFFFFF))
+    image("cards-behind-the-last", manifest(count=1))
+    image("unprintable", manifest(version="v\x1b[2J"))
+    image("not-empty", manifest(unused=b"x"))
+    image("ppc", erased + manifest(), sealed | ppc)
+    image("ppc-too-small", b"\x27\x05\x19\x56" + erased[4:] + manifest())
+
+
+def make_policies():
+    def policy(name, text):
+        put("card_policy", name, b"\0" + text.encode())
+
+    policy("empty", "")
+    policy("all", "signed = required\norders = required\nno_version = pass\nolder = refuse\nsmaller = refuse\n"
+                  "loader_folders = /bootflash /mnt/pss\n")
+    policy("comments", "# a card\n\n signed=optional\r\n")
+    policy("twice", "signed = required\nsigned = optional\n")
+    policy("folder-above", "loader_folders = /bootflash/../etc\n")
+    policy("unknown", "sined = required\n")
+    put("card_policy", "key", b"\1# of the maker\ned25519-public " + b"5a" * 32 + b"\n")
+    put("card_policy", "key-too-short", b"\1ed25519-public 5a\n")
+    put("card_policy", "revoked", b"\2# lost\n0123456789abcdef\n")
+    put("card_policy", "revoked-name", b"\2maker\n")
+
+
 def main():
     make_dispatch()
     make_module_answers()
@@ -453,6 +508,8 @@ def main():
     make_frames()
     make_archives()
     make_descriptions()
+    make_manifests()
+    make_policies()
     for path in CORPUS.glob("*/*"):
         if path not in made and not path.name.startswith("found-"):
             path.unlink()

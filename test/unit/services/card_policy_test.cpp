@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include "agent_messages.h"
 #include "card_policy.h"
 #include "flash_fixture.h"
 #include "security_floor.h"
@@ -160,6 +161,21 @@ TEST_F(CardPolicy, ThatIsNoTextOfThisCardIsAProblem)
     fs::remove(file);
     put("policy", "orders = maybe\n");
     EXPECT_EQ(policy_problem(), "policy: line 1: orders is required or optional, not: maybe");
+}
+
+TEST_F(CardPolicy, PassesOnlySignaturesThatCount)
+{
+    card_policy policy;
+    EXPECT_TRUE(policy.passes_signature(AGENT_OK));
+    EXPECT_TRUE(policy.passes_signature(AGENT_ERR_NOT_SIGNED));
+    EXPECT_TRUE(policy.passes_signature(AGENT_ERR_KEY_UNKNOWN));
+    for (const std::uint32_t status : {AGENT_ERR_KEY_REVOKED, AGENT_ERR_SIGNATURE, AGENT_ERR_MANIFEST,
+                                       AGENT_ERR_KEYS, AGENT_ERR_UNREADABLE, AGENT_ERR_BUSY})
+        EXPECT_FALSE(policy.passes_signature(status)) << std::hex << status;
+    policy.signature_required = true;
+    EXPECT_TRUE(policy.passes_signature(AGENT_OK));
+    EXPECT_FALSE(policy.passes_signature(AGENT_ERR_NOT_SIGNED));
+    EXPECT_FALSE(policy.passes_signature(AGENT_ERR_KEY_UNKNOWN));
 }
 
 TEST_F(CardPolicy, SecurityFloorOnlyRises)
