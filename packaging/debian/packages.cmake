@@ -30,8 +30,13 @@ endif()
 
 # describe_package(component NAME name SECTION section SUMMARY line TEXT text [DEPENDS packages] [...])
 #   PROGRAMS  the package has programs; LIBRARIES is what they depend on when dpkg-shlibdeps cannot tell
+#   SODIUM    one of them has libsodium linked in, whose terms are to go with it
+file(READ ${CMAKE_SOURCE_DIR}/LICENSE own_terms)
+file(READ ${SODIUM_COPYRIGHT} sodium_terms)
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/terms_with_libsodium
+     "${own_terms}\nlibsodium, which is linked in:\n\n${sodium_terms}")
 function(describe_package component)
-    cmake_parse_arguments(PARSE_ARGV 1 package "PROGRAMS"
+    cmake_parse_arguments(PARSE_ARGV 1 package "PROGRAMS;SODIUM"
         "NAME;SECTION;SUMMARY;TEXT;DEPENDS;LIBRARIES;RECOMMENDS;SUGGESTS" "")
     string(TOUPPER ${component} upper)
     set(depends ${package_DEPENDS} ${package_LIBRARIES})
@@ -45,14 +50,17 @@ function(describe_package component)
     set(CPACK_DEBIAN_${upper}_PACKAGE_RECOMMENDS "${package_RECOMMENDS}" PARENT_SCOPE)
     set(CPACK_DEBIAN_${upper}_PACKAGE_SUGGESTS "${package_SUGGESTS}" PARENT_SCOPE)
     set(CPACK_COMPONENT_${upper}_DESCRIPTION "${package_SUMMARY}\n${package_TEXT}" PARENT_SCOPE)
-    install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION share/doc/${package_NAME} RENAME copyright
-            COMPONENT ${component})
+    set(terms ${CMAKE_SOURCE_DIR}/LICENSE)
+    if(package_SODIUM)
+        set(terms ${CMAKE_CURRENT_BINARY_DIR}/terms_with_libsodium)
+    endif()
+    install(FILES ${terms} DESTINATION share/doc/${package_NAME} RENAME copyright COMPONENT ${component})
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz DESTINATION share/doc/${package_NAME}
             COMPONENT ${component})
 endfunction()
 
 # pgrep and mount are what the daemon runs and is not in every Debian system.
-describe_package(daemon PROGRAMS NAME bios-daemon SECTION admin
+describe_package(daemon PROGRAMS SODIUM NAME bios-daemon SECTION admin
     SUMMARY "BIOS upgrade daemon of a modular switch"
     TEXT "Tells the versions of BIOS images and flashes of the chassis' cards,
 programs the flashes with retries and a read-back of every byte, and
@@ -76,7 +84,7 @@ with a platform's own library. The conformance kit, as sources, tests whether
 such a library keeps what the headers promise."
     SUGGESTS googletest)
 
-describe_package(chassis PROGRAMS NAME bios-daemon-chassis SECTION utils
+describe_package(chassis PROGRAMS SODIUM NAME bios-daemon-chassis SECTION utils
     SUMMARY "chassis on one machine for the BIOS upgrade daemon"
     TEXT "Runs the cards of a chassis as processes with roots of their own, with
 message transport, module locks and flash devices that behave like NOR
