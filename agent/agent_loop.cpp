@@ -6,6 +6,7 @@
 #include "boot_record.h"
 #include "c_boundary.h"
 #include "card_transfers.h"
+#include "event_heads.h"
 #include "image_facts.h"
 #include "module_locks.h"
 #include "monotonic_clock.h"
@@ -31,15 +32,18 @@ void serve_card(std::int32_t handle)
     best_effort(note_boot);
     best_effort(remove_unpacked_leftovers);
     start_card_transfers();
+    start_head_teller(handle);
     for (;;) {
         std::int64_t wait_us = sooner(IDLE_WAIT_US, module_locks()->wait_limit_us());
         wait_us = sooner(wait_us, card_transfers()->wait_limit_us());
         wait_us = sooner(wait_us, worker_wait_limit_us());
+        wait_us = sooner(wait_us, card_head_teller()->wait_limit_us());
         mts_message_t *message = nullptr;
         const bool came = mts_recv_within(handle, &message, wait_us) == 0;
         best_effort([] { module_locks()->tick(); });
         reap_workers();
         best_effort([] { card_transfers()->tick(); });
+        best_effort([] { card_head_teller()->tick(); });
         if (came)
             serve(handle, message);
     }

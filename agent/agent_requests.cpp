@@ -8,6 +8,7 @@
 #include "card_transfers.h"
 #include "chassis_facts.h"
 #include "cmi.h"
+#include "event_heads.h"
 #include "file_requests.h"
 #include "flash_digest.h"
 #include "flash_history.h"
@@ -59,6 +60,7 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_VERIFY_IMAGE, [](request_body body) { return with_record(body, verified_answer); }, true},
     {AGENT_OPC_GET_VERSIONS, [](request_body body) { return without_body(body, versions_answer); }},
     {AGENT_OPC_GET_OUTCOME, [](request_body body) { return without_body(body, outcome_answer); }},
+    {AGENT_OPC_GET_HEAD, [](request_body body) { return with_record(body, head_answer); }},
 };
 
 // Null for an opcode that is not served.
@@ -94,11 +96,24 @@ void serve_lock_message(std::int32_t handle, mts_message_t *message)
     (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
 }
 
+// Neither is this one.
+void serve_event_head(std::int32_t handle, mts_message_t *message)
+{
+    mts_address_t from{};
+    if (mts_saddr_get(message, &from) == 0)
+        take_event_head(from, mts_payload_get(message), mts_payload_length(message));
+    (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
+}
+
 // Whether the message is kept, for a worker.
 bool respond(std::int32_t handle, mts_message_t *message)
 {
     if (is_about_a_lock(mts_opc_get(message))) {
         serve_lock_message(handle, message);
+        return false;
+    }
+    if (mts_opc_get(message) == AGENT_OPC_EVENT_HEAD) {
+        serve_event_head(handle, message);
         return false;
     }
     const auto body = body_of(message);

@@ -42,6 +42,8 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
     AGENT_OPC_GET_VERSIONS = 4860, // the versions in the flashes of this card, and the one that runs
     AGENT_OPC_GET_OUTCOME = 4861,  // what the last result that was told of this card's programming means
+    AGENT_OPC_EVENT_HEAD = 4862,   // tells the last event of a flash; no request
+    AGENT_OPC_GET_HEAD = 4863,     // the last event of another card's flash that this card was told
 };
 
 enum agent_status : std::uint32_t {
@@ -180,6 +182,22 @@ struct agent_events_req_t {
     be64 after_sequence;
 };
 static_assert(sizeof(agent_events_req_t) == 12);
+
+// The head of a flash's event log. AGENT_OPC_EVENT_HEAD: an agent tells the supervisors in other slots that of its own
+// card. AGENT_OPC_GET_HEAD: body agent_head_req_t. The answer is what this card was told last; empty when nothing was.
+struct agent_event_head_t {
+    be32 slot; // whose flash
+    be32 instance;
+    be64 sequence;                          // of its last event
+    std::uint8_t chain[AGENT_DIGEST_BYTES]; // its link
+};
+static_assert(sizeof(agent_event_head_t) == 48);
+
+struct agent_head_req_t {
+    be32 slot;
+    be32 instance;
+};
+static_assert(sizeof(agent_head_req_t) == 8);
 
 // AGENT_OPC_GET_TOTALS: body agent_flash_req_t. The answer is the text that flash_event_totals_format gives.
 

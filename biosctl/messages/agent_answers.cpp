@@ -168,6 +168,17 @@ std::optional<told_outcome> decode_outcome(answer_payload payload)
     return told_outcome{static_cast<agent_outcome>(record.outcome.load()), printable(record.result.time)};
 }
 
+std::optional<told_head> decode_head(answer_payload payload)
+{
+    record_reader records(payload);
+    agent_event_head_t record{};
+    if (!records.take(record) || !records.at_end())
+        return std::nullopt;
+    sha256_digest chain;
+    std::ranges::copy(record.chain, chain.begin());
+    return told_head{record.sequence.load(), sha256_text(chain)};
+}
+
 std::optional<told_image> decode_image(answer_payload payload)
 {
     record_reader records(payload);

@@ -68,6 +68,12 @@ struct told_outcome {
     std::string time; // of the result, as in told_result
 };
 
+// The last event of a flash, as another card was told it.
+struct told_head {
+    std::uint64_t sequence = 0;
+    std::string chain; // 64 hexadecimal digits
+};
+
 // An image, as the card that has it tells of it.
 struct told_image {
     std::uint64_t size_bytes = 0;
@@ -105,6 +111,7 @@ std::optional<told_versions> decode_versions(answer_payload payload);
 std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_payload payload);
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
 std::optional<told_outcome> decode_outcome(answer_payload payload);
+std::optional<told_head> decode_head(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);
 std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
 

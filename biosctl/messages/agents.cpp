@@ -145,6 +145,12 @@ std::optional<told_outcome> ask_for_outcome(std::uint32_t node)
     return answer ? decode_outcome(*answer) : std::nullopt;
 }
 
+std::optional<told_head> ask_for_head(std::uint32_t node, unsigned slot, unsigned instance)
+{
+    const auto answer = ask(node, AGENT_OPC_GET_HEAD, agent_head_req_t{be32::of(slot), be32::of(instance)});
+    return answer ? decode_head(*answer) : std::nullopt;
+}
+
 request_answer ask_for_versions(std::uint32_t node)
 {
     return ask_agent(node, AGENT_OPC_GET_VERSIONS, {});

@@ -24,6 +24,8 @@ std::optional<std::vector<chassis_module>> ask_for_modules();
 // These ask the agent of one card; node is that of the card's daemon.
 std::optional<card_facts_told> ask_for_card(std::uint32_t node);
 std::optional<told_outcome> ask_for_outcome(std::uint32_t node);
+// What the agent of a node knows of the end of an event log of another card.
+std::optional<told_head> ask_for_head(std::uint32_t node, unsigned slot, unsigned instance);
 request_answer ask_for_versions(std::uint32_t node); // payload for decode_versions
 std::optional<std::string> ask_for_version(std::uint32_t node, unsigned instance);
 std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsigned instance,

@@ -10,6 +10,7 @@
 #include "agents.h"
 #include "bios_results.h"
 #include "client.h"
+#include "event_log_check.h"
 #include "inventory.h"
 #include "lock_holders.h"
 #include "query_process.h"
@@ -19,7 +20,7 @@
 namespace
 {
 
-constexpr unsigned ALTERNATE = 1;       // instance
+constexpr unsigned ALTERNATE = 1;     // instance
 constexpr unsigned DAEMON_LOOK_S = 3; // a daemon that is not busy answers at once
 
 // What has been learnt about one card so far.
@@ -155,7 +156,8 @@ void take_daemon(card &known, const request_answer &answer)
                                 : no_answer_text(answer.error));
 }
 
-// What the agents say, and whether the daemons answer, all at the same time. 0 when the serving one does, else why not.
+// What the agents say, and whether the daemons answer, all at the same time. 0 when the serving one does, else why
+// not.
 int ask_agents(std::vector<card> &cards, unsigned serving_slot, unsigned timeout_s)
 {
     std::map<image_place_and_card, std::size_t> images;
@@ -244,6 +246,21 @@ card_report report_on(const card &known, bool being_programmed)
 }
 
 } // namespace
+
+void check_event_logs(chassis_report &report)
+{
+    const auto modules = ask_for_modules().value_or(std::vector<chassis_module>());
+    for (card_report &card : report.cards) {
+        const std::uint32_t node = node_of_module(card.module);
+        const auto facts = ask_for_card(node);
+        for (const card_flash &flash : facts ? facts->flashes : std::vector<card_flash>()) {
+            const auto head = ask_for_head(card.module, flash.instance, modules);
+            const auto events = ask_for_events(node, flash.instance, 0);
+            for (const std::string &fault : events ? event_log_faults(*events, head) : std::vector<std::string>())
+                card.log_faults.push_back(std::string(flash_instance_name(flash.instance)) + " flash: " + fault);
+        }
+    }
+}
 
 chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigned> &modules, unsigned timeout_s)
 {

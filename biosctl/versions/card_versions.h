@@ -20,18 +20,22 @@ struct flash_report {
 
 struct card_report {
     unsigned module = 0;
-    std::vector<flash_report> flashes = {}; // at least one; without texts when nothing is known
-    std::vector<std::string> reasons = {};  // why something is not known, or is not what it seems
+    std::vector<flash_report> flashes = {};   // at least one; without texts when nothing is known
+    std::vector<std::string> log_faults = {}; // of its event logs, when they were looked at
+    std::vector<std::string> reasons = {};    // why something is not known, or is not what it seems
 };
 
 struct chassis_report {
     unsigned serving_slot = 0;
     std::vector<card_report> cards = {}; // as the modules were named
-    int serving_error = 0; // not 0: the serving daemon does not answer, as in request_answer
+    int serving_error = 0;               // not 0: the serving daemon does not answer, as in request_answer
 };
 
 // The longest wait for one answer, when the operator names none.
 constexpr unsigned VERSIONS_TIMEOUT_S = 30;
+
+// Looks at the event logs of the cards whose agents answer.
+void check_event_logs(chassis_report &report);
 
 // Asks for the modules' versions.
 //   timeout_s  the longest wait for one answer

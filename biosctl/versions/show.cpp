@@ -22,6 +22,8 @@ outcome run_show(const show_options &options, bool json)
     const interrupt_ends_process guard(
         json ? STDOUT_FILENO : STDERR_FILENO,
         failure_text(failure(EXIT_INTERRUPTED, "interrupted before the versions were known", "ask again"), json));
-    const chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
+    chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
+    if (options.kind == show_kind::audit)
+        check_event_logs(versions);
     return report_versions(versions, options.kind);
 }

@@ -42,6 +42,9 @@ void add_meanings(text_report &report, const std::vector<card_report> &cards)
 void add_reasons(text_report &report, const std::vector<card_report> &cards)
 {
     for (const card_report &card : cards) {
+        for (const std::string &fault : card.log_faults)
+            report.push_back(text_line{"slot " + std::to_string(card.module) + ": " +
+                                       styled_text("event log not whole", text_meaning::wrong) + ": " + fault});
         for (const std::string &reason : card.reasons)
             report.push_back(text_line{"slot " + std::to_string(card.module) + ": " + reason});
     }
@@ -63,7 +66,8 @@ nlohmann::ordered_json json_of_card(const card_report &card)
                            {"running", text_or_null(flash.facts.running)},
                            {"confirmed", flash.facts.confirmed},
                            {"verdict", verdict_name(flash.kind)}});
-    return {{"module", card.module}, {"flashes", flashes}, {"reasons", card.reasons}};
+    return {
+        {"module", card.module}, {"flashes", flashes}, {"log_faults", card.log_faults}, {"reasons", card.reasons}};
 }
 
 } // namespace
@@ -112,10 +116,14 @@ outcome report_versions(const chassis_report &versions, show_kind kind)
                  {"all_in_step", in_step == flashes},
                  {"cards", json_of_cards(versions.cards)}};
     if (kind == show_kind::audit) {
-        told.exit = in_step == flashes ? EXIT_DONE : EXIT_FAILED;
-        told.headline = told.exit == EXIT_DONE ? "all " + styled_text("in step", text_meaning::well)
-                                               : styled_text("not in step", text_meaning::wrong) + " (" +
-                                                     summary_text(versions.cards) + ")";
+        const bool logs_whole =
+            std::ranges::all_of(versions.cards, &std::vector<std::string>::empty, &card_report::log_faults);
+        told.exit = in_step == flashes && logs_whole ? EXIT_DONE : EXIT_FAILED;
+        told.headline = in_step == flashes ? "all " + styled_text("in step", text_meaning::well)
+                                           : styled_text("not in step", text_meaning::wrong) + " (" +
+                                                 summary_text(versions.cards) + ")";
+        if (!logs_whole)
+            told.headline += ", " + styled_text("event logs not whole", text_meaning::wrong);
     }
     if (versions.serving_error != 0) {
         const outcome problem = no_answer_failure(versions.serving_slot, versions.serving_error);

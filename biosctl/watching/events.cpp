@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "agents.h"
+#include "event_log_check.h"
 #include "events_report.h"
 #include "followed_output.h"
 #include "interrupt.h"
@@ -29,10 +30,15 @@ public:
     std::vector<flash_event> take()
     {
         std::vector<std::vector<flash_event>> logs;
+        if (known_modules_.empty())
+            known_modules_ = ask_for_modules().value_or(std::vector<chassis_module>());
         for (const unsigned slot : modules_.empty() ? modules_of_chassis() : modules_)
             take_of(slot, logs);
         return in_order(logs);
     }
+
+    // Of the logs as they were when they were read for the first time.
+    const std::vector<event_log_fault> &faults() const { return faults_; }
 
 private:
     struct read_log {
@@ -50,9 +56,13 @@ private:
             read_log &known = logs_[{slot, flash.instance}];
             if (flash.log == known.state)
                 continue;
+            const bool is_first = !known.state.has_value();
+            const auto head = is_first ? ask_for_head(slot, flash.instance, known_modules_) : std::nullopt;
             auto events = ask_for_events(node, flash.instance, known.sequence);
             if (!events)
                 continue;
+            if (is_first)
+                note_faults(slot, flash.instance, event_log_faults(*events, head));
             known.state = flash.log; // as it was before: what has come meanwhile is asked for again
             if (!events->empty())
                 known.sequence = events->back().sequence;
@@ -60,13 +70,23 @@ private:
         }
     }
 
+    void note_faults(unsigned slot, unsigned instance, const std::vector<std::string> &faults)
+    {
+        for (const std::string &fault : faults)
+            faults_.push_back({slot, instance, fault});
+    }
+
     std::vector<unsigned> modules_;
+    std::vector<chassis_module> known_modules_;
     std::map<std::pair<unsigned, unsigned>, read_log> logs_;
+    std::vector<event_log_fault> faults_;
 };
 
-std::string json_lines(const std::vector<flash_event> &events)
+std::string json_lines(const std::vector<flash_event> &events, const std::vector<event_log_fault> &faults)
 {
     std::string lines;
+    for (const event_log_fault &fault : faults)
+        lines += fault_json(fault).dump() + "\n";
     for (const flash_event &event : events)
         lines += event_json(event).dump() + "\n";
     return lines;
@@ -92,16 +112,20 @@ outcome print_events(const events_options &options, bool json)
 {
     events_reader reader(options.modules);
     std::vector<flash_event> events = reader.take();
-    const bool has_none = events.empty();
+    const std::vector<event_log_fault> faults = reader.faults();
+    const bool has_none = events.empty() && faults.empty();
     keep_last(events, options.last.value_or(~0U));
     if (!json && has_none && !options.follow)
         return {.headline = "no events: no flash was programmed yet"};
     table shown = events_table();
+    bool is_first = true;
     for (;;) {
-        if (!put_text(STDOUT_FILENO, json ? json_lines(events) : table_lines(shown, events)))
+        if (!put_text(STDOUT_FILENO, json ? json_lines(events, is_first ? faults : std::vector<event_log_fault>())
+                                          : table_lines(shown, events)))
             return output_not_written(errno);
+        is_first = false;
         if (!options.follow || !wait_before_next(STDOUT_FILENO, LOOK_INTERVAL) || interrupted())
-            return {};
+            return faults.empty() ? outcome() : report_faults(faults);
         if (!chassis_is_there())
             return chassis_gone();
         events = reader.take();

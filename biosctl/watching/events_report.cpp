@@ -14,6 +14,7 @@ constexpr std::size_t TIME_COLUMNS = SECONDS_TEXT_BYTES + 1; // with its "Z"
 constexpr std::size_t FLASH_COLUMNS = 7;                     // "primary"
 constexpr std::size_t EVENT_COLUMNS = 9;                     // "attempt 1"
 constexpr std::size_t TOOK_COLUMNS = 5;                      // "59:59"
+constexpr std::size_t DIGEST_DIGITS_SHOWN = 16;
 constexpr std::uint64_t KIB = 1024;
 constexpr std::uint64_t MIB = KIB * KIB;
 constexpr std::uint64_t SECOND_MS = 1000;
@@ -50,7 +51,19 @@ std::string image_text(const flash_event &event)
 {
     if (!event.image_bytes)
         return {};
-    return size_text(*event.image_bytes) + (event.version.empty() ? "" : " " + event.version);
+    std::string text = size_text(*event.image_bytes) + (event.version.empty() ? "" : " " + event.version);
+    if (!event.old_version.empty())
+        text += " over " + event.old_version;
+    if (!event.user.empty() || !event.host.empty())
+        text += ", by " + event.user + (event.host.empty() ? "" : "@" + event.host);
+    if (!event.sha256.empty())
+        text += ", SHA-256 " + event.sha256.substr(0, DIGEST_DIGITS_SHOWN);
+    return text;
+}
+
+std::string fault_text(const event_log_fault &fault)
+{
+    return slot_text(fault.slot) + ", " + flash_instance_name(fault.instance) + " flash: " + fault.text;
 }
 
 table_cell result_cell(const flash_event &event)
@@ -122,6 +135,20 @@ void add_event(table &events, const flash_event &event)
     events.add({event.time.substr(0, SECONDS_TEXT_BYTES) + "Z", std::to_string(event.slot),
                 flash_instance_name(event.instance), event_text(event),
                 event.duration_ms ? duration_text(*event.duration_ms) : "", what_came_of_it(event)});
+}
+
+nlohmann::ordered_json fault_json(const event_log_fault &fault)
+{
+    return {{"slot", fault.slot}, {"flash", flash_instance_name(fault.instance)}, {"fault", fault.text}};
+}
+
+outcome report_faults(const std::vector<event_log_fault> &faults)
+{
+    outcome told = failure(EXIT_FAILED, styled_text("the event log is not whole", text_meaning::wrong),
+                           "find out who can write to the card's files; what is missing is not known");
+    for (auto fault = faults.rbegin(); fault != faults.rend(); ++fault)
+        told.hints.insert(told.hints.begin(), {"log", fault_text(*fault)});
+    return told;
 }
 
 nlohmann::ordered_json event_json(const flash_event &event)

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "flash_event.h"
+#include "outcome.h"
 #include "table.h"
 
 // The events of several flashes in one order: by time, but those of one flash in that of their sequence, whatever
@@ -15,6 +16,15 @@
 std::vector<flash_event> in_order(const std::vector<std::vector<flash_event>> &logs);
 
 // The columns alone, as wide as what usually happens needs.
+// What is wrong with the log of a flash.
+struct event_log_fault {
+    unsigned slot = 0;
+    unsigned instance = 0;
+    std::string text;
+};
+nlohmann::ordered_json fault_json(const event_log_fault &fault);
+outcome report_faults(const std::vector<event_log_fault> &faults);
+
 table events_table();
 void add_event(table &events, const flash_event &event);
 

@@ -14,7 +14,8 @@ constexpr const char *EVENT_NAMES[] = {"begun",  "attempt", "erased", "verified"
                                        "failed", "refused", "ended",  "cut_off"};
 constexpr const char *INSTANCE_NAMES[] = {"primary", "alternate"};
 constexpr std::string_view TIME_FORM = "0000-00-00T00:00:00.000Z"; // a 0 stands for any digit
-constexpr std::size_t VERSION_BYTES_MAX = 64;
+constexpr std::size_t TEXT_BYTES_MAX = 64;
+constexpr std::size_t DIGEST_DIGITS = 64;
 
 bool is_digit(char character)
 {
@@ -32,11 +33,21 @@ bool needs_no_escape(char character)
     return character >= ' ' && character <= '~' && character != '"' && character != '\\';
 }
 
-std::string version_text(const std::string &version)
+std::string text_member(const char *name, const std::string &value)
 {
     std::string text;
-    std::copy_if(version.begin(), version.end(), std::back_inserter(text), needs_no_escape);
-    return text.substr(0, VERSION_BYTES_MAX);
+    std::copy_if(value.begin(), value.end(), std::back_inserter(text), needs_no_escape);
+    return text.empty() ? "" : ",\"" + std::string(name) + "\":\"" + text.substr(0, TEXT_BYTES_MAX) + "\"";
+}
+
+bool is_digest(const std::string &text)
+{
+    return text.size() == DIGEST_DIGITS && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+std::string digest_member(const char *name, const std::string &value)
+{
+    return is_digest(value) ? text_member(name, value) : "";
 }
 
 template<class Number>
@@ -112,7 +123,7 @@ public:
         value = code;
         return true;
     }
-    bool take_version(std::string &version) { return !take(",\"version\":\"") || take_text(version); }
+    bool take_text_member(std::string_view begin, std::string &text) { return !take(begin) || take_text(text); }
     bool at_end() const { return rest_.empty(); }
 
 private:
@@ -164,11 +175,12 @@ std::string flash_event_format(const flash_event &event)
                         R"(,"event":"%s")",
                         event.time.c_str(), event.slot, flash_instance_name(event.instance), event.sequence,
                         event.pid, flash_event_name(event.kind));
-    std::string line = head + member("attempt", event.attempt) + member("image_bytes", event.image_bytes);
-    if (const std::string version = version_text(event.version); !version.empty())
-        line += ",\"version\":\"" + version + "\"";
-    return line + member("sectors_erased", event.sectors_erased) + member("bytes_written", event.bytes_written) +
-           result_member(event.result) + member("duration_ms", event.duration_ms) + "}\n";
+    return head + member("attempt", event.attempt) + member("image_bytes", event.image_bytes) +
+           text_member("version", event.version) + text_member("old_version", event.old_version) +
+           digest_member("sha256", event.sha256) + text_member("user", event.user) +
+           text_member("host", event.host) + member("sectors_erased", event.sectors_erased) +
+           member("bytes_written", event.bytes_written) + result_member(event.result) +
+           member("duration_ms", event.duration_ms) + digest_member("chain", event.chain) + "}\n";
 }
 
 std::optional<flash_event> flash_event_parse(std::string_view text)
@@ -176,10 +188,15 @@ std::optional<flash_event> flash_event_parse(std::string_view text)
     line_reader line(text);
     flash_event event;
     if (!take_head(line, event) || !line.take_member(",\"attempt\":", event.attempt) ||
-        !line.take_member(",\"image_bytes\":", event.image_bytes) || !line.take_version(event.version) ||
+        !line.take_member(",\"image_bytes\":", event.image_bytes) ||
+        !line.take_text_member(",\"version\":\"", event.version) ||
+        !line.take_text_member(",\"old_version\":\"", event.old_version) ||
+        !line.take_text_member(",\"sha256\":\"", event.sha256) ||
+        !line.take_text_member(",\"user\":\"", event.user) || !line.take_text_member(",\"host\":\"", event.host) ||
         !line.take_member(",\"sectors_erased\":", event.sectors_erased) ||
         !line.take_member(",\"bytes_written\":", event.bytes_written) || !line.take_result(event.result) ||
-        !line.take_member(",\"duration_ms\":", event.duration_ms) || !line.take("}") || !line.at_end())
+        !line.take_member(",\"duration_ms\":", event.duration_ms) ||
+        !line.take_text_member(",\"chain\":\"", event.chain) || !line.take("}") || !line.at_end())
         return std::nullopt;
     // Numbers with leading zeros and the like: there is one form of each event.
     const std::string same = flash_event_format(event);

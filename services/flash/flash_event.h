@@ -6,7 +6,9 @@
 // on one line. The members up to "event" are always there, the others in this order where the event has them:
 //
 //   begun     the programming of a flash begins          image_bytes and version of the image where they are known:
-//                                                        a card that erases first has not looked at it yet
+//                                                        a card that erases first has not looked at it yet;
+//                                                        old_version that the flash holds; of an order its sha256,
+//                                                        user and host
 //   attempt   an attempt at it begins                    attempt, image_bytes, version
 //   erased    the whole flash was erased                 sectors_erased, duration_ms
 //   verified  the flash was found equal to the image     attempt, sectors_erased, bytes_written, duration_ms
@@ -19,7 +21,8 @@
 //             on with: the flash is marked
 //
 // sequence counts the events of the flash; pid is the process as it sees itself; attempt is left out for an erase.
-// Counts are of operations, those repeated too.
+// Counts are of operations, those repeated too. The last member is the line's link, "chain" (flash_event_chain.h);
+// lines from before there was a chain have none.
 //
 // Uses no library but the C++ one, so that tools compile it into themselves.
 #pragma once
@@ -52,19 +55,25 @@ struct flash_event {
     flash_event_kind kind = flash_event_kind::begun;
     std::optional<std::uint32_t> attempt = {};
     std::optional<std::uint64_t> image_bytes = {};
-    std::string version = {}; // empty: not known
+    std::string version = {};     // empty: not known
+    std::string old_version = {}; // that the flash held; empty: not known
+    std::string sha256 = {};      // of the image that was ordered, 64 hexadecimal digits; empty: not known
+    std::string user = {};        // who has ordered it; empty: not known
+    std::string host = {};        //
     std::optional<std::uint64_t> sectors_erased = {};
     std::optional<std::uint64_t> bytes_written = {};
     std::optional<std::uint32_t> result = {};
     std::optional<std::uint64_t> duration_ms = {};
+    std::string chain = {}; // 64 hexadecimal digits; empty: none
 
     bool operator==(const flash_event &) const = default;
 };
 
 constexpr std::uint64_t FLASH_EVENT_SEQUENCE_MAX = std::uint64_t{1} << 53; // what is above it comes of damage
-constexpr std::size_t FLASH_EVENT_LINE_BYTES_MAX = 512;                    // of a line with its newline
+constexpr std::size_t FLASH_EVENT_LINE_BYTES_MAX = 1024;                   // of a line with its newline
 
-// The line with its newline. Of the version only what needs no escape in JSON is told, 64 characters at most.
+// The line with its newline. Of a text only what needs no escape in JSON is told, 64 characters at most, and a
+// digest only when it is one.
 std::string flash_event_format(const flash_event &event);
 
 // The event of a line without its newline; none for anything that format does not give.

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "flash_event_chain.h"
 #include "flash_folder.h"
 #include "utc_time.h"
 
@@ -83,6 +84,7 @@ flash_event_totals load_totals(const flash_folder &folder)
 // How the log ends.
 struct log_end {
     std::uint64_t sequence = 0;           // 0: nothing is known
+    std::string chain;                    // of the event with that sequence; empty: it has none, or is not known
     std::optional<flash_event> last_work; // that was no refusal
 
     bool is_whole() const { return sequence != 0 && last_work; }
@@ -93,6 +95,7 @@ log_end end_of(const unique_fd &log, std::uint64_t from)
     log_end end;
     for (flash_event &event : events_in(content_of(log, from, READ_BYTES_MAX))) {
         end.sequence = event.sequence;
+        end.chain = event.chain;
         if (event.kind != flash_event_kind::refused)
             end.last_work = std::move(event);
     }
@@ -111,8 +114,10 @@ log_end find_end(const flash_folder &folder, const unique_fd &log)
     const log_end older = end_of(open_to_read(folder, FLASH_FILE_OLDER_EVENTS), 0);
     if (!end.last_work)
         end.last_work = older.last_work;
-    if (end.sequence == 0)
+    if (end.sequence == 0) {
         end.sequence = std::max(older.sequence, load_totals(folder).sequence);
+        end.chain = end.sequence == older.sequence ? older.chain : "";
+    }
     return end;
 }
 
@@ -167,6 +172,7 @@ void append(const flash_folder &folder, flash_event event, const flash_event_con
     event.time = utc_now_microseconds().substr(0, MILLISECONDS_FORM.size()) + "Z";
     event.pid = static_cast<std::uint32_t>(::getpid());
     event.sequence = end.sequence + 1;
+    event.chain = flash_event_chain(end.chain, event);
     const std::string line = flash_event_format(event);
     if (size_of(log) + line.size() >= FLASH_EVENT_LOG_BYTES_MAX && turn_over(folder, log))
         log = open_to_append(folder);
@@ -198,6 +204,20 @@ flash_event_history flash_event_history_of(unsigned slot, unsigned instance)
     }
     history.totals.count_all(history.events);
     return history;
+}
+
+std::optional<flash_event> flash_event_last_of(unsigned slot, unsigned instance)
+{
+    const flash_folder folder = open_flash_folder(slot, instance);
+    if (!folder.fd)
+        return std::nullopt;
+    const unique_fd log = open_to_read(folder, FLASH_FILE_EVENTS);
+    const std::uint64_t size = size_of(log);
+    std::vector<flash_event> events =
+        events_in(content_of(log, size > TAIL_BYTES ? size - TAIL_BYTES : 0, READ_BYTES_MAX));
+    if (events.empty())
+        events = events_in(content_of(open_to_read(folder, FLASH_FILE_OLDER_EVENTS), 0, READ_BYTES_MAX));
+    return events.empty() ? std::nullopt : std::optional(std::move(events.back()));
 }
 
 flash_event_log_state flash_event_log_state_of(unsigned slot, unsigned instance)

@@ -21,7 +21,7 @@
 
 constexpr std::uint64_t FLASH_EVENT_LOG_BYTES_MAX = std::uint64_t{1} << 20;
 
-// Appends an event; its time, sequence and pid are filled in. Something that cannot be written is left out.
+// Appends an event; its time, sequence, pid and chain are filled in. Something that cannot be written is left out.
 //   allowed  asked with the last event before that was no refusal, if there is one; nothing is appended when it
 //            says no
 using flash_event_condition = std::function<bool(const std::optional<flash_event> &last_work)>;
@@ -33,6 +33,9 @@ struct flash_event_history {
 };
 // Empty for a flash that is not there.
 flash_event_history flash_event_history_of(unsigned slot, unsigned instance);
+
+// The last event of the log; none when there is none. What is looked for is at its end.
+std::optional<flash_event> flash_event_last_of(unsigned slot, unsigned instance);
 
 // Changes whenever the log does: for followers, who need not read what they know.
 struct flash_event_log_state {

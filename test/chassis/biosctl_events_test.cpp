@@ -117,3 +117,82 @@ TEST_F(BiosctlEvents, AreFollowedWhileTheyHappen)
     follower.signal(SIGINT);
     EXPECT_EQ(follower.wait().exit_code, 0);
 }
+
+namespace
+{
+
+std::string without_line(const std::string &text, unsigned number)
+{
+    std::istringstream lines(text);
+    std::string rest;
+    unsigned at = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (++at != number)
+            rest += line + "\n";
+    }
+    return rest;
+}
+
+// Two supervisors, of which the second one is programmed.
+class EventChainOfCards : public chassis_test
+{
+protected:
+    void SetUp() override
+    {
+        insert({.slot = 1});
+        insert({.slot = 2, .role = "standby"});
+        up();
+        ASSERT_EQ(biosctl({"program", "2"}).exit_code, 0);
+    }
+    std::string log_file() const { return flash_file(2, "events"); }
+    bool is_known_to_the_supervisor(unsigned sequence) const
+    {
+        const std::string heads = slot_file(1, "event_heads");
+        return std::filesystem::exists(heads) &&
+               file_content(heads).find("2 0 " + std::to_string(sequence) + " ") != std::string::npos;
+    }
+    // What is wrong, as events and audit say it.
+    void expect_fault(const std::string &text) const
+    {
+        const finished_program told = biosctl({"events"});
+        EXPECT_EQ(told.exit_code, 1);
+        EXPECT_NE(told.errors.find("the event log is not whole"), std::string::npos) << told.errors;
+        EXPECT_NE(told.errors.find("log: slot 2, primary flash: " + text), std::string::npos) << told.errors;
+        const finished_program audit = biosctl({"audit", "2"});
+        EXPECT_EQ(audit.exit_code, 1);
+        EXPECT_NE(audit.output.find("slot 2: event log not whole: primary flash: " + text), std::string::npos)
+            << audit.output;
+    }
+};
+
+} // namespace
+
+TEST_F(EventChainOfCards, IsWholeAndALineThatIsTakenOutShows)
+{
+    const finished_program whole = biosctl({"events"});
+    EXPECT_EQ(whole.exit_code, 0) << whole.errors;
+    write_file(log_file(), without_line(file_content(log_file()), 2));
+    expect_fault("1 line before line 3 is missing");
+}
+
+TEST_F(EventChainOfCards, ALineThatIsChangedShows)
+{
+    std::string text = file_content(log_file());
+    const std::size_t place = text.find("\"event\":\"verified\"");
+    ASSERT_NE(place, std::string::npos);
+    write_file(log_file(), text.replace(place, 18, "\"event\":\"equal\""));
+    const finished_program told = biosctl({"events"});
+    EXPECT_EQ(told.exit_code, 1) << told.output;
+}
+
+TEST_F(EventChainOfCards, ALogThatIsCutAtItsEndShowsByWhatTheOtherSupervisorKnows)
+{
+    ASSERT_TRUE(wait_until([&] { return is_known_to_the_supervisor(4); }));
+    write_file(log_file(), without_line(file_content(log_file()), 4));
+    expect_fault("1 line at the end is missing (the agent of slot 1 knows line 4)");
+    // Also when it is gone, and when another programming has gone on with it.
+    std::filesystem::remove(log_file());
+    ASSERT_EQ(biosctl({"program", "2"}).exit_code, 0);
+    const finished_program told = biosctl({"events"});
+    EXPECT_EQ(told.exit_code, 1) << told.output;
+}

@@ -93,7 +93,7 @@ void expect_sound(const std::optional<Decoded> &decoded)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz_input input(data, size);
-    const unsigned kind = input.byte() % 10;
+    const unsigned kind = input.byte() % 11;
     const auto rest = input.rest();
     const answer_payload payload(rest.data(), rest.size());
     switch (kind) {
@@ -126,6 +126,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case 9:
         if (const auto outcome = decode_outcome(payload); outcome)
             expect_printable(outcome->time);
+        break;
+    case 10:
+        require(decode_head(payload).has_value() == (payload.size() == sizeof(agent_event_head_t)),
+                "a head is its record");
         break;
     default:
         for (const flash_event &event :

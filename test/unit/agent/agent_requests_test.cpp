@@ -176,10 +176,11 @@ TEST_F(AgentRequests, FlashThatTheCardHasNotIsSaidSo)
 
 TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
 {
-    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U, 4817U, 4818U, 4860U, 4861U}) {
+    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U, 4817U, 4818U, 4860U, 4861U, 4863U}) {
         const std::size_t wanted = opcode == 4812 || opcode == 4814   ? 4
                                    : opcode == 4813 || opcode == 4818 ? 12
                                    : opcode == 4817                   ? 236
+                                   : opcode == 4863                   ? 8
                                                                       : 0;
         for (std::size_t length = 0; length <= 20; ++length) {
             if (length == wanted)

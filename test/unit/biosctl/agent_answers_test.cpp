@@ -135,6 +135,17 @@ TEST(AgentAnswers, OutcomeIsOneOfThoseThereAre)
     EXPECT_FALSE(decode_outcome(result));
 }
 
+TEST(AgentAnswers, HeadIsItsRecord)
+{
+    const bytes record = words({5, 0, 1, 2}) + bytes(31) + bytes{7};
+    const auto head = decode_head(record);
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->sequence, (1ULL << 32) + 2);
+    EXPECT_EQ(head->chain, std::string(62, '0') + "07");
+    EXPECT_FALSE(decode_head({})) << "it was told nothing";
+    EXPECT_FALSE(decode_head(record + bytes(1)));
+}
+
 TEST(AgentAnswers, FilesAreTakenInOrder)
 {
     const bytes first = text_field("a.bin", 64) + words({0, 3}) + bytes(31) + bytes{7};

@@ -237,3 +237,37 @@ TEST(Events, WhatIsNotThereAndWhatIsNotUnderstood)
         EXPECT_EQ(run.exit_code(), 64) << last;
     }
 }
+
+TEST(EventsTable, NamesWhoAskedForWhat)
+{
+    flash_event event{.time = "2026-01-31T23:59:59.123Z",
+                      .slot = 3,
+                      .sequence = 1,
+                      .image_bytes = 1 << 20,
+                      .version = "v3.5.0(09/17/12)",
+                      .old_version = "v3.1.0(02/11/11)",
+                      .sha256 = "0123456789abcdef" + std::string(48, 'a'),
+                      .user = "ops",
+                      .host = "desk"};
+    table events = events_table();
+    add_event(events, event);
+    EXPECT_NE(text_of({events}, {}).find("1 MiB v3.5.0(09/17/12) over v3.1.0(02/11/11), by ops@desk, "
+                                        "SHA-256 0123456789abcdef\n"),
+              std::string::npos)
+        << text_of({events}, {});
+    const auto json = event_json(event);
+    EXPECT_EQ(json["user"], "ops");
+    EXPECT_EQ(json["old_version"], "v3.1.0(02/11/11)");
+    EXPECT_EQ(json["sha256"], event.sha256);
+}
+
+TEST(EventsFaults, AreAFailureThatNamesEach)
+{
+    const outcome told = report_faults({{3, 0, "line 2 was changed"}, {5, 1, "line 9 was changed"}});
+    EXPECT_EQ(told.exit, EXIT_FAILED);
+    EXPECT_EQ(told.headline.plain(), "the event log is not whole");
+    ASSERT_EQ(told.hints.size(), 3U);
+    EXPECT_EQ(told.hints[0].text.plain(), "slot 3, primary flash: line 2 was changed");
+    EXPECT_EQ(told.hints[1].text.plain(), "slot 5, alternate flash: line 9 was changed");
+    EXPECT_EQ(fault_json({5, 1, "x"}).dump(), R"({"slot":5,"flash":"alternate","fault":"x"})");
+}

@@ -409,6 +409,18 @@ TEST(VersionReport, WithoutTheServingDaemonTheTableIsShownAndItFails)
     }
 }
 
+TEST(VersionReport, AnEventLogThatIsNotWholeFailsAnAudit)
+{
+    chassis_report report = report_of({card_of(5, {.flash = NEW, .running = NEW, .source = NEW})});
+    report.cards[0].log_faults = {"primary flash: line 2 was changed"};
+    const outcome told = report_versions(report, show_kind::audit);
+    EXPECT_EQ(told.exit, EXIT_FAILED);
+    EXPECT_EQ(told.headline.plain(), "all in step, event logs not whole");
+    EXPECT_NE(text_of(told.report, {}).find("slot 5: event log not whole: primary flash: line 2 was changed\n"),
+              std::string::npos);
+    EXPECT_EQ(told.json["cards"][0]["log_faults"][0], "primary flash: line 2 was changed");
+}
+
 // The program, the agents of the slots 27 (active), 28 (standby) and 5 (a line card), and the active one's daemon.
 class Show : public ::testing::Test
 {
