@@ -450,7 +450,7 @@ MARK = b"\x8fBIOSmanifest\r\n\x1a"
 
 
 def make_manifests():
-    sealed, ppc = 1, 2
+    sealed = 1
 
     def manifest(form=1, version="v3.5.0(09/17/12)", card_ids=(90, 93), count=None, key=b"", unused=b""):
         return MARK + struct.pack(">IIII", form, 0, 17, 7) + field(version, 32) + field("x86n", 32) + \
@@ -476,7 +476,6 @@ def make_manifests():
     image("cards-behind-the-last", manifest(count=1))
     image("unprintable", manifest(version="v\x1b[2J"))
     image("not-empty", manifest(unused=b"x"))
-    image("ppc", erased + manifest(), sealed | ppc)
     image("ppc-too-small", b"\x27\x05\x19\x56" + erased[4:] + manifest())
 
 
