@@ -76,7 +76,7 @@ verb_run add_source(CLI::App &command)
                     "System image on the card, bootflash:NAME or a path; without: the image tree")
         ->transform(image_on_card(IMAGE_PATH_BYTES_MAX))
         ->type_name("TEXT");
-    add_timeout(command, options->timeout_s, "Wait no longer for the answer (300)");
+    add_timeout(command, options->timeout_s, "Wait no longer for the answer (65)");
     return [options](bool json) { return run_source(*options, json); };
 }
 

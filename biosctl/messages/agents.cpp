@@ -22,7 +22,6 @@ constexpr std::int64_t SILENCE_US = 10 * MICROSECONDS;
 constexpr unsigned ATTEMPTS = 3;
 constexpr std::int64_t BUSY_PATIENCE_US = 5 * MICROSECONDS;
 constexpr unsigned BUSY_PAUSE_US = 20'000;
-constexpr unsigned WORK_WAIT_LIMIT_S = 20; // a large image on a slow card takes some seconds
 
 // One endpoint for all that this process asks; made anew when it could not be bound. That of a process that was
 // forked from is not this one's.
@@ -59,13 +58,14 @@ std::optional<bytes> ask(std::uint32_t node, std::uint32_t opcode, std::span<con
 }
 
 // For what a worker of the agent does, which takes its time. An agent that hangs is found out by a quick question.
-request_answer ask_for_work(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body)
+request_answer ask_for_work(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                            unsigned wait_limit_s = WORK_WAIT_LIMIT_S)
 {
     if (!ask(node, AGENT_OPC_GET_CARD, {}))
         return {};
     const std::int64_t busy_until_us = monotonic_us() + BUSY_PATIENCE_US;
     for (;;) {
-        request_answer answer = ask_agent(node, opcode, body, WORK_WAIT_LIMIT_S);
+        request_answer answer = ask_agent(node, opcode, body, wait_limit_s);
         if (!answer.answered || answer.status != AGENT_ERR_BUSY || monotonic_us() > busy_until_us)
             return answer;
         (void)::usleep(BUSY_PAUSE_US);
@@ -176,7 +176,7 @@ std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned in
     return answer ? std::optional(flash_event_totals_parse(text_of(*answer))) : std::nullopt;
 }
 
-request_answer request_image(std::uint32_t node, const image_question &question)
+request_answer request_image(std::uint32_t node, const image_question &question, unsigned wait_limit_s)
 {
     agent_image_req_t body{};
     body.card_id = be32::of(question.card_id);
@@ -184,7 +184,7 @@ request_answer request_image(std::uint32_t node, const image_question &question)
                            : question.place == image_place::uri ? AGENT_IMAGE_OF_URI
                                                                 : AGENT_IMAGE_READY);
     store_text(body.uri, question.uri.c_str());
-    return ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body));
+    return ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body), wait_limit_s);
 }
 
 image_reply image_reply_of(const request_answer &answer)
@@ -201,9 +201,8 @@ image_reply ask_for_image(std::uint32_t node, const image_question &question)
 
 flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes)
 {
-    const request_answer answer =
-        ask_for_work(node, AGENT_OPC_GET_DIGEST,
-                     bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}));
+    const request_answer answer = ask_for_work(
+        node, AGENT_OPC_GET_DIGEST, bytes_of(agent_flash_digest_req_t{be32::of(instance), be64::of(bytes)}));
     if (!answer.answered || answer.status != AGENT_OK)
         return {.status = answer.status};
     return {.digest = decode_flash_digest(answer.payload)};

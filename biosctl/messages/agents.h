@@ -13,6 +13,7 @@
 #include "flash_event_totals.h"
 
 constexpr unsigned AGENT_WAIT_LIMIT_S = 1;
+constexpr unsigned WORK_WAIT_LIMIT_S = 20; // a large image on a slow card takes some seconds
 
 // One request, and what came of it: its own answer or, when its last attempt has failed, why there is none.
 request_answer ask_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
@@ -43,7 +44,8 @@ struct image_question {
     image_place place = image_place::tree;
     std::string uri = {};
 };
-// An image, or the status of the agent's answer that says why there is none; a status of 0 then: it has not answered.
+// An image, or the status of the agent's answer that says why there is none; a status of 0 then: it has not
+// answered.
 struct image_reply {
     std::optional<told_image> image = {};
     std::uint32_t status = 0;
@@ -52,7 +54,8 @@ struct image_reply {
 image_reply ask_for_image(std::uint32_t node, const image_question &question);
 
 // The same in two steps, for a process that only asks.
-request_answer request_image(std::uint32_t node, const image_question &question);
+request_answer request_image(std::uint32_t node, const image_question &question,
+                             unsigned wait_limit_s = WORK_WAIT_LIMIT_S);
 image_reply image_reply_of(const request_answer &answer);
 
 // Of the first bytes of a flash; the status as in image_reply.
@@ -62,7 +65,8 @@ struct flash_digest_reply {
 };
 flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::uint64_t bytes);
 
-// The module locks that are held, in order of their node ids: each agent serves its own. None when no agent answers.
+// The module locks that are held, in order of their node ids: each agent serves its own. None when no agent
+// answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();
 
 // How the last programming of each module has ended, in order of the modules; none when no agent answers.

@@ -36,18 +36,6 @@ daemon_request encode_module_version_request(unsigned module)
     return daemon_request_of(MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, bios_mod_version_req_t{be32::of(module)});
 }
 
-daemon_request encode_source_version_request(const std::optional<std::string> &image_path, mts_address_t progress)
-{
-    bios_src_version_req request{};
-    if (image_path)
-        std::copy_n(image_path->data(), std::min(image_path->size(), IMAGE_PATH_BYTES_MAX), request.image_path);
-    else
-        request.def = 1;
-    request.progress_addr.node = progress.node;
-    request.progress_addr.sap = progress.sap;
-    return daemon_request_of(MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, request);
-}
-
 module_versions_answer decode_module_versions(std::span<const std::uint8_t> payload, unsigned module)
 {
     if (payload.size() < sizeof(bios_new_vers_message))
@@ -78,51 +66,4 @@ module_versions_answer decode_module_versions(std::span<const std::uint8_t> payl
             answer.entries.push_back(std::move(versions));
     }
     return answer;
-}
-
-std::optional<source_versions_answer> decode_source_versions(std::span<const std::uint8_t> payload)
-{
-    if (payload.empty())
-        return source_versions_answer{};
-    if (payload.size() < sizeof(bios_src_version_reply))
-        return std::nullopt;
-    const auto header = record_at<bios_src_version_reply>(payload, 0);
-    const std::uint32_t count = header.count.load();
-    if (count > VERSION_ENTRIES_MAX ||
-        payload.size() < sizeof(bios_src_version_reply) + count * sizeof(bios_src_version_entry))
-        return std::nullopt;
-    source_versions_answer answer{.status = header.status.load()};
-    for (std::uint32_t k = 0; k < count; ++k) {
-        const auto entry = record_at<bios_src_version_entry>(payload, sizeof(bios_src_version_reply) +
-                                                                          k * sizeof(bios_src_version_entry));
-        answer.entries.push_back({text_of(entry.swid_str), text_of(entry.ver), entry.src_id.load()});
-    }
-    return answer;
-}
-
-std::optional<std::uint32_t> decode_source_progress(std::uint32_t opcode, std::span<const std::uint8_t> payload)
-{
-    constexpr std::uint32_t PERCENT_MAX = 100;
-    if (opcode != MTS_OPC_BIOS_SRC_VERSION_PROGRESS || payload.size() != sizeof(std::uint32_t))
-        return std::nullopt;
-    const auto percent = record_at<std::uint32_t>(payload, 0);
-    return percent <= PERCENT_MAX ? std::optional(percent) : std::nullopt;
-}
-
-std::string image_format_text(std::uint32_t image_format)
-{
-    switch (image_format) {
-    case 11:
-        return "x86";
-    case 15:
-        return "x86s";
-    case 17:
-        return "ppc-lc2dc3";
-    case 18:
-        return "platform";
-    case 19:
-        return "x86n";
-    default:
-        return "ppc (" + std::to_string(image_format) + ")";
-    }
 }

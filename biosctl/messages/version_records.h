@@ -4,27 +4,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "bios_messages.h"
 #include "daemon_request.h"
-#include "mts.h"
 
 constexpr std::size_t VERSION_ENTRIES_MAX = 32; // of one card; an answer that tells of more is not understood
-constexpr std::size_t IMAGE_PATH_BYTES_MAX =
-    sizeof(bios_src_version_req::image_path) - 1; // the terminator is needed
-constexpr mts_address_t NO_PROGRESS_NOTICES{MTS_NODE_LISTENERS, 0};
 
 // MTS_OPC_BIOS_GET_MOD_BIOS_VERSION.
 daemon_request encode_module_version_request(unsigned module);
-
-// MTS_OPC_BIOS_GET_SRC_BIOS_VERSION.
-//   image_path  of a system image on the card, at most IMAGE_PATH_BYTES_MAX bytes; none: the card's image tree
-//   progress    where notices go
-daemon_request encode_source_version_request(const std::optional<std::string> &image_path, mts_address_t progress);
 
 // Texts are cut at their field's end, without blanks around them, and have '?' for what cannot be printed.
 struct flash_versions {
@@ -49,25 +39,3 @@ struct module_versions_answer {
 
 // Answer to encode_module_version_request(module).
 module_versions_answer decode_module_versions(std::span<const std::uint8_t> payload, unsigned module);
-
-struct source_version {
-    std::string label;
-    std::string version;
-    std::uint32_t image_format = 0;
-};
-
-struct source_versions_answer {
-    std::uint32_t status = 0;
-    std::vector<source_version> entries = {};
-};
-
-// Answer to encode_source_version_request; also one without payload, which tells of no versions. None when it is
-// not understood.
-std::optional<source_versions_answer> decode_source_versions(std::span<const std::uint8_t> payload);
-
-// Percents of MTS_OPC_BIOS_SRC_VERSION_PROGRESS, 0..100; none of another opcode. The number stands in the sender's own byte order, which is
-// this machine's.
-std::optional<std::uint32_t> decode_source_progress(std::uint32_t opcode, std::span<const std::uint8_t> payload);
-
-// "x86n", "x86", ...
-std::string image_format_text(std::uint32_t image_format);

@@ -5,6 +5,7 @@
 
 #include "progress_bar.h"
 #include "result_text.h"
+#include "size_text.h"
 
 namespace
 {
@@ -15,18 +16,7 @@ constexpr std::size_t FLASH_COLUMNS = 7;                     // "primary"
 constexpr std::size_t EVENT_COLUMNS = 9;                     // "attempt 1"
 constexpr std::size_t TOOK_COLUMNS = 5;                      // "59:59"
 constexpr std::size_t DIGEST_DIGITS_SHOWN = 16;
-constexpr std::uint64_t KIB = 1024;
-constexpr std::uint64_t MIB = KIB * KIB;
 constexpr std::uint64_t SECOND_MS = 1000;
-
-std::string size_text(std::uint64_t bytes)
-{
-    if (bytes >= MIB && bytes % MIB == 0)
-        return std::to_string(bytes / MIB) + " MiB";
-    if (bytes >= KIB && bytes % KIB == 0)
-        return std::to_string(bytes / KIB) + " KiB";
-    return std::to_string(bytes) + " B";
-}
 
 std::string duration_text(std::uint64_t duration_ms)
 {

@@ -178,3 +178,29 @@ TEST_F(BiosctlVersions, WithoutTheActiveDaemonTheTableIsThereAndShowFails)
     EXPECT_NE(seen.errors.find("slot 1: the daemon did not answer in time"), std::string::npos) << seen.errors;
     EXPECT_NE(seen.output.find("update available"), std::string::npos) << seen.output;
 }
+
+TEST_F(BiosctlVersions, SourceReadsAnImageInAPlaceOfItsOwnAndNamesWhatIsWrong)
+{
+    insert({.slot = 1});
+    up();
+    const std::string ready = on_bootflash(1, ".tmpbios.bin");
+    write_file(ready, "an operator's");
+    const finished_program tree = biosctl({"source"});
+    EXPECT_EQ(tree.exit_code, DONE) << tree.errors;
+    EXPECT_NE(tree.output.find(shown(new_image())), std::string::npos) << tree.output;
+    make_system_image(on_bootflash(1, "system.img"), 90, image("3.1"));
+    const finished_program system = biosctl({"source", "--image", "bootflash:system.img"});
+    EXPECT_EQ(system.exit_code, DONE) << system.errors;
+    EXPECT_NE(system.output.find(shown(image("3.1"))), std::string::npos) << system.output;
+    write_file(on_bootflash(1, "other.img"), "no system image");
+    const finished_program other = biosctl({"source", "--image", "/bootflash/other.img"});
+    EXPECT_EQ(other.exit_code, FAILED);
+    EXPECT_NE(other.errors.find("the file is no system image, or holds no BIOS for this type of card"),
+              std::string::npos)
+        << other.errors;
+    const finished_program missing = biosctl({"source", "--image", "bootflash:missing.img"});
+    EXPECT_EQ(missing.exit_code, 3);
+    EXPECT_NE(missing.errors.find("there is no such file on the card"), std::string::npos) << missing.errors;
+    EXPECT_EQ(file_content(ready), "an operator's");
+    expect_tidy(1);
+}

@@ -206,10 +206,6 @@ def make_records():
     answer("module-too-many", module_header(33) + version_entry())
     answer("module-count-overflow", module_header(0xFFFFFFFF))
     answer("module-count-whose-bytes-overflow", module_header(2**32 // 392 + 1) + version_entry())
-    source_entry = struct.pack(">II", 0, 11) + field("swid-bios", 128) + field("  v3.5.0(09/17/12)", 128)
-    for image_format in (11, 15, 17, 18, 19, 20):
-        answer(f"source-{image_format}", struct.pack(">II", 0, 1) + source_entry + struct.pack(">I", image_format))
-    answer("source-cut", struct.pack(">II", 0x40710003, 1) + source_entry)
 
 
 def make_agent_answers():

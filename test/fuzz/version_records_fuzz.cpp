@@ -1,4 +1,4 @@
-// What biosctl reads of the daemons' version answers: module versions and source versions. Whatever an answer says,
+// What biosctl reads of the daemons' answers about modules' versions. Whatever an answer says,
 // no more entries than a card can have are taken from it, and every text can be printed.
 //
 //   module (1 byte), answer
@@ -34,16 +34,6 @@ void expect_module_versions(const module_versions_answer &answer, unsigned modul
     }
 }
 
-void expect_source_versions(const source_versions_answer &answer)
-{
-    require(answer.entries.size() <= VERSION_ENTRIES_MAX, "no more entries than a card has");
-    for (const source_version &entry : answer.entries) {
-        expect_printable(entry.label);
-        expect_printable(entry.version);
-        require(!image_format_text(entry.image_format).empty(), "every image format has a name");
-    }
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
@@ -53,7 +43,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const auto rest = input.rest();
     const std::vector<std::uint8_t> answer(rest.begin(), rest.end());
     expect_module_versions(decode_module_versions(answer, module), module);
-    if (const auto sources = decode_source_versions(answer))
-        expect_source_versions(*sources);
     return 0;
 }

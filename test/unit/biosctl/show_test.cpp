@@ -47,17 +47,6 @@ bytes failure_answer(std::uint8_t module)
     return {0xff, 0xff, 0xff, 0xff, 0, 0, 0, module, 0, 0, 0, 0, 0xab, 0xcd, 0xef, 0x01};
 }
 
-bytes source_answer(const std::string &version)
-{
-    bytes answer(8 + 268);
-    answer[7] = 1;
-    answer[8 + 7] = 11;
-    put_text(answer, 8 + 8, "swid-bios");
-    put_text(answer, 8 + 136, "  " + version);
-    answer[8 + 267] = 19;
-    return answer;
-}
-
 chassis_report report_of(std::vector<card_report> cards)
 {
     return {.serving_slot = 27, .cards = std::move(cards)};
@@ -84,28 +73,9 @@ chassis_module_lock_holder lock_on(std::uint16_t node, std::uint32_t slot, std::
 
 } // namespace
 
-TEST(VersionRequests, AreTheLiteralBodies)
+TEST(VersionRequests, IsTheLiteralBody)
 {
     EXPECT_EQ(encode_module_version_request(27).body, (bytes{0, 0, 0, 27}));
-    bytes tree(268);
-    const std::uint32_t one = 1;
-    const std::uint32_t nobody = 0xfe000000;
-    std::memcpy(tree.data(), &one, 4); // numbers of this message are in this machine's order
-    std::memcpy(&tree[260], &nobody, 4);
-    EXPECT_EQ(encode_source_version_request(std::nullopt, NO_PROGRESS_NOTICES).body, tree);
-    bytes image(268);
-    put_text(image, 4, "/bootflash/a.img");
-    image[260] = 1;
-    image[264] = 0x39;
-    image[265] = 0x30;
-    EXPECT_EQ(encode_source_version_request("/bootflash/a.img", {1, 12345}).body, image);
-}
-
-TEST(VersionRequests, ATooLongPathStaysTerminated)
-{
-    const bytes body = encode_source_version_request(std::string(300, 'p'), NO_PROGRESS_NOTICES).body;
-    EXPECT_EQ(body[4 + 254], 'p');
-    EXPECT_EQ(body[4 + 255], 0);
 }
 
 TEST(ModuleVersions, AreTakenFromAnAnswer)
@@ -202,40 +172,6 @@ TEST(ModuleVersions, RandomBytesNeverTellOfMoreThanTheyHold)
         }
         EXPECT_LE(16 + 392 * decode_module_versions(answer, 5).entries.size(),
                   std::max<std::size_t>(answer.size(), 16));
-        const auto sources = decode_source_versions(answer);
-        EXPECT_LE(268 * (sources ? sources->entries.size() : 0), answer.size());
-    }
-}
-
-TEST(SourceVersions, AreTakenFromAnAnswer)
-{
-    const auto answer = decode_source_versions(source_answer(NEW));
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->status, 0u);
-    ASSERT_EQ(answer->entries.size(), 1u);
-    EXPECT_EQ(answer->entries[0].version, NEW);
-    EXPECT_EQ(answer->entries[0].image_format, 19u);
-}
-
-TEST(SourceVersions, OnlyTheFilledEntriesCount)
-{
-    bytes answer = source_answer(NEW);
-    answer[7] = 0;
-    ASSERT_TRUE(decode_source_versions(answer));
-    EXPECT_TRUE(decode_source_versions(answer)->entries.empty());
-    EXPECT_TRUE(decode_source_versions({}));
-}
-
-TEST(SourceVersions, ShortAnswersAndWildCountsAreNotUnderstood)
-{
-    const bytes whole = source_answer(NEW);
-    for (std::size_t length = 1; length < whole.size(); ++length)
-        EXPECT_FALSE(decode_source_versions(std::span(whole).first(length))) << length;
-    for (const std::uint32_t count : {2u, 33u, 0x00f48dffu, 0xffffffffu}) {
-        bytes answer = source_answer(NEW);
-        const be32 word = be32::of(count);
-        std::memcpy(&answer[4], &word, 4);
-        EXPECT_FALSE(decode_source_versions(answer)) << count;
     }
 }
 

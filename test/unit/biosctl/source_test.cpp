@@ -1,5 +1,4 @@
-// biosctl source: image names, the report, and the built program against a daemon that follows a script.
-#include <cstring>
+// biosctl source: image names, the report, and the built program against agents that follow a script.
 #include <string>
 
 #include <gtest/gtest.h>
@@ -12,7 +11,7 @@
 namespace
 {
 
-using bytes = std::vector<std::uint8_t>;
+const std::string DIGEST = "010203" + std::string(58, '0'); // of the image that each scripted agent has
 
 std::string path_of(const std::string &image)
 {
@@ -20,38 +19,14 @@ std::string path_of(const std::string &image)
     return image_path_of(image, problem).value_or("refused: " + problem);
 }
 
-bytes source_answer(const std::vector<std::string> &versions, std::uint8_t slots = 1, std::uint32_t status = 0)
-{
-    bytes answer(8 + 268 * slots, 0xee); // what is not filled is undefined
-    const be32 word = be32::of(status);
-    std::memcpy(answer.data(), &word, 4);
-    const be32 count = be32::of(static_cast<std::uint32_t>(versions.size()));
-    std::memcpy(&answer[4], &count, 4);
-    for (std::size_t k = 0; k < versions.size(); ++k) {
-        const auto entry = answer.begin() + static_cast<std::ptrdiff_t>(8 + 268 * k);
-        std::fill_n(entry, 268, std::uint8_t{0});
-        entry[7] = 11;
-        std::ranges::copy(std::string("swid-bios"), entry + 8);
-        std::ranges::copy("  " + versions[k], entry + 136);
-        entry[267] = 19;
-    }
-    return answer;
-}
-
 class Source : public ::testing::Test
 {
 protected:
-    int source(const scripted_daemon::script_function &script, std::vector<std::string> words = {},
-               unsigned slot = 27)
+    int source(std::vector<std::string> words = {})
     {
-        const scripted_daemon daemon(chassis_, slot, script);
         words.insert(words.begin(), {"--dir", chassis_.path(), "source"});
         run_ = std::make_unique<biosctl_run>(words);
         return run_->exit_code();
-    }
-    static void answer(daemon_side &side, const bytes &reply)
-    {
-        side.answer(0, reply.data(), static_cast<std::uint32_t>(reply.size()));
     }
     bool err_has(const std::string &text) const { return run_->err().find(text) != std::string::npos; }
 
@@ -60,20 +35,6 @@ protected:
 };
 
 } // namespace
-
-TEST(SourceProgress, IsAPercentageInThisMachinesOrder)
-{
-    const auto percent_of = [](std::uint32_t number) {
-        std::vector<std::uint8_t> payload(sizeof number);
-        std::memcpy(payload.data(), &number, sizeof number);
-        return decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, payload);
-    };
-    EXPECT_EQ(percent_of(0), 0u);
-    EXPECT_EQ(percent_of(100), 100u);
-    EXPECT_FALSE(percent_of(101));
-    EXPECT_FALSE(decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, std::vector<std::uint8_t>{1, 0, 0}));
-    EXPECT_FALSE(decode_source_progress(MTS_OPC_BIOS_SRC_VERSION_PROGRESS, std::vector<std::uint8_t>{1, 0, 0, 0, 0}));
-}
 
 TEST(ImagePath, OfTheBootFlashAndAbsolute)
 {
@@ -92,137 +53,80 @@ TEST(ImagePath, EverythingElseIsRefused)
 
 TEST(ImagePath, AtMostWhatARequestHolds)
 {
-    EXPECT_EQ(path_of("/" + std::string(254, 'a')).size(), 255u);
-    EXPECT_TRUE(path_of("/" + std::string(255, 'a')).starts_with("refused: ")) << "no room for the terminator";
-    EXPECT_TRUE(path_of("bootflash:" + std::string(245, 'a')).starts_with("refused: "));
+    EXPECT_EQ(path_of("/" + std::string(220, 'a')).size(), 221u);
+    EXPECT_TRUE(path_of("/" + std::string(221, 'a')).starts_with("refused: "));
+    EXPECT_TRUE(path_of("bootflash:" + std::string(211, 'a')).starts_with("refused: "));
 }
 
-TEST_F(Source, TellsEveryVersionOfTheImageTree)
+TEST_F(Source, TellsVersionSizeAndDigestOfTheImage)
 {
-    EXPECT_EQ(source([](daemon_side &side) {
-                  (void)side.receive(4789);
-                  answer(side, source_answer({"v3.5.0(09/17/12)", "v3.6.0(10/01/12)"}, 3));
-              }),
-              0)
-        << run_->err();
-    EXPECT_EQ(run_->out(), "FLASH             VERSION                   FORMAT\n"
-                           "swid-bios         v3.5.0(09/17/12)          x86n\n"
-                           "swid-bios         v3.6.0(10/01/12)          x86n\n");
+    EXPECT_EQ(source(), 0) << run_->err();
+    EXPECT_EQ(run_->out(), "VERSION           SIZE   SHA-256\n"
+                           "v3.5.0(09/17/12)  4 KiB  " +
+                               DIGEST + "\n");
+    EXPECT_TRUE(err_has("slot 27: image tree: ")) << run_->err();
 }
 
-TEST_F(Source, TheRequestNamesTheImageAndWhereNoticesGo)
+TEST_F(Source, TellsTheSameToPrograms)
 {
-    EXPECT_EQ(source(
-                  [](daemon_side &side) {
-                      const bytes body = side.receive(4789);
-                      bytes expected(268);
-                      std::memcpy(&expected[4], "/bootflash/a.img", 16);
-                      expected[260] = 1; // the node of tools; the service access point is the transport's choice
-                      std::uint32_t sap = 0;
-                      std::memcpy(&sap, &body.at(264), 4);
-                      std::memcpy(&expected[264], &sap, 4);
-                      answer(side,
-                             source_answer({"v3.5.0(09/17/12)"}, 1, body == expected && sap >= 0x10000 ? 0 : 1));
-                  },
-                  {"--image", "bootflash:a.img"}),
-              0)
-        << run_->err();
-}
-
-TEST_F(Source, NoticesBecomeProgressLines)
-{
-    EXPECT_EQ(source([](daemon_side &side) {
-                  const bytes body = side.receive(4789);
-                  mts_address_t to{};
-                  std::memcpy(&to, &body.at(260), 8);
-                  for (const std::uint32_t percent : {33u, 66u, 50u, 101u, 0xffffffffu})
-                      side.send_to(to, 4698, &percent, sizeof percent);
-                  const std::uint32_t words[2] = {99, 99};
-                  side.send_to(to, 4698, words, sizeof words);
-                  side.send_to(to, 4795, words, 4);
-                  answer(side, source_answer({"v3.5.0(09/17/12)"}));
-              }),
-              0);
-    EXPECT_TRUE(err_has("slot 27: image tree: 66% working")) << run_->err();
-    EXPECT_FALSE(err_has("99%")) << run_->err();
-    EXPECT_FALSE(err_has("10%")) << run_->err();
-}
-
-TEST_F(Source, NoVersionIsAFailureWithItsLikelyReasons)
-{
-    EXPECT_EQ(source(
-                  [](daemon_side &side) {
-                      (void)side.receive(4789);
-                      answer(side, source_answer({}));
-                  },
-                  {"--image", "/bootflash/missing.img"}),
-              1);
-    EXPECT_TRUE(err_has("no BIOS image for this card in /bootflash/missing.img")) << run_->err();
-    EXPECT_TRUE(err_has("likely: there is no such file"));
-    EXPECT_EQ(run_->out(), "");
-}
-
-TEST_F(Source, AnAnswerWithoutPayloadTellsOfNoVersion)
-{
-    EXPECT_EQ(source([](daemon_side &side) {
-                  (void)side.receive(4789);
-                  side.answer(0, nullptr, 8);
-              }),
-              1);
-    EXPECT_TRUE(err_has("in its image tree")) << run_->err();
-}
-
-TEST_F(Source, AFailureCodeIsToldAndWhatWasReadBeforeItToo)
-{
-    EXPECT_EQ(source(
-                  [](daemon_side &side) {
-                      (void)side.receive(4789);
-                      answer(side, source_answer({"v3.5.0(09/17/12)"}, 2, 0x40710013));
-                  },
-                  {"--json"}),
-              1);
+    EXPECT_EQ(source({"--image", "bootflash:a.img", "--json"}), 0) << run_->err();
     const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
     ASSERT_TRUE(told.is_object()) << run_->out();
-    EXPECT_EQ(told["status"], "0x40710013");
-    EXPECT_EQ(told["versions"][0]["version"], "v3.5.0(09/17/12)");
-    EXPECT_EQ(told["exit_code"], 1);
+    EXPECT_EQ(told["image"], "/bootflash/a.img");
+    EXPECT_EQ(told["version"], "v3.5.0(09/17/12)");
+    EXPECT_EQ(told["size_bytes"], 4096);
+    EXPECT_EQ(told["sha256"], DIGEST);
+    EXPECT_EQ(told["exit_code"], 0);
 }
 
-TEST_F(Source, HostileAnswersAreNotUnderstood)
+TEST_F(Source, EachCauseIsToldApart)
 {
-    bytes wild = source_answer({"v3.5.0(09/17/12)"});
-    wild[4] = 0x80;
-    bytes many(64 * 268, 0);
-    many[7] = 33;
-    for (const bytes &reply : {wild, many, bytes(7), bytes(200'000, 0xff), bytes(8 + 267, 1)}) {
-        EXPECT_EQ(source([&](daemon_side &side) {
-                      (void)side.receive(4789);
-                      answer(side, reply);
-                  }),
-                  1);
-        EXPECT_TRUE(err_has("not understood")) << reply.size() << run_->err();
+    const struct {
+        const char *status;
+        int exit;
+        const char *text;
+    } causes[] = {
+        {"40720022", 3, "image tree: there is no such file on the card"},
+        {"40720024", 1, "image tree: the image was not compressed by gzip"},
+        {"40720025", 1, "image tree: the image is cut short or damaged"},
+        {"40720027", 1, "image tree: the card has no space to unpack the image"},
+        {"40720023", 1, "the file is no system image, or holds no BIOS for this type of card"},
+    };
+    for (const auto &cause : causes) {
+        chassis_.agent_says(27, "no_image", cause.status);
+        EXPECT_EQ(source(), cause.exit) << cause.text;
+        EXPECT_TRUE(err_has(cause.text)) << run_->err();
+        EXPECT_EQ(run_->out(), "");
     }
+}
+
+TEST_F(Source, AnImageWithoutAVersionIsAFailureThatTellsTheRest)
+{
+    chassis_.agent_says(27, "ships", "");
+    EXPECT_EQ(source({"--json"}), 1);
+    const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
+    ASSERT_TRUE(told.is_object()) << run_->out();
+    EXPECT_TRUE(told["version"].is_null());
+    EXPECT_EQ(told["sha256"], DIGEST);
+    EXPECT_NE(told["error"].get<std::string>().find("the image holds no version"), std::string::npos);
 }
 
 TEST_F(Source, AnotherCardIsAskedWithVia)
 {
-    EXPECT_EQ(source(
-                  [](daemon_side &side) {
-                      (void)side.receive(4789);
-                      side.reject();
-                  },
-                  {"--via", "5"}, 5),
-              1);
-    EXPECT_TRUE(err_has("slot 5: the daemon rejected the request")) << run_->err();
+    chassis_.agent_says(5, "ships", "v9.9.9(01/01/13)");
+    EXPECT_EQ(source({"--via", "5"}), 0) << run_->err();
+    EXPECT_NE(run_->out().find("v9.9.9(01/01/13)"), std::string::npos) << run_->out();
+    EXPECT_TRUE(err_has("slot 5: image tree: "));
 }
 
-TEST_F(Source, ADaemonThatNeverAnswersIsNotWaitedForLongerThanAsked)
+TEST_F(Source, AnAgentThatIsGoneIsNamed)
 {
-    EXPECT_EQ(source([](daemon_side &side) { (void)side.receive(4789); }, {"--timeout", "1"}), 1);
-    EXPECT_TRUE(err_has("did not answer in time")) << run_->err();
+    chassis_.end_agent(27);
+    EXPECT_EQ(source({"--timeout", "1"}), 1);
+    EXPECT_TRUE(err_has("slot 27: image tree: the card's agent does not answer")) << run_->err();
 }
 
-TEST_F(Source, DuringAProgrammingTheDaemonIsNotAsked)
+TEST_F(Source, DuringAProgrammingTheImageIsReadAllTheSame)
 {
     const scripted_daemon holder(chassis_, 28, [](daemon_side &) {
         const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
@@ -230,14 +134,13 @@ TEST_F(Source, DuringAProgrammingTheDaemonIsNotAsked)
         (void)modlock_module_lock(129, 28 * 256 + 1, request);
     });
     ASSERT_TRUE(chassis_.wait_for_lock(28));
-    EXPECT_EQ(source([](daemon_side &side) { (void)side.receive(4703); }), 4);
-    EXPECT_TRUE(err_has("a programming runs")) << run_->err();
+    EXPECT_EQ(source(), 0) << run_->err();
 }
 
 TEST_F(Source, ImagesThatAreNoneAreUsageErrors)
 {
     for (const char *image : {"a.img", "bootflash:", "/a b"}) {
-        EXPECT_EQ(source([](daemon_side &) {}, {"--image", image}), 64) << image;
+        EXPECT_EQ(source({"--image", image}), 64) << image;
         EXPECT_EQ(run_->out(), "");
     }
 }
