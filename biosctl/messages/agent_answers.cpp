@@ -6,6 +6,7 @@
 #include "agent_messages.h"
 #include "flash_geometry.h"
 #include "harmless_path.h"
+#include "hex_text.h"
 #include "pfm.h"
 #include "text_field.h"
 
@@ -176,7 +177,7 @@ std::optional<told_head> decode_head(answer_payload payload)
         return std::nullopt;
     sha256_digest chain;
     std::ranges::copy(record.chain, chain.begin());
-    return told_head{record.sequence.load(), sha256_text(chain)};
+    return told_head{record.sequence.load(), hex_text(chain)};
 }
 
 std::optional<told_image> decode_image(answer_payload payload)

@@ -209,7 +209,7 @@ def make_records():
 
 
 def make_agent_answers():
-    modules, card, locks, results, events, files, transfer, digest, versions, outcome = range(10)
+    modules, card, locks, results, events, files, transfer, digest, versions, outcome, head = range(11)
     def answer(name, kind, content):
         put("agent_answers", name, bytes([kind]) + content)
     def words(*values):
@@ -235,10 +235,14 @@ def make_agent_answers():
     answer("files-unterminated", files, b"a" * 64 + file[64:])
     answer("transfer", transfer, words(1, 2, 0, 65536))
     answer("digest", digest, bytes(range(32)))
+    answer("head", head, words(5, 0, 0, 10) + bytes(range(32)))
     answer("outcome", outcome, words(2, 28, 0, 27) + time)
     version = field("v3.5.0(09/17/12)", 128)
     answer("versions", versions, words(5, 1, 0, 2) + version + words(0, 4) + version + words(1, 3) + version)
     answer("versions-unprintable", versions, words(5, 1, 9, 1) + version.replace(b"v", b"\x1b") + words(0, 0) + b"\xff" * 128)
+    chained = line + b',"image_bytes":8,"version":"v3.5.0","old_version":"v3.1.0","sha256":"' + b"a" * 64 + \
+        b'","user":"ops","host":"desk","chain":"' + b"b" * 64 + b'"}\n'
+    answer("events-chained", events, chained + chained.replace(b"bbbb", b"BBBB"))
     answer("events", events, line + b"}\n" + line + b',"image_bytes":8,"version":"v3.5.0"}\n' + line)
 
 

@@ -102,6 +102,7 @@ TEST(Json, SuccessIsOneObject)
     for (const command_line &line : command_lines(chassis.path())) {
         healthy_card card{
             .flashes = {{27, OLD}, {5, OLD}}, .running = OLD, .shipped = NEW, .loader_file = "loader"};
+        chassis.card_holds(27, OLD, OLD);
         const scripted_daemon daemon(chassis, 27, healthy(card));
         biosctl_run run(with(chassis.path(), line.success));
         (void)only_object(run, line.success_code, line.success);
