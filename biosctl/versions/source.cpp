@@ -92,24 +92,23 @@ std::optional<std::string> image_path_of(const std::string &image, std::string &
 outcome report_source(const source_options &options, unsigned slot, const image_reply &reply)
 {
     outcome told;
-    if (!reply.image || reply.image->version.empty()) {
+    if (!reply.image || reply.image->version.empty())
         told = failure(reply.status == AGENT_ERR_IMAGE_FILE ? EXIT_NOT_FOUND : EXIT_FAILED,
                        slot_text(slot) + ": " + image_text(options) + ": " + problem_text(reply),
                        reply.status == 0 && !reply.image ? "look at the card with: biosctl watch"
                                                          : "put another image there, or name one with --image");
-        told.json["status"] = code_text(reply.status);
-    }
-    if (reply.image) {
-        table image({{"VERSION", VERSION_COLUMNS}, {"SIZE"}, {"SHA-256"}});
-        image.add({reply.image->version, size_text(reply.image->size_bytes), sha256_text(reply.image->digest)});
-        told.report = {image};
-        told.json["version"] = text_or_null(reply.image->version);
-        told.json["size_bytes"] = reply.image->size_bytes;
-        told.json["sha256"] = sha256_text(reply.image->digest);
-    }
     told.json["command"] = "source";
     told.json["serving_slot"] = slot;
     told.json["image"] = image_text(options);
+    told.json["status"] = code_text(reply.status);
+    if (!reply.image)
+        return told;
+    table image({{"VERSION", VERSION_COLUMNS}, {"SIZE"}, {"SHA-256"}});
+    image.add({reply.image->version, size_text(reply.image->size_bytes), sha256_text(reply.image->digest)});
+    told.report = {image};
+    told.json["version"] = text_or_null(reply.image->version);
+    told.json["size_bytes"] = reply.image->size_bytes;
+    told.json["sha256"] = sha256_text(reply.image->digest);
     return told;
 }
 

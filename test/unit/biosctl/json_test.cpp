@@ -29,7 +29,7 @@ std::vector<command_line> command_lines(const std::string &folder)
     return {
         {{"show"}, 0, {"show", "0"}},
         {{"audit", "27"}, 1, {"audit", "x"}},
-        {{"source"}, 0, {"source", "--image", "name"}},
+        {{"source"}, 0, {"source", "--image", "name"}, true, false},
         {{"program", "27"}, 0, {"program"}},
         {{"program", "all"}, 0, {"program", "all", "--via", "28"}},
         {{"sync", "27"}, 0, {"sync", "--frob"}},
