@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 
 #include "agent_requests.h"
+#include "card_agent_process.h"
 #include "image_signature.h"
+#include "image_verification.h"
 #include "sealed_image.h"
 #include "trusted_keys.h"
 #include "wire_bytes.h"
@@ -186,4 +188,22 @@ TEST_F(ImageCheck, KeysThatOthersMayHaveWrittenDoNotCount)
     EXPECT_EQ(status_of(image), AGENT_ERR_KEY_UNKNOWN);
     put("keys/revoked", "lost\n");
     EXPECT_EQ(status_of(image), AGENT_ERR_KEYS);
+}
+
+// A process without the library, as one that programs.
+TEST_F(ImageCheck, IsMadeForProcessesOfTheCardByItsAgent)
+{
+    const flash_bytes image = signed_image(maker);
+    const std::string path = file_of("image", image);
+    put("../../inventory/3/kind", "1\n"); // a supervisor has the node of one
+    EXPECT_EQ(verify_image(path).status, AGENT_ERR_UNREADABLE) << "no agent runs";
+    const card_agent_process agent(dir, TEST_SLOT);
+    const image_verification good = verify_image(path);
+    EXPECT_EQ(good.status, AGENT_OK);
+    EXPECT_EQ(good.sha256, digest_of(image));
+    EXPECT_EQ(good.family, 26u);
+    EXPECT_EQ(good.security_version, 7u);
+    EXPECT_EQ(verify_image(dir + "/none").status, AGENT_ERR_IMAGE_FILE);
+    EXPECT_EQ(verify_image("/" + std::string(AGENT_PATH_BYTES, 'x')).status, AGENT_ERR_UNREADABLE);
+    EXPECT_EQ(verify_image(file_of("image", random_bytes(100))).status, AGENT_ERR_NOT_SIGNED);
 }

@@ -132,7 +132,7 @@ TEST_F(ImageSigning, BuildPutsAManifestIntoTheErasedSpaceAlone)
     EXPECT_EQ(manifest.card_ids, (std::vector<std::uint16_t>{90, 93, 94, 95, 96, 97}));
     EXPECT_FALSE(manifest.key_id);
     std::string without = image;
-    without.replace(manifest.offset, IMAGE_MANIFEST_BYTES, IMAGE_MANIFEST_BYTES, '\xff');
+    without.replace(static_cast<std::size_t>(manifest.offset), IMAGE_MANIFEST_BYTES, IMAGE_MANIFEST_BYTES, '\xff');
     EXPECT_EQ(without, plain);
     build();
     EXPECT_EQ(content_of(path("image")), image); // the same input, the same image
@@ -285,8 +285,8 @@ TEST_F(ImageSigning, VerifyFindsWhatWasChanged)
     succeed("keygen --secret maker.key --public maker.pub");
     succeed("sign --key maker.key --image image --output signed");
     const std::string image = content_of(path("signed"));
-    const std::uint64_t offset = reading_of(image).manifest.offset;
-    const auto change = [&](std::uint64_t at) {
+    const auto offset = static_cast<std::size_t>(reading_of(image).manifest.offset);
+    const auto change = [&](std::size_t at) {
         std::string changed = image;
         changed[at] = static_cast<char>(changed[at] ^ 1);
         write_file(path("signed"), changed);
