@@ -12,8 +12,7 @@ namespace
 {
 
 constexpr std::array SIZES{2U, 8U, 32U, 128U};
-// Each daemon pauses for two seconds when it unpacks an image, and the supervisors do so one after the other.
-constexpr unsigned DAEMONS = 8;
+constexpr unsigned DAEMONS = 8; // that have an image tree, whose images the agents unpack
 
 unsigned count_of(const std::string &text, const std::string &wanted)
 {
@@ -77,7 +76,6 @@ std::vector<figure> measure_show()
                            .goal = static_cast<double>(shown.size)});
     figures.back().remark =
         "slots 1 to " + std::to_string(DAEMONS) +
-        " run the daemon, which pauses for 2 s for each image that it unpacks, the supervisors one "
-        "after the other; the further slots run module_standin";
+        " run the daemon and have an image tree; the further slots run module_standin, and have none";
     return figures;
 }
