@@ -214,6 +214,8 @@ void report_flashes(card_report &report, const told_versions &told, version_fact
             report.reasons.emplace_back("its flash holds no version");
     }
     facts.running = told.running;
+    if (told.started_from)
+        report.started_from = flash_instance_name(*told.started_from);
     if (told.running.empty())
         report.reasons.emplace_back("which version it was started from is not known");
     if (told.started_from == ALTERNATE)

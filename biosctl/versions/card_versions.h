@@ -21,6 +21,7 @@ struct flash_report {
 struct card_report {
     unsigned module = 0;
     std::vector<flash_report> flashes = {};   // at least one; without texts when nothing is known
+    std::string started_from = {};            // "primary" or "alternate"; empty: not known
     std::vector<std::string> log_faults = {}; // of its event logs, when they were looked at
     std::vector<std::string> reasons = {};    // why something is not known, or is not what it seems
 };

@@ -66,8 +66,11 @@ nlohmann::ordered_json json_of_card(const card_report &card)
                            {"running", text_or_null(flash.facts.running)},
                            {"confirmed", flash.facts.confirmed},
                            {"verdict", verdict_name(flash.kind)}});
-    return {
-        {"module", card.module}, {"flashes", flashes}, {"log_faults", card.log_faults}, {"reasons", card.reasons}};
+    return {{"module", card.module},
+            {"flashes", flashes},
+            {"started_from", text_or_null(card.started_from)},
+            {"log_faults", card.log_faults},
+            {"reasons", card.reasons}};
 }
 
 } // namespace

@@ -618,6 +618,8 @@ TEST_F(Show, SaysWhichFlashTheCardWasStartedFromAndWhenThatIsNotKnown)
     chassis_.agent_says(5, "started_from", "1");
     EXPECT_EQ(run({"show", "5"}), 0);
     EXPECT_TRUE(has_line("slot 5: it was started from its alternate flash")) << run_->out();
+    EXPECT_EQ(run({"--json", "show", "5"}), 0);
+    EXPECT_EQ(nlohmann::json::parse(run_->out())["cards"][0]["started_from"], "alternate") << run_->out();
     chassis_.card_holds(5, OLD, "");
     EXPECT_EQ(run({"show", "5"}), 0);
     EXPECT_TRUE(has_line("5     v3.5.0(09/17/12)  v3.1.0(02/11/11)  -                 unknown") ||
