@@ -22,6 +22,8 @@ int32_t modlock_init(void);
 //   owner    id of the kind of owner, 129 for the daemon; kept for those who ask who holds the lock
 //   node_id  16 bits used
 //   request  four words: 1, 0, 0 and the reason code
+// When the lock cannot be had and the reason code is 0x4071000a, that of a programming, the other locks that the process
+// has taken with this reason are freed: a programming without all of its locks does not take place.
 // 0, or not 0 with errno: EBUSY when another process holds it, EHOSTUNREACH when the module's card does not answer, or that
 // of the system call that failed.
 int32_t modlock_module_lock(uint32_t owner, uint32_t node_id, const uint32_t request[4]);

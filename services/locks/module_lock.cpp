@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 #include <unistd.h>
 
 #include "agent_messages.h"
+#include "bios_results.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "endpoints.h"
@@ -35,8 +37,8 @@ struct client {
     module_lock_file file;
     std::int32_t endpoint = -1;
     std::uint64_t last_id = 0;
-    pid_t process = 0; // whose locks are listed; a forked child has none
-    std::set<std::uint16_t> own;
+    pid_t process = 0;                          // whose locks are listed; a forked child has none
+    std::map<std::uint16_t, std::uint32_t> own; // and the reason of each
     std::set<std::uint16_t>
         known_free; // nobody's when last asked for, and since then no process of this card took one
     std::int64_t known_free_until_us = 0;
@@ -91,11 +93,12 @@ std::optional<std::uint32_t> wait_for_answer(const client &client, std::uint32_t
     return std::nullopt;
 }
 
-// Has the card's agent do something. Its answer's status; none with errno when it gave none.
-std::optional<std::uint32_t> ask_agent(client &client, std::uint32_t opcode, const void *body, std::uint32_t bytes)
+// Has the card's agent do something, until end_us of monotonic_us. Its answer's status; none with errno when it
+// gave none.
+std::optional<std::uint32_t> ask_agent(client &client, std::uint32_t opcode, const void *body, std::uint32_t bytes,
+                                       std::int64_t end_us)
 {
     const std::uint32_t node = mts_node_of_slot(chassis_own_slot());
-    const std::int64_t end_us = monotonic_us() + CALL_LIMIT_US;
     int failure = MTS_ERRNO_TIMED_OUT;
     for (std::int64_t now_us = monotonic_us(); now_us < end_us; now_us = monotonic_us()) {
         const std::int64_t until_us = std::min(now_us + SEND_AGAIN_US, end_us);
@@ -108,16 +111,17 @@ std::optional<std::uint32_t> ask_agent(client &client, std::uint32_t opcode, con
     return std::nullopt;
 }
 
-std::optional<std::uint32_t> ask_for_lock(client &client, const chassis_module_lock_holder &wanted)
+std::optional<std::uint32_t> ask_for_lock(client &client, const chassis_module_lock_holder &wanted,
+                                          std::int64_t end_us)
 {
     const agent_lock_msg_t body = {be64::of(++client.last_id), message_of(wanted)};
-    return ask_agent(client, AGENT_OPC_LOCK, &body, sizeof body);
+    return ask_agent(client, AGENT_OPC_LOCK, &body, sizeof body, end_us);
 }
 
-std::optional<std::uint32_t> ask_for_unlock(client &client, std::uint16_t node_id)
+std::optional<std::uint32_t> ask_for_unlock(client &client, std::uint16_t node_id, std::int64_t end_us)
 {
     const agent_lock_node_t body = {be64::of(++client.last_id), be32::of(node_id)};
-    return ask_agent(client, AGENT_OPC_UNLOCK, &body, sizeof body);
+    return ask_agent(client, AGENT_OPC_UNLOCK, &body, sizeof body, end_us);
 }
 
 int errno_of(std::uint32_t status, int held)
@@ -141,14 +145,51 @@ std::int32_t failed(int error)
 }
 
 // The byte is taken: has the agents agree. 0, or the errno.
-int lock_at_agent(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
+int lock_at_agent(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason,
+                  std::int64_t end_us)
 {
     const chassis_module_lock_holder wanted = {
         node_id, chassis_own_slot(), static_cast<std::uint32_t>(this_process()), owner, reason, utc_now()};
-    const auto status = ask_for_lock(client, wanted);
+    const auto status = ask_for_lock(client, wanted, end_us);
     if (!status)
         return errno;
     return *status == AGENT_OK ? 0 : errno_of(*status, EBUSY);
+}
+
+// Takes a lock that is not this process's. 0, or the errno.
+int take_new(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason, std::int64_t end_us)
+{
+    const auto entry = client.own.emplace(node_id, reason).first; // before the lock: memory may run out
+    if (client.file.take(node_id) != 0) {
+        client.own.erase(entry);
+        return errno;
+    }
+    const int error = c_boundary(ENOMEM, [&] { return lock_at_agent(client, node_id, owner, reason, end_us); });
+    if (error == 0)
+        return 0;
+    (void)client.file.give_back(node_id); // the agent notices, too, when it could not answer in time
+    client.own.erase(entry);
+    return error;
+}
+
+// Frees a lock of this process. Without an answer of the agent it is free as soon as that sees the byte.
+void free_own(client &client, std::uint16_t node_id, std::int64_t end_us)
+{
+    client.own.erase(node_id);
+    (void)client.file.give_back(node_id);
+    (void)ask_for_unlock(client, node_id, end_us);
+}
+
+// A programming takes several locks, and without one of them it does not take place: the daemon keeps the others.
+void free_those_of_programming(client &client, std::int64_t end_us)
+{
+    const auto is_of_programming = [](const auto &lock) { return lock.second == BIOS_ERR_BUSY; };
+    for (;;) {
+        const auto found = std::find_if(client.own.begin(), client.own.end(), is_of_programming);
+        if (found == client.own.end())
+            return;
+        free_own(client, found->first, end_us);
+    }
 }
 
 std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, std::uint32_t reason)
@@ -157,16 +198,12 @@ std::int32_t take(client &client, std::uint16_t node_id, std::uint32_t owner, st
         return -1;
     if (client.own.contains(node_id))
         return 0;
-    const auto entry = client.own.insert(node_id).first; // before the lock: memory may run out
-    if (client.file.take(node_id) != 0) {
-        client.own.erase(entry);
-        return -1;
-    }
-    const int error = c_boundary(ENOMEM, [&] { return lock_at_agent(client, node_id, owner, reason); });
+    const std::int64_t end_us = monotonic_us() + CALL_LIMIT_US;
+    const int error = take_new(client, node_id, owner, reason, end_us);
     if (error == 0)
         return 0;
-    (void)client.file.give_back(node_id); // the agent notices, too, when it could not answer in time
-    client.own.erase(entry);
+    if (reason == BIOS_ERR_BUSY)
+        free_those_of_programming(client, end_us);
     return failed(error);
 }
 
@@ -194,10 +231,8 @@ void note_free(client &client, std::uint16_t node_id)
 
 std::int32_t release_own(client &client, std::uint16_t node_id)
 {
-    client.own.erase(node_id);
     const bool was_held = module_lock_record_read(node_id).has_value(); // else the agent has lost it
-    (void)client.file.give_back(node_id);
-    (void)ask_for_unlock(client, node_id); // without an answer it is free as soon as the agent sees the byte
+    free_own(client, node_id, monotonic_us() + CALL_LIMIT_US);
     return was_held ? 0 : failed(ENOENT);
 }
 
@@ -208,7 +243,7 @@ std::int32_t refuse_release(client &client, std::uint16_t node_id)
         return failed(ENOENT);
     if (client.file.is_others(node_id))
         return failed(EPERM);
-    const auto status = ask_for_unlock(client, node_id);
+    const auto status = ask_for_unlock(client, node_id, monotonic_us() + CALL_LIMIT_US);
     if (!status)
         return -1;
     const int error = errno_of(*status, EPERM);

@@ -21,6 +21,13 @@ std::int32_t take(std::uint32_t node_id = NODE_ID)
     return modlock_module_lock(OWNER, node_id, REQUEST);
 }
 
+std::int32_t take_to_program(std::uint32_t node_id)
+{
+    constexpr std::uint32_t TO_PROGRAM[4] = {1, 0, 0, 0x4071000a};
+    errno = 0;
+    return modlock_module_lock(OWNER, node_id, TO_PROGRAM);
+}
+
 std::int32_t release(std::uint32_t node_id = NODE_ID)
 {
     errno = 0;
@@ -39,6 +46,7 @@ protected:
     {
         (void)release();
         (void)release(NODE_ID + 1);
+        (void)release(NODE_ID + 2);
     }
 };
 
@@ -101,6 +109,21 @@ TEST_F(Modlock, IsHeldForTwoNodesByOneProcess)
     EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), busy) << "freed with the other";
     EXPECT_EQ(release(NODE_ID + 1), 0) << "errno " << errno;
     EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), "ok");
+}
+
+TEST_F(Modlock, IsNotKeptForAProgrammingThatCannotHaveAllOfItsLocks)
+{
+    ASSERT_EQ(peer_->ask(command("lock")), "ok");
+    ASSERT_EQ(take_to_program(NODE_ID + 1), 0) << "errno " << errno;
+    ASSERT_EQ(take(NODE_ID + 2), 0) << "errno " << errno;
+    EXPECT_NE(take(), 0) << "for another reason";
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), "errno " + std::to_string(EBUSY));
+
+    EXPECT_NE(take_to_program(NODE_ID), 0);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 1)), "ok") << "a lock to program stayed";
+    EXPECT_EQ(peer_->ask(command("lock", NODE_ID + 2)), "errno " + std::to_string(EBUSY))
+        << "another lock was freed";
 }
 
 TEST_F(Modlock, IsReleasedForBothNodesWhenTheirOwnerDies)
