@@ -60,6 +60,32 @@ pfm_module_record_t module_record(unsigned slot)
     return record;
 }
 
+// The own card's id as it was read last, for when this process lacks what it takes to read it again.
+struct known_card_id {
+    unsigned slot = 0; // 0: it was not read yet
+    uint16_t card_id = 0;
+};
+
+bool is_shortage(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+// 0, or the errno.
+int read_card_id(unsigned slot, uint16_t &card_id)
+try {
+    if (const uint32_t error = inventory_value(slot, MODULE_INFO_ERROR_FILE, INT32_MAX); error != 0)
+        return static_cast<int>(error);
+    std::string text;
+    if (!chassis_read_file(chassis_inventory_path(slot, "card_id"), text))
+        return errno == ENOENT ? ENODEV : errno;
+    const unsigned long number = std::strtoul(text.c_str(), nullptr, 0);
+    card_id = number <= UINT16_MAX ? static_cast<uint16_t>(number) : 0;
+    return 0;
+} catch (const std::exception &) {
+    return ENOMEM;
+}
+
 } // namespace
 
 int32_t get_platform_info(platform_info_t *info)
@@ -92,16 +118,19 @@ try {
 }
 
 int32_t get_card_module_info(card_module_info_t *info)
-try {
+{
+    static known_card_id known;
     if (info == nullptr)
         return failure(EINVAL);
     const unsigned slot = chassis_own_slot();
-    if (slot == 0 || !inventory_has(slot, "card_id"))
+    if (slot == 0)
         return failure(ENODEV);
-    if (const uint32_t error = inventory_value(slot, MODULE_INFO_ERROR_FILE, INT32_MAX); error != 0)
-        return failure(static_cast<int>(error));
-    info->card_id = static_cast<uint16_t>(inventory_value(slot, "card_id", UINT16_MAX));
+    uint16_t card_id = 0;
+    const int error = read_card_id(slot, card_id);
+    if (error == 0)
+        known = {slot, card_id};
+    else if (!is_shortage(error) || known.slot != slot)
+        return failure(error);
+    info->card_id = known.card_id;
     return 0;
-} catch (const std::exception &) {
-    return failure(ENOMEM);
 }

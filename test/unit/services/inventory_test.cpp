@@ -1,6 +1,8 @@
 // The services that a card answers from the inventory and from the files of its slot.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -207,6 +209,27 @@ TEST_F(Inventory, ModuleInfoFailsOnDemand)
     EXPECT_EQ(0, info.card_id);
     fs::remove(below("inventory/5/module_info_error"));
     EXPECT_EQ(0, get_card_module_info(&info));
+}
+
+TEST_F(Inventory, CardIdThatWasReadIsKnownWithoutDescriptors)
+{
+    put("inventory/5/card_id", "183\n");
+    card_module_info_t info{};
+    ASSERT_EQ(0, get_card_module_info(&info));
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+    info = {};
+    const std::int32_t result = get_card_module_info(&info);
+    (void)::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(0, result) << errno;
+    EXPECT_EQ(183, info.card_id);
+
+    own_slot(6);
+    put("inventory/6/card_id", "90\n");
+    put("inventory/6/module_info_error", std::to_string(EMFILE) + "\n");
+    EXPECT_NE(0, get_card_module_info(&info)) << "the id of another slot";
 }
 
 // System manager
