@@ -25,6 +25,9 @@ for program in daemon agent; do
     tail -1 "$work/security.log"
 done
 
+# The end of the daemon is not that of its child.
+grep -q '^KillMode=process$' "$work/bios-daemon.service" || { echo "systemd kills the child that programs"; exit 1; }
+
 # A stop waits for the daemon's children, and not for ever when there is none.
 stop=$(sed -n "s/^ExecStop=\/bin\/sh -c '\(.*\)'\$/\1/p" "$work/bios-daemon.service")
 [ -n "$stop" ]

@@ -44,6 +44,7 @@ wait_for() { # what, command: 20 seconds at most
 }
 serves() { biosctl show | grep 'v3'; }
 has_child() { pgrep -P "$(daemon_process)" bios_daemon; }
+is_gone() { ! kill -0 "$1"; }
 is_another() { [ "$(daemon_process)" != "$1" ] && [ "$(daemon_process)" != 0 ]; }
 
 use() {
@@ -67,12 +68,18 @@ use() {
     biosctl loader install bootflash:system.bin || fail "boot loader: $(cat /tmp/install_loader.log)"
     cmp /var/lib/bootloader/srg-sloader.sro loader.sro || fail "another boot loader is installed"
 
-    # A daemon that was killed has a successor.
-    local before
+    # A daemon that was killed has a successor, and its child finishes its work.
+    local before child
+    cp old.bin "$flash/data"
     before=$(daemon_process)
+    biosctl program 1 >program.log 2>&1 &
+    wait_for "a child programs" has_child
+    child=$(has_child)
     kill -9 "$before"
     wait_for "another daemon" is_another "$before"
     wait_for "the other daemon serves" serves
+    wait_for "the end of the child" is_gone "$child"
+    cmp "$flash/data" new.bin || fail "the child went with its daemon"
     echo "clean system: the service programs, mounts, stops and restarts"
 }
 
