@@ -38,7 +38,8 @@ void require_private_folders(const std::vector<unsigned> &slots)
     for (const unsigned slot : slots) {
         folders.push_back("inventory/" + std::to_string(slot));
         folders.push_back("slots/" + std::to_string(slot));
-        for (const char *name : {"root", "flash", "flash/primary", "flash/alternate", "registers", "debug", "locks"})
+        for (const char *name :
+             {"root", "flash", "flash/primary", "flash/alternate", "registers", "debug", "locks"})
             folders.push_back(chassis_slot_path(slot, name));
     }
     for (const std::string &folder : folders) {
@@ -186,14 +187,14 @@ void kill_card(unsigned slot, const keeper &process)
     write_line(chassis_slot_path(slot, "state"), STATE_DOWN);
 }
 
-void stop_all_cards()
+void stop_cards(const std::vector<unsigned> &slots)
 {
     struct stopping {
         unsigned slot;
         keeper process;
     };
     std::vector<stopping> cards;
-    for (const unsigned slot : card_slots())
+    for (const unsigned slot : slots)
         cards.push_back({slot, keeper_of(slot)});
     for (const stopping &card : cards) {
         if (card.process)
@@ -232,13 +233,13 @@ void wait_for_restart(unsigned slot, unsigned starts_before, std::chrono::second
 void bring_up(const up_options &options)
 {
     const unique_fd commands = lock_commands();
-    const std::vector<unsigned> slots = serving_slots();
+    std::vector<unsigned> slots = serving_slots();
     if (slots.empty())
         throw launcher_error("no card of this chassis runs the daemon");
-    for (const unsigned slot : slots) {
-        if (keeper_of(slot))
-            throw launcher_error("the chassis is running already; look at it with: chassis status");
-    }
+    // Those whose keeper was killed are down, and the others stay as they are.
+    std::erase_if(slots, [](unsigned slot) { return static_cast<bool>(keeper_of(slot)); });
+    if (slots.empty())
+        throw launcher_error("the chassis is running already; look at it with: chassis status");
     require_private_folders(slots);
     up_options settled = options;
     settled.daemon = find_daemon(options.daemon);
@@ -249,7 +250,7 @@ void bring_up(const up_options &options)
             cards.start(slot);
         cards.wait_until_all_serve();
     } catch (...) {
-        stop_all_cards();
+        stop_cards(slots);
         while (::waitpid(-1, nullptr, WNOHANG) > 0) {
         }
         throw;
@@ -259,7 +260,7 @@ void bring_up(const up_options &options)
 void bring_down()
 {
     const unique_fd commands = lock_commands();
-    stop_all_cards();
+    stop_cards(card_slots());
 }
 
 void restart_card(unsigned slot, bool software_only, std::chrono::seconds patience)
@@ -267,7 +268,7 @@ void restart_card(unsigned slot, bool software_only, std::chrono::seconds patien
     require_serving_slot(slot);
     const keeper process = keeper_of(slot);
     if (!process)
-        throw launcher_error("card " + std::to_string(slot) + " is down; start the chassis with: chassis up");
+        throw launcher_error("card " + std::to_string(slot) + " is down; start it with: chassis up");
     const unsigned starts = chassis_read_value(chassis_slot_path(slot, "starts"), 0);
     const std::string upgrade_restart = chassis_inventory_path(slot, "upgrade_restart");
     if (software_only)

@@ -221,6 +221,26 @@ TEST_F(Launcher, KilledKeeperTakesItsCardAlongInPlainIsolationToo)
     expect_keeper_takes_card_along();
 }
 
+TEST_F(Launcher, UpStartsTheCardWhoseKeeperWasKilledAndLeavesTheOthers)
+{
+    insert({.slot = 2, .role = "standby"});
+    up();
+    const pid_t other = daemon_pid(2);
+    ASSERT_EQ(::kill(keeper(), SIGKILL), 0);
+    ASSERT_TRUE(wait_until([&] { return status_of_card("state") == "down"; }));
+
+    const finished_program restart = chassis({"restart", "1"});
+    EXPECT_EQ(restart.exit_code, 1);
+    EXPECT_NE(restart.errors.find("card 1 is down; start it with: chassis up"), std::string::npos)
+        << restart.errors;
+    const finished_program second = chassis({"up"});
+    EXPECT_EQ(second.exit_code, 0) << second.errors;
+    EXPECT_EQ(status_of_card("state"), "serving");
+    EXPECT_EQ(daemon_pid(2), other) << "the other card was started again";
+    EXPECT_EQ(chassis({"restart", "1"}).exit_code, 0);
+    EXPECT_NE(chassis({"up"}).errors.find("running already"), std::string::npos);
+}
+
 TEST_F(Launcher, NumberLeftByACrashKillsNobody)
 {
     up();
