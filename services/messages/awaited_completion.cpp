@@ -65,7 +65,7 @@ void awaited_completion::look(mts_endpoint &endpoint)
 {
     const std::int64_t now = monotonic_us();
     if (state_ == state::asking_for_result && now >= result_until_us_)
-        state_ = state::given_up;
+        give_up();
     if (state_ != state::waiting || now < next_look_us_)
         return;
     next_look_us_ = now + LOOK_INTERVAL_US;
@@ -93,15 +93,20 @@ void awaited_completion::ask(mts_endpoint &endpoint, std::uint32_t opcode, const
 
 void awaited_completion::ask_for_result(mts_endpoint &endpoint)
 {
-    state_ = state::given_up;
     if (!writer_)
-        return; // what the agent could tell would be of another programming
+        return give_up(); // what the agent could tell would be of another programming
     const agent_events_req_t all = {be32::of(instance_), be64::of(0)};
     ask(endpoint, AGENT_OPC_GET_EVENTS, &all, sizeof all);
     if (asked_id_ == 0)
-        return;
+        return give_up();
     state_ = state::asking_for_result;
     next_look_us_ = result_until_us_ = monotonic_us() + RESULT_WAIT_US;
+}
+
+void awaited_completion::give_up()
+{
+    state_ = state::given_up;
+    given_up_us_ = monotonic_us();
 }
 
 bool awaited_completion::takes(const mts_message &message)
@@ -117,7 +122,7 @@ bool awaited_completion::takes(const mts_message &message)
     if (is_good && asked_opcode_ == AGENT_OPC_GET_EVENTS)
         take_events(message);
     if (state_ == state::asking_for_result)
-        state_ = state::given_up;
+        give_up();
     return true;
 }
 

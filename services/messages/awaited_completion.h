@@ -38,8 +38,9 @@ public:
     // Whether a message reports the end.
     bool is_ended_by(const mts_message &message) const;
 
-    // Nobody will report the end: when nothing else has arrived, made() is received.
+    // Nobody will report the end: behind what had arrived until then, made() is received.
     bool is_given_up() const { return state_ == state::given_up; }
+    bool came_later(const mts_message &message) const { return is_given_up() && message.came_us > given_up_us_; }
     mts_held_message made() const;
 
 private:
@@ -53,6 +54,7 @@ private:
 
     void ask(mts_endpoint &endpoint, std::uint32_t opcode, const void *body, std::uint32_t bytes);
     void ask_for_result(mts_endpoint &endpoint);
+    void give_up();
     void take_card(const mts_message &answer);
     void take_events(const mts_message &answer);
 
@@ -65,6 +67,7 @@ private:
     std::uint64_t asked_id_ = 0; // of the question under way; 0: none
     std::uint32_t asked_opcode_ = 0;
     std::int64_t result_until_us_ = 0;
+    std::int64_t given_up_us_ = 0;
     std::optional<writer> writer_;
     std::uint32_t result_;
 };

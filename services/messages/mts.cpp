@@ -61,10 +61,14 @@ mts_held_message next_while_awaiting(mts_endpoint &endpoint, std::int64_t deadli
         const int failure = message ? 0 : errno;
         if (message && (awaited.takes(*message) || mts_is_answer(message->header)))
             continue;
-        if (message)
-            awaited.notice(*message);
-        else if (awaited.is_given_up() && failure == MTS_ERRNO_TIMED_OUT)
+        if (message && awaited.came_later(*message) && !awaited.is_ended_by(*message)) {
+            mts_endpoint_keep(endpoint, std::move(message));
             message = awaited.made();
+        } else if (message) {
+            awaited.notice(*message);
+        } else if (awaited.is_given_up() && failure == MTS_ERRNO_TIMED_OUT) {
+            message = awaited.made();
+        }
         if (message && awaited.is_ended_by(*message))
             endpoint.awaited.reset();
         if (message)
