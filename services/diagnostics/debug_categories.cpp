@@ -14,6 +14,7 @@
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "line_file.h"
+#include "living_child.h"
 #include "sdwrap.h"
 #include "watched_file.h"
 
@@ -104,10 +105,12 @@ try {
     return 0;
 }
 
-int32_t sdwrap_process_msg(int32_t, mts_message_t *message)
+int32_t sdwrap_process_msg(int32_t handle, mts_message_t *message)
 {
     if (message == nullptr)
         return 0; // nothing to serve
+    if (living_child_refuses(handle, message))
+        return 0;
     if (mts_opc_get(message) != CHASSIS_OPC_DEBUG_CONTROL)
         return 1;
     own_flags.stale = true;

@@ -1,7 +1,9 @@
 // Daemons and programming children that are killed.
 #include <csignal>
 
+#include "bios_results.h"
 #include "chassis_fixture.h"
+#include "exit_codes.h"
 
 namespace
 {
@@ -106,6 +108,11 @@ TEST_F(LostProcesses, ChildOfAKilledDaemonFinishesItsWork)
     ASSERT_TRUE(wait_for_new_daemon(daemon));
     EXPECT_EQ(::kill(child, 0), 0) << "the child did not outlive its daemon";
     EXPECT_TRUE(is_marked(1));
+    EXPECT_EQ(program(1).answer, BIOS_ERR_BUSY);
+    const finished_program told = biosctl({"program", "1"});
+    EXPECT_EQ(told.exit_code, EXIT_BUSY);
+    EXPECT_NE(told.errors.find(" of slot 1, which has written its flash since "), std::string::npos) << told.errors;
+    EXPECT_EQ(::kill(child, 0), 0);
     ASSERT_TRUE(wait_until([&] { return ::kill(child, 0) != 0; }, std::chrono::seconds(60)));
     EXPECT_EQ(flash_of(1) == new_image().bytes, true);
     expect_tidy(1);
