@@ -62,11 +62,12 @@ std::optional<lock_in_the_way> find_lock_in_the_way(const program_subject &subje
     return std::nullopt;
 }
 
-programming_result refused_result(const program_subject &subject, std::uint32_t status)
+programming_result refused_result(const program_subject &subject, std::uint32_t status, unsigned instance)
 {
     programming_result result{.subject = subject, .ending = programming_ending::refused, .code = status};
     if (status != BIOS_ERR_BUSY)
         return result;
+    result.writer = find_flash_writer(subject.programmed_module, instance);
     result.lock = find_lock_in_the_way(subject);
     if (!result.lock && !ask_for_card(node_of_module(subject.serving_slot)))
         result.silent_agent = subject.serving_slot;
@@ -134,11 +135,15 @@ programming_result program_module(const program_options &options, int fd, const 
     if (!answer.answered)
         return no_answer(subject, no_answer_failure(slot, answer.error));
     if (answer.status != BIOS_OK)
-        return refused_result(subject, answer.status);
+        return refused_result(subject, answer.status, options.request.type);
 
     progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
     const programming_end end =
         watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
     const bool has_ended = end.how == watch_end::reported || end.how == watch_end::vanished;
-    return result_of(subject, end, has_ended ? prove(subject, options.request.type, asked) : flash_proof());
+    programming_result result =
+        result_of(subject, end, has_ended ? prove(subject, options.request.type, asked) : flash_proof());
+    if (has_ended && !result.is_proved())
+        result.writer = find_flash_writer(subject.programmed_module, options.request.type);
+    return result;
 }

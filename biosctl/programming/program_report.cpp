@@ -16,6 +16,9 @@ constexpr styled_literal NOT_PROGRAMMED{"not programmed", text_meaning::wrong};
 constexpr styled_literal PROGRAMMING_FAILED{"programming failed", text_meaning::wrong};
 constexpr styled_literal NOTHING_TO_DO{"nothing to do"};
 
+const styled_text FLASH_IN_WORK = styled_text("being programmed", text_meaning::to_do) + ": " +
+                                  styled_text("do not reboot", text_meaning::wrong) + " the card";
+
 // What is said of an ending, for people and for programs alike.
 struct explanation {
     styled_text headline = {};
@@ -134,8 +137,7 @@ explanation explain_going_on(const programming_result &result)
         result.ending == programming_ending::interrupted ? "interrupted" : "no result within the time given";
     return {.headline = module_text(result) + ": " + why + "; the programming goes on in the card (" +
                         seen_text(result) + ")",
-            .flash = styled_text("being programmed", text_meaning::to_do) + ": " +
-                     styled_text("do not reboot", text_meaning::wrong) + " the card",
+            .flash = FLASH_IN_WORK,
             .next = "look at it again with: biosctl watch " + std::to_string(result.subject.programmed_module)};
 }
 
@@ -153,8 +155,7 @@ bool is_explained_by_code(programming_ending ending)
     return ending == programming_ending::failed || ending == programming_ending::nothing_to_do;
 }
 
-// Of a programming that was watched.
-explanation explain(const programming_result &result)
+explanation explain_ending(const programming_result &result)
 {
     switch (result.ending) {
     case programming_ending::verified:
@@ -177,6 +178,19 @@ explanation explain(const programming_result &result)
     }
 }
 
+// Of a programming that was watched. What still writes the flash decides on its state.
+explanation explain(const programming_result &result)
+{
+    explanation told = explain_ending(result);
+    if (!result.writer)
+        return told;
+    told.likely.clear();
+    told.flash = FLASH_IN_WORK;
+    told.next = "wait until that process has ended, then look at the flash: biosctl watch " +
+                std::to_string(result.writer->slot);
+    return told;
+}
+
 outcome refused_outcome(const programming_result &result)
 {
     outcome refused = failure_by_code(
@@ -185,6 +199,10 @@ outcome refused_outcome(const programming_result &result)
     if (result.silent_agent)
         refused.hints.push_back({"likely", "the agent of " + slot_text(*result.silent_agent) +
                                                " does not answer, and without it no module lock can be had"});
+    if (result.writer) {
+        refused.hints.push_back({"writer", writer_text(*result.writer)});
+        refused.json["writer"] = writer_text(*result.writer);
+    }
     if (!result.lock)
         return refused;
     const std::string holder = holder_text(result.lock->holder);
@@ -200,6 +218,8 @@ std::vector<hint> hints_of(const programming_result &result, const explanation &
     std::vector<hint> hints;
     for (const std::string &reason : told.likely)
         hints.push_back({"likely", reason});
+    if (result.writer)
+        hints.push_back({"writer", writer_text(*result.writer)});
     if (!told.flash.empty() && !is_in_headline)
         hints.push_back({"flash", told.flash});
     hints.push_back({"next", told.next});
@@ -221,9 +241,12 @@ void add_watched_members(nlohmann::ordered_json &object, const programming_resul
 
 void add_explanation(nlohmann::ordered_json &object, const programming_result &result, const explanation &told)
 {
+    if (result.writer)
+        object["writer"] = writer_text(*result.writer);
     if (is_explained_by_code(result.ending)) {
         object.update(json_of(describe_result(result.code)));
         object["flash"] = told.flash.plain();
+        object["next"] = told.next;
         object["error"] = told.headline.plain();
         return;
     }

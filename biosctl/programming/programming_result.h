@@ -7,6 +7,7 @@
 #include <string>
 
 #include "chassis_module_lock.h"
+#include "flash_writer.h"
 #include "outcome.h"
 #include "program_wait.h"
 
@@ -69,6 +70,7 @@ struct programming_result {
     progress_state progress = {};              // of one that was watched
     std::optional<unsigned> elapsed_s = {};    // none: it was not watched
     flash_proof proof = {};                    // of one whose end was seen
+    std::optional<flash_writer> writer = {};   // of one that was refused or has failed while somebody writes the flash
     std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
     std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks
     std::optional<version_check> version = {}; // when the flash was asked for its version afterwards

@@ -105,7 +105,8 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NO_COMPLETION,
      .name = "no_completion",
-     .meaning = "the target module did not report the end of its programming in time",
+     .meaning = "the end of the programming was not reported: the target's daemon ended, or nothing worked there for "
+                "30 seconds",
      .flash = {"unknown, the module may still be programming: do not reboot it", text_meaning::wrong},
      .next = {"look at the module's log and state", look_at::log_and_states, ", then program again"},
      .exit = EXIT_FAILED},

@@ -3,6 +3,8 @@
 // gone, or which does nothing by its agent's word, the transport answers.
 #include <csignal>
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "bios_messages.h"
 #include "bios_opcodes.h"
@@ -188,6 +190,54 @@ TEST_F(ForwardingTimeOut, EndsTheWaitForATargetWhoseDaemonDies)
     EXPECT_EQ(flash_of(TARGET) == new_bios().bytes, true);
     expect_programmed(program(TARGET), TARGET, new_bios());
     EXPECT_EQ(locks_held(), held_locks());
+}
+
+// What an operator reads, and what the next one is told who asks while the target's child still writes.
+TEST_F(ForwardingTimeOut, IsToldToTheOperatorWithTheProcessThatStillWrites)
+{
+    insert_supervisors(true);
+    up();
+    write_file(flash_file(TARGET, "timing"), "4\n");
+    const std::string text = workspace() + "/program.txt";
+    const pid_t operator_process = ::fork();
+    if (operator_process == 0) {
+        const finished_program told = biosctl({"program", "2"});
+        write_file(text, std::to_string(told.exit_code) + "\n" + told.errors);
+        ::_exit(0);
+    }
+    ASSERT_TRUE(wait_until([&] { return is_marked(TARGET); }));
+    const pid_t targets_daemon = daemon_pid(TARGET);
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(::kill(targets_daemon, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(operator_process, nullptr, 0), operator_process);
+    EXPECT_LE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    const std::string told = file_content(text);
+    EXPECT_TRUE(told.starts_with("1\n")) << told;
+    for (const char *part :
+         {"0x40710008", "the target's daemon ended, or nothing worked there for 30 seconds",
+          " of slot 2, which has written its flash since ", "being programmed: do not reboot the card"})
+        EXPECT_NE(told.find(part), std::string::npos) << part << " is not in: " << told;
+
+    ASSERT_TRUE(is_marked(TARGET)) << "the flash is too fast for this test";
+    ASSERT_TRUE(wait_until([&] { return daemon_serves(TARGET, targets_daemon); }));
+    const finished_program next = biosctl({"program", "2"});
+    EXPECT_EQ(next.exit_code, 1);
+    EXPECT_NE(next.errors.find(" of slot 2, which has written its flash since "), std::string::npos) << next.errors;
+    EXPECT_EQ(locks_held(), held_locks());
+}
+
+// A second request, which goes to the target directly, would take the place of the supervisor that waits.
+TEST_F(ForwardingTimeOut, IsNotCausedByASecondRequestToTheTarget)
+{
+    insert_supervisors(true);
+    up();
+    requester asking;
+    start_and_meet(asking);
+    requester other;
+    EXPECT_EQ(other.start(TARGET, {.via = TARGET}).answer, BIOS_ERR_BUSY);
+    write_file(flash_file(TARGET, "timing"), "0\n");
+    asking.await_end(seen_);
+    expect_programmed(seen_, TARGET, new_bios());
 }
 
 // The child finishes its work behind a daemon that hangs; half a minute later its agent's word counts.
