@@ -30,6 +30,7 @@ biosctl --version | grep -qx 'biosctl [0-9]*\.[0-9]*\.[0-9]*' || fail "biosctl -
 biosctl --help | grep -q '^  program ' || fail "biosctl --help"
 chassis families | grep -q x86n || fail "chassis families"
 bios_image --help | grep -q '^  build ' || fail "bios_image --help"
+bios_image keygen --secret maker.key --public maker.pub >/dev/null || fail "bios_image keygen"
 passed
 
 for page in man8/bios_daemon.8 man8/bios_agent.8 man1/biosctl.1 man1/chassis.1 man1/bios_image.1 man5/chassis-description.5; do
@@ -37,6 +38,9 @@ for page in man8/bios_daemon.8 man8/bios_agent.8 man1/biosctl.1 man1/chassis.1 m
 done
 for package in bios-daemon biosctl bios-daemon-chassis bios-daemon-dev; do
     grep -q 'Permission is hereby granted' "/usr/share/doc/$package/copyright" || fail "licence of $package"
+done
+for package in bios-daemon bios-daemon-chassis; do # which have it linked in
+    grep -q '^libsodium' "/usr/share/doc/$package/copyright" || fail "licence of libsodium in $package"
 done
 passed
 
