@@ -189,6 +189,8 @@ def main():
         for entry in given.sources.resolve().iterdir() if given.sources else []:
             if entry.name != "build" and not entry.name.startswith("."):
                 (work / entry.name).symlink_to(entry)
+        if given.sources and (given.sources / "build/libsodium").exists():  # else it would be fetched again
+            (work / "build/libsodium").symlink_to((given.sources / "build/libsodium").resolve())
         for name, content in files.items():
             (work / name).write_text(content)
         run(commands, work, given.programs.resolve(), given.time_limit)
