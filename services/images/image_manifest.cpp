@@ -178,13 +178,9 @@ void image_reader::take_first(const std::uint8_t *bytes, std::size_t count)
     const auto inner = covered.begin() + PPC_DIGEST_OFFSET;
     std::copy_n(inner, stored_inner_.size(), stored_inner_.begin());
     std::fill_n(inner, stored_inner_.size(), std::uint8_t{0});
-    inner_.emplace().add(covered.data(), count);
     covered_ = whole_;
-    whole_.add(bytes, count);
-    covered_->add(covered.data(), count);
-    if (signed_bytes_)
-        signed_bytes_(covered.data(), count);
-    taken_bytes_ += count;
+    take(bytes, covered.data(), covered.data(), count);
+    inner_.emplace().add(covered.data(), count);
 }
 
 void image_reader::take_manifest(const std::uint8_t *bytes)
