@@ -17,7 +17,7 @@ struct socket_sender {
     bool stuck = false; // the last wait for room in the receiver's queue was in vain
 };
 
-// The time that a port has waited lately for room in full queues.
+// The time that a port has waited lately for room in queues that stayed full.
 struct waits_for_room {
     std::int64_t spent_us = 0;
     std::int64_t as_of_us = 0; // of monotonic_us

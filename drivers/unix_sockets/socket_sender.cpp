@@ -176,7 +176,7 @@ int send_to(socket_sender &sender, const outgoing &frame, waits_for_room &waits)
         }
         if (failure == EAGAIN && !sender.stuck && wait_for_room(sender, deadline))
             continue;
-        if (begin != 0 && frame.header.kind != mts_frame_kind::request)
+        if (begin != 0 && !sent && frame.header.kind != mts_frame_kind::request)
             waits.spent_us += monotonic_us() - begin;
         sender.stuck = failure == EAGAIN;
         errno = failure == EAGAIN ? MTS_ERRNO_TIMED_OUT : failure;

@@ -210,6 +210,10 @@ TEST_F(TransportFaults, DropAnAnswerThatComesAfterItsTimeOut)
     }
     EXPECT_GT(late, 0U);
     order_no_more();
+    EXPECT_TRUE(eventually([&] { // one that was silent is asked again when something of it has come
+        std::string text = "quick";
+        return request(CARD_2, text) == 0;
+    }));
     const auto end = steady::now() + 3s; // everything has come by then
     while (steady::now() < end) {
         std::string text = "quick";
