@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <optional>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include "card_table.h"
 #include "chassis_dir.h"
 #include "exec_cmd.h"
+#include "flash_device.h"
 #include "harmless_path.h"
 #include "image_files.h"
 #include "inventory_value.h"
@@ -38,13 +38,14 @@ constexpr const char *WORK_FOLDER = "/var/tmp";
 constexpr const char *WORK_PREFIX = "bios_agent.";
 constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // in a system image, and where it lands
 constexpr std::size_t PIECE_BYTES = 64 << 10;
-constexpr rlim_t UNPACKED_BYTES_MAX = rlim_t{512} << 20; // of each file that a command makes
-constexpr int GUNZIP_WARNED = 2;                         // its exit status: the data is whole
+constexpr int GUNZIP_WARNED = 2; // its exit status: the data is whole
 
 // What is said of an image whose bytes are read one after the other.
 class image_reading
 {
 public:
+    explicit image_reading(std::uint64_t bytes_max) : bytes_max_(bytes_max) {}
+
     // false when there are too many.
     bool add(const std::uint8_t *bytes, std::size_t count)
     {
@@ -53,7 +54,7 @@ public:
         remaining_ -= missing;
         size_ += count;
         sum_.add(bytes, count);
-        return size_ <= AGENT_IMAGE_BYTES_MAX;
+        return size_ <= bytes_max_;
     }
     agent_image_t told()
     {
@@ -70,6 +71,7 @@ public:
     }
 
 private:
+    std::uint64_t bytes_max_;
     std::array<std::uint8_t, BIOS_HEADER_BYTES> header_ = {};
     std::size_t remaining_ = BIOS_HEADER_BYTES; // of the header
     std::uint64_t size_ = 0;
@@ -189,8 +191,6 @@ agent_status read_from_system_image(const std::string &path, const std::string &
         return AGENT_ERR_IMAGE_URI;
     if (!open_file(path.c_str()))
         return AGENT_ERR_IMAGE_FILE;
-    const rlimit bound = {UNPACKED_BYTES_MAX, UNPACKED_BYTES_MAX};
-    (void)::setrlimit(RLIMIT_FSIZE, &bound);
     const work_folder folder;
     if (!folder.is_there())
         return errno == ENOSPC ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_UNREADABLE;
@@ -211,6 +211,16 @@ const bios_flash_entry *row_of(std::uint32_t card_id)
         return row.sw_card_id == family && row.flash_type != 0;
     });
     return found != end ? found : nullptr;
+}
+
+// How large an image may be: an own one fits the own flash, those of other cards any.
+std::uint64_t image_bytes_max(const bios_flash_entry &row)
+{
+    if (row.sw_card_id == get_sw_card_family(inventory_value(chassis_own_slot(), "card_id"))) {
+        if (const auto flash = flash_device::open(row.flash_instance, flash_access::read); flash)
+            return flash->geometry().size_bytes;
+    }
+    return AGENT_IMAGE_BYTES_MAX;
 }
 
 agent_status read_by_uri(const char *uri, const char *member, image_reading &reading)
@@ -247,7 +257,7 @@ answer image_answer(const agent_image_req_t &request)
     const bios_flash_entry *row = row_of(request.card_id.load() & 0xffff);
     if (row == nullptr)
         return AGENT_ERR_IMAGE_CARD;
-    image_reading reading;
+    image_reading reading(image_bytes_max(*row));
     if (const agent_status status = read_image(request, *row, reading); status != AGENT_OK)
         return status;
     answer image;

@@ -7,6 +7,7 @@
 // Only regular files are taken out. When anything fails nothing is left behind.
 //
 // Exit status: 0 the member is there, 1 it is not, 64 wrong usage.
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -75,6 +76,7 @@ int main(int argc, char **argv)
         std::fputs("usage: veskadd -x [-l MIB] IMAGE DESTINATION MEMBER\n", stderr);
         return EXIT_USAGE;
     }
+    (void)std::signal(SIGXFSZ, SIG_IGN); // a member beyond the caller's limit is an error like others
     try {
         extract_member(line);
     } catch (const std::exception &failure) {

@@ -4,14 +4,17 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "c_boundary.h"
 #include "spawn_actions.h"
 #include "unique_fd.h"
+#include "unpacking.h"
 
 namespace
 {
@@ -55,6 +58,29 @@ int32_t wait_for(pid_t child)
     return status;
 }
 
+// A command that writes beyond its bound ends by the signal for it, also where this process ignores that one.
+class spawn_attributes
+{
+public:
+    spawn_attributes()
+    {
+        sigset_t signals;
+        (void)::sigemptyset(&signals);
+        (void)::sigaddset(&signals, SIGXFSZ);
+        (void)::posix_spawnattr_init(&attributes_); // these three only store what they are given
+        (void)::posix_spawnattr_setsigdefault(&attributes_, &signals);
+        (void)::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF);
+    }
+    ~spawn_attributes() { (void)::posix_spawnattr_destroy(&attributes_); }
+    spawn_attributes(const spawn_attributes &) = delete;
+    spawn_attributes &operator=(const spawn_attributes &) = delete;
+
+    const posix_spawnattr_t *get() const { return &attributes_; }
+
+private:
+    posix_spawnattr_t attributes_{};
+};
+
 int32_t run(const char *command, const command_streams &streams)
 {
     spawn_actions actions;
@@ -67,13 +93,19 @@ int32_t run(const char *command, const command_streams &streams)
     if (actions.result() != 0)
         return failure(actions.result());
 
+    const std::uint64_t bytes_max = command_file_bytes_max(command);
+    std::string bounded = bounded_command(command, bytes_max);
     char name[] = "sh";
     char option[] = "-c";
-    char *const arguments[] = {name, option, const_cast<char *>(command), nullptr}; // posix_spawn changes none
+    char *const arguments[] = {name, option, bounded.data(), nullptr};
+    const spawn_attributes attributes;
     pid_t child = -1;
-    if (const int error = ::posix_spawn(&child, SHELL, actions.get(), nullptr, arguments, environ); error != 0)
+    if (const int error = ::posix_spawn(&child, SHELL, actions.get(), attributes.get(), arguments, environ);
+        error != 0)
         return failure(error);
-    return wait_for(child);
+    const int32_t status = wait_for(child);
+    clean_up_after(command, status, bytes_max);
+    return status;
 }
 
 // No input: a pipe that nobody writes to, which also works on a root without "/dev/null".
@@ -133,7 +165,7 @@ int32_t exec_cmd_with_io_print(const char *command, FILE *input, FILE *output, F
         if (!streams[stream].fd)
             return -1;
     }
-    return run(command, streams);
+    return c_boundary([&] { return run(command, streams); });
 }
 
 int32_t exec_cmd_with_files_print(const char *command, const char *input, const char *output, const char *error,
@@ -151,5 +183,5 @@ int32_t exec_cmd_with_files_print(const char *command, const char *input, const 
     const bool shared = output != nullptr && error != nullptr && std::strcmp(output, error) == 0;
     if (error != nullptr && !(streams[2].fd = shared ? out_of_the_way(streams[1].fd.get()) : open_output(error)))
         return -1;
-    return run(command, streams);
+    return c_boundary([&] { return run(command, streams); });
 }

@@ -20,6 +20,8 @@ namespace files = std::filesystem;
 
 constexpr unsigned CARD_ID = 90;
 constexpr const char *TREE_FILE = "/vesk/bin/bios-x86n.bin.gz";
+constexpr unsigned OTHER_CARD_ID = 106; // whose flash may be larger than that of this card
+constexpr const char *OTHER_TREE_FILE = "/vesk/bin/bios-x86n-o2.bin.gz";
 
 sha256_digest digest_of(const std::string &bytes)
 {
@@ -118,6 +120,15 @@ TEST_F(AgentImages, TellsApartWhatIsWrongWithAUri)
     expect_nothing_left();
 }
 
+// The card's flash is one of 256 KiB.
+TEST_F(AgentImages, StopsAtTheSizeOfTheOwnFlash)
+{
+    write_file(on_bootflash(1, ".tmpbios.bin"), image("3.0").bytes + "x");
+    EXPECT_EQ(ask_for(AGENT_IMAGE_READY).status, AGENT_ERR_IMAGE_SIZE);
+    make_image_tree(slot_file(1, "root"), CARD_ID, image("3.0", 2 * SMALL_FLASH_KIB));
+    EXPECT_EQ(ask_for(AGENT_IMAGE_OF_TREE).status, AGENT_ERR_IMAGE_SIZE);
+}
+
 // 64 MiB of zeros are 64 KiB.
 TEST_F(AgentImages, StopsAtAnImageThatNoFlashHolds)
 {
@@ -125,6 +136,8 @@ TEST_F(AgentImages, StopsAtAnImageThatNoFlashHolds)
     ASSERT_EQ(run_program({"sh", "-c", "head -c 70000000 /dev/zero | gzip >'" + huge + "'"}).exit_code, 0);
     files::copy_file(huge, tree_file(), files::copy_options::overwrite_existing);
     EXPECT_EQ(ask_for(AGENT_IMAGE_OF_TREE).status, AGENT_ERR_IMAGE_SIZE);
+    files::copy_file(huge, card_file(1, OTHER_TREE_FILE));
+    EXPECT_EQ(ask_for(AGENT_IMAGE_OF_TREE, "", OTHER_CARD_ID).status, AGENT_ERR_IMAGE_SIZE);
 }
 
 TEST_F(AgentImages, DoesNotWaitForAFifoInTheTree)
@@ -140,7 +153,7 @@ TEST_F(AgentImages, AWorkerThatIsKilledLeavesNobodyWaiting)
 {
     const std::string large = workspace() + "/large";
     ASSERT_EQ(run_program({"sh", "-c", "head -c 66000000 /dev/zero | gzip >'" + large + "'"}).exit_code, 0);
-    files::copy_file(large, tree_file(), files::copy_options::overwrite_existing);
+    files::copy_file(large, card_file(1, OTHER_TREE_FILE));
     const pid_t agent = agent_pid(1);
     std::thread killer([agent] {
         const std::string children =
@@ -152,7 +165,7 @@ TEST_F(AgentImages, AWorkerThatIsKilledLeavesNobodyWaiting)
         }));
     });
     const auto start = std::chrono::steady_clock::now();
-    const agent_reply reply = ask_for(AGENT_IMAGE_OF_TREE);
+    const agent_reply reply = ask_for(AGENT_IMAGE_OF_TREE, "", OTHER_CARD_ID);
     killer.join();
     EXPECT_EQ(reply.status, AGENT_ERR_UNREADABLE);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <random>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -252,6 +253,21 @@ TEST_F(Veskadd, LeavesNothingOfAMemberThatIsLargerThanAllowed)
     const std::string archive = tar_of({{.name = "vesk/bin/bios.gz", .contents = std::string((1 << 20) + 1, 'x')}});
     expect_refusal(archive, "larger than 1 MiB", MEMBER, "-l 1");
     EXPECT_EQ(extract(MEMBER, "-l 2"), 0);
+}
+
+// As the card's commands are run.
+TEST_F(Veskadd, LeavesNothingOfAMemberBeyondTheCallersLimit)
+{
+    write_file(image(), tar_of({{.name = "vesk/bin/bios.gz", .contents = random_bytes(200'000)}}));
+    struct rlimit before {
+    };
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const struct rlimit limited = {100'000, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    EXPECT_EQ(extract(), 1);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_NE(content_of(path("errors")).find("File too large"), std::string::npos) << content_of(path("errors"));
+    EXPECT_TRUE(files::is_empty(destination()));
 }
 
 // The archive library would start a program of that name for these.

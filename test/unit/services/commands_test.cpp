@@ -15,9 +15,11 @@
 #include <vector>
 
 #include "exec_cmd.h"
+#include "flash_geometry.h"
 #include "image_files.h"
 #include "rest_of.h"
 #include "unique_fd.h"
+#include "unpacking.h"
 
 namespace
 {
@@ -365,6 +367,104 @@ TEST_F(Runner, DescriptorsDoNotLeak)
     (void)exec_cmd_with_files_print("ls -l /proc/self/fd | grep -c listing", nullptr, file("listing").c_str(),
                                     nullptr, 0);
     EXPECT_EQ("0\n", content_of("listing"));
+}
+
+// Bounds of what commands write. The card of these tests has no flash: an image may be as large as a flash can be.
+
+class Unpacking : public Commands
+{
+protected:
+    // Packs what a command prints, as the image that is to be unpacked.
+    void pack(const std::string &printed_by)
+    {
+        const std::string command = printed_by + " | gzip >" + packed_;
+        ASSERT_EQ(0, exec_cmd_with_io_print(command.c_str(), nullptr, nullptr, nullptr, 0));
+    }
+    int32_t unpack() const
+    {
+        return exec_cmd_with_files_print(("/bin/gunzip " + packed_).c_str(), nullptr, nullptr, file("err").c_str(),
+                                         0);
+    }
+
+    const std::string image_ = file("image.bin");
+    const std::string packed_ = image_ + ".gz";
+};
+
+TEST_F(Runner, FilesOfACommandAreBounded)
+{
+    const auto make = [&](std::uint64_t bytes) {
+        const std::string command = "truncate -s " + std::to_string(bytes) + " " + file("made");
+        return exec_cmd_with_files_print(command.c_str(), nullptr, nullptr, "/dev/null", 0);
+    };
+    EXPECT_EQ(0, make(COMMAND_FILE_BYTES_MAX));
+    EXPECT_NE(0, make(COMMAND_FILE_BYTES_MAX + 1));
+    EXPECT_EQ(COMMAND_FILE_BYTES_MAX, fs::file_size(file("made")));
+}
+
+TEST_F(Runner, BoundEndsACommandAlsoWhereTheCallerIgnoresItsSignal)
+{
+    const auto before = std::signal(SIGXFSZ, SIG_IGN);
+    const std::string command = "truncate -s 1G " + file("made");
+    const int32_t status = exec_cmd_with_files_print(command.c_str(), nullptr, nullptr, "/dev/null", 0);
+    (void)std::signal(SIGXFSZ, before);
+    EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGXFSZ : WEXITSTATUS(status) == 128 + SIGXFSZ) << status;
+}
+
+TEST_F(Unpacking, MakesTheImage)
+{
+    pack("echo whole");
+    EXPECT_EQ(0, unpack());
+    EXPECT_EQ("whole\n", content_of("image.bin"));
+    EXPECT_FALSE(fs::exists(packed_));
+}
+
+// 257 MiB of zeros are 260 KiB.
+TEST_F(Unpacking, StopsAtTheFlashsSizeAndLeavesAnEmptyFile)
+{
+    EXPECT_EQ(FLASH_MAX_BYTES, command_file_bytes_max("/bin/gunzip " + packed_));
+    pack("head -c " + std::to_string(FLASH_MAX_BYTES + 1) + " /dev/zero");
+    EXPECT_NE(0, unpack());
+    EXPECT_FALSE(fs::exists(packed_));
+    EXPECT_EQ(0U, fs::file_size(image_));
+}
+
+TEST_F(Unpacking, LeavesNothingOfADamagedImage)
+{
+    pack("seq 100000");
+    fs::resize_file(packed_, fs::file_size(packed_) / 2);
+    EXPECT_NE(0, unpack());
+    EXPECT_FALSE(fs::exists(packed_));
+    EXPECT_FALSE(fs::exists(image_));
+}
+
+// What follows the packed data is passed over with a warning, and the image is whole.
+TEST_F(Unpacking, KeepsAnImageWithSomethingBehindIt)
+{
+    pack("echo whole");
+    std::ofstream(packed_, std::ios::binary | std::ios::app) << "something else";
+    EXPECT_NE(0, unpack());
+    EXPECT_EQ("whole\n", content_of("image.bin"));
+}
+
+TEST_F(Unpacking, FailedCopyLeavesNoPartOfTheImage)
+{
+    const std::string command = "/bin/cp " + put("small", "x") + " /dev/full " + packed_;
+    put("image.bin.gz", "a part");
+    EXPECT_NE(0, exec_cmd_with_files_print(command.c_str(), nullptr, nullptr, "/dev/null", 0));
+    EXPECT_FALSE(fs::exists(packed_));
+}
+
+TEST_F(Unpacking, OtherCommandsLoseNothing)
+{
+    const std::vector<std::string> commands = {"/bin/gunzip " + file("kept"), "/bin/gunzip 'a;b.gz'",
+                                               "false " + packed_};
+    for (const std::string &command : commands) {
+        put("image.bin.gz", "kept");
+        put("kept", "kept");
+        EXPECT_NE(0, exec_cmd_with_files_print(command.c_str(), nullptr, nullptr, "/dev/null", 0));
+        EXPECT_EQ("kept", content_of("image.bin.gz"));
+        EXPECT_EQ("kept", content_of("kept"));
+    }
 }
 
 } // namespace
