@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "bios_opcodes.h"
+#include "printable_text.h"
 
 namespace
 {
@@ -22,9 +23,7 @@ Record record_at(std::span<const std::uint8_t> payload, std::size_t offset)
 template<std::size_t SIZE>
 std::string text_of(const char (&field)[SIZE])
 {
-    std::string text(field, ::strnlen(field, SIZE));
-    std::ranges::replace_if(
-        text, [](char c) { return c < 0x20 || c > 0x7e; }, '?');
+    const std::string text = printable_text({field, ::strnlen(field, SIZE)});
     const std::size_t begin = text.find_first_not_of(' ');
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(' ') - begin + 1);
 }

@@ -8,6 +8,7 @@
 #include "daemon_node.h"
 #include "launcher_error.h"
 #include "pfm.h"
+#include "printable_text.h"
 #include "unique_fd.h"
 
 namespace
@@ -101,6 +102,7 @@ std::string log_tail(unsigned slot, unsigned lines)
     std::string text(static_cast<std::size_t>(status.st_size - begin), '\0');
     const ssize_t got = ::pread(log.get(), text.data(), text.size(), begin);
     text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+    make_lines_printable(text.data(), text.size());
 
     std::size_t start = text.size();
     for (unsigned found = 0; start > 0; --start) {

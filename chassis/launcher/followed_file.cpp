@@ -8,6 +8,7 @@
 
 #include "chassis_dir.h"
 #include "launcher_error.h"
+#include "printable_text.h"
 #include "write_all.h"
 
 namespace
@@ -30,6 +31,8 @@ bool print_rest(const unique_fd &file, const std::string &path)
             throw system_error_of(path);
         if (got == 0)
             return true;
+        if (got > 0)
+            make_lines_printable(piece, static_cast<std::size_t>(got));
         if (got > 0 && !write_all(STDOUT_FILENO, piece, static_cast<std::size_t>(got)))
             return false;
     }

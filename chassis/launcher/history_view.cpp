@@ -8,6 +8,7 @@
 
 #include "card_files.h"
 #include "launcher_error.h"
+#include "printable_text.h"
 #include "utc_time.h"
 
 namespace
@@ -19,7 +20,7 @@ using event_list = std::span<const chassis_history_event>;
 std::string line_of(const chassis_history_event &event)
 {
     const std::string text = event.text.substr(0, event.text.find_last_not_of('\n') + 1);
-    return utc_microseconds(event.time_ns) + " [" + std::to_string(event.pid) + "] " + printable_text(text) + "\n";
+    return utc_microseconds(event.time_ns) + " [" + std::to_string(event.pid) + "] " + escaped_text(text) + "\n";
 }
 
 std::string lines_of(event_list shown, std::uint64_t overwritten)
@@ -48,36 +49,36 @@ std::string json_of(unsigned slot, event_list shown, std::uint64_t overwritten)
 
 } // namespace
 
-std::string printable_text(const std::string &text)
+std::string escaped_text(const std::string &text)
 {
-    std::string printable;
+    std::string escaped_line;
     for (const char character : text) {
         switch (character) {
         case '\\':
-            printable += "\\\\";
+            escaped_line += "\\\\";
             continue;
         case '\n':
-            printable += "\\n";
+            escaped_line += "\\n";
             continue;
         case '\r':
-            printable += "\\r";
+            escaped_line += "\\r";
             continue;
         case '\t':
-            printable += "\\t";
+            escaped_line += "\\t";
             continue;
         default:
             break;
         }
-        const auto code = static_cast<unsigned char>(character);
-        if (code >= 0x20 && code < 0x7f) {
-            printable += character;
+        if (is_printable(character)) {
+            escaped_line += character;
             continue;
         }
         char escaped[8];
-        (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", unsigned{code});
-        printable += escaped;
+        (void)std::snprintf(escaped, sizeof escaped, "\\x%02x",
+                            static_cast<unsigned>(static_cast<unsigned char>(character)));
+        escaped_line += escaped;
     }
-    return printable;
+    return escaped_line;
 }
 
 std::string history_text(unsigned slot, const std::vector<chassis_history_event> &events,

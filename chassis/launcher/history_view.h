@@ -9,7 +9,7 @@
 
 // An event's text as one line of printable ASCII characters: a backslash is doubled, every other character is
 // "\n", "\r", "\t" or "\xHH". Texts quote messages of other cards, which must not reach a terminal.
-std::string printable_text(const std::string &text);
+std::string escaped_text(const std::string &text);
 
 // The last events at most, oldest first: lines, or with json one object.
 //   events  of the whole ring, oldest first

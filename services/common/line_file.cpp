@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "printable_text.h"
 #include "unique_fd.h"
 #include "utc_time.h"
 
@@ -19,13 +20,7 @@ std::string one_line(std::string_view text)
 {
     while (!text.empty() && text.back() == '\n')
         text.remove_suffix(1);
-    std::string line(text);
-    for (char &character : line) {
-        const auto code = static_cast<unsigned char>(character);
-        if (code < 0x20 || code == 0x7f)
-            character = ' ';
-    }
-    return line;
+    return printable_text(text, ' ');
 }
 
 unique_fd open_to_append(const std::string &path)

@@ -19,6 +19,6 @@ void turn_over_line_file(const std::string &path, int full_fd);
 
 // Appends "TIME TEXT" and a newline in one write, so that lines of several processes do not mix.
 //   path  below the chassis directory; the file is created, and turned over at LINE_FILE_LIMIT_BYTES
-//   text  becomes one line: trailing newlines go, other control characters turn into blanks
+//   text  becomes one line: trailing newlines go, other characters that are not printable turn into blanks
 // false with errno.
 bool append_line(const std::string &path, std::string_view text);

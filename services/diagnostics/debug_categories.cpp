@@ -15,6 +15,7 @@
 #include "chassis_dir.h"
 #include "line_file.h"
 #include "living_child.h"
+#include "message_texts.h"
 #include "sdwrap.h"
 #include "watched_file.h"
 
@@ -111,8 +112,10 @@ int32_t sdwrap_process_msg(int32_t handle, mts_message_t *message)
         return 0; // nothing to serve
     if (living_child_refuses(handle, message))
         return 0;
-    if (mts_opc_get(message) != CHASSIS_OPC_DEBUG_CONTROL)
+    if (mts_opc_get(message) != CHASSIS_OPC_DEBUG_CONTROL) {
+        make_texts_printable(*message);
         return 1;
+    }
     own_flags.stale = true;
     return 0;
 }

@@ -2,16 +2,13 @@
 
 #include <algorithm>
 
+#include "printable_text.h"
+
 namespace
 {
 
 constexpr std::string_view TAG = "$$SRG-LOADER-VERSION: ";
 constexpr std::string_view END = "$$";
-
-bool is_printable(char character)
-{
-    return character >= 0x20 && character <= 0x7e;
-}
 
 } // namespace
 

@@ -22,6 +22,7 @@
 #include "chassis_dir.h"
 #include "endpoints.h"
 #include "known_answers.h"
+#include "message_texts.h"
 #include "module_waits.h"
 #include "monotonic_clock.h"
 #include "mts_endpoint.h"
@@ -164,6 +165,8 @@ std::int32_t request_and_wait(mts_endpoint &endpoint, mts_address_t to, std::uin
         errno = EOPNOTSUPP;
         return -1;
     }
+    if (endpoint.address().sap == BIOS_DAEMON_SAP) // it writes them into its log
+        make_texts_printable(*answer);
     *length = answer->header.payload_bytes;
     const auto status = static_cast<std::int32_t>(answer->header.status);
     if (module_limit_s && status == 0 && opcode == MTS_OPC_BIOS_PROGRAMMING_START)

@@ -315,6 +315,16 @@ TEST_F(VersionQueries, CardWithoutImageTreeHasNoSource)
     expect_tidy(1);
 }
 
+TEST_F(VersionQueries, PathsForgeNoLineOfTheLog)
+{
+    insert({.slot = 1});
+    start();
+    expect_no_source(source_version_request(false, "/bootflash/x\nmain.cpp:1: forged\x1b[2J\x9b", NO_NOTICES));
+    const std::string log = log_of(1);
+    EXPECT_EQ(log.find("\nmain.cpp:1: forged"), std::string::npos) << log;
+    EXPECT_NE(log.find("/bootflash/x?main.cpp:1: forged?[2J?"), std::string::npos) << log;
+}
+
 TEST_F(VersionQueries, HostileImagePathsRunNoCommand)
 {
     insert({.slot = 1});

@@ -61,15 +61,15 @@ TEST(HistoryView, LineTellsTimeProcessAndText)
 
 TEST(HistoryView, TextIsPrintableAsciiAndCanBeReadBack)
 {
-    EXPECT_EQ(printable_text("plain text ~!"), "plain text ~!");
-    EXPECT_EQ(printable_text("a\nb\rc\td"), "a\\nb\\rc\\td");
-    EXPECT_EQ(printable_text("\x1b[2J\x7f\x01\x9b"), "\\x1b[2J\\x7f\\x01\\x9b");
-    EXPECT_EQ(printable_text("\\x1b"), "\\\\x1b");
-    EXPECT_EQ(printable_text("\xc3\xa4"), "\\xc3\\xa4");
+    EXPECT_EQ(escaped_text("plain text ~!"), "plain text ~!");
+    EXPECT_EQ(escaped_text("a\nb\rc\td"), "a\\nb\\rc\\td");
+    EXPECT_EQ(escaped_text("\x1b[2J\x7f\x01\x9b"), "\\x1b[2J\\x7f\\x01\\x9b");
+    EXPECT_EQ(escaped_text("\\x1b"), "\\\\x1b");
+    EXPECT_EQ(escaped_text("\xc3\xa4"), "\\xc3\\xa4");
     std::string every;
     for (unsigned code = 1; code < 256; ++code)
         every += static_cast<char>(code);
-    for (const char character : printable_text(every))
+    for (const char character : escaped_text(every))
         EXPECT_TRUE(character >= 0x20 && character < 0x7f) << unsigned{static_cast<unsigned char>(character)};
 }
 

@@ -8,6 +8,7 @@
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "flash_folder.h"
+#include "message_texts.h"
 #include "nor_file_layout.h"
 #include "rest_of.h"
 #include "tlv.h"
@@ -252,6 +253,24 @@ TEST_F(ModuleStandin, InFullIsUnderstoodByTheIterator)
     EXPECT_EQ(found, (std::vector<std::pair<unsigned, unsigned>>{{0, 392}, {0, 392}, {1, 1}}));
 }
 
+namespace
+{
+
+// A daemon's endpoint gets texts that it may write into a log.
+std::vector<std::uint8_t> as_received(const std::vector<std::uint8_t> &answer)
+{
+    mts_frame_header header{};
+    header.kind = mts_frame_kind::response;
+    header.opcode = MTS_OPC_BIOS_GET_LC_BIOS_VERSION;
+    header.payload_bytes = static_cast<std::uint32_t>(answer.size());
+    const mts_held_message message = mts_message_for(header);
+    std::copy(answer.begin(), answer.end(), message->payload);
+    make_texts_printable(*message);
+    return {message->payload, message->payload + answer.size()};
+}
+
+} // namespace
+
 TEST_F(ModuleStandin, WithGarbageRepeatsItselfAfterItsSeed)
 {
     write("answer_seed", "7");
@@ -259,7 +278,7 @@ TEST_F(ModuleStandin, WithGarbageRepeatsItselfAfterItsSeed)
     EXPECT_NE(log().find("seed of garbage 7\n"), std::string::npos);
     std::mt19937 random(7);
     for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(ask().bytes, garbage_version_answer(random));
+        EXPECT_EQ(ask().bytes, as_received(garbage_version_answer(random)));
 }
 
 TEST_F(ModuleStandin, WithGarbageTellsTheSeedThatItChose)
@@ -269,7 +288,7 @@ TEST_F(ModuleStandin, WithGarbageTellsTheSeedThatItChose)
     const std::string label = "seed of garbage ";
     ASSERT_NE(text.find(label), std::string::npos);
     std::mt19937 random(static_cast<std::uint32_t>(std::stoul(text.substr(text.find(label) + label.size()))));
-    EXPECT_EQ(ask().bytes, garbage_version_answer(random));
+    EXPECT_EQ(ask().bytes, as_received(garbage_version_answer(random)));
 }
 
 TEST_F(ModuleStandin, SilentReceivesAndNeverAnswers)
