@@ -12,6 +12,7 @@
 #include "flash_geometry.h"
 #include "launcher_error.h"
 #include "pfm.h"
+#include "printable_text.h"
 #include "sysmgr.h"
 #include "toml_library.h"
 
@@ -23,18 +24,14 @@ constexpr std::uint32_t DEFAULT_FLASH_KIB = 8 * 1024;
 constexpr std::uint32_t DEFAULT_SECTOR_KIB = 64;
 constexpr std::uint32_t MAX_BOOTFLASH_MIB = 16 * 1024;
 constexpr std::uint32_t MAX_WAIT_LIMIT_S = 24 * 60 * 60;
+constexpr std::size_t DESCRIPTION_BYTES_MAX = std::size_t{1} << 20;
+// Each part of a key is a table in the one before, and the library needs stack for each table that lies in another.
+// It counts those that are nested by brackets itself.
+constexpr std::ptrdiff_t DOTS_MAX = 10'000;
 
 bool is_control_character(char c)
 {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-}
-
-// A key in quotes may have any characters; those that would steer the terminal are not shown.
-std::string printable(std::string_view text)
-{
-    std::string shown(text);
-    std::replace_if(shown.begin(), shown.end(), is_control_character, '?');
-    return shown;
 }
 
 // A table of the file, and how to complain about it.
@@ -45,7 +42,7 @@ public:
 
     [[noreturn]] void fail(const toml::node &node, const std::string &text) const
     {
-        throw launcher_error(file_ + ":" + std::to_string(node.source().begin.line) + ": " + printable(text));
+        throw launcher_error(file_ + ":" + std::to_string(node.source().begin.line) + ": " + printable_text(text));
     }
     [[noreturn]] void fail(const std::string &text) const { fail(table_, text); }
 
@@ -296,9 +293,15 @@ void read_cards(const toml::table &root, const std::string &file, chassis_descri
 std::string read_text(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file)
+    std::string text(DESCRIPTION_BYTES_MAX + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!file.is_open() || file.bad())
         throw system_error_of(path);
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > DESCRIPTION_BYTES_MAX)
+        throw launcher_error(path + ": is larger than " + std::to_string(DESCRIPTION_BYTES_MAX) + " bytes");
+    if (std::count(text.begin(), text.end(), '.') > DOTS_MAX)
+        throw launcher_error(path + ": has more than " + std::to_string(DOTS_MAX) + " dots");
     return text;
 }
 
@@ -311,7 +314,7 @@ chassis_description load_description(const std::string &path)
         root = toml::parse(read_text(path), path);
     } catch (const toml::parse_error &problem) {
         throw launcher_error(path + ":" + std::to_string(problem.source().begin.line) + ": " +
-                             printable(problem.description()));
+                             printable_text(problem.description()));
     }
     section(root, path).allow_only({"chassis", "card"});
     chassis_description result;

@@ -91,6 +91,7 @@ TEST_F(Description, WaitLimitIsOfTheWholeChassis)
 TEST_F(Description, RefusalShowsNoControlCharacter)
 {
     EXPECT_EQ(refusal(std::string(CARD) + "\"\\u001B[2J\" = 1\n"), "lab.toml:5: unknown key ?[2J");
+    EXPECT_EQ(refusal(std::string(CARD) + "\"\\u009B2J\" = 1\n"), "lab.toml:5: unknown key ??2J");
     const std::string of_a_value = refusal(std::string(CARD) + "serves = tr\rue\n");
     EXPECT_TRUE(of_a_value.starts_with("lab.toml:5: ")) << of_a_value;
     EXPECT_EQ(of_a_value.find('\r'), std::string::npos) << of_a_value;
@@ -101,6 +102,33 @@ TEST_F(Description, RefusesALetterThatNoKeyHas)
     EXPECT_TRUE(refusal(std::string(CARD) + "Gr\u00f6\u00dfe = 1\n").starts_with("lab.toml:5: "));
     EXPECT_TRUE(refusal(std::string(CARD) + "\u00e9 = 1\n").starts_with("lab.toml:5: "));
     EXPECT_TRUE(refusal(std::string(CARD) + "serves = true \ufefd\n").starts_with("lab.toml:5: "));
+}
+
+std::string repeated(const std::string &text, unsigned times)
+{
+    std::string all;
+    while (times-- > 0)
+        all += text;
+    return all;
+}
+
+// What the library takes apart or frees by recursion does not end the process.
+TEST_F(Description, RefusesWhatIsNestedTooDeeply)
+{
+    EXPECT_EQ(refusal("a" + repeated(".a", 150'000) + " = 1\n"), "lab.toml: has more than 10000 dots");
+    EXPECT_EQ(refusal("[a" + repeated(".a", 150'000) + "]\n"), "lab.toml: has more than 10000 dots");
+    EXPECT_EQ(refusal("a" + repeated(".a", 10'000) + " = 1\n"), "lab.toml:1: unknown key a");
+    EXPECT_NE(refusal("x = " + repeated("[", 100'000)).find("nest"), std::string::npos);
+    EXPECT_NE(refusal("x = " + repeated("{a=", 100'000)).find("nest"), std::string::npos);
+    EXPECT_NE(refusal("x = " + repeated("[{a" + repeated(".a", 35) + "=", 280)).find("nest"), std::string::npos);
+}
+
+TEST_F(Description, RefusesAFileThatIsTooLarge)
+{
+    EXPECT_EQ(refusal(CARD + std::string((1 << 20) - std::string(CARD).size(), '\n')), "");
+    EXPECT_EQ(refusal(CARD + std::string(1 << 20, '\n')), "lab.toml: is larger than 1048576 bytes");
+    EXPECT_THROW((void)load_description("/dev/zero"), launcher_error);
+    EXPECT_THROW((void)load_description("/tmp"), launcher_error);
 }
 
 TEST_F(Description, FamilyTellsTheCardIdAndTheChangeBit)
