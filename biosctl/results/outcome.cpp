@@ -1,6 +1,8 @@
 #include "outcome.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 outcome failure(exit_code exit, const styled_text &what, const std::string &next)
@@ -37,6 +39,31 @@ namespace
 {
 
 constexpr const char *FAILURE_PREFIX = "biosctl: ";
+
+// Why something that was printed so far could not be written; 0: all was.
+int &output_error()
+{
+    static int error = 0;
+    return error;
+}
+
+// At once: it comes first where both streams are one.
+void print(const std::string &text)
+{
+    if ((std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) && output_error() == 0)
+        output_error() = errno;
+}
+
+// On standard error, also with --json: standard output takes nothing. Whoever has closed it wants no more.
+int output_failure(const outcome &end)
+{
+    const int error = output_error();
+    if (error != EPIPE)
+        (void)std::fprintf(stderr,
+                           "%sthe output could not be written: %s\n  next: check where standard output goes to\n",
+                           FAILURE_PREFIX, std::strerror(error));
+    return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;
+}
 
 std::string json_text(const outcome &end)
 {
@@ -75,8 +102,7 @@ std::string failure_text(const outcome &end, bool json)
 
 void print_report(const text_report &report)
 {
-    (void)std::fputs(text_of(report, style_of(STDOUT_FILENO)).c_str(), stdout);
-    (void)std::fflush(stdout); // it comes first where both streams are one
+    print(text_of(report, style_of(STDOUT_FILENO)));
 }
 
 int print_outcome(const outcome &end, bool json)
@@ -84,9 +110,6 @@ int print_outcome(const outcome &end, bool json)
     if (!json)
         print_text(end);
     else if (!end.json.is_null())
-        (void)std::fputs(json_text(end).c_str(), stdout);
-    // Output that could not be written makes the command fail.
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-        return end.exit == EXIT_DONE ? EXIT_FAILED : end.exit;
-    return end.exit;
+        print(json_text(end));
+    return output_error() == 0 ? end.exit : output_failure(end);
 }
