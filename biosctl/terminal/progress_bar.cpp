@@ -25,7 +25,15 @@ std::string detail_text(const progress_state &state, unsigned elapsed_s)
     if (!state.seen)
         return "waiting for the first progress, " + elapsed_text(elapsed_s);
     const std::string attempt = state.attempt > 0 ? ", attempt " + std::to_string(state.attempt) : "";
-    return phase_text(state.phase) + attempt + ", " + elapsed_text(elapsed_s);
+    return work_text(state.phase, state.percent) + attempt + ", " + elapsed_text(elapsed_s);
+}
+
+std::string brief_text(const progress_state &state, unsigned elapsed_s)
+{
+    if (!state.seen)
+        return "waiting " + elapsed_text(elapsed_s);
+    const std::string attempt = state.attempt > 0 ? " #" + std::to_string(state.attempt) : "";
+    return work_text(state.phase, state.percent) + attempt + " " + elapsed_text(elapsed_s);
 }
 
 } // namespace
@@ -42,6 +50,11 @@ const char *phase_text(std::uint32_t phase)
     default:
         return "working";
     }
+}
+
+const char *work_text(std::uint32_t phase, std::uint32_t percent)
+{
+    return phase == BIOS_PHASE_VERIFY && percent >= 100 ? "verified" : phase_text(phase);
 }
 
 std::string elapsed_text(unsigned seconds)
@@ -68,10 +81,12 @@ std::string progress_bar_text(const std::string &subject, const progress_state &
     const std::size_t room = columns > FREE_COLUMNS ? columns - FREE_COLUMNS : 0;
     const std::size_t taken = head.size() + tail.size() + std::string("[] ").size();
     const std::size_t cells = room > taken ? std::min(room - taken, BAR_CELLS_MAX) : 0;
-    std::string text = head + (cells >= BAR_CELLS_MIN ? bar(state.percent, cells) : "") + tail;
-    if (text.size() > room)
-        text.resize(room);
-    return text;
+    if (head.size() + tail.size() > room) {
+        std::string brief = head + percent + brief_text(state, elapsed_s);
+        brief.resize(std::min(brief.size(), room));
+        return brief;
+    }
+    return head + (cells >= BAR_CELLS_MIN ? bar(state.percent, cells) : "") + tail;
 }
 
 std::string progress_line_text(const std::string &subject, const progress_state &state, unsigned elapsed_s)

@@ -20,11 +20,14 @@ struct progress_state {
 // "erasing", "writing", "verifying"; "working" for a phase that is not known.
 const char *phase_text(std::uint32_t phase);
 
+// Likewise, but "verified" when that has ended well.
+const char *work_text(std::uint32_t phase, std::uint32_t percent);
+
 // "00:07", "12:34", "1:02:03".
 std::string elapsed_text(unsigned seconds);
 
 // "module 5: [#####.....]  50% writing, attempt 1, 00:07". Shorter than columns, so that it stays on one line also
-// with "^C": the bar gives way first, then the end is cut.
+// with "^C": the bar gives way first, then words do ("module 5:  50% writing #1 00:07"), and the end is cut last.
 std::string progress_bar_text(const std::string &subject, const progress_state &state, unsigned elapsed_s,
                               unsigned columns);
 

@@ -59,7 +59,7 @@ TEST_F(Program, ResultZeroAndAVerifiedFlashAreSuccess)
     EXPECT_TRUE(out_has("module 5: programmed and verified")) << run_->out();
     EXPECT_EQ(lines_of(run_->err()), 11u) << run_->err();
     EXPECT_TRUE(err_has("module 5: 0% erasing, attempt 1"));
-    EXPECT_TRUE(err_has("module 5: 100% verifying, attempt 1"));
+    EXPECT_TRUE(err_has("module 5: 100% verified, attempt 1"));
 }
 
 TEST_F(Program, TheRequestIsTheLiteralBody)

@@ -24,7 +24,7 @@ TEST(ProgressBar, ShowsPhasePercentAttemptAndTime)
 TEST(ProgressBar, IsFullAtOneHundredAndEmptyAtZero)
 {
     EXPECT_EQ(progress_bar_text("m", {true, 3, 100, 2}, 61, 59),
-              "m: [##################] 100% verifying, attempt 2, 01:01");
+              "m: [###################] 100% verified, attempt 2, 01:01");
     EXPECT_EQ(progress_bar_text("m", {true, 1, 0, 1}, 0, 59),
               "m: [....................]   0% erasing, attempt 1, 00:00");
 }
@@ -41,6 +41,8 @@ TEST(ProgressBar, DropsTheBarBeforeTheText)
 {
     EXPECT_EQ(progress_bar_text("module 5", HALF, 7, 48), "module 5:  50% writing, attempt 1, 00:07");
     EXPECT_EQ(progress_bar_text("module 5", HALF, 7, 22), "module 5:  50% writ");
+    EXPECT_EQ(progress_bar_text("module 232", {true, 3, 99, 12}, 3599, 40), "module 232:  99% verifying #12 59:59");
+    EXPECT_EQ(progress_bar_text("module 232", {}, 3599, 40), "module 232:   0% waiting 59:59");
 }
 
 TEST(ProgressBar, SaysThatItWaitsBeforeTheFirstMessage)
@@ -127,6 +129,9 @@ TEST(PhaseText, AnUnknownPhaseIsWork)
     EXPECT_STREQ(phase_text(1), "erasing");
     EXPECT_STREQ(phase_text(2), "writing");
     EXPECT_STREQ(phase_text(3), "verifying");
+    EXPECT_STREQ(work_text(3, 99), "verifying");
+    EXPECT_STREQ(work_text(3, 100), "verified");
+    EXPECT_STREQ(work_text(2, 100), "writing");
     EXPECT_STREQ(phase_text(0), "working");
     EXPECT_STREQ(phase_text(0xffffffff), "working");
 }
