@@ -1,11 +1,13 @@
 #include "card_facts.h"
 
+#include <ctime>
 #include <map>
 #include <memory>
 
 #include "bios_opcodes.h"
 #include "card_identification.h"
 #include "chassis_dir.h"
+#include "daemon_pulse.h"
 #include "flash_device.h"
 #include "flash_event_log.h"
 #include "flash_folder.h"
@@ -33,6 +35,13 @@ std::uint32_t family_of(std::uint32_t card_id)
         family != NO_CARD_FAMILY)
         place->second = family;
     return place->second;
+}
+
+// Whether the daemon was stopped, or does something else for very long.
+bool is_silent(unsigned slot, const datagram_peer &daemon)
+{
+    const auto age_s = daemon_pulse_age_s(slot);
+    return age_s && *age_s > DAEMON_SILENT_S && std::time(nullptr) - daemon.bound_at_s > DAEMON_SILENT_S;
 }
 
 agent_flash_t facts_of(unsigned instance, const flash_device &flash)
@@ -80,7 +89,7 @@ answer card_answer()
     facts.family = be32::of(family_of(card_id));
     facts.kind = be32::of(inventory_value(slot, "kind"));
     facts.sup_state = be32::of(inventory_value(slot, "sup_state"));
-    facts.serves = be32::of(daemon ? 1 : 0);
+    facts.serves = be32::of(!daemon ? 0 : is_silent(slot, *daemon) ? 2 : 1);
     facts.flash_count = be32::of(static_cast<std::uint32_t>(flashes.size()));
     if (daemon && daemon->bound_at_s != 0)
         store_text(facts.serves_since, utc_seconds(daemon->bound_at_s).c_str());

@@ -44,6 +44,9 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_GET_OUTCOME = 4861,  // what the last result that was told of this card's programming means
     AGENT_OPC_EVENT_HEAD = 4862,   // tells the last event of a flash; no request
     AGENT_OPC_GET_HEAD = 4863,     // the last event of another card's flash that this card was told
+
+    AGENT_OPC_OPERATOR_LOCK = 4870,   // locks a module for an operator
+    AGENT_OPC_OPERATOR_UNLOCK = 4871, // frees a module that is locked for an operator
 };
 
 enum agent_status : std::uint32_t {
@@ -55,6 +58,7 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_LOCK_FREE = 0x40720005,  // nobody has the module lock
     AGENT_ERR_LOCK_AGENT = 0x40720006, // the agent of the module's card does not answer
     AGENT_ERR_BUSY = 0x40720007,       // as many such requests as the agent serves at once are being served
+    AGENT_ERR_PROGRAMMED = 0x40720008, // a process changes a flash of the module
 
     AGENT_ERR_FILE_NAME = 0x40720010,      // the name is not one that a delivered file may have
     AGENT_ERR_FILE_SIZE = 0x40720011,      // the file has no bytes, or more than AGENT_FILE_BYTES_MAX
@@ -76,7 +80,7 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_IMAGE_MEMBER = 0x40720023, // the system image holds no BIOS for this card, or is none
     AGENT_ERR_IMAGE_PACKED = 0x40720024, // the file was not made by gzip
     AGENT_ERR_IMAGE_CUT = 0x40720025,    // the file is cut short or damaged
-    AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than AGENT_IMAGE_BYTES_MAX
+    AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than the card's flash, or than AGENT_IMAGE_BYTES_MAX
     AGENT_ERR_IMAGE_SPACE = 0x40720027,  // there is no space to unpack it
 
     // Why the signature of an image does not count:
@@ -116,7 +120,7 @@ struct agent_card_t {
     be32 family;    // of the table of BIOS flashes; 0: the card has none
     be32 kind;      // as in agent_module_t
     be32 sup_state; // as in agent_module_t
-    be32 serves;    // 1: its daemon's endpoint is bound
+    be32 serves;    // 1: its daemon's endpoint is bound; 2: likewise, and it has not looked for messages for 12 s
     be32 flash_count;
     char serves_since[AGENT_TIME_BYTES]; // empty: it does not serve, or the transport cannot tell
 };
@@ -201,8 +205,8 @@ static_assert(sizeof(agent_head_req_t) == 8);
 
 // AGENT_OPC_GET_TOTALS: body agent_flash_req_t. The answer is the text that flash_event_totals_format gives.
 
-// AGENT_OPC_GET_LOCKS: no body. The answer is a record for each lock that is held and that this agent serves, in
-// order of the node ids.
+// AGENT_OPC_GET_LOCKS: no body. The answer is an agent_held_lock_t for each lock that is held and that this agent
+// serves, in order of the node ids.
 struct agent_lock_t {
     be32 node_id;
     be32 slot;   // of the holder
@@ -212,6 +216,20 @@ struct agent_lock_t {
     char since[AGENT_TIME_BYTES];
 };
 static_assert(sizeof(agent_lock_t) == 44);
+
+constexpr std::size_t AGENT_USER_BYTES = 32; // with a NUL
+constexpr std::size_t AGENT_HOST_BYTES = 64; // likewise
+
+struct agent_held_lock_t {
+    agent_lock_t lock;            // an operator's has slot, pid and owner 0
+    char user[AGENT_USER_BYTES];  // of an operator; empty: a process has the lock
+    char host[AGENT_HOST_BYTES];  // where the operator has asked for it
+    char until[AGENT_TIME_BYTES]; // when an operator's ends by itself
+};
+static_assert(sizeof(agent_held_lock_t) == 164);
+static_assert(offsetof(agent_held_lock_t, user) == 44);
+static_assert(offsetof(agent_held_lock_t, host) == 76);
+static_assert(offsetof(agent_held_lock_t, until) == 140);
 
 // AGENT_OPC_GET_RESULTS: no body. The answer is a record for each module whose programming's end was told to
 // whoever listens, in order of the modules.
@@ -230,7 +248,8 @@ enum agent_outcome : std::uint32_t {
     AGENT_OUTCOME_FAILED = 3,         // another result than 0
 };
 
-// AGENT_OPC_GET_OUTCOME: no body. The answer is agent_outcome_t: what a result of 0 means, only the card itself knows.
+// AGENT_OPC_GET_OUTCOME: no body. The answer is agent_outcome_t: what a result of 0 means, only the card itself
+// knows.
 struct agent_outcome_t {
     be32 outcome; // of agent_outcome
     agent_result_t result;
@@ -306,6 +325,34 @@ struct agent_lock_answer_t {
                  // AGENT_ERR_REQUEST: the asker has not marked that it wants it
 };
 static_assert(sizeof(agent_lock_answer_t) == 16);
+
+// Locks of operators. They are asked for at the agent of the module's card, or at any agent when that card has
+// none. No process holds them: they last until they are given back or their time is over, also when the agent is
+// started again. While a module is locked for an operator no process gets its lock.
+
+constexpr std::uint32_t AGENT_LOCK_SECONDS_MAX = 7 * 24 * 60 * 60;
+
+// AGENT_OPC_OPERATOR_LOCK. The answer is an agent_held_lock_t; the same operator's lock begins anew.
+// AGENT_ERR_LOCK_HELD: a process or another operator has the lock; AGENT_ERR_PROGRAMMED; AGENT_ERR_LOCK_AGENT:
+// another agent serves it; AGENT_ERR_REQUEST: also for texts that are empty, not terminated or have other than
+// printable characters, or blanks.
+struct agent_operator_lock_req_t {
+    be32 node_id; // of the module, as its daemon's node
+    be32 seconds; // 1 to AGENT_LOCK_SECONDS_MAX
+    char user[AGENT_USER_BYTES];
+    char host[AGENT_HOST_BYTES];
+};
+static_assert(sizeof(agent_operator_lock_req_t) == 104);
+
+// AGENT_OPC_OPERATOR_UNLOCK. No answer but the status: AGENT_ERR_LOCK_FREE; AGENT_ERR_LOCK_HELD: a process has the
+// lock, or another operator and force is 0.
+struct agent_operator_unlock_req_t {
+    be32 node_id;
+    be32 force; // 1: also that of another operator
+    char user[AGENT_USER_BYTES];
+    char host[AGENT_HOST_BYTES];
+};
+static_assert(sizeof(agent_operator_unlock_req_t) == 104);
 
 // Files, in pieces. A delivery is AGENT_OPC_PUT_FILE, AGENT_OPC_PUT_PIECE for each piece, AGENT_OPC_PUT_END; a copy
 // is AGENT_OPC_GET_FLASH or AGENT_OPC_GET_FILE, AGENT_OPC_GET_PIECE for each piece, AGENT_OPC_GET_END. Pieces come

@@ -8,6 +8,7 @@
 #include "harmless_path.h"
 #include "hex_text.h"
 #include "pfm.h"
+#include "printable_text.h"
 #include "text_field.h"
 
 namespace
@@ -33,11 +34,6 @@ public:
 private:
     std::span<const std::uint8_t> rest_;
 };
-
-bool can_be_printed(char character)
-{
-    return character >= ' ' && character <= '~';
-}
 
 // Texts come from another card, and end on an operator's terminal.
 template<std::size_t SIZE>
@@ -71,13 +67,6 @@ card_flash flash_of(const agent_flash_t &told)
 
 } // namespace
 
-std::string printable_text(std::string_view text)
-{
-    std::string printable;
-    std::ranges::copy_if(text, std::back_inserter(printable), can_be_printed);
-    return printable;
-}
-
 std::optional<std::vector<chassis_module>> decode_modules(answer_payload payload)
 {
     record_reader records(payload);
@@ -100,7 +89,9 @@ std::optional<card_facts_told> decode_card(answer_payload payload)
     agent_card_t head{};
     if (!records.take(head))
         return std::nullopt;
-    card_facts_told card{.serves = head.serves.load() != 0, .serves_since = printable(head.serves_since)};
+    card_facts_told card{.serves = head.serves.load() != 0,
+                         .is_silent = head.serves.load() == 2,
+                         .serves_since = printable(head.serves_since)};
     for (agent_flash_t told{}; records.take(told);) {
         const bool is_next = card.flashes.empty() || told.instance.load() > card.flashes.back().instance;
         if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
@@ -121,8 +112,7 @@ std::optional<told_versions> decode_versions(answer_payload payload)
     if (const std::uint32_t instance = head.started_from.load(); instance < FLASH_INSTANCE_COUNT)
         versions.started_from = instance;
     for (agent_flash_version_t told{}; records.take(told);) {
-        const bool is_next =
-            versions.flashes.empty() || told.instance.load() > versions.flashes.back().instance;
+        const bool is_next = versions.flashes.empty() || told.instance.load() > versions.flashes.back().instance;
         if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
             return std::nullopt;
         const std::uint32_t state = told.state.load();
@@ -141,9 +131,11 @@ std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_paylo
 {
     record_reader records(payload);
     std::vector<chassis_module_lock_holder> locks;
-    for (agent_lock_t told{}; records.take(told);)
-        locks.push_back({static_cast<std::uint16_t>(told.node_id.load()), told.slot.load(), told.pid.load(),
-                         told.owner.load(), told.reason.load(), printable(told.since)});
+    for (agent_held_lock_t told{}; records.take(told);)
+        locks.push_back({static_cast<std::uint16_t>(told.lock.node_id.load()), told.lock.slot.load(),
+                         told.lock.pid.load(), told.lock.owner.load(), told.lock.reason.load(),
+                         printable(told.lock.since), printable(told.user), printable(told.host),
+                         printable(told.until)});
     return records.at_end() ? std::optional(locks) : std::nullopt;
 }
 
@@ -154,8 +146,8 @@ std::optional<std::vector<told_result>> decode_results(answer_payload payload)
     for (agent_result_t told{}; records.take(told);) {
         if (!is_slot(told.module.load()))
             return std::nullopt;
-        results.push_back({told.module.load(), told.result.load(), told.reported_by_slot.load(),
-                           printable(told.time)});
+        results.push_back(
+            {told.module.load(), told.result.load(), told.reported_by_slot.load(), printable(told.time)});
     }
     return records.at_end() ? std::optional(results) : std::nullopt;
 }
@@ -198,8 +190,8 @@ std::optional<told_flash_digest> decode_flash_digest(answer_payload payload)
     if (!records.take(record) || !records.at_end())
         return std::nullopt;
     told_flash_digest told{.rest_is_erased = record.rest_is_erased.load() != 0,
-                     .marked = (record.state.load() & AGENT_FLASH_MARKED) != 0,
-                     .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
+                           .marked = (record.state.load() & AGENT_FLASH_MARKED) != 0,
+                           .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
     std::copy(std::begin(record.sha256), std::end(record.sha256), told.digest.begin());
     return told;
 }
@@ -246,7 +238,7 @@ std::vector<flash_event> decode_events(std::string_view lines)
     std::vector<flash_event> events;
     for (std::size_t end = lines.find('\n'); end != std::string_view::npos; end = lines.find('\n')) {
         const std::string_view line = lines.substr(0, end);
-        auto event = std::ranges::all_of(line, can_be_printed) ? flash_event_parse(line) : std::nullopt;
+        auto event = std::ranges::all_of(line, is_printable) ? flash_event_parse(line) : std::nullopt;
         if (event)
             events.push_back(std::move(*event));
         lines.remove_prefix(end + 1);

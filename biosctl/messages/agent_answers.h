@@ -34,6 +34,7 @@ struct card_flash {
 
 struct card_facts_told {
     bool serves = false;           // its daemon's endpoint is bound
+    bool is_silent = false;        // likewise, and it has not looked for messages for long
     std::string serves_since = {}; // UTC, "2026-01-31T23:59:59Z"; empty: not known
     std::vector<card_flash> flashes = {};
 };
@@ -48,9 +49,9 @@ struct told_flash_version {
 
 // The versions of a card.
 struct told_versions {
-    bool serves = false;                      // its daemon's endpoint is bound
+    bool serves = false;                       // its daemon's endpoint is bound
     std::optional<unsigned> started_from = {}; // instance of the flash that it has booted from
-    std::string running = {};                 // that this flash held when the card booted; empty: not known
+    std::string running = {};                  // that this flash held when the card booted; empty: not known
     std::vector<told_flash_version> flashes = {};
 };
 
@@ -119,9 +120,6 @@ std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
 std::optional<std::vector<delivered_file>> decode_files(answer_payload payload);
 std::optional<begun_transfer> decode_transfer(answer_payload payload);
 std::optional<sha256_digest> decode_digest(answer_payload payload);
-
-// What of a text can be printed; the rest is left out.
-std::string printable_text(std::string_view text);
 
 // Lines that are no events, or hold what cannot be printed, are passed over.
 std::vector<flash_event> decode_events(std::string_view lines);

@@ -38,6 +38,7 @@ watched_card look_at(unsigned slot)
         return card;
     }
     card.serves = told->serves;
+    card.is_silent = told->is_silent;
     for (const card_flash &flash : told->flashes)
         card.flashes[flash.instance] = flash.activity;
     return card;

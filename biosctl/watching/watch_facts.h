@@ -15,9 +15,10 @@
 
 struct watched_card {
     unsigned slot = 0;
-    std::string role;      // "active", "standby" or "none"
-    bool confirmed = true; // its agent has said so; false: nothing is known of its flashes
-    bool serves = false;   // its daemon's endpoint is bound
+    std::string role;       // "active", "standby" or "none"
+    bool confirmed = true;  // its agent has said so; false: nothing is known of its flashes
+    bool serves = false;    // its daemon's endpoint is bound
+    bool is_silent = false; // its daemon has not looked for messages for long
     std::array<flash_activity, FLASH_INSTANCE_COUNT> flashes = {};
 };
 
@@ -26,7 +27,8 @@ struct noticed_result {
     std::uint32_t code = 0;
     std::string time;              // UTC
     unsigned reported_by_slot = 0; // whose daemon has sent the notice
-    agent_outcome outcome = AGENT_OUTCOME_NONE; // what a code of 0 means, as the programmed card says; NONE: not known
+    agent_outcome outcome =
+        AGENT_OUTCOME_NONE; // what a code of 0 means, as the programmed card says; NONE: not known
 
     bool operator==(const noticed_result &) const = default;
 };

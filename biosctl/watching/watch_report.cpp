@@ -21,7 +21,8 @@ constexpr wording WORDINGS[] = {wording::full, wording::usual, wording::compact,
 constexpr const char *NOT_VERIFIED = "not verified: do not reboot";
 constexpr const char *NOT_VERIFIED_ADVICE = " the card; program it again: biosctl program SLOT";
 constexpr const char *LOCKS_REMARK = "the module locks could not be read: what is locked is not known";
-constexpr const char *RESULTS_REMARK = "the last results could not be read: how programmings have ended is not known";
+constexpr const char *RESULTS_REMARK =
+    "the last results could not be read: how programmings have ended is not known";
 
 const char *flash_name(unsigned instance)
 {
@@ -48,6 +49,7 @@ text_meaning meaning_of(watch_state state)
         return text_meaning::to_do;
     case watch_state::not_verified:
     case watch_state::no_daemon:
+    case watch_state::daemon_silent:
     case watch_state::unconfirmed:
         return text_meaning::wrong;
     default:
@@ -74,7 +76,7 @@ std::string progress_cell(const watch_row &row, wording words)
         return row.state == watch_state::being_programmed ? "no flash work" : "";
     const watched_progress &progress = *row.progress;
     const bool brief = words >= wording::compact;
-    std::string text = std::to_string(progress.percent) + "% " + phase_text(progress.phase);
+    std::string text = std::to_string(progress.percent) + "% " + work_text(progress.phase, progress.percent);
     if (!brief && row.state == watch_state::not_verified)
         text = "stopped at " + text;
     if (progress.attempt > 0)
@@ -102,11 +104,15 @@ std::string lock_cell(const watch_snapshot &snapshot, const watch_row &row, word
         return {};
     if (row.lock->since.empty())
         return "being taken";
-    const std::string who = row.lock->slot == 0 ? "a tool" : slot_text(row.lock->slot);
+    const bool is_a_process = row.lock->locked_for.empty();
+    const std::string who = !is_a_process         ? row.lock->locked_for
+                            : row.lock->slot == 0 ? "a tool"
+                                                  : slot_text(row.lock->slot);
     const std::string since = time_cell(row.lock->since, snapshot.time, words);
     if (words >= wording::compact)
         return who + " " + since;
-    return who + (words == wording::full ? ", " + reason_text(row.lock->reason) + "," : "") + " since " + since;
+    return who + (words == wording::full && is_a_process ? ", " + reason_text(row.lock->reason) + "," : "") +
+           " since " + since;
 }
 
 constexpr const char *ENDED_WITHOUT_RESULT = "ended without a result";
@@ -227,7 +233,11 @@ nlohmann::ordered_json progress_json(const watched_progress &progress)
 
 nlohmann::ordered_json lock_json(const watched_lock &lock)
 {
-    return {{"slot", lock.slot}, {"pid", lock.pid}, {"reason", code_text(lock.reason)}, {"since", lock.since}};
+    nlohmann::ordered_json object = {
+        {"slot", lock.slot}, {"pid", lock.pid}, {"reason", code_text(lock.reason)}, {"since", lock.since}};
+    if (!lock.locked_for.empty())
+        object["locked_for"] = lock.locked_for;
+    return object;
 }
 
 nlohmann::ordered_json result_json(const noticed_result &result)

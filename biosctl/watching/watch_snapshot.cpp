@@ -9,8 +9,9 @@
 namespace
 {
 
-constexpr const char *STATE_NAMES[] = {
-    "being programmed", "not verified", "programming another module", "no daemon", "unconfirmed", "locked", "idle"};
+constexpr const char *STATE_NAMES[] = {"being programmed", "not verified",  "programming another module",
+                                       "no daemon",        "daemon silent", "unconfirmed",
+                                       "locked",           "idle"};
 
 unsigned module_of(const chassis_module_lock_holder &lock)
 {
@@ -89,6 +90,8 @@ watch_state state_of(const watch_facts &facts, const watched_card &card, const w
         return watch_state::programs_another;
     if (!row.serves)
         return watch_state::no_daemon;
+    if (card.is_silent)
+        return watch_state::daemon_silent;
     if (!card.confirmed)
         return watch_state::unconfirmed;
     return row.lock ? watch_state::locked : watch_state::idle;
@@ -103,7 +106,8 @@ watch_row row_of(const watch_facts &facts, const watched_card &card)
             row.marked_flashes.push_back(instance);
     }
     if (const auto *lock = lock_of(facts, card.slot); lock != nullptr)
-        row.lock = watched_lock{lock->slot, lock->pid, lock->reason, lock->since};
+        row.lock = watched_lock{lock->slot, lock->pid, lock->reason, lock->since,
+                                lock->user.empty() ? "" : lock->user + "@" + lock->host};
     if (const auto result = facts.results.find(card.slot); result != facts.results.end())
         row.result = result->second;
     row.state = state_of(facts, card, row);
@@ -120,7 +124,8 @@ const char *watch_state_name(watch_state state)
 
 watch_snapshot make_snapshot(const watch_facts &facts)
 {
-    watch_snapshot snapshot{.time = facts.now, .locks_readable = facts.locks_readable, .results_readable = facts.results_readable};
+    watch_snapshot snapshot{
+        .time = facts.now, .locks_readable = facts.locks_readable, .results_readable = facts.results_readable};
     for (const watched_card &card : facts.cards)
         snapshot.rows.push_back(row_of(facts, card));
     return snapshot;
@@ -128,7 +133,8 @@ watch_snapshot make_snapshot(const watch_facts &facts)
 
 watch_snapshot changed_rows(const watch_snapshot &before, const watch_snapshot &now)
 {
-    watch_snapshot changed{.time = now.time, .locks_readable = now.locks_readable, .results_readable = now.results_readable};
+    watch_snapshot changed{
+        .time = now.time, .locks_readable = now.locks_readable, .results_readable = now.results_readable};
     for (const watch_row &row : now.rows) {
         if (std::find(before.rows.begin(), before.rows.end(), row) == before.rows.end())
             changed.rows.push_back(row);

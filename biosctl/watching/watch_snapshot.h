@@ -15,6 +15,7 @@ enum class watch_state {
     not_verified,     // a flash was begun to be programmed and nobody goes on: it may be half old and half new
     programs_another, // its daemon holds the lock of another module for a programming
     no_daemon,        // nobody serves there
+    daemon_silent,    // its daemon was stopped, hangs, or does something for very long
     unconfirmed,      // its agent does not answer: nothing is known of its flashes
     locked,           // its lock is held for something else
     idle,
@@ -36,7 +37,8 @@ struct watched_lock {
     unsigned slot = 0; // of the holder; 0: a tool
     unsigned pid = 0;  // as the holder sees itself
     std::uint32_t reason = 0;
-    std::string since; // empty: the holder has not told anything yet
+    std::string since;           // empty: the holder has not told anything yet
+    std::string locked_for = {}; // "USER@HOST" of an operator; empty: a process has it
 
     bool operator==(const watched_lock &) const = default;
 };

@@ -12,5 +12,10 @@ struct chassis_module_lock_holder {
     std::uint32_t reason; // reason code of the request
     std::string since;    // UTC, "2026-01-31T23:59:59Z"
 
+    // Of an operator; no process holds the lock then, and slot, pid and owner are 0.
+    std::string user = {};
+    std::string host = {};
+    std::string until = {}; // UTC; when it ends by itself
+
     bool operator==(const chassis_module_lock_holder &) const = default;
 };

@@ -13,6 +13,15 @@ inline agent_lock_t message_of(const chassis_module_lock_holder &holder)
     return lock;
 }
 
+inline agent_held_lock_t held_message_of(const chassis_module_lock_holder &holder)
+{
+    agent_held_lock_t held{.lock = message_of(holder), .user = {}, .host = {}, .until = {}};
+    store_text(held.user, holder.user.c_str());
+    store_text(held.host, holder.host.c_str());
+    store_text(held.until, holder.until.c_str());
+    return held;
+}
+
 inline chassis_module_lock_holder holder_of(const agent_lock_t &lock)
 {
     return {static_cast<std::uint16_t>(lock.node_id.load()),

@@ -9,6 +9,7 @@
 #include "bios_opcodes.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
+#include "daemon_pulse.h"
 #include "monotonic_clock.h"
 #include "mts_tools.h"
 #include "programming_child.h"
@@ -117,6 +118,8 @@ void mts_endpoint_unbind(std::int32_t handle)
 mts_held_message mts_endpoint_receive(mts_endpoint &endpoint, mts_wanted wanted, std::int64_t now,
                                       std::int64_t deadline)
 {
+    if (endpoint.address().sap == BIOS_DAEMON_SAP)
+        note_daemon_pulse();
     unsigned late = 0;
     for (;;) {
         auto message = card_datagram_driver->receive(endpoint.port, deadline - now);

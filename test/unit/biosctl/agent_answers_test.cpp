@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "agent_answers.h"
+#include "printable_text.h"
 #include "wire_bytes.h"
 
 using namespace wire;
@@ -10,8 +11,9 @@ namespace
 {
 
 const bytes TWO_MODULES = words({2, 2}) + words({1, 1, 90, 1}) + words({232, 2, 106, 0});
-const bytes ONE_FLASH = words({2, 90, 17, 1, 1, 1, 1}) + text_field("2026-01-31T10:00:00Z", 24) + words({0, 65536, 4096, 7, 2, 43, 1, 17}) +
-                        text_field("2026-01-31T11:00:00Z", 24) + words({0, 5, 1, 2, 0, 300});
+const bytes ONE_FLASH = words({2, 90, 17, 1, 1, 1, 1}) + text_field("2026-01-31T10:00:00Z", 24) +
+                        words({0, 65536, 4096, 7, 2, 43, 1, 17}) + text_field("2026-01-31T11:00:00Z", 24) +
+                        words({0, 5, 1, 2, 0, 300});
 
 } // namespace
 
@@ -45,8 +47,7 @@ TEST(AgentAnswers, CardTellsOfItsFlashes)
     EXPECT_EQ(flash.size_bytes, 65536U);
     EXPECT_EQ(flash.sector_bytes, 4096U);
     EXPECT_TRUE(flash.activity.marked && flash.activity.has_writer);
-    EXPECT_EQ(flash.activity.last,
-              (flash_progress_line{BIOS_PHASE_WRITE, 43, 1, 17, "2026-01-31T11:00:00Z"}));
+    EXPECT_EQ(flash.activity.last, (flash_progress_line{BIOS_PHASE_WRITE, 43, 1, 17, "2026-01-31T11:00:00Z"}));
     EXPECT_EQ(flash.erases, 5U);
     EXPECT_EQ(flash.log, (flash_event_log_state{(1ULL << 32) + 2, 300}));
 }
@@ -97,12 +98,19 @@ TEST(AgentAnswers, VersionsThatAreNotWholeAreNone)
     EXPECT_FALSE(decode_versions(wrong));
 }
 
-TEST(AgentAnswers, TextsThatCannotBePrintedAreCut)
+TEST(AgentAnswers, TextsHaveOnlyWhatCanBePrinted)
 {
-    EXPECT_EQ(printable_text("v3\x1b[31m.5\n\x9b\x7f!"), "v3[31m.5!");
-    const auto locks = decode_locks(words({0x101, 1, 9, 129, 0x4071000a}) + text_field("2026\x1b]0;x", 24));
+    EXPECT_EQ(printable_text("v3\x1b[31m.5\n\x9b\x7f!"), "v3?[31m.5?"
+                                                         "?"
+                                                         "?!");
+    const auto locks =
+        decode_locks(words({0x101, 1, 9, 129, 0x4071000a}) + text_field("2026\x1b]0;x", 24) +
+                     text_field("ann\x1b[2J", 32) + text_field("far\x9b", 64) + text_field("2027", 24));
     ASSERT_TRUE(locks && locks->size() == 1);
-    EXPECT_EQ(locks->front().since, "2026]0;x");
+    EXPECT_EQ(locks->front().since, "2026?]0;x");
+    EXPECT_EQ(locks->front().user, "ann?[2J");
+    EXPECT_EQ(locks->front().host, "far?");
+    EXPECT_EQ(locks->front().until, "2027");
     EXPECT_EQ(locks->front().node_id, 0x101);
     EXPECT_EQ(locks->front().reason, 0x4071000aU);
     const std::string line =

@@ -177,6 +177,22 @@ TEST(WatchSnapshot, AFinishedProgrammingLeavesNoProgress)
     EXPECT_EQ(row_of(facts, 27).progress, std::nullopt);
 }
 
+TEST(WatchSnapshot, OperatorsLockNamesTheOperator)
+{
+    watch_facts facts = idle_facts();
+    facts.locks = {{.node_id = NODE_5,
+                    .slot = 0,
+                    .pid = 0,
+                    .owner = 0,
+                    .reason = BIOS_LOCK_FOR_PEER,
+                    .since = "2026-01-31T12:00:00Z",
+                    .user = "ann",
+                    .host = "far",
+                    .until = "2026-01-31T13:00:00Z"}};
+    EXPECT_EQ(row_of(facts, 5).state, watch_state::locked);
+    EXPECT_EQ(row_of(facts, 5).lock->locked_for, "ann@far");
+}
+
 TEST(WatchSnapshot, LocksForOtherReasons)
 {
     watch_facts facts = idle_facts();
@@ -187,6 +203,9 @@ TEST(WatchSnapshot, LocksForOtherReasons)
     facts.cards[0].serves = false;
     EXPECT_EQ(row_of(facts, 5).state, watch_state::no_daemon);
     EXPECT_TRUE(row_of(facts, 5).lock);
+    facts.cards[0].serves = true;
+    facts.cards[0].is_silent = true;
+    EXPECT_EQ(row_of(facts, 5).state, watch_state::daemon_silent);
     facts.locks = {lock(NODE_28, 0, 0, "")};
     EXPECT_EQ(row_of(facts, 28).state, watch_state::locked) << "its record is being written";
 }
