@@ -16,6 +16,7 @@
 #include "image_facts.h"
 #include "module_locks.h"
 #include "mts_tools.h"
+#include "operator_locks.h"
 #include "programming_results.h"
 #include "version_facts.h"
 #include "worker.h"
@@ -54,6 +55,8 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_EVENTS, [](request_body body) { return with_record(body, events_answer); }},
     {AGENT_OPC_GET_TOTALS, [](request_body body) { return with_record(body, totals_answer); }},
     {AGENT_OPC_GET_LOCKS, [](request_body body) { return without_body(body, locks_answer); }},
+    {AGENT_OPC_OPERATOR_LOCK, [](request_body body) { return with_record(body, operator_lock_answer); }},
+    {AGENT_OPC_OPERATOR_UNLOCK, [](request_body body) { return with_record(body, operator_unlock_answer); }},
     {AGENT_OPC_GET_RESULTS, [](request_body body) { return without_body(body, results_answer); }},
     {AGENT_OPC_GET_IMAGE, [](request_body body) { return with_record(body, image_answer); }, true},
     {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},

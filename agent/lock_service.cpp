@@ -217,9 +217,8 @@ void lock_service::begin(mts_address_t from, std::uint64_t id, bool wants_lock,
 // What is still on its way for an earlier process of this card must not take the lock away from the next one.
 void lock_service::finish_releases(std::uint16_t node_id)
 {
-    while (const auto asked = take_first(requests_, [&](const request &one) {
-               return one.holder.node_id == node_id && !one.wants_lock;
-           }))
+    while (const auto asked = take_first(
+               requests_, [&](const request &one) { return one.holder.node_id == node_id && !one.wants_lock; }))
         answer(asked->from, asked->id, node_id, AGENT_ERR_LOCK_FREE);
 }
 
@@ -275,6 +274,8 @@ void lock_service::serve(mts_address_t from, std::uint64_t id, bool wants_lock,
         return begin_check(from, id, wants_lock, holder);
     if (is_granted && id < found->second.id)
         return; // overtaken on its way
+    if (wants_lock && !is_granted && around_.is_held_off(node_id))
+        return answer(from, id, node_id, AGENT_ERR_LOCK_HELD);
     if (wants_lock) {
         grant(from.node, id, holder);
         answer(from, id, node_id, AGENT_OK);

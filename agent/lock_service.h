@@ -41,6 +41,7 @@ struct lock_surroundings {
     std::function<bool(std::uint16_t node_id)> is_wanted;               // a process of this card has the byte
     std::function<void(const chassis_module_lock_holder &)> remember;   // keeps the record of a lock of this card
     std::function<void(std::uint16_t node_id)> forget;                  // removes it
+    std::function<bool(std::uint16_t node_id)> is_held_off;             // no process gets the lock now
     std::function<void(const granted_locks &)> keep;                    // for the agent that comes after this one
 };
 

@@ -1,5 +1,7 @@
 #include "module_locks.h"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <set>
 
@@ -11,6 +13,7 @@
 #include "module_lock_record.h"
 #include "monotonic_clock.h"
 #include "mts_tools.h"
+#include "operator_locks.h"
 
 namespace
 {
@@ -64,6 +67,7 @@ void start_module_locks(std::int32_t handle)
         .is_wanted = [](std::uint16_t node_id) { return file.is_others(node_id); },
         .remember = [](const chassis_module_lock_holder &holder) { (void)module_lock_record_write(holder); },
         .forget = module_lock_record_remove,
+        .is_held_off = is_locked_for_operator,
         .keep = [](const granted_locks &granted) { (void)store_granted_locks(granted); },
     };
     own_service() = std::make_unique<lock_service>(around, load_granted_locks(), held_here(file));
@@ -74,12 +78,20 @@ lock_service *module_locks()
     return own_service().get();
 }
 
+bool is_module_lock_served_here(std::uint16_t node_id)
+{
+    const std::uint32_t node = node_of_module(node_id);
+    return node == 0 || node == mts_node_of_slot(chassis_own_slot()) || !mts_is_bound(node, AGENT_SAP);
+}
+
 answer locks_answer()
 {
+    std::vector<chassis_module_lock_holder> held = operator_locks();
+    if (const lock_service *service = module_locks(); service != nullptr)
+        std::ranges::copy(service->holders(), std::back_inserter(held));
+    std::ranges::stable_sort(held, {}, &chassis_module_lock_holder::node_id);
     answer locks;
-    if (const lock_service *service = module_locks(); service != nullptr) {
-        for (const chassis_module_lock_holder &holder : service->holders())
-            locks.add(message_of(holder));
-    }
+    for (const chassis_module_lock_holder &holder : held)
+        locks.add(held_message_of(holder));
     return locks;
 }

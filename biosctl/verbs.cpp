@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent_messages.h"
 #include "argument_kinds.h"
 #include "events.h"
 #include "explain.h"
@@ -211,25 +212,32 @@ verb_run add_loader(CLI::App &command)
     };
 }
 
-verb_run add_locking(CLI::App &command, bios_module_lock_operation operation)
+void add_locked_module(CLI::App &command, unsigned &module)
 {
-    const auto options = std::make_shared<lock_options>(lock_options{.operation = operation, .via = {}});
-    command.add_option("MODULE", options->module, "Module (slot) number")
+    command.add_option("MODULE", module, "Module (slot) number")
         ->required()
         ->transform(decimal(1, PFM_MODULE_COUNT))
         ->type_name("TEXT");
-    add_via(command, options->via);
-    return [options](bool) { return run_lock(*options); };
 }
 
 verb_run add_lock(CLI::App &command)
 {
-    return add_locking(command, BIOS_MODULE_LOCK_TAKE);
+    const auto options = std::make_shared<lock_options>();
+    add_locked_module(command, options->module);
+    command
+        .add_option("--timeout", options->timeout_s,
+                    "Seconds after which the lock ends by itself (default " + std::to_string(LOCK_TIMEOUT_S) + ")")
+        ->transform(decimal(1, AGENT_LOCK_SECONDS_MAX))
+        ->type_name("SECONDS");
+    return [options](bool) { return run_lock(*options); };
 }
 
 verb_run add_unlock(CLI::App &command)
 {
-    return add_locking(command, BIOS_MODULE_LOCK_RELEASE);
+    const auto options = std::make_shared<unlock_options>();
+    add_locked_module(command, options->module);
+    command.add_flag("--force", options->force, "Also the lock of a programming or of another operator");
+    return [options](bool) { return run_unlock(*options); };
 }
 
 verb_run add_explain(CLI::App &command)
@@ -276,14 +284,8 @@ constexpr verb VERBS[] = {
      .help = "Install a supervisor's boot loader, or fetch its files",
      .in_chassis = true,
      .add = add_loader},
-    {.name = "lock",
-     .help = "Have the daemon take a module's lock",
-     .in_chassis = true,
-     .add = add_lock},
-    {.name = "unlock",
-     .help = "Have the daemon free a module's lock",
-     .in_chassis = true,
-     .add = add_unlock},
+    {.name = "lock", .help = "Lock a module: nobody can have it programmed", .in_chassis = true, .add = add_lock},
+    {.name = "unlock", .help = "Free a module's lock", .in_chassis = true, .add = add_unlock},
     {.name = "explain",
      .help = "Tell what a result code means and what to do",
      .in_chassis = false,

@@ -15,7 +15,7 @@ std::string reason_text(std::uint32_t reason)
     if (reason == BIOS_ERR_BUSY)
         return "for a programming";
     if (reason == BIOS_LOCK_FOR_PEER)
-        return "on request of a peer or an operator";
+        return "on request of a peer";
     return "for reason " + code_text(reason);
 }
 
@@ -50,6 +50,8 @@ std::string holder_text(const chassis_module_lock_holder &holder)
 {
     if (holder.since.empty())
         return "held by a process that has not told who it is yet";
+    if (!holder.user.empty())
+        return "held for " + holder.user + "@" + holder.host + " since " + holder.since + " until " + holder.until;
     const std::string who = holder.slot == 0 ? "a tool" : slot_text(holder.slot);
     return "held by " + who + ", process " + std::to_string(holder.pid) + ", since " + holder.since + ", " +
            reason_text(holder.reason);
@@ -76,5 +78,18 @@ programming_locks programming_of(std::span<const chassis_module_lock_holder> hol
 programming_locks find_programming()
 {
     const auto holders = ask_for_locks();
-    return holders ? programming_of(*holders) : programming_locks{.readable = false};
+    if (!holders)
+        return {.readable = false};
+    programming_locks programming = programming_of(*holders);
+    for (const chassis_module &module : ask_for_modules().value_or(std::vector<chassis_module>{})) {
+        const std::uint32_t node = daemon_node(module.slot, is_supervisor_kind(module.kind));
+        const auto card = ask_for_card(node);
+        if (!card ||
+            std::ranges::none_of(card->flashes, [](const card_flash &flash) { return flash.activity.has_writer; }))
+            continue;
+        programming.any = true;
+        if (!programming.has(node))
+            programming.programmed.push_back(node);
+    }
+    return programming;
 }

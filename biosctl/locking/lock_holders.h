@@ -15,8 +15,8 @@ std::optional<chassis_module_lock_holder> find_lock_holder(std::uint32_t node);
 // "held by slot 27, process 41, since 2024-05-01T10:00:00Z, for a programming".
 std::string holder_text(const chassis_module_lock_holder &holder);
 
-// What the module locks tell about programming. A card that programs its own flash on a peer's behalf, or that was
-// asked directly while it is on standby, takes no lock and is not in here.
+// What is programmed: the cards' agents tell of whoever changes a flash, with or without a module lock, and a lock
+// that was taken for a programming tells that one begins.
 struct programming_locks {
     bool readable = true;                       // false: nothing is known
     bool any = false;                           // a programming runs in the chassis, or may be beginning
@@ -26,6 +26,6 @@ struct programming_locks {
 };
 programming_locks find_programming();
 
-// The same from holders; a pure function of them. The supervisor that programs another module holds its own
+// What the holders alone tell; a pure function of them. The supervisor that programs another module holds its own
 // module's lock as well, and is not being programmed.
 programming_locks programming_of(std::span<const chassis_module_lock_holder> holders);

@@ -9,8 +9,11 @@
 #include "agent_answers.h"
 #include "agent_messages.h"
 #include "client.h"
+#include "daemon_node.h"
 #include "monotonic_clock.h"
 #include "mts_tools.h"
+#include "printable_text.h"
+#include "sysmgr.h"
 #include "text_field.h"
 
 namespace
@@ -101,6 +104,23 @@ std::optional<bytes> ask_any(std::uint32_t opcode)
     }
     last_answered.reset();
     return std::nullopt;
+}
+
+// The lock of a module whose card has no agent is asked for at the active supervisor's by whoever programs.
+std::optional<request_answer> ask_lock_server(std::uint32_t node, std::uint32_t opcode,
+                                              std::span<const std::uint8_t> body)
+{
+    std::uint32_t server = node;
+    if (!mts_is_bound(node, AGENT_SAP)) {
+        const auto modules = ask_for_modules().value_or(std::vector<chassis_module>{});
+        const auto active =
+            std::ranges::find(modules, std::uint32_t{SYSMGR_SUP_STATE_ACTIVE}, &chassis_module::sup_state);
+        if (active == modules.end())
+            return std::nullopt;
+        server = daemon_node(active->slot, true);
+    }
+    request_answer answer = ask_agent(server, opcode, body);
+    return answer.answered ? std::optional(std::move(answer)) : std::nullopt;
 }
 
 std::string_view text_of(const bytes &payload)
@@ -223,6 +243,29 @@ std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks()
     if (locks)
         std::ranges::sort(*locks, {}, &chassis_module_lock_holder::node_id);
     return locks;
+}
+
+operator_lock_reply ask_for_operator_lock(std::uint32_t node, const lock_operator &who, std::uint32_t seconds)
+{
+    agent_operator_lock_req_t body{be32::of(node), be32::of(seconds), {}, {}};
+    store_text(body.user, who.user.c_str(), sizeof body.user - 1);
+    store_text(body.host, who.host.c_str(), sizeof body.host - 1);
+    const auto answer = ask_lock_server(node, AGENT_OPC_OPERATOR_LOCK, bytes_of(body));
+    if (!answer)
+        return {};
+    operator_lock_reply reply{.status = answer->status};
+    if (const auto locks = decode_locks(answer->payload); locks && locks->size() == 1)
+        reply.lock = locks->front();
+    return reply;
+}
+
+operator_lock_reply ask_for_operator_unlock(std::uint32_t node, const lock_operator &who, bool force)
+{
+    agent_operator_unlock_req_t body{be32::of(node), be32::of(force ? 1 : 0), {}, {}};
+    store_text(body.user, who.user.c_str(), sizeof body.user - 1);
+    store_text(body.host, who.host.c_str(), sizeof body.host - 1);
+    const auto answer = ask_lock_server(node, AGENT_OPC_OPERATOR_UNLOCK, bytes_of(body));
+    return {.status = answer ? std::optional(answer->status) : std::nullopt};
 }
 
 std::optional<std::vector<told_result>> ask_for_results()

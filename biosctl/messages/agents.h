@@ -69,5 +69,18 @@ flash_digest_reply ask_for_digest(std::uint32_t node, unsigned instance, std::ui
 // answers.
 std::optional<std::vector<chassis_module_lock_holder>> ask_for_locks();
 
+// Locks a module for an operator, or frees it again, at the agent that serves its lock; node is that of the
+// module's daemon. The status of the agent's answer; none: no agent has answered.
+struct lock_operator {
+    std::string user;
+    std::string host;
+};
+struct operator_lock_reply {
+    std::optional<std::uint32_t> status = {};
+    std::optional<chassis_module_lock_holder> lock = {}; // with AGENT_OK of a lock
+};
+operator_lock_reply ask_for_operator_lock(std::uint32_t node, const lock_operator &who, std::uint32_t seconds);
+operator_lock_reply ask_for_operator_unlock(std::uint32_t node, const lock_operator &who, bool force);
+
 // How the last programming of each module has ended, in order of the modules; none when no agent answers.
 std::optional<std::vector<told_result>> ask_for_results();

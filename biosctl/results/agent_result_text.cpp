@@ -14,6 +14,10 @@ std::string agent_status_text(std::uint32_t status)
         return "it cannot be read on the card";
     case AGENT_ERR_BUSY:
         return "the agent has too much to do at once";
+    case AGENT_ERR_NO_SPACE:
+        return "no space left on the card's disk";
+    case AGENT_ERR_LOCK_AGENT:
+        return "another card's agent serves this lock";
     case AGENT_ERR_IMAGE_CARD:
         return "no BIOS is known for this type of card";
     case AGENT_ERR_IMAGE_URI:
@@ -27,9 +31,9 @@ std::string agent_status_text(std::uint32_t status)
     case AGENT_ERR_IMAGE_CUT:
         return "the image is cut short or damaged";
     case AGENT_ERR_IMAGE_SIZE:
-        return "the image is too large for any flash";
+        return "the image is larger than the flash";
     case AGENT_ERR_IMAGE_SPACE:
-        return "the card has no space to unpack the image";
+        return "no space left on the card to unpack the image";
     case AGENT_ERR_NOT_SIGNED:
         return "the image is not signed";
     case AGENT_ERR_KEY_UNKNOWN:

@@ -124,7 +124,8 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .exit = EXIT_BUSY},
     {.code = BIOS_LOCK_FOR_PEER,
      .name = "locked_for_peer",
-     .meaning = "reason of a module lock that was taken on request of a peer or of biosctl lock; no result",
+     .meaning =
+         "reason of a module lock that was taken on request of a peer or for an operator (biosctl lock); no result",
      .flash = NOT_CONCERNED,
      .next = {"free the lock when it is needed no more (biosctl unlock MODULE)"},
      .exit = EXIT_FAILED},

@@ -1,5 +1,5 @@
-// What biosctl shows of the versions of real cards, and that it is so: in every state of a flash, and without being in
-// the way of a programming.
+// What biosctl shows of the versions of real cards, and that it is so: in every state of a flash, and without being
+// in the way of a programming.
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -13,6 +13,7 @@ namespace
 
 constexpr int DONE = 0;
 constexpr int FAILED = 1;
+constexpr int BUSY = 4;
 constexpr unsigned FLASH_KIB = 512; // takes a few seconds with the time of a real part
 
 using json = nlohmann::json;
@@ -64,15 +65,23 @@ TEST_F(BiosctlVersions, ShowAndSyncLeaveAnImageThatAnOperatorHasPutReady)
 
 TEST_F(BiosctlVersions, WhileAFlashIsWrittenItHasNoVersionAlsoWithoutALock)
 {
-    insert({.slot = 1, .in_flash = &image("1.2", FLASH_KIB), .in_tree = &image("2.5", FLASH_KIB), .flash_kib = FLASH_KIB,
+    insert({.slot = 1,
+            .in_flash = &image("1.2", FLASH_KIB),
+            .in_tree = &image("2.5", FLASH_KIB),
+            .flash_kib = FLASH_KIB,
             .sector_kib = 64});
-    insert({.slot = 2, .role = "standby", .in_flash = &image("1.2", FLASH_KIB), .in_tree = &image("2.5", FLASH_KIB),
-            .flash_kib = FLASH_KIB, .sector_kib = 64});
+    insert({.slot = 2,
+            .role = "standby",
+            .in_flash = &image("1.2", FLASH_KIB),
+            .in_tree = &image("2.5", FLASH_KIB),
+            .flash_kib = FLASH_KIB,
+            .sector_kib = 64});
     up();
     write_file(flash_file(2, "timing"), "1\n");
     std::filesystem::copy_file(image("2.5", FLASH_KIB).path, on_bootflash(2, ".tmpbios.bin"));
     running_program direct(biosctl_words({"program", "2", "--via", "2"}));
     ASSERT_TRUE(wait_until([&] { return flash(2).value("verdict", "") == "being programmed"; }));
+    EXPECT_EQ(biosctl({"sync", "--dry-run"}).exit_code, BUSY);
     unsigned looks = 0;
     for (json seen = flash(2); seen.value("verdict", "") == "being programmed"; seen = flash(2), ++looks)
         EXPECT_TRUE(seen["flash"].is_null()) << seen;

@@ -86,7 +86,7 @@ public:
     void take_request(fuzz_input &input)
     {
         const mts_address_t from = sender_of(input.byte());
-        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 60U; // up to 4868
+        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 64U; // up to 4872
         const auto body = input.bytes(input.word());
         const auto given = is_about_files(opcode)
                                ? std::optional(answer_about_files(*transfers_, from, opcode, body))
@@ -161,6 +161,7 @@ private:
                 .is_wanted = [this](std::uint16_t) { return processes_[0] != 0; },
                 .remember = [](const chassis_module_lock_holder &) {},
                 .forget = [](std::uint16_t) {},
+                .is_held_off = [](std::uint16_t node_id) { return node_id % 2 != 0; },
                 .keep = [this](const granted_locks &granted) { kept_ = granted; }};
     }
 

@@ -1,14 +1,17 @@
 // What an agent answers, byte by byte, out of what is known of its card.
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "agent_requests.h"
-#include "bios_opcodes.h"
 #include "bios_header.h"
+#include "bios_opcodes.h"
 #include "endpoints.h"
 #include "flash_event_log.h"
 #include "flash_fixture.h"
 #include "flash_progress_file.h"
 #include "mts_tools.h"
+#include "operator_locks.h"
 #include "utc_time.h"
 #include "wire_bytes.h"
 
@@ -190,9 +193,107 @@ TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
     }
 }
 
+namespace
+{
+
+bytes operator_lock(std::uint32_t node_id, std::uint32_t number, const std::string &user = "ann",
+                    const std::string &host = "far.away")
+{
+    return words({node_id, number}) + text_field(user, 32) + text_field(host, 64);
+}
+
+} // namespace
+
+TEST_F(AgentRequests, LockOfAnOperatorIsKeptAndShown)
+{
+    std::filesystem::create_directories(dir + "/slots/3");
+    const std::int64_t before = std::time(nullptr);
+    const bytes told = answered(4870, operator_lock(0x302, 60));
+    const std::int64_t after = std::time(nullptr);
+    ASSERT_EQ(told.size(), 164U);
+    const bytes head = words({0x302, 0, 0, 0, 0x4071000b});
+    EXPECT_EQ(bytes(told.begin(), told.begin() + 20), head);
+    EXPECT_EQ(bytes(told.begin() + 44, told.begin() + 140), text_field("ann", 32) + text_field("far.away", 64));
+    const std::string since(told.begin() + 20, told.begin() + 40);
+    const std::string until(told.begin() + 140, told.begin() + 160);
+    EXPECT_TRUE(since >= utc_seconds(before) && since <= utc_seconds(after)) << since;
+    EXPECT_TRUE(until >= utc_seconds(before + 60) && until <= utc_seconds(after + 60)) << until;
+    EXPECT_EQ(answered(4815), told);
+
+    EXPECT_EQ(status_of(4870, operator_lock(0x302, 60, "bob")), 0x40720004U);
+    EXPECT_EQ(status_of(4870, operator_lock(0x302, 60, "ann", "near")), 0x40720004U);
+    const bytes longer = answered(4870, operator_lock(0x302, 600));
+    EXPECT_EQ(bytes(longer.begin(), longer.begin() + 140), bytes(told.begin(), told.begin() + 140));
+    EXPECT_EQ(answered(4815), longer);
+
+    EXPECT_EQ(status_of(4871, operator_lock(0x302, 0, "bob")), 0x40720004U);
+    EXPECT_EQ(status_of(4871, operator_lock(0x303, 0)), 0x40720005U);
+    EXPECT_EQ(answered(4871, operator_lock(0x302, 0)), bytes());
+    EXPECT_EQ(status_of(4871, operator_lock(0x302, 0)), 0x40720005U);
+    EXPECT_EQ(answered(4815), bytes());
+
+    (void)answered(4870, operator_lock(0x302, 60));
+    EXPECT_EQ(answered(4871, operator_lock(0x302, 1, "bob")), bytes()) << "by force";
+}
+
+TEST_F(AgentRequests, LockOfAnOperatorIsRefusedWhileTheFlashIsChanged)
+{
+    create_flash();
+    EXPECT_EQ(answered(4870, operator_lock(0x302, 60)).size(), 164U);
+    const auto writer = flash_device::open(0, flash_access::write);
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(status_of(4870, operator_lock(0x302, 60)), 0x40720008U);
+}
+
+TEST_F(AgentRequests, LockOfAnOperatorHasASoundNameAndTime)
+{
+    std::filesystem::create_directories(dir + "/slots/3");
+    const std::string longest_user(31, 'u');
+    const std::string longest_host(63, 'h');
+    EXPECT_EQ(answered(4870, operator_lock(0x302, 604'800, longest_user, longest_host)).size(), 164U);
+    (void)answered(4871, operator_lock(0x302, 1));
+    for (const std::uint32_t seconds : {0U, 604'801U, 0xffffffffU})
+        EXPECT_EQ(status_of(4870, operator_lock(0x302, seconds)), 0x40720001U) << seconds;
+    for (const std::string &name :
+         {std::string(), std::string("a b"), std::string("a\nb"), std::string("\x9b"), std::string(64, 'x')}) {
+        EXPECT_EQ(status_of(4870, operator_lock(0x302, 60, name.substr(0, 32))), 0x40720001U) << name;
+        EXPECT_EQ(status_of(4870, operator_lock(0x302, 60, "ann", name)), 0x40720001U) << name;
+        EXPECT_EQ(status_of(4871, operator_lock(0x302, 0, "ann", name)), 0x40720001U) << name;
+    }
+    EXPECT_EQ(status_of(4871, operator_lock(0x302, 2)), 0x40720001U);
+    for (const std::size_t length : {0U, 103U, 105U}) {
+        EXPECT_EQ(status_of(4870, bytes(length)), 0x40720001U);
+        EXPECT_EQ(status_of(4871, bytes(length)), 0x40720001U);
+    }
+    EXPECT_EQ(answered(4815), bytes());
+}
+
+TEST(OperatorLocks, LinesThatAreNoneArePassedOver)
+{
+    const auto locks = parse_operator_locks("302 100 200 ann far\n"
+                                            "502 100 200 bob near\n" // twice there: the last counts
+                                            "502 100 201 ann far\n"
+                                            "602 100 199 over now\n"
+                                            "702 100 200 ann\n"
+                                            "802 100 200 ann far away\n"
+                                            "902 100 200  far\n"
+                                            "x 100 200 ann far\n"
+                                            "302 100 200 " +
+                                                std::string(32, 'u') + " far\n\n302",
+                                            199);
+    ASSERT_EQ(locks.size(), 2U);
+    EXPECT_EQ(locks[0].node_id, 0x302);
+    EXPECT_EQ(locks[0].user, "ann");
+    EXPECT_EQ(locks[0].host, "far");
+    EXPECT_EQ(locks[0].until, "1970-01-01T00:03:20Z");
+    EXPECT_EQ(locks[1].node_id, 0x502);
+    EXPECT_EQ(locks[1].user, "ann");
+    EXPECT_TRUE(parse_operator_locks("", 0).empty());
+}
+
 TEST_F(AgentRequests, UnknownOpcodeIsNotServed)
 {
-    for (const std::uint32_t opcode : {0U, 4791U, 4809U, 4819U, 4833U, 0xffffffffU})
+    for (const std::uint32_t opcode : {0U, 4791U, 4809U, 4819U, 4833U, 4869U, 4872U, 0xffffffffU})
         EXPECT_FALSE(answer_to(opcode, {})) << opcode;
 }
 

@@ -36,6 +36,7 @@ struct card {
     granted_locks kept;
     std::map<std::uint16_t, std::uint32_t> bytes; // node id: sap of the process that has the byte
     std::set<std::uint16_t> records;
+    std::set<std::uint16_t> held_off; // for an operator
 };
 
 class LockService : public ::testing::Test
@@ -205,6 +206,7 @@ protected:
             .remember = [this,
                          node](const chassis_module_lock_holder &one) { cards_[node].records.insert(one.node_id); },
             .forget = [this, node](std::uint16_t node_id) { cards_[node].records.erase(node_id); },
+            .is_held_off = [this, node](std::uint16_t node_id) { return cards_[node].held_off.contains(node_id); },
             .keep = [this, node](const granted_locks &granted) { cards_[node].kept = granted; }};
     }
 
@@ -238,6 +240,34 @@ TEST_F(LockService, OneProcessOfAllCardsHasTheLock)
     pass(0);
     EXPECT_EQ(told(C), AGENT_ERR_LOCK_HELD);
     EXPECT_EQ(told(B), AGENT_ERR_LOCK_HELD);
+    EXPECT_EQ(holders(MODULE_B), slots{1});
+}
+
+TEST_F(LockService, IsNoProcesssWhileItIsAnOperators)
+{
+    cards_[B].held_off = {MODULE_B};
+    ask(A, MODULE_B);
+    ask(B, MODULE_B);
+    pass(0);
+    EXPECT_EQ(told(A), AGENT_ERR_LOCK_HELD);
+    EXPECT_EQ(told(B), AGENT_ERR_LOCK_HELD);
+    EXPECT_EQ(holders(MODULE_B), slots{});
+    cards_[B].held_off.clear();
+    give_back(A, MODULE_B);
+    give_back(B, MODULE_B);
+    pass(0);
+    ask(A, MODULE_B);
+    pass(0);
+    EXPECT_EQ(told(A), AGENT_OK);
+}
+
+// An operator gets no lock that a process has; if it comes to both, the process keeps what it has.
+TEST_F(LockService, StaysAProcesssThatHasItAlready)
+{
+    ask(A, MODULE_B);
+    pass(0);
+    cards_[B].held_off = {MODULE_B};
+    pass(20'000);
     EXPECT_EQ(holders(MODULE_B), slots{1});
 }
 

@@ -38,8 +38,8 @@ std::vector<command_line> command_lines(const std::string &folder)
         {{"loader", "install", "bootflash:a"}, 0, {"loader", "install"}},
         {{"loader", "get", "--output", folder + "/get"}, 0, {"loader", "get"}},
         {{"loader", "ks", "--output", folder + "/ks"}, 0, {"loader", "ks", "--size", "x"}},
-        {{"lock", "27"}, 0, {"lock"}},
-        {{"unlock", "27"}, 0, {"unlock", "27", "28"}},
+        {{"lock", "27"}, 0, {"lock"}, true, false},
+        {{"unlock", "27"}, 0, {"unlock", "27", "28"}, true, false},
         {{"explain", "0x40710009"}, 0, {"explain", "0xg"}, false},
     };
 }

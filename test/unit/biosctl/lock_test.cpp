@@ -1,5 +1,7 @@
-// biosctl lock and unlock against a daemon that follows a script.
+// biosctl lock and unlock against the agents of a chassis and a daemon that follows a script.
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -13,27 +15,10 @@
 namespace
 {
 
-class Lock : public ::testing::Test
-{
-protected:
-    int run(const scripted_daemon::script_function &script, std::vector<std::string> words, unsigned slot = 27)
-    {
-        const scripted_daemon daemon(chassis_, slot, script);
-        words.insert(words.begin(), {"--dir", chassis_.path()});
-        run_ = std::make_unique<biosctl_run>(words);
-        return run_->exit_code();
-    }
-    bool err_has(const std::string &text) const { return run_->err().find(text) != std::string::npos; }
-    bool out_has(const std::string &text) const { return run_->out().find(text) != std::string::npos; }
-
-    test_chassis chassis_;
-    std::unique_ptr<biosctl_run> run_;
-};
-
 // Answers with the request's words and a result; a body that is not the expected one makes the result EINVAL.
-void answer_lock(daemon_side &side, const std::vector<std::uint8_t> &expected, std::uint32_t result)
+void answer_lock(daemon_side &side, const std::vector<std::uint8_t> &body,
+                 const std::vector<std::uint8_t> &expected, std::uint32_t result)
 {
-    const std::vector<std::uint8_t> body = side.receive(4703);
     std::uint8_t reply[12] = {};
     std::memcpy(reply, body.data(), std::min<std::size_t>(body.size(), 8));
     const be32 word = be32::of(body == expected ? result : 0x80000000 | EINVAL);
@@ -48,6 +33,37 @@ void hold(unsigned node, std::uint32_t reason)
     while (modlock_module_lock(129, node, request) != 0) // the other one may be trying it just now
         (void)::usleep(5'000);
 }
+
+class Lock : public ::testing::Test
+{
+protected:
+    int run(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), {"--dir", chassis_.path()});
+        run_ = std::make_unique<biosctl_run>(words);
+        return run_->exit_code();
+    }
+    bool err_has(const std::string &text) const { return run_->err().find(text) != std::string::npos; }
+    bool out_has(const std::string &text) const { return run_->out().find(text) != std::string::npos; }
+
+    // The daemon of slot 27 takes a lock as soon as it can.
+    void hold_in_background(unsigned node, std::uint32_t reason)
+    {
+        daemon_ = std::make_unique<scripted_daemon>(chassis_, 27, [=](daemon_side &) { hold(node, reason); });
+    }
+    static std::string content_when_there(const std::string &file)
+    {
+        for (int k = 0; k < 3000 && !std::filesystem::exists(file); ++k)
+            (void)::usleep(10'000);
+        std::string text;
+        std::getline(std::ifstream(file), text);
+        return text;
+    }
+
+    test_chassis chassis_;
+    std::unique_ptr<scripted_daemon> daemon_;
+    std::unique_ptr<biosctl_run> run_;
+};
 
 } // namespace
 
@@ -72,123 +88,147 @@ TEST(LockMessages, OnlyAnAnswerToTheSameRequestHasAResult)
     EXPECT_FALSE(result_of(0, {0, 0, 0, 2, 0, 0, 5, 2, 0, 0, 0}));
 }
 
-TEST_F(Lock, AsksForTheModulesNodeAndSaysWhoHoldsIt)
+TEST_F(Lock, IsKeptByTheModulesAgentForTheOperator)
 {
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      hold(5 * 256 + 2, 0x4071000b);
-                      answer_lock(side, {0, 0, 0, 2, 0, 0, 5, 2}, 0);
-                  },
-                  {"lock", "5"}),
-              0)
-        << run_->err();
-    EXPECT_TRUE(out_has("module 5: locked by the daemon of slot 27")) << run_->out();
-    EXPECT_TRUE(out_has("held by slot 27")) << run_->out();
+    EXPECT_EQ(run({"lock", "5", "--timeout", "60"}), 0) << run_->err();
+    EXPECT_TRUE(out_has("module 5: locked for you until 2")) << run_->out();
+    EXPECT_TRUE(out_has("biosctl unlock 5"));
+    std::ifstream file(chassis_.path() + "/slots/5/locks/operators");
+    std::string line;
+    ASSERT_TRUE(std::getline(file, line));
+    EXPECT_TRUE(line.starts_with("502 ")) << line;
+
+    EXPECT_EQ(run({"lock", "5"}), 0) << "the own one begins anew";
+    EXPECT_EQ(run({"unlock", "5"}), 0) << run_->err();
+    EXPECT_TRUE(out_has("module 5: not locked any more")) << run_->out();
+    EXPECT_EQ(run({"unlock", "5"}), 2);
 }
 
-TEST_F(Lock, ASupervisorsNodeEndsInOne)
+TEST_F(Lock, HoldsOffEveryProcess)
 {
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      answer_lock(side, {0, 0, 0, 3, 0, 0, 28, 1}, 0);
-                  },
-                  {"unlock", "28"}),
-              0)
-        << run_->err();
+    ASSERT_EQ(run({"lock", "5"}), 0) << run_->err();
+    const std::string seen = chassis_.path() + "/seen";
+    const scripted_daemon daemon(chassis_, 27, [&](daemon_side &) {
+        const std::uint32_t request[4] = {1, 0, 0, 0x4071000a};
+        (void)modlock_init();
+        std::ofstream(seen + ".new") << (modlock_module_lock(129, 5 * 256 + 2, request) == 0 ? 0 : errno);
+        std::filesystem::rename(seen + ".new", seen);
+    });
+    EXPECT_EQ(content_when_there(seen), std::to_string(EBUSY));
 }
 
-TEST_F(Lock, ViaNamesTheDaemonAsked)
+TEST_F(Lock, EndsByItself)
 {
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      answer_lock(side, {0, 0, 0, 2, 0, 0, 5, 2}, 0);
-                  },
-                  {"lock", "5", "--via", "28"}, 28),
-              0)
-        << run_->err();
-    EXPECT_TRUE(out_has("slot 28"));
+    ASSERT_EQ(run({"lock", "5", "--timeout", "1"}), 0) << run_->err();
+    hold_in_background(5 * 256 + 2, 0x4071000b); // waits until it is free
+    EXPECT_TRUE(chassis_.wait_for_lock(5));
 }
 
-TEST_F(Lock, ALockHeldByAnotherIsBusyAndNamesTheHolder)
+TEST_F(Lock, OfAnotherOperatorIsFreedByForceOnly)
 {
-    const scripted_daemon other(chassis_, 28, [](daemon_side &) { hold(5 * 256 + 2, 0x4071000a); });
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      // Until the other one has it.
-                      const std::uint32_t request[4] = {1, 0, 0, 0x4071000b};
-                      (void)modlock_init();
-                      while (modlock_module_lock(129, 5 * 256 + 2, request) == 0) {
-                          (void)modlock_module_unlock(129, 5 * 256 + 2);
-                          ::usleep(10'000);
-                      }
-                      answer_lock(side, {0, 0, 0, 2, 0, 0, 5, 2}, 0x80000000 | EBUSY);
-                  },
-                  {"lock", "5", "--json"}),
-              4);
+    std::filesystem::create_directories(chassis_.path() + "/slots/5/locks");
+    std::ofstream(chassis_.path() + "/slots/5/locks/operators") << "502 1790000000 9990000000 ann far.away\n";
+    EXPECT_EQ(run({"lock", "5"}), 4);
+    EXPECT_TRUE(err_has("held for ann@far.away since 2026-09-21T14:13:20Z until 2286-")) << run_->err();
+    EXPECT_EQ(run({"unlock", "5"}), 4);
+    EXPECT_TRUE(err_has("biosctl unlock 5 --force")) << run_->err();
+    EXPECT_EQ(run({"unlock", "5", "--json"}), 4);
     const auto answer = nlohmann::json::parse(run_->out(), nullptr, false);
     ASSERT_TRUE(answer.is_object()) << run_->out();
     EXPECT_EQ(answer["name"], "lock_held");
-    EXPECT_EQ(answer["holder"]["slot"], 28);
-    EXPECT_EQ(answer["holder"]["owner"], 129);
-    EXPECT_EQ(answer["holder"]["reason"], "0x4071000a");
-    EXPECT_NE(answer["holder"]["since"], "");
+    EXPECT_EQ(answer["holder"]["user"], "ann");
+    EXPECT_EQ(answer["holder"]["host"], "far.away");
+    EXPECT_EQ(run({"unlock", "5", "--force"}), 0) << run_->err();
+    EXPECT_EQ(run({"unlock", "5"}), 2);
 }
 
-TEST_F(Lock, FreeingALockTakenForAProgrammingIsPointedOut)
+TEST_F(Lock, RefusesAModuleThatIsBeingProgrammed)
 {
-    const std::string held = chassis_.path() + "/held";
-    const scripted_daemon daemon(chassis_, 27, [&](daemon_side &side) {
+    hold_in_background(5 * 256 + 2, 0x4071000a);
+    ASSERT_TRUE(chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"lock", "5"}), 4);
+    EXPECT_TRUE(err_has("held by slot 27")) << run_->err();
+    EXPECT_TRUE(err_has("it is being programmed; wait for the end with: biosctl watch 5")) << run_->err();
+}
+
+TEST_F(Lock, OfAProgrammingIsFreedByForceOnly)
+{
+    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
         hold(5 * 256 + 2, 0x4071000a);
-        std::ofstream(held) << "yes";
-        answer_lock(side, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
+        const std::vector<std::uint8_t> body = side.receive(4703);
+        (void)modlock_module_unlock(129, 5 * 256 + 2);
+        answer_lock(side, body, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
     });
-    for (int k = 0; k < 3000 && !std::filesystem::exists(held); ++k)
-        ::usleep(10'000);
-    biosctl_run run({"--dir", chassis_.path(), "unlock", "5"});
-    EXPECT_EQ(run.exit_code(), 0);
-    EXPECT_NE(run.err().find("for a programming"), std::string::npos) << run.err();
+    ASSERT_TRUE(chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"unlock", "5"}), 4);
+    EXPECT_TRUE(err_has("for a programming")) << run_->err();
+    EXPECT_TRUE(err_has("--force")) << run_->err();
+    EXPECT_EQ(run({"unlock", "5", "--force"}), 0) << run_->err();
+    EXPECT_TRUE(out_has("a programming that is still running goes on without the lock")) << run_->out();
 }
 
-TEST_F(Lock, AnAnswerThatIsTooShortOrForSomethingElseIsNotUnderstood)
+TEST_F(Lock, ThatADaemonDoesNotFreeIsNotCalledFree)
 {
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      (void)side.receive(4703);
-                      side.answer(0, "\0\0\0\2\0\0\5\2\0\0\0", 11);
-                  },
-                  {"lock", "5"}),
-              1);
-    EXPECT_TRUE(err_has("not understood"));
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      (void)side.receive(4703);
-                      side.answer(0, "\0\0\0\2\0\0\6\2\0\0\0\0", 12);
-                  },
-                  {"lock", "5"}),
-              1);
-    EXPECT_TRUE(err_has("not understood"));
+    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
+        hold(5 * 256 + 2, 0x4071000a);
+        answer_lock(side, side.receive(4703), {0, 0, 0, 3, 0, 0, 5, 2}, 0);
+    });
+    ASSERT_TRUE(chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"unlock", "5", "--force"}), 4);
+    EXPECT_TRUE(err_has("held by slot 27")) << run_->err();
 }
 
-TEST_F(Lock, ARejectedRequestIsAFailure)
+TEST_F(Lock, ForAPeerIsFreedForEverybody)
 {
-    EXPECT_EQ(run(
-                  [](daemon_side &side) {
-                      (void)side.receive(4703);
-                      side.reject();
-                  },
-                  {"lock", "5"}),
-              1);
-    EXPECT_TRUE(err_has("rejected"));
+    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
+        hold(5 * 256 + 2, 0x4071000b);
+        const std::vector<std::uint8_t> body = side.receive(4703);
+        (void)modlock_module_unlock(129, 5 * 256 + 2);
+        answer_lock(side, body, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
+    });
+    ASSERT_TRUE(chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"unlock", "5"}), 0) << run_->err();
 }
 
-TEST(LockReport, ResultsBecomeExitCodes)
+TEST_F(Lock, AnAnswerThatIsForSomethingElseIsNotUnderstood)
 {
-    const lock_options take{BIOS_MODULE_LOCK_TAKE, 5, std::nullopt};
-    EXPECT_EQ(report_lock(take, 27, 0).exit, 0);
-    EXPECT_EQ(report_lock(take, 27, 0x80000000 | EBUSY).exit, 4);
-    EXPECT_EQ(report_lock(take, 27, 0x80000000 | EIO).exit, 1);
-    EXPECT_EQ(report_lock(take, 27, 0x80000000).exit, 1);
-    const lock_options release{BIOS_MODULE_LOCK_RELEASE, 5, std::nullopt};
-    EXPECT_EQ(report_lock(release, 27, 0x80000000 | EPERM).exit, 4);
-    EXPECT_EQ(report_lock(release, 27, 0x80000000 | ENOENT).exit, 2);
+    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
+        hold(5 * 256 + 2, 0x4071000b);
+        (void)side.receive(4703);
+        side.answer(0, "\0\0\0\3\0\0\6\2\0\0\0\0", 12);
+    });
+    ASSERT_TRUE(chassis_.wait_for_lock(5));
+    EXPECT_EQ(run({"unlock", "5"}), 1);
+    EXPECT_TRUE(err_has("not understood")) << run_->err();
+}
+
+TEST_F(Lock, WithoutTheModulesAgentIsKeptByTheActiveSupervisors)
+{
+    chassis_.end_agent(5);
+    EXPECT_EQ(run({"lock", "5"}), 0) << run_->err();
+    EXPECT_TRUE(std::filesystem::exists(chassis_.path() + "/slots/27/locks/operators"));
+    EXPECT_EQ(run({"unlock", "5"}), 0) << run_->err();
+    for (const unsigned slot : {27U, 28U})
+        chassis_.end_agent(slot);
+    EXPECT_EQ(run({"lock", "27"}), 1);
+    EXPECT_TRUE(err_has("no agent")) << run_->err();
+}
+
+TEST(LockReport, AnswersBecomeExitCodes)
+{
+    const auto exit_of_lock = [](std::uint32_t status) {
+        return report_lock({.module = 5}, {.status = status}, std::nullopt).exit;
+    };
+    EXPECT_EQ(exit_of_lock(0), 0);
+    EXPECT_EQ(exit_of_lock(0x40720004), 4);
+    EXPECT_EQ(exit_of_lock(0x40720008), 4);
+    EXPECT_EQ(exit_of_lock(0x40720012), 1);
+    EXPECT_EQ(report_lock({.module = 5}, {}, std::nullopt).exit, 1);
+    const auto exit_of_unlock = [](std::uint32_t status) {
+        return report_unlock({.module = 5}, {.status = status}, std::nullopt).exit;
+    };
+    EXPECT_EQ(exit_of_unlock(0), 0);
+    EXPECT_EQ(exit_of_unlock(0x40720004), 4);
+    EXPECT_EQ(exit_of_unlock(0x40720005), 2);
+    EXPECT_EQ(exit_of_unlock(0x40720003), 1);
 }

@@ -305,8 +305,7 @@ TEST(VersionReport, ColoursTheVerdictsOfAnAudit)
 
 TEST(VersionReport, AVersionThatCouldNotBeReadIsNullForPrograms)
 {
-    const outcome told =
-        report_versions(report_of({card_of(5, {.flash = OLD, .running = OLD})}), show_kind::show);
+    const outcome told = report_versions(report_of({card_of(5, {.flash = OLD, .running = OLD})}), show_kind::show);
     EXPECT_TRUE(told.json["cards"][0]["flashes"][0]["source"].is_null());
     EXPECT_EQ(told.json["cards"][0]["flashes"][0]["flash"], OLD);
     EXPECT_EQ(told.json["cards"][0]["flashes"][0]["verdict"], "unknown");
@@ -326,9 +325,10 @@ TEST(VersionReport, SaysWhatToDoAboutAFlashThatIsNotVerified)
 
 TEST(VersionReport, ADaemonsWordIsNoReadingOfTheFlash)
 {
-    const outcome told =
-        report_versions(report_of({card_of(5, {.confirmed = false, .flash = OLD, .running = OLD})}), show_kind::show);
-    EXPECT_NE(text_of(told.report, {}).find("v3.1.0(02/11/11)?  v3.1.0(02/11/11)?  unconfirmed\n"), std::string::npos)
+    const outcome told = report_versions(
+        report_of({card_of(5, {.confirmed = false, .flash = OLD, .running = OLD})}), show_kind::show);
+    EXPECT_NE(text_of(told.report, {}).find("v3.1.0(02/11/11)?  v3.1.0(02/11/11)?  unconfirmed\n"),
+              std::string::npos)
         << text_of(told.report, {});
     EXPECT_EQ(told.json["cards"][0]["flashes"][0]["confirmed"], false);
 }
@@ -587,7 +587,7 @@ TEST_F(Show, EachCauseOfAMissingImageVersionIsToldApart)
         {"40720022", "there is no such file on the card"},
         {"40720024", "the image was not compressed by gzip"},
         {"40720025", "the image is cut short or damaged"},
-        {"40720027", "the card has no space to unpack the image"},
+        {"40720027", "no space left on the card to unpack the image"},
         {"40720020", "no BIOS is known for this type of card"},
     };
     for (const auto &[status, text] : causes) {
@@ -607,9 +607,11 @@ TEST_F(Show, TheStandbysImageIsTheOneThatTheActiveSupervisorWouldBring)
     chassis_.agent_says(27, "ships", "v3.9.0(01/01/13)");
     chassis_.agent_says(28, "ships", OLD);
     EXPECT_EQ(run({"show", "28"}), 0);
-    EXPECT_TRUE(has_line("28    v3.9.0(01/01/13)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending")) << run_->out();
+    EXPECT_TRUE(has_line("28    v3.9.0(01/01/13)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending"))
+        << run_->out();
     EXPECT_EQ(run({"show", "28", "--via", "28"}), 1) << "no daemon there";
-    EXPECT_TRUE(has_line("28    v3.1.0(02/11/11)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending")) << run_->out();
+    EXPECT_TRUE(has_line("28    v3.1.0(02/11/11)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending"))
+        << run_->out();
 }
 
 TEST_F(Show, SaysWhichFlashTheCardWasStartedFromAndWhenThatIsNotKnown)
