@@ -1,6 +1,8 @@
 #include "watch_report.h"
 
 #include <algorithm>
+#include <iterator>
+#include <limits>
 
 #include "bios_results.h"
 #include "progress_bar.h"
@@ -177,7 +179,7 @@ void cut(styled_text &line, std::size_t room)
     line = room > 0 ? line.part(0, room - 1) + "~" : styled_text();
 }
 
-// In the most words that fit.
+// In the most words that fit. Where the fewest are too many, columns stand below others.
 std::vector<styled_text> table_lines(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
                                      std::optional<watch_space> space)
 {
@@ -185,8 +187,19 @@ std::vector<styled_text> table_lines(const watch_snapshot &snapshot, const std::
     for (const wording words : WORDINGS) {
         lines = table_of(snapshot, rows, words).lines(std::nullopt);
         if (!space || fits(lines, space->columns - 1))
-            break;
+            return lines;
     }
+    return table_of(snapshot, rows, wording::tight).lines(space->columns - 1);
+}
+
+std::vector<styled_text> fitted(const std::vector<styled_text> &remarks, std::optional<watch_space> space)
+{
+    constexpr std::size_t REST_COLUMN = 2;
+    if (!space)
+        return remarks;
+    std::vector<styled_text> lines;
+    for (const styled_text &remark : remarks)
+        std::ranges::copy(wrapped(remark, space->columns - 1, REST_COLUMN), std::back_inserter(lines));
     return lines;
 }
 
@@ -277,18 +290,24 @@ nlohmann::ordered_json row_json(const watch_row &row)
 
 std::vector<styled_text> watch_lines(const watch_snapshot &snapshot, std::optional<watch_space> space)
 {
-    constexpr std::size_t OTHER_LINES = 4; // heading, table's head, the number of cards left out, the cursor's line
+    constexpr std::size_t OTHER_LINES = 3; // heading, the number of cards left out, the cursor's line
     if (space && space->columns == 0)
         space->columns = 1;
-    const std::vector<styled_text> remarks = remarks_of(snapshot);
+    const std::vector<styled_text> remarks = fitted(remarks_of(snapshot), space);
     std::vector<watch_row> rows = snapshot.rows;
     std::size_t left_out = 0;
+    std::size_t room = std::numeric_limits<std::size_t>::max();
     if (space) {
         const std::size_t taken = OTHER_LINES + remarks.size();
-        left_out = leave_out(rows, space->lines > taken ? space->lines - taken : 1);
+        room = space->lines > taken ? space->lines - taken : 1;
+        left_out = leave_out(rows, std::max<std::size_t>(room, 2) - 1); // the table has a head
     }
     std::vector<styled_text> lines{snapshot.time};
-    const std::vector<styled_text> table = table_lines(snapshot, rows, space);
+    std::vector<styled_text> table = table_lines(snapshot, rows, space);
+    while (table.size() > room && rows.size() > 1) {
+        left_out += leave_out(rows, rows.size() - 1);
+        table = table_lines(snapshot, rows, space);
+    }
     lines.insert(lines.end(), table.begin(), table.end());
     if (left_out > 0)
         lines.emplace_back("and " + std::to_string(left_out) + " more cards");

@@ -326,6 +326,25 @@ TEST(WatchTable, ResultsThatCannotBeReadAreNotTakenForNone)
     EXPECT_EQ(lines(facts).back(), "the last results could not be read: how programmings have ended is not known");
 }
 
+// Each word that the widest table has in its tightest form is somewhere.
+TEST(WatchTable, LosesNothingInFortyColumns)
+{
+    watch_facts facts = idle_facts();
+    facts.cards = {card(5), card(27), card(28)};
+    facts.cards[0].flashes[0] = {.marked = true, .last = line(BIOS_PHASE_VERIFY, 99, 12, EARLIER)};
+    facts.locks = {lock(NODE_27, 27, BIOS_ERR_BUSY, "2026-01-30T12:00:00Z")};
+    facts.results[28] = {0x4071feed, "2026-01-30T12:00:00Z", 27};
+    facts.results_readable = true;
+    std::string drawn;
+    for (const std::string &text : lines(facts, watch_space{40, 40})) {
+        EXPECT_LT(text.size(), 40U) << text;
+        EXPECT_FALSE(text.ends_with('~')) << text;
+        drawn += text + "\n";
+    }
+    for (const char *part : {"not verified", "99% verifying #12", "slot 27", "2026-01-30", "0x4071feed", "do not"})
+        EXPECT_NE(drawn.find(part), std::string::npos) << part << " in\n" << drawn;
+}
+
 TEST(WatchTable, FitsIntoEveryTerminal)
 {
     watch_facts facts = forwarded_facts();
