@@ -263,6 +263,27 @@ TEST_P(LoaderInstall, RemovesTheImageOnlyWhenAskedTo)
     expect_serves();
 }
 
+TEST_P(LoaderInstall, RemovesNothingButFilesOfTheBootFlash)
+{
+    files::create_symlink("/etc/srg-ks.sro", on_bootflash(1, "link.bin"));
+    for (const char *path : {"/etc/srg-ks.sro", "/bootflash/../etc/srg-ks.sro", "/bootflash/link.bin", "/bootflash",
+                             "/bootflash/", "/bootflash/missing.bin", "etc/srg-ks.sro", ""})
+        EXPECT_EQ(install(path, 1), BIOS_ERR_URI) << path;
+    EXPECT_TRUE(card_has(1, "/etc/srg-ks.sro"));
+    EXPECT_TRUE(card_has(1, "/bootflash/link.bin"));
+
+    write_file(slot_file(1, "policy"), "loader_folders = /etc\n");
+    const std::string image = make_system_image("system.bin", next_.path);
+    EXPECT_EQ(install(image, 1), BIOS_ERR_URI);
+    write_file(slot_file(1, "policy"), "nonsense\n");
+    EXPECT_EQ(install(image, 1), BIOS_ERR_URI);
+    files::remove(slot_file(1, "policy"));
+    EXPECT_TRUE(card_has(1, image));
+    EXPECT_EQ(install(image, 1), BIOS_OK);
+    EXPECT_FALSE(card_has(1, image));
+    expect_serves();
+}
+
 TEST_P(LoaderInstall, RunsNothingThatAPathNames)
 {
     const std::string image = make_system_image("system.bin", next_.path);
@@ -284,8 +305,9 @@ TEST_P(LoaderInstall, CutsAPathWithoutAnEndAtTheEndOfItsField)
     ASSERT_EQ(make_system_image(longest.substr(11), next_.path), longest);
     EXPECT_EQ(install(longest + "y", 0), BIOS_OK) << tool_output();
     expect_installed(next_);
-    EXPECT_EQ(install(std::string(PATH_FIELD_BYTES, 'y'), 0xffffffff), BIOS_LOADER_ERR_IMAGE);
-    EXPECT_EQ(install_with_body(std::string(204, '\xff')), BIOS_LOADER_ERR_IMAGE);
+    EXPECT_EQ(install(std::string(PATH_FIELD_BYTES, 'y'), 0), BIOS_LOADER_ERR_IMAGE);
+    EXPECT_EQ(install(std::string(PATH_FIELD_BYTES, 'y'), 0xffffffff), BIOS_ERR_URI);
+    EXPECT_EQ(install_with_body(std::string(204, '\xff')), BIOS_ERR_URI);
     EXPECT_EQ(install_with_body(""), BIOS_LOADER_ERR_IMAGE);
     expect_next_succeeds();
 }
