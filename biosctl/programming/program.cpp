@@ -20,7 +20,9 @@
 namespace
 {
 
-// The daemon answers before it does any work, but it may be busy with the installation of a boot loader.
+// The daemon answers before it does any work. One that is busy for longer does not take the request afterwards: it
+// says how long its sender waits.
+constexpr unsigned REQUEST_WAIT_LIMIT_S = 30;
 
 // Which module the card in the serving slot will program, and a word when it is not the one asked for.
 program_subject subject_of(const program_options &options, unsigned slot)
@@ -96,7 +98,7 @@ request_answer send_request(client_endpoint &endpoint, const program_subject &su
 {
     options.request.module = subject.programmed_module;
     return endpoint.request(node_of_module(subject.serving_slot), encode_programming_request(options.request),
-                            std::min(ANSWER_WAIT_LIMIT_S, options.timeout_s.value_or(ANSWER_WAIT_LIMIT_S)));
+                            std::min(REQUEST_WAIT_LIMIT_S, options.timeout_s.value_or(REQUEST_WAIT_LIMIT_S)));
 }
 
 } // namespace

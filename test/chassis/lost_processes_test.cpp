@@ -2,6 +2,7 @@
 #include <csignal>
 #include <unistd.h>
 
+#include "bios_opcodes.h"
 #include "bios_results.h"
 #include "chassis_fixture.h"
 #include "exit_codes.h"
@@ -156,5 +157,22 @@ TEST_F(LostProcesses, ChildEndsWithItsCard)
     EXPECT_NE(::kill(child, 0), 0);
     EXPECT_TRUE(is_marked(1));
     write_file(flash_file(1, "timing"), "0\n");
+    expect_next_succeeds();
+}
+
+// The daemon does not program later what nobody waits for.
+TEST_F(LostProcesses, RequestToADaemonThatHangsIsNotServedWhenItGoesOn)
+{
+    const pid_t daemon = daemon_pid(1);
+    ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
+    const finished_program told = biosctl({"program", "1", "--timeout", "2"});
+    EXPECT_EQ(told.exit_code, 1) << told.errors;
+    ASSERT_EQ(::kill(daemon, SIGCONT), 0);
+    requester asking;
+    int error = 0;
+    EXPECT_NE(asking.request(1, MTS_OPC_BIOS_GET_MOD_BIOS_VERSION, std::string("\0\0\0\1", 4), error),
+              std::nullopt);
+    EXPECT_EQ(lines_with(1, "got MTS_OPC_BIOS_PROGRAMMING_START"), 0U);
+    EXPECT_EQ(flash_of(1) == old_image().bytes, true);
     expect_next_succeeds();
 }
