@@ -1,6 +1,7 @@
 #include "program_report.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bios_results.h"
@@ -207,6 +208,15 @@ outcome refused_outcome(const programming_result &result)
         return refused;
     const std::string holder = holder_text(result.lock->holder);
     refused.hints.push_back({"lock", "module " + std::to_string(result.lock->module) + " is " + holder});
+    if (!result.lock->holder.user.empty()) { // no programming whose end could be waited for
+        const std::string next = "wait until it is free; whoever has locked it frees it with: biosctl unlock " +
+                                 std::to_string(result.lock->module);
+        for (hint &line : refused.hints) {
+            if (std::string_view(line.label) == "next")
+                line.text = next;
+        }
+        refused.json["next"] = next;
+    }
     refused.json["locked_module"] = result.lock->module;
     refused.json["holder"] = holder;
     return refused;

@@ -39,6 +39,7 @@ TEST_F(OperatorLock, HoldsOffProgrammingsUntilItIsFreed)
     const finished_program refused = biosctl({"program", "1"});
     EXPECT_EQ(refused.exit_code, BUSY) << refused.errors;
     EXPECT_NE(refused.errors.find("held for "), std::string::npos) << refused.errors;
+    EXPECT_NE(refused.errors.find("frees it with: biosctl unlock 1"), std::string::npos) << refused.errors;
     ASSERT_EQ(biosctl({"unlock", "1"}).exit_code, DONE);
     EXPECT_FALSE(is_held_off());
 }

@@ -138,6 +138,12 @@ TEST(ProgramReport, ARefusalNamesTheHolderOfTheLock)
     EXPECT_EQ(end.json["error"], "module 5: slot 27 refused to program");
     EXPECT_EQ(end.json["locked_module"], 27);
     EXPECT_TRUE(tells(end, "\n  lock: module 27 is held by slot 28, process 41")) << failure_text(end, false);
+    refused.lock->holder.user = "ann";
+    refused.lock->holder.host = "far";
+    const outcome locked = report_programming(refused);
+    EXPECT_TRUE(tells(locked, "\n  lock: module 27 is held for ann@far ")) << failure_text(locked, false);
+    EXPECT_TRUE(tells(locked, "frees it with: biosctl unlock 27")) << failure_text(locked, false);
+    EXPECT_FALSE(tells(locked, "other programming to end")) << failure_text(locked, false);
 }
 
 TEST(ProgramReport, AnotherVersionThanExpectedIsExplained)
