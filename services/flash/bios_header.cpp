@@ -98,3 +98,12 @@ std::string bios_header_text(const bios_header &header)
     bios_header_text(header, text);
     return text;
 }
+
+std::string bios_version_in(const void *bytes)
+{
+    bios_header header;
+    if (!bios_header_read(bytes, header))
+        return {};
+    const std::string text = bios_header_text(header);
+    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}

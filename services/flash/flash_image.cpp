@@ -7,8 +7,24 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
+#include "bios_header.h"
 #include "flash_geometry.h"
+#include "monotonic_clock.h"
+
+namespace
+{
+
+constexpr std::size_t PIECE_BYTES = std::size_t{64} << 10;
+constexpr std::int64_t FILE_TICK_US = 20'000; // two writes in less may leave a file the same time
+
+std::int64_t microseconds_since(const timespec &time)
+{
+    return microseconds_of(CLOCK_REALTIME) - (std::int64_t{time.tv_sec} * MICROSECONDS + time.tv_nsec / 1000);
+}
+
+} // namespace
 
 std::optional<flash_image> flash_image::open(const char *path)
 {
@@ -21,7 +37,7 @@ std::optional<flash_image> flash_image::open(const char *path)
         errno = EINVAL;
         return std::nullopt;
     }
-    return flash_image(std::move(file), static_cast<std::uint64_t>(status.st_size));
+    return flash_image(std::move(file), static_cast<std::uint64_t>(status.st_size), status.st_mtim);
 }
 
 bool flash_image::read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint32_t length) const
@@ -41,4 +57,49 @@ bool flash_image::read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint3
     }
     std::memset(bytes_out + done, FLASH_ERASED_BYTE, length - done);
     return true;
+}
+
+std::string flash_image::version() const
+{
+    std::uint8_t header[BIOS_HEADER_BYTES];
+    if (size_bytes_ < sizeof header || !read(0, header, sizeof header))
+        return {};
+    return bios_version_in(header);
+}
+
+// A write after this leaves the file another time.
+void flash_image::settle()
+{
+    struct stat status {
+    };
+    if (::fstat(file_.get(), &status) != 0)
+        return;
+    if (const std::int64_t age_us = microseconds_since(status.st_mtim); age_us >= 0 && age_us < FILE_TICK_US) {
+        (void)::usleep(static_cast<useconds_t>(FILE_TICK_US - age_us));
+        (void)::fstat(file_.get(), &status);
+    }
+    written_at_ = status.st_mtim;
+}
+
+bool flash_image::digest(sha256_digest &digest_out)
+{
+    settle();
+    std::vector<std::uint8_t> piece(PIECE_BYTES);
+    sha256 sum;
+    for (std::uint64_t at = 0; at < size_bytes_; at += piece.size()) {
+        const auto count = static_cast<std::uint32_t>(std::min<std::uint64_t>(piece.size(), size_bytes_ - at));
+        if (!read(at, piece.data(), count))
+            return false;
+        sum.add(piece.data(), count);
+    }
+    digest_out = sum.digest();
+    return true;
+}
+
+bool flash_image::has_changed() const
+{
+    struct stat status {
+    };
+    return ::fstat(file_.get(), &status) != 0 || static_cast<std::uint64_t>(status.st_size) != size_bytes_ ||
+           status.st_mtim.tv_sec != written_at_.tv_sec || status.st_mtim.tv_nsec != written_at_.tv_nsec;
 }

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
+#include <string>
 #include <utility>
 
+#include "sha256.h"
 #include "unique_fd.h"
 
 class flash_image
@@ -17,13 +20,29 @@ public:
 
     std::uint64_t size_bytes() const { return size_bytes_; } // when it was opened
 
+    // The version text of the image without blanks; empty when it has none.
+    std::string version() const;
+
+    // Digest of the bytes. false with errno, as of read.
+    [[nodiscard]] bool digest(sha256_digest &digest_out);
+
+    // Whether the file was written to since it was opened, or since digest() was called.
+    [[nodiscard]] bool has_changed() const;
+
+    int descriptor() const { return file_.get(); }
+
     // Reads length bytes at an offset; beyond the size that the image had when it was opened they are erased ones.
     // false with errno: EIO when the image has become shorter, or that of the system call that failed.
     [[nodiscard]] bool read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint32_t length) const;
 
 private:
-    flash_image(unique_fd &&file, std::uint64_t size_bytes) : file_(std::move(file)), size_bytes_(size_bytes) {}
+    flash_image(unique_fd &&file, std::uint64_t size_bytes, timespec written_at)
+        : file_(std::move(file)), size_bytes_(size_bytes), written_at_(written_at)
+    {
+    }
+    void settle();
 
     unique_fd file_;
     std::uint64_t size_bytes_;
+    timespec written_at_; // when it was opened, or digested
 };

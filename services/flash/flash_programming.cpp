@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "bios_refusals.h"
+#include "bios_results.h"
 #include "flash_bytes.h"
 
 namespace
@@ -123,6 +125,8 @@ std::int32_t programming_run::run()
     const bool is_different =
         std::any_of(work_.begin(), work_.end(), [](sector_work work) { return work != sector_work::none; });
     if (!is_different && !flash_.is_marked()) {
+        if (image_.has_changed())
+            return bios_signed(BIOS_REFUSED_CHANGED);
         progress_.report_done(); // looking for differences has read all of it back
         return 0;
     }
@@ -132,7 +136,7 @@ std::int32_t programming_run::run()
         return may_erase ? BIOS_FLASH_ERR_ERASE : BIOS_FLASH_ERR_PROGRAM;
     if (may_erase && !erase_sectors())
         return BIOS_FLASH_ERR_ERASE;
-    if (!write_sectors() || !verify() || !flash_.sync() || !unmark(flash_))
+    if (!write_sectors() || !verify() || image_.has_changed() || !flash_.sync() || !unmark(flash_))
         return BIOS_FLASH_ERR_PROGRAM;
     progress_.report_done();
     return 0;

@@ -7,7 +7,6 @@
 #include <optional>
 #include <unistd.h>
 
-#include "bios_header.h"
 #include "bios_results.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
@@ -123,17 +122,6 @@ open_programming &begin_programming(std::uint32_t instance, bool is_marked, flas
     return open;
 }
 
-std::string version_of(const flash_image &image)
-{
-    std::uint8_t bytes[BIOS_HEADER_BYTES];
-    bios_header header;
-    if (image.size_bytes() < sizeof bytes || !image.read(0, bytes, sizeof bytes) ||
-        !bios_header_read(bytes, header))
-        return {};
-    const std::string text = bios_header_text(header);
-    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
-}
-
 void begin_attempt(std::uint32_t instance, std::uint32_t attempt, bool is_marked, flash_event event)
 {
     open_programming *open = own_programming(instance);
@@ -171,7 +159,7 @@ flash_attempt_events::flash_attempt_events(const flash_device &flash, std::uint3
     best_effort([&] {
         flash_event event = event_of(instance_, flash_event_kind::attempt);
         event.image_bytes = image.size_bytes();
-        event.version = version_of(image);
+        event.version = image.version();
         begin_attempt(instance_, attempt_, was_marked_, std::move(event));
     });
 }

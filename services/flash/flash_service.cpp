@@ -8,10 +8,14 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <utility>
 
+#include "bios_refusals.h"
 #include "bios_results.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
+#include "flash_claim.h"
 #include "flash_device.h"
 #include "flash_image.h"
 #include "flash_programming.h"
@@ -44,21 +48,60 @@ std::unique_ptr<flash_device> open_for_writing(std::uint32_t instance, std::int3
     return flash;
 }
 
+// What a call works with: the claim of its programming, and the flash. Without a flash, failure says why.
+struct claimed_flash {
+    std::unique_ptr<flash_device> flash = nullptr;
+    flash_claim *claim = nullptr;
+    std::int32_t failure = 0;
+};
+
+// no_image: what it is called when there is no image at path.
+claimed_flash claim_flash(const char *path, std::uint32_t instance, std::uint32_t attempt, std::int32_t no_image)
+{
+    claimed_flash claimed{.claim = flash_claim::of(instance, path, attempt)};
+    std::optional<flash_image> image;
+    if (claimed.claim == nullptr && !(image = flash_image::open(path))) {
+        claimed.failure = errno == EINVAL ? BIOS_FLASH_ERR_IMAGE_SIZE : no_image;
+        return claimed;
+    }
+    if (claimed.claim != nullptr && !claimed.claim->has_its_image()) {
+        claimed.failure = bios_signed(BIOS_REFUSED_CHANGED);
+        return claimed;
+    }
+    auto flash = open_for_writing(instance, claimed.failure);
+    if (!flash)
+        return claimed;
+    if (image && image->size_bytes() == 0) {
+        claimed.failure = BIOS_FLASH_ERR_IMAGE_SIZE;
+        return claimed;
+    }
+    if (image)
+        claimed.claim = flash_claim::make(instance, path, std::move(*image), *flash, claimed.failure);
+    if (claimed.claim != nullptr)
+        claimed.flash = std::move(flash);
+    return claimed;
+}
+
 std::int32_t program_flash(const char *path, std::uint32_t instance, std::uint32_t attempt,
                            flash_programming_mode mode, flash_progress &progress)
 {
-    const auto refuse = [&](std::int32_t result) { return flash_attempt_refused(instance, attempt, result); };
-    const auto image = flash_image::open(path);
-    if (!image)
-        return refuse(errno == EINVAL ? BIOS_FLASH_ERR_IMAGE_SIZE : BIOS_FLASH_ERR_IMAGE_READ);
-    std::int32_t failure = 0;
-    const auto flash = open_for_writing(instance, failure);
-    if (!flash)
-        return refuse(failure);
-    if (image->size_bytes() == 0 || image->size_bytes() > flash->geometry().size_bytes)
-        return refuse(BIOS_FLASH_ERR_IMAGE_SIZE);
-    flash_attempt_events events(*flash, instance, attempt, *image);
-    return events.ended(flash_program_image(*flash, *image, mode, progress));
+    const claimed_flash claimed = claim_flash(path, instance, attempt, BIOS_FLASH_ERR_IMAGE_READ);
+    if (!claimed.flash)
+        return flash_attempt_refused(instance, attempt, claimed.failure);
+    flash_attempt_events events(*claimed.flash, instance, attempt, claimed.claim->image());
+    const std::int32_t result =
+        events.ended(flash_program_image(*claimed.flash, claimed.claim->image(), mode, progress));
+    return claimed.claim->ended(attempt, result);
+}
+
+std::int32_t erase_flash(std::uint32_t instance)
+{
+    const claimed_flash claimed = claim_flash(flash_temporary_image, instance, 0, bios_signed(BIOS_REFUSED_NO_IMAGE));
+    if (!claimed.flash)
+        return flash_attempt_refused(instance, 0, claimed.failure);
+    flash_progress_note(chassis_own_slot(), instance, BIOS_PHASE_ERASE, 0, 0);
+    flash_attempt_events events(*claimed.flash, instance);
+    return claimed.claim->ended(0, events.ended(flash_erase_whole(*claimed.flash)));
 }
 
 } // namespace
@@ -87,15 +130,7 @@ std::uint32_t ibexpeak_bios_which_flash(const char *name, std::uint32_t variant)
 
 std::int32_t ibexpeak_bios_flash_erase(std::uint32_t selector)
 {
-    return c_boundary(bios_signed(BIOS_ERR_NO_MEMORY), [&] {
-        std::int32_t failure = 0;
-        const auto flash = open_for_writing(instance_of(selector), failure);
-        if (!flash)
-            return flash_attempt_refused(instance_of(selector), 0, failure);
-        flash_progress_note(chassis_own_slot(), instance_of(selector), BIOS_PHASE_ERASE, 0, 0);
-        flash_attempt_events events(*flash, instance_of(selector));
-        return events.ended(flash_erase_whole(*flash));
-    });
+    return c_boundary(bios_signed(BIOS_ERR_NO_MEMORY), [&] { return erase_flash(instance_of(selector)); });
 }
 
 std::int32_t ibexpeak_program_bios_command_ex(const char *path, std::uint32_t selector, std::int32_t handle,

@@ -39,6 +39,11 @@ const char *contract_plain_flash(struct contract_flash *f)
     UNUSED(f);
     return "nothing may be destroyed on this card";
 }
+const char *contract_temporary_image(const char **p)
+{
+    (void)p;
+    return REASON;
+}
 const char *contract_chipset_flash(struct contract_flash *f)
 {
     UNUSED(f);

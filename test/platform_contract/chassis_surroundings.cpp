@@ -23,6 +23,7 @@
 #include "card_agent_process.h"
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
+#include "flash_claim.h"
 #include "flash_geometry.h"
 #include "nor_file_layout.h"
 #include "loader_file.h"
@@ -53,6 +54,7 @@ constexpr std::uint16_t SPROM_BYTES = 64;
 // What outputs of the surroundings point into.
 struct kept_texts {
     std::string folder;
+    std::string temporary_image;
     std::string image[2];
     std::string loader;
     std::array<std::uint8_t, SPROM_BYTES> sprom;
@@ -147,6 +149,8 @@ int contract_begin(int is_peer)
     if (::mkdtemp(folder) == nullptr)
         return -1;
     kept.folder = folder;
+    kept.temporary_image = kept.folder + "/temporary_image";
+    flash_temporary_image = kept.temporary_image.c_str();
     insert_card(OWN_SLOT, SUPERVISOR_CARD, 1, 1);
     insert_card(STANDBY_SLOT, SUPERVISOR_CARD, 1, 2);
     insert_card(PEER_SLOT, LINE_CARD, 2, 0);
@@ -209,6 +213,12 @@ const char *contract_plain_flash(struct contract_flash *flash_out)
 const char *contract_chipset_flash(struct contract_flash *flash_out)
 {
     return fill(flash_out, 3);
+}
+
+const char *contract_temporary_image(const char **path_out)
+{
+    *path_out = flash_temporary_image;
+    return nullptr;
 }
 
 const char *contract_missing_flash(uint32_t *instance_out)

@@ -61,6 +61,10 @@ struct contract_flash {
 const char *contract_plain_flash(struct contract_flash *flash_out);
 const char *contract_chipset_flash(struct contract_flash *flash_out);
 
+/* The file that the erase call of the chipset layouts looks at before it erases: the kit writes and removes it. A
+   reason says that this platform's call looks at none. */
+const char *contract_temporary_image(const char **path_out);
+
 /* A flash number of the plain x86 layout that this card does not have. */
 const char *contract_missing_flash(uint32_t *instance_out);
 

@@ -84,10 +84,7 @@ class ServiceEvents : public EventLog
 protected:
     std::string image(int major = 3, int minor = 5)
     {
-        flash_bytes bytes = random_bytes(SMALL_FLASH.size_bytes);
-        EXPECT_TRUE(
-            bios_header_write({.major = major, .minor = minor, .month = 9, .day = 17, .year = 12}, bytes.data()));
-        return file_of("image", bytes);
+        return file_of("image", image_with_version(SMALL_FLASH.size_bytes, major, minor));
     }
     static std::int32_t program(const std::string &path, std::uint32_t attempt = 1)
     {
@@ -336,8 +333,9 @@ TEST_F(ServiceEvents, AttemptsAreOneProgramming)
     ASSERT_EQ(program(image()), 0);
     in_child([this] {
         write_flash_file("faults", "fail erase 3\n");
-        EXPECT_EQ(program(image(), 1), BIOS_FLASH_ERR_ERASE);
-        EXPECT_EQ(program(image(), 2), 0);
+        const std::string path = image();
+        EXPECT_EQ(program(path, 1), BIOS_FLASH_ERR_ERASE);
+        EXPECT_EQ(program(path, 2), 0);
     });
     EXPECT_EQ(story(), "begun attempt verified ended begun attempt failed attempt verified ended");
     EXPECT_EQ(events()[6].result, 0x40710009U);
@@ -351,8 +349,9 @@ TEST_F(ServiceEvents, AFailureIsTheEndWhenTheProcessTriesNoMore)
 {
     in_child([this] {
         write_flash_file("faults", "fail program always\n");
-        EXPECT_EQ(program(image(), 1), BIOS_FLASH_ERR_PROGRAM);
-        EXPECT_EQ(program(image(), 2), BIOS_FLASH_ERR_PROGRAM);
+        const std::string path = image();
+        EXPECT_EQ(program(path, 1), BIOS_FLASH_ERR_PROGRAM);
+        EXPECT_EQ(program(path, 2), BIOS_FLASH_ERR_PROGRAM);
     });
     EXPECT_EQ(story(), "begun attempt failed attempt failed ended");
     EXPECT_EQ(events().back().result, 0x4071000cU);

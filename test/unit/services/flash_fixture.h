@@ -19,7 +19,9 @@
 
 #include <gtest/gtest.h>
 
+#include "bios_header.h"
 #include "chassis_dir.h"
+#include "flash_claim.h"
 #include "flash_device.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
@@ -61,6 +63,20 @@ inline flash_bytes random_bytes(std::size_t count)
     return bytes;
 }
 
+inline flash_bytes image_with_version(std::size_t size_bytes, int major, int minor)
+{
+    flash_bytes image = random_bytes(size_bytes);
+    EXPECT_TRUE(
+        bios_header_write({.major = major, .minor = minor, .month = 9, .day = 17, .year = 12}, image.data()));
+    return image;
+}
+
+// Bytes that a card takes for a BIOS image.
+inline flash_bytes random_image(std::size_t size_bytes)
+{
+    return image_with_version(size_bytes, 3, 5);
+}
+
 inline flash_bytes followed_by_erased(flash_bytes bytes, std::size_t size_bytes)
 {
     bytes.resize(size_bytes, 0xff);
@@ -93,6 +109,8 @@ protected:
         ASSERT_NE(::mkdtemp(folder), nullptr);
         dir = folder;
         ASSERT_EQ(chassis_attach(dir, TEST_SLOT), 0);
+        temporary_image_ = file_of("temporary", random_image(SMALL_FLASH.size_bytes));
+        flash_temporary_image = temporary_image_.c_str();
     }
     void TearDown() override { std::filesystem::remove_all(dir); }
 
@@ -150,4 +168,7 @@ protected:
     }
 
     std::string dir;
+
+private:
+    std::string temporary_image_;
 };

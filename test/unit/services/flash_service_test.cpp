@@ -11,6 +11,8 @@
 
 #include "bios_flash.h"
 #include "bios_header.h"
+#include "bios_refusals.h"
+#include "bios_results.h"
 #include "flash_progress_file.h"
 #include "mts.h"
 
@@ -42,14 +44,6 @@ played_transport transport;
 std::uint32_t word_of(const std::uint8_t *bytes)
 {
     return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
-}
-
-flash_bytes image_with_version(std::size_t size_bytes, int major, int minor)
-{
-    flash_bytes image = random_bytes(size_bytes);
-    EXPECT_TRUE(
-        bios_header_write({.major = major, .minor = minor, .month = 9, .day = 17, .year = 12}, image.data()));
-    return image;
 }
 
 class flash_service_fixture : public chassis_flash_fixture
@@ -256,7 +250,7 @@ TEST_F(ImageVersion, IsToldOfAnImageThatIsNoLongerThanItsHeader)
 
 TEST_F(ImageVersion, IsReadAtTheOffsetGiven)
 {
-    flash_bytes image = random_bytes(4096);
+    flash_bytes image = random_image(4096);
     const flash_bytes header = image_with_version(BIOS_HEADER_BYTES, 3, 5);
     image.insert(image.end(), header.begin(), header.end());
     const std::string path = file_of("image", image);
@@ -285,7 +279,7 @@ TEST_F(ImageVersion, IsReadFromRegularFilesOnly)
 TEST_F(FlashProgramming, MakesTheFlashEqualToTheImageAndErasedBehindIt)
 {
     const flash_bytes image = image_with_version(3 * SECTOR + 1000, 4, 1);
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     EXPECT_EQ(program(file_of("image", image)), 0);
     expect_programmed(image);
     EXPECT_EQ(flash_version().text, "  v4.1.0(09/17/12)");
@@ -293,7 +287,7 @@ TEST_F(FlashProgramming, MakesTheFlashEqualToTheImageAndErasedBehindIt)
 
 TEST_F(FlashProgramming, FillsTheWholeFlash)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash();
     EXPECT_EQ(program(file_of("image", image)), 0);
     expect_programmed(image);
@@ -301,7 +295,7 @@ TEST_F(FlashProgramming, FillsTheWholeFlash)
 
 TEST_F(FlashProgramming, WritesTheFlashThatTheImageTypeSelects)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash(0);
     create_flash(1);
     const flash_bytes primary = flash_contents(0);
@@ -313,7 +307,7 @@ TEST_F(FlashProgramming, WritesTheFlashThatTheImageTypeSelects)
 
 TEST_F(FlashProgramming, LeavesAnEqualFlashAlone)
 {
-    const flash_bytes image = random_bytes(5 * SECTOR);
+    const flash_bytes image = random_image(5 * SECTOR);
     create_flash(0, SMALL_FLASH, image);
     set_fault("stop erase 1\nstop program 1\nstop marker 1");
     EXPECT_EQ(program(file_of("image", image)), 0);
@@ -323,7 +317,7 @@ TEST_F(FlashProgramming, LeavesAnEqualFlashAlone)
 
 TEST_F(FlashProgramming, ErasesAndWritesOnlySectorsThatDiffer)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     flash_bytes before = image;
     before[2 * SECTOR + 5] ^= 1;
     before[9 * SECTOR] ^= 0x80;
@@ -336,7 +330,7 @@ TEST_F(FlashProgramming, ErasesAndWritesOnlySectorsThatDiffer)
 
 TEST_F(FlashProgramming, WritesAnErasedSectorWithoutErasingIt)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     flash_bytes before = image;
     std::fill_n(before.begin() + 4 * SECTOR, SECTOR, 0xff);
     create_flash(0, SMALL_FLASH, before);
@@ -348,7 +342,7 @@ TEST_F(FlashProgramming, WritesAnErasedSectorWithoutErasingIt)
 
 TEST_F(FlashProgramming, DoesNotProgramErasedPages)
 {
-    flash_bytes image = random_bytes(SECTOR);
+    flash_bytes image = random_image(SECTOR);
     std::fill_n(image.begin() + 3 * PAGE, 5 * PAGE, 0xff);
     create_flash();
     EXPECT_EQ(program(file_of("image", image)), 0);
@@ -358,56 +352,56 @@ TEST_F(FlashProgramming, DoesNotProgramErasedPages)
 
 TEST_F(FlashProgramming, RefusesImagesThatDoNotFitAndTouchesNothing)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     EXPECT_EQ(program(file_of("empty", {})), BIOS_FLASH_ERR_IMAGE_SIZE);
-    EXPECT_EQ(program(file_of("large", random_bytes(SMALL_FLASH.size_bytes + 1))), BIOS_FLASH_ERR_IMAGE_SIZE);
+    EXPECT_EQ(program(file_of("large", random_image(SMALL_FLASH.size_bytes + 1))), bios_signed(BIOS_REFUSED_TOO_LARGE));
     EXPECT_EQ(program(dir), BIOS_FLASH_ERR_IMAGE_SIZE);
     EXPECT_EQ(program("/dev/zero"), BIOS_FLASH_ERR_IMAGE_SIZE);
     const std::string huge = file_of("huge", {});
     std::filesystem::resize_file(huge, std::uintmax_t{1} << 32 | 4096); // 4096 if its size were cut to 32 bits
-    EXPECT_EQ(program(huge), BIOS_FLASH_ERR_IMAGE_SIZE);
+    EXPECT_EQ(program(huge), bios_signed(BIOS_REFUSED_TOO_LARGE));
     expect_untouched(before);
 }
 
 TEST_F(FlashProgramming, RefusesImagesThatCannotBeReadAndTouchesNothing)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     EXPECT_EQ(program(dir + "/missing"), BIOS_FLASH_ERR_IMAGE_READ);
-    std::filesystem::create_symlink(file_of("image", random_bytes(SECTOR)), dir + "/link");
+    std::filesystem::create_symlink(file_of("image", random_image(SECTOR)), dir + "/link");
     EXPECT_EQ(program(dir + "/link"), BIOS_FLASH_ERR_IMAGE_READ);
     expect_untouched(before);
 }
 
 TEST_F(FlashProgramming, IsRefusedWithoutAFlash)
 {
-    EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), BIOS_FLASH_ERR_NO_FLASH);
+    EXPECT_EQ(program(file_of("image", random_image(SECTOR))), BIOS_FLASH_ERR_NO_FLASH);
 }
 
 TEST_F(FlashProgramming, IsRefusedWhenTheFlashHasAnotherWriter)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     const auto writer = open_flash();
-    EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), BIOS_FLASH_ERR_IN_USE);
+    EXPECT_EQ(program(file_of("image", random_image(SECTOR))), BIOS_FLASH_ERR_IN_USE);
     expect_untouched(before);
 }
 
 TEST_F(FlashProgramming, IsRefusedWhenTheFlashCannotBeReadAtAll)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     set_fault("fail read 3 3");
-    EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), BIOS_FLASH_ERR_NO_FLASH);
+    EXPECT_EQ(program(file_of("image", random_image(SECTOR))), BIOS_FLASH_ERR_NO_FLASH);
     expect_untouched(before);
 }
 
 // Its contents may be those that an earlier attempt of the same request has left.
 TEST_F(FlashProgramming, IsNotToldToBeAsBeforeWhenAMarkedFlashCannotBeRead)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
-    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
     set_fault("fail program 20");
     ASSERT_EQ(program(image), BIOS_FLASH_ERR_PROGRAM);
     set_fault("fail read 1 3");
@@ -418,17 +412,17 @@ TEST_F(FlashProgramming, IsNotToldToBeAsBeforeWhenAMarkedFlashCannotBeRead)
 
 TEST_F(FlashProgramming, TouchesNothingWhenAProtectedSectorDiffers)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     write_flash_file("protected", "15\n");
-    EXPECT_EQ(program(file_of("image", random_bytes(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_PROTECTED);
+    EXPECT_EQ(program(file_of("image", random_image(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_PROTECTED);
     expect_untouched(before);
 }
 
 TEST_F(FlashProgramming, GoesAroundProtectedSectorsThatAreEqual)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
-    flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
+    flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     std::copy_n(before.begin() + 3 * SECTOR, 2 * SECTOR, image.begin() + 3 * SECTOR);
     create_flash(0, SMALL_FLASH, before);
     write_flash_file("protected", "3-4\n");
@@ -452,7 +446,7 @@ TEST_F(FlashProgramming, LeavesTheFlashMarkedWhenAnEraseFails)
 TEST_F(FlashProgramming, LeavesTheFlashMarkedWhenAWriteFails)
 {
     const flash_bytes image = image_with_version(SMALL_FLASH.size_bytes, 3, 5);
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     set_fault("fail program 20");
     EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_PROGRAM);
     EXPECT_TRUE(is_marked());
@@ -463,10 +457,10 @@ TEST_F(FlashProgramming, LeavesTheFlashMarkedWhenAWriteFails)
 
 TEST_F(FlashProgramming, FindsOutThatAWriteDidNothingOrOnlyAPart)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     for (const char *rule : {"lie program 5", "part program 5", "flip program 5"}) {
         SCOPED_TRACE(rule);
-        const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+        const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
         new_request();
         set_fault(rule);
         EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_PROGRAM);
@@ -481,10 +475,10 @@ TEST_F(FlashProgramming, FindsOutThatAWriteDidNothingOrOnlyAPart)
 // What is written over bits that an erase has left would be lost.
 TEST_F(FlashProgramming, ErasesAgainWhatIsNotBlankAfterwards)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     for (const char *rule : {"lie erase 3 2", "part erase 3 2", "flip erase 3 2"}) {
         SCOPED_TRACE(rule);
-        const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+        const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
         const std::uint64_t erases_before = wear().erases;
         new_request();
         set_fault(rule);
@@ -497,16 +491,16 @@ TEST_F(FlashProgramming, ErasesAgainWhatIsNotBlankAfterwards)
 
 TEST_F(FlashProgramming, FailsWhenASectorStaysNotBlankAndDoesNotWriteIt)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     set_fault("flip erase 3 3");
-    EXPECT_EQ(program(file_of("image", random_bytes(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_ERASE);
+    EXPECT_EQ(program(file_of("image", random_image(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_ERASE);
     EXPECT_TRUE(is_marked());
     EXPECT_EQ(wear().programs, 0u);
 }
 
 TEST_F(FlashProgramming, DoesNotEraseForAReadThatWasDisturbed)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, image);
     for (const char *rule : {"flip read 5", "part read 5", "lie read 5", "fail read 5 2"}) {
         SCOPED_TRACE(rule);
@@ -521,7 +515,7 @@ TEST_F(FlashProgramming, DoesNotEraseForAReadThatWasDisturbed)
 
 TEST_F(FlashProgramming, ReadsASectorAgainBeforeItCountsAsWrong)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash();
     const std::string fifth_read_back = std::to_string(2 * SECTORS + 5); // each difference is read twice
     for (const char *fault : {"fail", "lie", "part", "flip"}) {
@@ -543,7 +537,10 @@ TEST_F(FlashProgramming, ReadsASectorAgainBeforeItCountsAsWrong)
 // The sectors of this image are the same: the buffer holds the right bytes from the sector before.
 TEST_F(FlashProgramming, DoesNotTakeAReadThatDeliveredNothingForTheRightBytes)
 {
-    const flash_bytes image(SMALL_FLASH.size_bytes, 0x5a);
+    const flash_bytes sector = random_image(SECTOR);
+    flash_bytes image;
+    while (image.size() < SMALL_FLASH.size_bytes)
+        image.insert(image.end(), sector.begin(), sector.end());
     for (const char *rule : {"lie read always", "part read always"}) {
         SCOPED_TRACE(rule);
         if (!std::filesystem::exists(flash_file("data")))
@@ -557,8 +554,8 @@ TEST_F(FlashProgramming, DoesNotTakeAReadThatDeliveredNothingForTheRightBytes)
 
 TEST_F(FlashProgramming, DoesNotTrustAMarkerThatIsNotThere)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     set_fault("lie marker 1");
     EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_ERASE);
@@ -573,16 +570,16 @@ TEST_F(FlashProgramming, DoesNotTrustAMarkerThatIsNotThere)
 
 TEST_F(FlashProgramming, TouchesNothingWhenTheMarkerCannotBeSet)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     set_fault("fail marker 1");
-    EXPECT_EQ(program(file_of("image", random_bytes(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_ERASE);
+    EXPECT_EQ(program(file_of("image", random_image(SMALL_FLASH.size_bytes))), BIOS_FLASH_ERR_ERASE);
     expect_untouched(before);
 }
 
 TEST_F(FlashProgramming, VerifiesAndUnmarksAFlashThatIsEqualButMarked)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash();
     set_fault("fail marker 2"); // the clearing
     EXPECT_EQ(program(file_of("image", image)), BIOS_FLASH_ERR_PROGRAM);
@@ -600,8 +597,8 @@ TEST_F(FlashProgramming, VerifiesAndUnmarksAFlashThatIsEqualButMarked)
 
 TEST_F(FlashProgramming, IsMarkedBeforeItsFirstChange)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
-    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
     create_flash(0, SMALL_FLASH, before);
     set_fault("stop erase 1");
     EXPECT_TRUE(was_killed(status_of_child([&] { return program(image); })));
@@ -613,7 +610,7 @@ TEST_F(FlashProgramming, IsMarkedBeforeItsFirstChange)
 // completes it.
 TEST_F(FlashProgramming, IsCompletedByTheNextRequestWhereverItWasCutOff)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     std::vector<std::string> rules = {"stop marker 1", "torn marker 1", "stop marker 2",  "torn marker 2",
                                       "stop erase 1",  "torn erase 16", "stop program 1", "torn program 256"};
     for (int count = 0; count < 40; ++count) {
@@ -625,7 +622,7 @@ TEST_F(FlashProgramming, IsCompletedByTheNextRequestWhereverItWasCutOff)
     for (const std::string &rule : rules) {
         SCOPED_TRACE(rule);
         const flash_bytes before = flash_contents();
-        const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+        const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
         const std::string path = file_of("image", image);
         set_fault(rule);
         ASSERT_TRUE(was_killed(status_of_child([&] { return program(path); })));
@@ -638,8 +635,8 @@ TEST_F(FlashProgramming, IsCompletedByTheNextRequestWhereverItWasCutOff)
 
 TEST_F(FlashProgramming, TouchesNothingWhenTheImageIsCutShortBeforehand)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
-    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
     create_flash(0, SMALL_FLASH, before);
     transport.answer = [&](const progress_message &message) {
         if (message.percent == 0)
@@ -655,9 +652,9 @@ TEST_F(FlashProgramming, SurvivesAnImageThatIsCutShortOnTheWay)
     for (const std::uint32_t phase : {1u, 2u, 3u}) {
         SCOPED_TRACE(phase);
         if (!std::filesystem::exists(flash_file("data")))
-            create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+            create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
         new_request();
-        const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+        const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
         transport.answer = [&](const progress_message &message) {
             if (message.phase == phase && message.percent > 0)
                 std::filesystem::resize_file(image, 0);
@@ -673,7 +670,7 @@ TEST_F(FlashProgramming, WritesALargeFlash)
 {
     constexpr flash_geometry large = {.size_bytes = 8 << 20};
     const flash_bytes image = image_with_version(large.size_bytes - 12345, 7, 20);
-    create_flash(0, large, random_bytes(large.size_bytes));
+    create_flash(0, large, random_image(large.size_bytes));
     EXPECT_EQ(program(file_of("image", image)), 0);
     EXPECT_EQ(flash_contents(), followed_by_erased(image, large.size_bytes));
     EXPECT_EQ(wear().erases, 128u);
@@ -684,8 +681,8 @@ TEST_F(FlashProgramming, WritesALargeFlash)
 
 TEST_F(FlashProgress, GrowsFromNothingToAHundredThroughThePhases)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
-    EXPECT_EQ(program(file_of("image", random_bytes(SMALL_FLASH.size_bytes)), 2), 0);
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
+    EXPECT_EQ(program(file_of("image", random_image(SMALL_FLASH.size_bytes)), 2), 0);
     ASSERT_GT(transport.sent.size(), 3u);
     EXPECT_EQ(transport.sent.front().payload, (flash_bytes{0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 2}));
     EXPECT_EQ(transport.sent.back().payload, (flash_bytes{0, 0, 0, 3, 0, 0, 0, 100, 0, 0, 0, 2}));
@@ -701,8 +698,8 @@ TEST_F(FlashProgress, GrowsFromNothingToAHundredThroughThePhases)
 TEST_F(FlashProgress, TellsEachPercentOfALargeFlashOnce)
 {
     constexpr flash_geometry many_sectors = {.size_bytes = 1 << 20, .sector_bytes = 1 << 10, .page_bytes = 256};
-    create_flash(0, many_sectors, random_bytes(many_sectors.size_bytes));
-    EXPECT_EQ(program(file_of("image", random_bytes(many_sectors.size_bytes))), 0);
+    create_flash(0, many_sectors, random_image(many_sectors.size_bytes));
+    EXPECT_EQ(program(file_of("image", random_image(many_sectors.size_bytes))), 0);
     ASSERT_EQ(transport.sent.size(), 101u);
     for (std::uint32_t percent = 0; percent <= 100; ++percent)
         EXPECT_EQ(transport.sent[percent].percent, percent);
@@ -710,8 +707,8 @@ TEST_F(FlashProgress, TellsEachPercentOfALargeFlashOnce)
 
 TEST_F(FlashProgress, TellsAHundredOnlyWhenTheFlashIsWhole)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     bool whole = false;
     transport.answer = [&](const progress_message &message) {
         if (message.percent == 100)
@@ -724,8 +721,8 @@ TEST_F(FlashProgress, TellsAHundredOnlyWhenTheFlashIsWhole)
 
 TEST_F(FlashProgress, NeverGoesBackAcrossAttempts)
 {
-    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     set_fault("fail program 100");
     EXPECT_EQ(program(image, 1), BIOS_FLASH_ERR_PROGRAM);
     const std::size_t first = transport.sent.size();
@@ -741,14 +738,14 @@ TEST_F(FlashProgress, NeverGoesBackAcrossAttempts)
 TEST_F(FlashProgress, IsToldWithoutAnAreaToo)
 {
     create_flash();
-    const std::string image = file_of("image", random_bytes(SECTOR));
+    const std::string image = file_of("image", random_image(SECTOR));
     EXPECT_EQ(program_bios_flash(HANDLE, NODE, SAP, MODULE, image.c_str(), 1, nullptr, 0), 0);
     EXPECT_TRUE(has_told_end());
 }
 
 TEST_F(FlashProgress, DoesNotHoldUpTheWorkWhenNobodyListens)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     create_flash();
     transport.answer = [](const progress_message &) { return ECONNREFUSED; };
     EXPECT_EQ(program(file_of("image", image)), 0);
@@ -766,7 +763,7 @@ TEST_F(FlashProgress, TriesTheEndAgainWhileTheReceiverIsFull)
     transport.answer = [&](const progress_message &message) {
         return message.percent == 100 && refusals-- > 0 ? MTS_ERRNO_TIMED_OUT : 0;
     };
-    EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), 0);
+    EXPECT_EQ(program(file_of("image", random_image(SECTOR))), 0);
     EXPECT_EQ(std::count_if(transport.sent.begin(), transport.sent.end(),
                             [](const progress_message &message) { return message.percent == 100; }),
               4);
@@ -777,7 +774,7 @@ TEST_F(FlashProgress, GivesUpTheEndAfterAboutFiveSeconds)
     create_flash();
     transport.answer = [](const progress_message &) { return MTS_ERRNO_TIMED_OUT; };
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(program(file_of("image", random_bytes(SECTOR))), 0);
+    EXPECT_EQ(program(file_of("image", random_image(SECTOR))), 0);
     const auto taken = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(taken, std::chrono::seconds(5));
     EXPECT_LT(taken, std::chrono::seconds(20));
@@ -790,7 +787,7 @@ TEST_F(FlashProgress, GivesUpTheEndAfterAboutFiveSeconds)
 TEST_F(FlashProgress, IsLeftInTheFlashsFileWithEachMessage)
 {
     create_flash();
-    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const std::string path = file_of("image", random_image(SMALL_FLASH.size_bytes));
     transport.answer = [&](const progress_message &message) {
         const auto line = flash_progress_parse(text_of_flash_file("progress"));
         EXPECT_TRUE(line && line->phase == message.phase && line->percent == message.percent &&
@@ -805,7 +802,7 @@ TEST_F(FlashProgress, IsLeftInTheFlashsFileWithEachMessage)
 TEST_F(FlashProgress, OfALaterAttemptIsLeftThoughItsMessagesAreSilent)
 {
     create_flash();
-    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const std::string path = file_of("image", random_image(SMALL_FLASH.size_bytes));
     set_fault("fail program 200");
     EXPECT_NE(program(path, 1), 0);
     const auto first = flash_progress_parse(text_of_flash_file("progress"));
@@ -823,7 +820,7 @@ TEST_F(FlashProgress, OfALaterAttemptIsLeftThoughItsMessagesAreSilent)
 TEST_F(FlashProgress, FileThatCannotBeWrittenHoldsNothingUpAndIsNoOperation)
 {
     create_flash();
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
     const std::string path = file_of("image", image);
     EXPECT_EQ(program(path), 0);
     const flash_wear before = wear();
@@ -844,7 +841,7 @@ TEST_F(FlashProgress, FileThatCannotBeWrittenHoldsNothingUpAndIsNoOperation)
 TEST_F(FlashProgress, IsNotLeftByARequestThatIsRefused)
 {
     create_flash();
-    const std::string path = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const std::string path = file_of("image", random_image(SMALL_FLASH.size_bytes));
     const auto other = open_flash();
     EXPECT_EQ(program(path), BIOS_FLASH_ERR_IN_USE);
     EXPECT_FALSE(std::filesystem::exists(flash_file("progress")));
@@ -852,7 +849,7 @@ TEST_F(FlashProgress, IsNotLeftByARequestThatIsRefused)
 
 TEST_F(ErasedFlash, ProgressTellsOfTheErasing)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     EXPECT_EQ(ibexpeak_bios_flash_erase(SELECTOR), 0);
     const auto line = flash_progress_parse(text_of_flash_file("progress"));
     ASSERT_TRUE(line);
@@ -872,7 +869,7 @@ TEST(FlashSelector, HoldsTheLayoutAndTheFlash)
 
 TEST_F(ErasedFlash, IsErasedWholeAndStaysMarked)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     EXPECT_EQ(ibexpeak_bios_flash_erase(SELECTOR), 0);
     EXPECT_EQ(flash_contents(), flash_bytes(SMALL_FLASH.size_bytes, 0xff));
     EXPECT_TRUE(is_marked());
@@ -882,7 +879,7 @@ TEST_F(ErasedFlash, IsErasedWholeAndStaysMarked)
 
 TEST_F(ErasedFlash, IsTheOneThatTheSelectorNames)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     create_flash(1, SMALL_FLASH, before);
     for (const std::uint32_t layout : {3u, 4u, 5u})
@@ -901,7 +898,7 @@ TEST_F(ErasedFlash, IsTheOneThatTheSelectorNames)
 
 TEST_F(ErasedFlash, IsNotErasedInPartsWhenASectorIsProtected)
 {
-    const flash_bytes before = random_bytes(SMALL_FLASH.size_bytes);
+    const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     write_flash_file("protected", "15\n");
     EXPECT_EQ(ibexpeak_bios_flash_erase(SELECTOR), BIOS_FLASH_ERR_PROTECTED);
@@ -910,7 +907,7 @@ TEST_F(ErasedFlash, IsNotErasedInPartsWhenASectorIsProtected)
 
 TEST_F(ErasedFlash, IsErasedByAnotherAttemptAfterAFailure)
 {
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     set_fault("fail erase 7");
     EXPECT_EQ(ibexpeak_bios_flash_erase(SELECTOR), BIOS_FLASH_ERR_ERASE);
     EXPECT_TRUE(is_marked());
@@ -929,7 +926,7 @@ TEST_F(ErasedFlash, IsNotErasedWhileItHasAnotherWriter)
 TEST_F(ErasedFlash, IsWrittenWithoutErasingAndUnmarked)
 {
     const flash_bytes image = image_with_version(SMALL_FLASH.size_bytes - 300, 3, 5);
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     ASSERT_EQ(ibexpeak_bios_flash_erase(SELECTOR), 0);
     EXPECT_EQ(program_erased(file_of("image", image), 3), 0);
     expect_programmed(image);
@@ -941,7 +938,7 @@ TEST_F(ErasedFlash, IsWrittenWithoutErasingAndUnmarked)
 
 TEST_F(ErasedFlash, IsMarkedBeforeItIsWritten)
 {
-    const std::string image = file_of("image", random_bytes(SMALL_FLASH.size_bytes));
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
     create_flash();
     set_fault("stop program 1");
     EXPECT_TRUE(was_killed(status_of_child([&] { return program_erased(image); })));
@@ -950,8 +947,8 @@ TEST_F(ErasedFlash, IsMarkedBeforeItIsWritten)
 
 TEST_F(ErasedFlash, IsWrittenByAnotherAttemptAfterAFailure)
 {
-    const flash_bytes image = random_bytes(SMALL_FLASH.size_bytes);
-    create_flash(0, SMALL_FLASH, random_bytes(SMALL_FLASH.size_bytes));
+    const flash_bytes image = random_image(SMALL_FLASH.size_bytes);
+    create_flash(0, SMALL_FLASH, random_image(SMALL_FLASH.size_bytes));
     ASSERT_EQ(ibexpeak_bios_flash_erase(SELECTOR), 0);
     set_fault("fail program 30");
     EXPECT_EQ(program_erased(file_of("image", image), 1), BIOS_FLASH_ERR_PROGRAM);
@@ -963,8 +960,8 @@ TEST_F(ErasedFlash, IsWrittenByAnotherAttemptAfterAFailure)
 
 TEST_F(ErasedFlash, FailsEachAttemptWhenItWasNotErased)
 {
-    const std::string image = file_of("image", flash_bytes(SMALL_FLASH.size_bytes, 0xa5));
-    create_flash(0, SMALL_FLASH, flash_bytes(SECTOR, 0x5a));
+    const std::string image = file_of("image", random_image(SMALL_FLASH.size_bytes));
+    create_flash(0, SMALL_FLASH, flash_bytes(SECTOR, 0));
     for (const std::uint32_t attempt : {1u, 2u, 3u, 4u, 5u}) {
         EXPECT_EQ(program_erased(image, attempt), BIOS_FLASH_ERR_PROGRAM);
         EXPECT_TRUE(is_marked());
@@ -977,15 +974,15 @@ TEST_F(ErasedFlash, IsFoundProtectedBeforeItIsWritten)
 {
     create_flash();
     write_flash_file("protected", "0\n");
-    EXPECT_EQ(program_erased(file_of("image", random_bytes(SECTOR))), BIOS_FLASH_ERR_PROTECTED);
+    EXPECT_EQ(program_erased(file_of("image", random_image(SECTOR))), BIOS_FLASH_ERR_PROTECTED);
     expect_untouched(flash_bytes(SMALL_FLASH.size_bytes, 0xff));
 }
 
 TEST_F(ErasedFlash, RefusesImagesThatDoNotFit)
 {
     create_flash();
-    EXPECT_EQ(program_erased(file_of("large", random_bytes(SMALL_FLASH.size_bytes + 1))),
-              BIOS_FLASH_ERR_IMAGE_SIZE);
+    EXPECT_EQ(program_erased(file_of("large", random_image(SMALL_FLASH.size_bytes + 1))),
+              bios_signed(BIOS_REFUSED_TOO_LARGE));
     EXPECT_EQ(program_erased(file_of("empty", {})), BIOS_FLASH_ERR_IMAGE_SIZE);
     EXPECT_EQ(program_erased(dir + "/missing"), BIOS_FLASH_ERR_IMAGE_READ);
     expect_untouched(flash_bytes(SMALL_FLASH.size_bytes, 0xff));

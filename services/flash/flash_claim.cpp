@@ -1,0 +1,186 @@
+#include "flash_claim.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "bios_flash.h"
+#include "bios_refusals.h"
+#include "bios_results.h"
+#include "bios_header.h"
+#include "c_boundary.h"
+#include "chassis_dir.h"
+#include "flash_geometry.h"
+#include "image_judgement.h"
+#include "monotonic_clock.h"
+#include "utc_time.h"
+
+const char *flash_temporary_image = "/bootflash/.tmpbios.bin";
+
+namespace
+{
+
+constexpr const char *OWN_NAME = ".bios_order."; // and the instance
+
+// Never freed by the runtime: the exit handler does it, as long as all else is there.
+std::array<std::unique_ptr<flash_claim>, FLASH_INSTANCE_COUNT> &claims()
+{
+    static auto *const all = new std::array<std::unique_ptr<flash_claim>, FLASH_INSTANCE_COUNT>;
+    return *all;
+}
+
+void end_claims()
+{
+    for (auto &claim : claims())
+        claim.reset();
+}
+
+// The image under a name beside its own, so that it stays when that one is removed or given to another file. Empty
+// where the file system has no second names.
+std::string link_beside(const std::string &path, const flash_image &image, std::uint32_t instance)
+{
+    std::string name = path.substr(0, path.rfind('/') + 1) + OWN_NAME + std::to_string(instance);
+    const std::string opened = "/proc/self/fd/" + std::to_string(image.descriptor());
+    (void)::unlink(name.c_str()); // of a process that was killed
+    if (::linkat(AT_FDCWD, opened.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        return {};
+    return name;
+}
+
+std::string version_in_flash(flash_device &flash)
+{
+    std::uint8_t header[BIOS_HEADER_BYTES];
+    if (flash.is_marked() || !flash.read(0, header, sizeof header))
+        return {};
+    return bios_version_in(header);
+}
+
+// A client that orders nothing: what it programs is recorded all the same.
+flash_order order_without_client(const image_facts &image)
+{
+    flash_order order;
+    order.id = static_cast<std::uint64_t>(microseconds_of(CLOCK_REALTIME));
+    order.sha256 = image.sha256;
+    order.size_bytes = image.size_bytes;
+    order.version = image.version;
+    order.ordered_at = utc_now();
+    return order;
+}
+
+} // namespace
+
+flash_claim *flash_claim::of(std::uint32_t instance, const char *path, std::uint32_t attempt)
+{
+    if (instance >= FLASH_INSTANCE_COUNT)
+        return nullptr;
+    flash_claim *claim = claims()[instance].get();
+    if (claim == nullptr || claim->process_ != ::getpid())
+        return nullptr;
+    const bool goes_on = claim->path_ == path && !(claim->attempted_ && attempt <= 1);
+    return goes_on ? claim : nullptr;
+}
+
+flash_claim *flash_claim::make(std::uint32_t instance, const char *path, flash_image &&image, flash_device &flash,
+                               std::int32_t &failure_out)
+{
+    static pid_t exit_handler_of = 0;
+    claims()[instance].reset(); // a programming that has failed
+    std::unique_ptr<flash_claim> claim(new flash_claim(instance, path, std::move(image)));
+    const std::uint32_t refusal = claim->take_order(flash);
+    if (refusal != 0) {
+        failure_out = bios_signed(refusal);
+        return nullptr;
+    }
+    claim->own_name_ = link_beside(claim->path_, claim->image_, instance);
+    if (exit_handler_of != ::getpid() && std::atexit(end_claims) == 0)
+        exit_handler_of = ::getpid();
+    claims()[instance] = std::move(claim);
+    return claims()[instance].get();
+}
+
+flash_claim::flash_claim(std::uint32_t instance, const char *path, flash_image &&image)
+    : instance_(instance), path_(path), image_(std::move(image)), process_(::getpid())
+{
+}
+
+// A programming that has not succeeded has failed when its claim goes. What a forked child has copied is not its own.
+flash_claim::~flash_claim()
+{
+    if (process_ != ::getpid())
+        return;
+    if (!own_name_.empty())
+        (void)::unlink(own_name_.c_str());
+    if (writer_ && order_.state == flash_order_state::writing)
+        best_effort([this] { (void)record(flash_order_state::failed); });
+}
+
+std::uint32_t flash_claim::take_order(flash_device &flash)
+{
+    image_facts facts{.size_bytes = image_.size_bytes(), .version = image_.version()};
+    if (facts.size_bytes > flash.geometry().size_bytes)
+        return BIOS_REFUSED_TOO_LARGE; // it is not worth a digest
+    if (!image_.digest(facts.sha256))
+        return BIOS_FLASH_ERR_IMAGE_READ;
+    if (image_.has_changed())
+        return BIOS_REFUSED_CHANGED;
+
+    const unsigned slot = chassis_own_slot();
+    const flash_orders_lock lock(slot);
+    const auto order = flash_order_read(slot, instance_);
+    if (order && flash_order_holds_off(*order))
+        return BIOS_REFUSED_CANCELLED;
+    if (order && order->state == flash_order_state::writing)
+        return BIOS_FLASH_ERR_IN_USE;
+    const bool is_ordered = order && order->state == flash_order_state::ordered;
+    if (is_ordered && (order->sha256 != facts.sha256 || order->size_bytes != facts.size_bytes))
+        return BIOS_REFUSED_OTHER_IMAGE; // another client's image; the order stays
+
+    order_ = is_ordered ? *order : order_without_client(facts);
+    if (is_ordered) // else no read of the flash beyond those of the programming
+        order_.old_version = version_in_flash(flash);
+    const std::uint32_t refusal =
+        judge_image(facts, {.size_bytes = flash.geometry().size_bytes, .version = order_.old_version},
+                    {.is_ordered = is_ordered, .forced = order_.forced});
+    if (refusal != 0) {
+        order_.result = refusal;
+        if (is_ordered)
+            (void)record(flash_order_state::failed);
+        return refusal;
+    }
+    writer_ = flash_order_take_writer(slot, instance_);
+    if (!writer_ && errno == EBUSY)
+        return BIOS_FLASH_ERR_IN_USE;
+    order_.writer = static_cast<std::uint32_t>(process_);
+    // Of a client that has ordered nothing the record is a note beside the work.
+    return (writer_ && record(flash_order_state::writing)) || !is_ordered ? 0U : BIOS_REFUSED_NOT_CHECKED;
+}
+
+bool flash_claim::has_its_image()
+{
+    sha256_digest now;
+    return !image_.has_changed() || (image_.digest(now) && now == order_.sha256);
+}
+
+bool flash_claim::record(flash_order_state state)
+{
+    order_.state = state;
+    order_.changed_at = utc_now();
+    return flash_order_write(chassis_own_slot(), instance_, order_);
+}
+
+std::int32_t flash_claim::ended(std::uint32_t attempt, std::int32_t result)
+{
+    attempted_ = attempted_ || attempt > 0;
+    order_.result = static_cast<std::uint32_t>(result);
+    if (attempt == 0 || result != 0)
+        return result;
+    if (writer_) {
+        const flash_orders_lock lock(chassis_own_slot());
+        (void)record(flash_order_state::verified);
+    }
+    claims()[instance_].reset();
+    return result;
+}

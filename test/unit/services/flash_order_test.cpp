@@ -1,0 +1,143 @@
+// The record of a flash's order: its text, and what becomes of an order when nobody keeps it up.
+#include <filesystem>
+#include <gtest/gtest.h>
+
+#include "flash_fixture.h"
+#include "flash_order.h"
+
+namespace
+{
+
+flash_order example()
+{
+    flash_order order;
+    order.id = 77;
+    order.sha256[0] = 0xab;
+    order.size_bytes = 8388608;
+    order.family = 17;
+    order.forced = 1;
+    order.renewed_s = flash_order_clock_s();
+    order.version = "v3.5.0(09/17/12)";
+    order.image = "bootflash:s.bin";
+    order.user = "ann";
+    order.host = "console";
+    order.ordered_at = order.changed_at = "2026-01-31T23:59:59Z";
+    return order;
+}
+
+class FlashOrder : public chassis_flash_fixture
+{
+protected:
+    void SetUp() override
+    {
+        chassis_flash_fixture::SetUp();
+        create_flash();
+    }
+    static void write(const flash_order &order)
+    {
+        const flash_orders_lock lock(TEST_SLOT);
+        ASSERT_TRUE(lock.is_held());
+        ASSERT_TRUE(flash_order_write(TEST_SLOT, 0, order));
+    }
+    static flash_order_state state_read()
+    {
+        const auto order = flash_order_read(TEST_SLOT, 0);
+        EXPECT_TRUE(order);
+        return order ? order->state : flash_order_state::failed;
+    }
+};
+
+} // namespace
+
+TEST(FlashOrderText, IsReadBackAsItWas)
+{
+    const flash_order order = example();
+    const std::string text = flash_order_format(order);
+    EXPECT_EQ(text.substr(0, 20), "id 77\nstate ordered\n");
+    EXPECT_EQ(flash_order_parse(text), order);
+}
+
+TEST(FlashOrderText, KeepsItsLinesWhateverATextHolds)
+{
+    flash_order order = example();
+    order.user = "ann\nstate verified\x1b[2J\x9b";
+    order.host = std::string(1000, 'h');
+    const auto parsed = flash_order_parse(flash_order_format(order));
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->state, flash_order_state::ordered);
+    EXPECT_EQ(parsed->user, "ann?state verified?[2J?");
+    EXPECT_EQ(parsed->host.size(), FLASH_ORDER_TEXT_BYTES);
+}
+
+TEST(FlashOrderText, IsNoneWhenAnythingIsAmiss)
+{
+    const std::string text = flash_order_format(example());
+    EXPECT_FALSE(flash_order_parse(""));
+    EXPECT_FALSE(flash_order_parse(text + "\n"));
+    EXPECT_FALSE(flash_order_parse(text.substr(1)));
+    for (std::size_t length = 0; length < text.size(); ++length)
+        EXPECT_FALSE(flash_order_parse(text.substr(0, length))) << length;
+    for (const auto &[good, bad] : {std::pair("state ordered", "state done"), {"id 77", "id x"}, {"sha256 ab", "sha256 AB"},
+                                    {"size_bytes 8388608", "size_bytes -1"}, {"forced 1", "forced 99999999999"}}) {
+        std::string changed = text;
+        changed.replace(changed.find(good), std::string(good).size(), bad);
+        EXPECT_FALSE(flash_order_parse(changed)) << bad;
+    }
+}
+
+TEST_F(FlashOrder, IsNotThereBeforeTheFirst)
+{
+    EXPECT_EQ(flash_order_read(TEST_SLOT, 0), std::nullopt);
+    EXPECT_EQ(flash_order_read(TEST_SLOT, FLASH_INSTANCE_COUNT), std::nullopt);
+    EXPECT_FALSE(flash_orders_are_live(TEST_SLOT));
+}
+
+TEST_F(FlashOrder, LivesAsLongAsItIsRenewed)
+{
+    flash_order order = example();
+    write(order);
+    EXPECT_EQ(flash_order_read(TEST_SLOT, 0), order);
+    EXPECT_TRUE(flash_orders_are_live(TEST_SLOT));
+    order.renewed_s -= FLASH_ORDER_SILENCE_S - 1;
+    write(order);
+    EXPECT_EQ(state_read(), flash_order_state::ordered);
+    order.renewed_s -= 2;
+    write(order);
+    EXPECT_EQ(state_read(), flash_order_state::failed);
+    EXPECT_FALSE(flash_orders_are_live(TEST_SLOT));
+}
+
+TEST_F(FlashOrder, HasEndedWithTheCardsLastLife)
+{
+    flash_order order = example();
+    order.renewed_s += 1000;
+    write(order);
+    EXPECT_EQ(state_read(), flash_order_state::failed);
+}
+
+TEST_F(FlashOrder, IsWrittenAsLongAsItsWriterLives)
+{
+    flash_order order = example();
+    order.state = flash_order_state::writing;
+    order.renewed_s -= 1000;
+    write(order);
+    EXPECT_EQ(state_read(), flash_order_state::failed);
+    unique_fd writer = flash_order_take_writer(TEST_SLOT, 0);
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(state_read(), flash_order_state::writing);
+    EXPECT_FALSE(flash_order_take_writer(TEST_SLOT, 0));
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(flash_order_take_writer(TEST_SLOT, 1));
+    writer.reset();
+    EXPECT_EQ(state_read(), flash_order_state::failed);
+}
+
+TEST_F(FlashOrder, ThatWasCancelledHoldsOffAsLongAsItIsRenewed)
+{
+    flash_order order = example();
+    EXPECT_FALSE(flash_order_holds_off(order));
+    order.state = flash_order_state::cancelled;
+    EXPECT_TRUE(flash_order_holds_off(order));
+    order.renewed_s -= FLASH_ORDER_SILENCE_S + 1;
+    EXPECT_FALSE(flash_order_holds_off(order));
+}

@@ -1,0 +1,81 @@
+// Which images may be written into which flash.
+#include <gtest/gtest.h>
+
+#include "bios_refusals.h"
+#include "image_judgement.h"
+
+namespace
+{
+
+constexpr image_rules ORDERED = {.is_ordered = true};
+constexpr image_rules NOT_ORDERED = {};
+
+struct subject {
+    image_facts image{.size_bytes = 4096, .version = "v3.5.0(09/17/12)"};
+    flash_facts flash{.size_bytes = 4096, .version = "v3.5.0(09/17/12)"};
+};
+
+std::uint32_t judged(const subject &of, const image_rules &rules)
+{
+    return judge_image(of.image, of.flash, rules);
+}
+
+} // namespace
+
+TEST(ImageJudgement, TakesAnImageOfTheFlashsSizeThatIsNotOlder)
+{
+    subject of;
+    EXPECT_EQ(judged(of, ORDERED), 0U);
+    of.image.version = "v3.6.0(01/01/01)";
+    EXPECT_EQ(judged(of, ORDERED), 0U);
+    of.flash.version = "";
+    EXPECT_EQ(judged(of, ORDERED), 0U);
+}
+
+TEST(ImageJudgement, RefusesALargerImageWhateverIsForced)
+{
+    subject of;
+    of.image.size_bytes = 4097;
+    EXPECT_EQ(judged(of, NOT_ORDERED), BIOS_REFUSED_TOO_LARGE);
+    EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_ALL}), BIOS_REFUSED_TOO_LARGE);
+}
+
+TEST(ImageJudgement, RefusesASmallerImageThatWasOrderedUnlessItIsForced)
+{
+    subject of;
+    of.image.size_bytes = 4095;
+    EXPECT_EQ(judged(of, ORDERED), BIOS_REFUSED_SMALLER);
+    EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_SMALLER}), 0U);
+    EXPECT_EQ(judged(of, NOT_ORDERED), 0U);
+}
+
+TEST(ImageJudgement, RefusesAnOlderImageThatWasOrderedUnlessItIsForced)
+{
+    subject of;
+    of.image.version = "v3.4.0(09/17/14)";
+    EXPECT_EQ(judged(of, ORDERED), BIOS_REFUSED_OLDER);
+    EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_SMALLER}), BIOS_REFUSED_OLDER);
+    EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_OLDER}), 0U);
+    EXPECT_EQ(judged(of, NOT_ORDERED), 0U);
+}
+
+TEST(ImageJudgement, RefusesAnImageWithoutAVersionFromWhomeverItComes)
+{
+    subject of;
+    of.image.version = "";
+    EXPECT_EQ(judged(of, ORDERED), BIOS_REFUSED_NO_VERSION);
+    EXPECT_EQ(judged(of, NOT_ORDERED), BIOS_REFUSED_NO_VERSION);
+    EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_NO_VERSION}), 0U);
+}
+
+TEST(ImageJudgement, ComparesVersionsByTheirNumbers)
+{
+    EXPECT_TRUE(is_older_version("v3.9.0(09/17/12)", "v3.10.0(09/17/12)"));
+    EXPECT_FALSE(is_older_version("v3.10.0(09/17/12)", "v3.9.0(09/17/12)"));
+    EXPECT_TRUE(is_older_version("v2.99.0(01/01/20)", "v3.0.0(01/01/10)"));
+    EXPECT_FALSE(is_older_version("v3.5.0(09/17/12)", "v3.5.0(09/17/13)"));
+    for (const char *text : {"", "v", "3.5.0", "v3.5", "v3.x.0", "v99999999999.1.0"}) {
+        EXPECT_FALSE(is_older_version(text, "v3.5.0(09/17/12)")) << text;
+        EXPECT_FALSE(is_older_version("v3.5.0(09/17/12)", text)) << text;
+    }
+}
