@@ -25,6 +25,7 @@
 #include "harmless_path.h"
 #include "image_files.h"
 #include "inventory_value.h"
+#include "regular_file.h"
 #include "sha256.h"
 #include "spawn_actions.h"
 #include "unique_fd.h"
@@ -62,11 +63,8 @@ public:
         image.size_bytes = be64::of(size_);
         const sha256_digest digest = sum_.digest();
         std::memcpy(image.sha256, digest.data(), sizeof image.sha256);
-        bios_header header;
-        if (remaining_ == 0 && bios_header_read(header_.data(), header)) {
-            const std::string text = bios_header_text(header);
-            store_text(image.version, text.c_str() + std::min(text.find_first_not_of(' '), text.size()));
-        }
+        if (remaining_ == 0)
+            store_text(image.version, bios_version_in(header_.data()).c_str());
         return image;
     }
 
@@ -95,17 +93,6 @@ agent_status read_all(int fd, image_reading &reading)
     }
 }
 
-// A regular file; a link in its last component is followed as the daemon's commands do.
-unique_fd open_file(const char *path)
-{
-    unique_fd file(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {
-    };
-    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        file.reset();
-    return file;
-}
-
 bool is_packed(int fd)
 {
     std::uint8_t magic[2] = {};
@@ -114,7 +101,7 @@ bool is_packed(int fd)
 
 agent_status read_packed(const char *path, image_reading &reading)
 {
-    const unique_fd file = open_file(path);
+    const unique_fd file = open_regular_file(path);
     if (!file)
         return AGENT_ERR_IMAGE_FILE;
     if (!is_packed(file.get()))
@@ -189,7 +176,7 @@ agent_status read_from_system_image(const std::string &path, const std::string &
 {
     if (!is_harmless_path(path.c_str()))
         return AGENT_ERR_IMAGE_URI;
-    if (!open_file(path.c_str()))
+    if (!open_regular_file(path.c_str()))
         return AGENT_ERR_IMAGE_FILE;
     const work_folder folder;
     if (!folder.is_there())
@@ -232,7 +219,7 @@ agent_status read_by_uri(const char *uri, const char *member, image_reading &rea
 
 agent_status read_plain(const char *path, image_reading &reading)
 {
-    const unique_fd file = open_file(path);
+    const unique_fd file = open_regular_file(path);
     return file ? read_all(file.get(), reading) : AGENT_ERR_IMAGE_FILE;
 }
 

@@ -2,11 +2,7 @@
 
 #include <sys/wait.h>
 
-#include "bios_messages.h"
-#include "bios_opcodes.h"
-#include "bios_results.h"
 #include "chassis_dir.h"
-#include "cmi.h"
 #include "programming_child.h"
 #include "sysmgr.h"
 
@@ -20,20 +16,16 @@ bool has_own_child()
     return ::waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
-bool is_in_the_way(std::int32_t handle)
+} // namespace
+
+bool living_child_refuses(std::int32_t handle)
 {
     if (has_own_child())
         return sysmgr_cli_supstate_get(handle) != SYSMGR_SUP_STATE_ACTIVE;
     return programming_child_lives(chassis_own_slot());
 }
 
-} // namespace
-
-bool living_child_refuses(std::int32_t handle, mts_message_t *message)
+bool is_programming_under_way()
 {
-    if (mts_opc_get(message) != MTS_OPC_BIOS_PROGRAMMING_START || !is_in_the_way(handle))
-        return false;
-    const bios_programming_reply_t reply = {};
-    (void)cmi_response(&reply, sizeof reply, handle, message, BIOS_ERR_BUSY); // who has asked may be gone
-    return true;
+    return has_own_child() || programming_child_lives(chassis_own_slot());
 }

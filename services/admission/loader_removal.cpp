@@ -7,11 +7,8 @@
 #include <sys/stat.h>
 
 #include "bios_messages.h"
-#include "bios_opcodes.h"
 #include "bios_results.h"
-#include "c_boundary.h"
 #include "card_policy.h"
-#include "cmi.h"
 #include "text_field.h"
 
 namespace
@@ -55,17 +52,13 @@ bool is_file_below(const std::string &path, const std::vector<std::string> &fold
     });
 }
 
-bool loader_removal_refused(std::int32_t handle, mts_message_t *message)
+std::optional<refusal> admit_loader(std::int32_t, mts_message_t *message)
 {
-    if (mts_opc_get(message) != MTS_OPC_BIOS_INSTALL_LOADER)
-        return false;
+    static constexpr bios_install_loader_reply_t REPLY = {};
     bios_install_loader_req_t request;
     std::memcpy(&request, static_cast<const std::uint8_t *>(mts_payload_get(message)) + MTS_REQUEST_HEADER_BYTES,
                 sizeof request);
-    if (request.remove_image.load() == 0 ||
-        c_boundary(false, [&] { return is_removable(field_text(request.image_path).text); }))
-        return false;
-    const bios_install_loader_reply_t reply{};
-    (void)cmi_response(&reply, sizeof reply, handle, message, BIOS_ERR_URI); // who has asked may be gone
-    return true;
+    if (request.remove_image.load() == 0 || is_removable(field_text(request.image_path).text))
+        return std::nullopt;
+    return refusal{BIOS_ERR_URI, &REPLY, sizeof REPLY};
 }

@@ -36,6 +36,9 @@ std::string chassis_debug_flags_path(unsigned slot);
 // Reads the categories that are switched on; none when the card has no flags. Unknown words are left out.
 [[nodiscard]] std::vector<std::string> chassis_read_debug_flags(unsigned slot);
 
+// Has this process read the categories of its card again before its next debug message.
+void chassis_debug_flags_have_changed();
+
 // Replaces the categories that are switched on; takes effect at the next debug message of the card.
 // false with errno: EINVAL for an unknown name.
 [[nodiscard]] bool chassis_write_debug_flags(unsigned slot, const std::vector<std::string> &names);

@@ -14,9 +14,6 @@
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "line_file.h"
-#include "living_child.h"
-#include "loader_removal.h"
-#include "message_texts.h"
 #include "sdwrap.h"
 #include "watched_file.h"
 
@@ -107,18 +104,9 @@ try {
     return 0;
 }
 
-int32_t sdwrap_process_msg(int32_t handle, mts_message_t *message)
+void chassis_debug_flags_have_changed()
 {
-    if (message == nullptr)
-        return 0; // nothing to serve
-    if (living_child_refuses(handle, message) || loader_removal_refused(handle, message))
-        return 0;
-    if (mts_opc_get(message) != CHASSIS_OPC_DEBUG_CONTROL) {
-        make_texts_printable(*message);
-        return 1;
-    }
     own_flags.stale = true;
-    return 0;
 }
 
 void buginf(const char *format, ...)

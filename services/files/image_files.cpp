@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "loader_file.h"
+#include "regular_file.h"
 #include "unique_fd.h"
 
 namespace
@@ -63,21 +64,6 @@ std::string path_of_uri(std::string_view uri)
         return {};
     }
     return is_plain_name(uri) ? std::string(folder).append(uri) : std::string();
-}
-
-// Opens a regular file; anything else is refused with errno, without waiting for a FIFO's writer.
-unique_fd open_regular_file(const char *path)
-{
-    unique_fd file(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {
-    };
-    if (!file || ::fstat(file.get(), &status) != 0)
-        return unique_fd();
-    if (!S_ISREG(status.st_mode)) {
-        file.reset();
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    }
-    return file;
 }
 
 // Reads until length bytes are there or the file ends. Bytes read, or -1 with errno.
