@@ -12,6 +12,7 @@
 #include "file_requests.h"
 #include "flash_digest.h"
 #include "flash_history.h"
+#include "flash_orders.h"
 #include "image_check.h"
 #include "image_facts.h"
 #include "module_locks.h"
@@ -60,6 +61,11 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_RESULTS, [](request_body body) { return without_body(body, results_answer); }},
     {AGENT_OPC_GET_IMAGE, [](request_body body) { return with_record(body, image_answer); }, true},
     {AGENT_OPC_GET_DIGEST, [](request_body body) { return with_record(body, digest_answer); }, true},
+    {AGENT_OPC_ORDER_FLASH, [](request_body body) { return with_record(body, order_answer); }},
+    {AGENT_OPC_RENEW_ORDER, [](request_body body) { return with_record(body, renewal_answer); }},
+    {AGENT_OPC_END_ORDER, [](request_body body) { return with_record(body, order_end_answer); }},
+    {AGENT_OPC_CANCEL_ORDER, [](request_body body) { return with_record(body, cancellation_answer); }},
+    {AGENT_OPC_GET_ORDER, [](request_body body) { return with_record(body, order_record_answer); }},
     {AGENT_OPC_VERIFY_IMAGE, [](request_body body) { return with_record(body, verified_answer); }, true},
     {AGENT_OPC_GET_VERSIONS, [](request_body body) { return without_body(body, versions_answer); }},
     {AGENT_OPC_GET_OUTCOME, [](request_body body) { return without_body(body, outcome_answer); }},

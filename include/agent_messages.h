@@ -39,6 +39,12 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_LOCK_CHECK = 4832,  // asks an agent whether a process of its card still has a module lock
     AGENT_OPC_LOCK_ANSWER = 4833, // what became of an AGENT_OPC_LOCK or AGENT_OPC_UNLOCK
 
+    AGENT_OPC_ORDER_FLASH = 4840,  // says what is to be written into a flash
+    AGENT_OPC_RENEW_ORDER = 4841,  // whoever has ordered is still there
+    AGENT_OPC_END_ORDER = 4842,    // nobody will write what was ordered, or what was cancelled
+    AGENT_OPC_CANCEL_ORDER = 4843, // takes an order back that nobody has begun
+    AGENT_OPC_GET_ORDER = 4844,    // the order of a flash, or the last there was
+
     AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
     AGENT_OPC_GET_VERSIONS = 4860, // the versions in the flashes of this card, and the one that runs
     AGENT_OPC_GET_OUTCOME = 4861,  // what the last result that was told of this card's programming means
@@ -90,6 +96,10 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_SIGNATURE = 0x40720033,   // the signature is not that of the image
     AGENT_ERR_MANIFEST = 0x40720034,    // the manifest is damaged, or the image has two
     AGENT_ERR_KEYS = 0x40720035,        // the card's keys cannot be read, or others may have written them
+
+    AGENT_ERR_NO_ORDER = 0x40720050,    // there is no such order, or it has ended
+    AGENT_ERR_ORDER_LIVE = 0x40720051,  // the flash has an order that has not ended
+    AGENT_ERR_PROGRAMMING = 0x40720052, // a programming is under way on the card
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;
@@ -425,6 +435,46 @@ struct agent_digest_t {
     std::uint8_t sha256[AGENT_DIGEST_BYTES];
 };
 static_assert(sizeof(agent_digest_t) == 32);
+
+// Orders (flash_order.h). Whoever wants a flash to be programmed orders it first, from the agent of its card, and
+// renews the order every 5 s until the programming has ended; an order that nobody has claimed ends 15 s after it was
+// renewed last.
+
+// AGENT_OPC_ORDER_FLASH: body agent_order_req_t, answer agent_order_id_t. A status of bios_refusals.h says that the
+// image would not be written.
+struct agent_order_req_t {
+    be32 instance;
+    be32 forced; // bits of bios_force
+    be64 size_bytes;
+    std::uint8_t sha256[AGENT_DIGEST_BYTES];
+    char version[AGENT_VERSION_BYTES]; // of the image; empty: none
+    char image[128];                   // where it comes from, for people
+    char user[64];                     // who wants it
+    char host[64];
+    be32 judge_only; // 1: nothing is ordered; the status says whether it could be, and the id is 0
+};
+static_assert(sizeof(agent_order_req_t) == 436);
+static_assert(offsetof(agent_order_req_t, sha256) == 16);
+static_assert(offsetof(agent_order_req_t, image) == 176);
+
+// AGENT_OPC_RENEW_ORDER: body agent_order_id_t; no answer but the status. AGENT_ERR_NO_ORDER: it has ended.
+struct agent_order_id_t {
+    be32 instance;
+    be64 id;
+};
+static_assert(sizeof(agent_order_id_t) == 12);
+
+// AGENT_OPC_END_ORDER: no answer but the status.
+struct agent_order_end_t {
+    agent_order_id_t order;
+    be32 result; // why
+};
+static_assert(sizeof(agent_order_end_t) == 16);
+
+// AGENT_OPC_CANCEL_ORDER: body agent_flash_req_t; no answer but the status. AGENT_ERR_PROGRAMMING: it is being
+// written.
+
+// AGENT_OPC_GET_ORDER: body agent_flash_req_t. The answer is the text that flash_order_format gives.
 
 // AGENT_OPC_VERIFY_IMAGE: body agent_verify_req_t. The answer is agent_verified_t when the signature is good.
 constexpr std::size_t AGENT_PATH_BYTES = 256;

@@ -1,0 +1,162 @@
+#include "flash_orders.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "bios_header.h"
+#include "bios_refusals.h"
+#include "card_identification.h"
+#include "chassis_dir.h"
+#include "flash_device.h"
+#include "flash_geometry.h"
+#include "flash_order.h"
+#include "image_judgement.h"
+#include "inventory_value.h"
+#include "monotonic_clock.h"
+#include "programming_mark.h"
+#include "utc_time.h"
+
+namespace
+{
+
+// What the flash holds now; none when it cannot be opened.
+std::optional<flash_facts> facts_of(unsigned instance)
+{
+    const auto flash = flash_device::open(instance, flash_access::read);
+    if (!flash)
+        return std::nullopt;
+    flash_facts facts;
+    facts.size_bytes = flash->geometry().size_bytes;
+    std::uint8_t header[BIOS_HEADER_BYTES];
+    if (!flash->is_marked() && flash->read(0, header, sizeof header))
+        facts.version = bios_version_in(header);
+    return facts;
+}
+
+std::uint64_t new_id(const std::optional<flash_order> &last)
+{
+    const auto now = static_cast<std::uint64_t>(microseconds_of(CLOCK_REALTIME));
+    return std::max(now, last ? last->id + 1 : 0); // also when the clock was set back
+}
+
+flash_order order_of(const agent_order_req_t &request)
+{
+    flash_order order;
+    std::copy(std::begin(request.sha256), std::end(request.sha256), order.sha256.begin());
+    order.size_bytes = request.size_bytes.load();
+    order.family = get_sw_card_family(inventory_value(chassis_own_slot(), "card_id"));
+    order.forced = request.forced.load();
+    order.renewed_s = flash_order_clock_s();
+    order.version = field_text(request.version).text;
+    order.image = field_text(request.image).text;
+    order.user = field_text(request.user).text;
+    order.host = field_text(request.host).text;
+    order.ordered_at = order.changed_at = utc_now();
+    return order;
+}
+
+// Changes the record under its lock.
+//   change  AGENT_OK: the record is to be written as it was left
+template<class Change>
+answer with_order(unsigned instance, Change change)
+{
+    if (instance >= FLASH_INSTANCE_COUNT)
+        return AGENT_ERR_FLASH;
+    const unsigned slot = chassis_own_slot();
+    const flash_orders_lock lock(slot);
+    if (!lock.is_held())
+        return AGENT_ERR_UNREADABLE;
+    auto order = flash_order_read(slot, instance);
+    if (!order)
+        return AGENT_ERR_NO_ORDER;
+    if (const agent_status status = change(*order); status != AGENT_OK)
+        return status;
+    return flash_order_write(slot, instance, *order) ? AGENT_OK : AGENT_ERR_UNREADABLE;
+}
+
+} // namespace
+
+answer order_answer(const agent_order_req_t &request)
+{
+    const unsigned instance = request.instance.load();
+    if (instance >= FLASH_INSTANCE_COUNT || (request.forced.load() & ~BIOS_FORCE_ALL) != 0)
+        return instance >= FLASH_INSTANCE_COUNT ? AGENT_ERR_FLASH : AGENT_ERR_REQUEST;
+    const unsigned slot = chassis_own_slot();
+    const flash_orders_lock lock(slot);
+    if (!lock.is_held())
+        return AGENT_ERR_UNREADABLE;
+    const auto last = flash_order_read(slot, instance);
+    if (last && last->is_live())
+        return AGENT_ERR_ORDER_LIVE;
+    if (is_programming_under_way(slot))
+        return AGENT_ERR_PROGRAMMING;
+    const auto flash = facts_of(instance);
+    if (!flash)
+        return AGENT_ERR_FLASH;
+    flash_order order = order_of(request);
+    const std::uint32_t refusal =
+        judge_image({.size_bytes = order.size_bytes, .sha256 = order.sha256, .version = order.version}, *flash,
+                    {.is_ordered = true, .forced = order.forced});
+    if (refusal != 0)
+        return static_cast<agent_status>(refusal);
+    const bool is_ordered = request.judge_only.load() == 0;
+    order.id = is_ordered ? new_id(last) : 0;
+    if (is_ordered && !flash_order_write(slot, instance, order))
+        return AGENT_ERR_UNREADABLE;
+    answer given;
+    given.add(agent_order_id_t{request.instance, be64::of(order.id)});
+    return given;
+}
+
+answer renewal_answer(const agent_order_id_t &request)
+{
+    return with_order(request.instance.load(), [&](flash_order &order) {
+        if (order.id != request.id.load())
+            return AGENT_ERR_NO_ORDER;
+        order.renewed_s = flash_order_clock_s();
+        // One that was cancelled holds its programming off for as long as it is renewed.
+        return order.is_live() || order.state == flash_order_state::cancelled ? AGENT_OK : AGENT_ERR_NO_ORDER;
+    });
+}
+
+answer order_end_answer(const agent_order_end_t &request)
+{
+    return with_order(request.order.instance.load(), [&](flash_order &order) {
+        if (order.id != request.order.id.load())
+            return AGENT_ERR_NO_ORDER;
+        if (order.state == flash_order_state::cancelled)
+            order.renewed_s = 0;
+        else if (order.state != flash_order_state::ordered)
+            return AGENT_ERR_NO_ORDER;
+        else
+            order.state = flash_order_state::failed;
+        order.result = request.result.load();
+        order.changed_at = utc_now();
+        return AGENT_OK;
+    });
+}
+
+answer cancellation_answer(const agent_flash_req_t &request)
+{
+    return with_order(request.instance.load(), [&](flash_order &order) {
+        if (order.state == flash_order_state::writing)
+            return AGENT_ERR_PROGRAMMING;
+        if (order.state != flash_order_state::ordered)
+            return AGENT_ERR_NO_ORDER;
+        order.state = flash_order_state::cancelled;
+        order.result = BIOS_REFUSED_CANCELLED;
+        order.changed_at = utc_now();
+        return AGENT_OK;
+    });
+}
+
+answer order_record_answer(const agent_flash_req_t &request)
+{
+    const auto order = flash_order_read(chassis_own_slot(), request.instance.load());
+    if (!order)
+        return AGENT_ERR_NO_ORDER;
+    answer given;
+    given.add_text(flash_order_format(*order));
+    return given;
+}
