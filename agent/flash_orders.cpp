@@ -14,7 +14,7 @@
 #include "image_judgement.h"
 #include "inventory_value.h"
 #include "monotonic_clock.h"
-#include "programming_mark.h"
+#include "programming_child.h"
 #include "utc_time.h"
 
 namespace
@@ -89,7 +89,7 @@ answer order_answer(const agent_order_req_t &request)
     const auto last = flash_order_read(slot, instance);
     if (last && last->is_live())
         return AGENT_ERR_ORDER_LIVE;
-    if (is_programming_under_way(slot))
+    if (programming_child_lives(slot))
         return AGENT_ERR_PROGRAMMING;
     const auto flash = facts_of(instance);
     if (!flash)

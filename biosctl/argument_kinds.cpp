@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "programming_messages.h"
 #include "source.h"
@@ -65,17 +67,38 @@ CLI::Validator seconds_in_ms(unsigned low_ms, unsigned high_ms)
             "SECONDS"};
 }
 
+namespace
+{
+
+// The daemon maps a URI whose path has these to nothing, and would program another image.
+bool has_odd_component(const std::string &path)
+{
+    const std::string closed = path + "/";
+    return closed.find("//") != std::string::npos || closed.find("/./") != std::string::npos ||
+           closed.find("/../") != std::string::npos;
+}
+
+} // namespace
+
 CLI::Validator image_uri()
 {
     return {[](std::string &text) {
-                if (text.empty())
-                    return std::string("the image URI is empty");
-                if (text.size() > IMAGE_URI_BYTES_MAX)
-                    return "the image URI has " + std::to_string(text.size()) + " bytes; at most " +
+                constexpr std::string_view FILE_SCHEME = "file://";
+                std::string problem;
+                const auto path =
+                    image_path_of(text.starts_with(FILE_SCHEME) ? text.substr(FILE_SCHEME.size()) : text, problem);
+                if (!path)
+                    return problem;
+                if (has_odd_component(*path))
+                    return "'" + text + "' is no plain path: leave out '.', '..' and double slashes";
+                std::string uri = std::string(FILE_SCHEME) + *path;
+                if (uri.size() > IMAGE_URI_BYTES_MAX)
+                    return "the image URI has " + std::to_string(uri.size()) + " bytes; at most " +
                            std::to_string(IMAGE_URI_BYTES_MAX) + " fit into a request";
+                text = std::move(uri);
                 return std::string{};
             },
-            "URI"};
+            "IMAGE"};
 }
 
 CLI::Validator image_on_card(std::size_t path_bytes_max)

@@ -17,7 +17,7 @@ CLI::Validator decimal_or_all(unsigned low, unsigned high);
 // Seconds with at most three decimal places, in a range of milliseconds; rewritten to milliseconds.
 CLI::Validator seconds_in_ms(unsigned low_ms, unsigned high_ms);
 
-// URI of an image in a programming request.
+// A system image on a card, rewritten to its URI in a programming request.
 CLI::Validator image_uri();
 
 // An image on a card, rewritten to its path of at most path_bytes_max bytes.

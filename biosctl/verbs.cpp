@@ -1,6 +1,8 @@
 #include "verbs.h"
 
 #include <chrono>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +10,8 @@
 
 #include "agent_messages.h"
 #include "argument_kinds.h"
+#include "bios_refusals.h"
+#include "cancel.h"
 #include "events.h"
 #include "explain.h"
 #include "file_search.h"
@@ -81,6 +85,28 @@ verb_run add_source(CLI::App &command)
     return [options](bool json) { return run_source(*options, json); };
 }
 
+// What an order may take back of the card's checks.
+void add_force(CLI::App &command, std::uint32_t &forced)
+{
+    static const std::map<std::string, std::uint32_t> FORCES = {{"older", BIOS_FORCE_OLDER},
+                                                                {"family", BIOS_FORCE_FAMILY},
+                                                                {"no-version", BIOS_FORCE_NO_VERSION},
+                                                                {"smaller", BIOS_FORCE_SMALLER}};
+    command
+        .add_option_function<std::vector<std::string>>(
+            "--force",
+            [&forced](const std::vector<std::string> &words) {
+                for (const std::string &word : words)
+                    forced |= FORCES.at(word);
+            },
+            "Program an image that is older, of another family, without a version, or smaller than the flash")
+        ->delimiter(',')
+        ->check(CLI::IsMember(FORCES))
+        ->type_name("older|family|no-version|smaller");
+    command.add_flag_callback(
+        "--allow-older", [&forced] { forced |= BIOS_FORCE_OLDER; }, "The same as --force=older");
+}
+
 // The module is a number or "all".
 struct program_words {
     std::string module = {};
@@ -94,6 +120,9 @@ outcome run_program_words(const CLI::App &command, program_words words, bool jso
     const bool all = words.module == ALL_MODULES;
     if (all && command.count("--via") > 0)
         return failure(EXIT_USAGE_ERROR, "--via does not go with all: the active supervisor programs all",
+                       "biosctl program --help");
+    if (all && words.options.dry_run)
+        return failure(EXIT_USAGE_ERROR, "--dry-run goes with one module; of all: biosctl sync --dry-run",
                        "biosctl program --help");
     if (!all && words.keep_going)
         return failure(EXIT_USAGE_ERROR, "--keep-going goes with all only", "biosctl program --help");
@@ -115,13 +144,26 @@ verb_run add_program(CLI::App &command)
     add_via(command, words->options.via);
     command
         .add_option("--image", words->options.request.image,
-                    "System image that holds the BIOS, such as bootflash:NAME; without: the image tree")
+                    "System image on the card, bootflash:NAME or a path; without: the image tree")
         ->transform(image_uri())
         ->type_name("TEXT");
+    add_force(command, words->options.forced);
+    command.add_flag("--dry-run", words->options.dry_run, "Say what would be programmed, and program nothing");
     command.add_option("--type", words->type, "Flash instance, 0 is the primary one")->transform(decimal(0, 255));
     add_timeout(command, words->options.timeout_s, "Stop watching after so long; the programming goes on");
     add_keep_going(command, words->keep_going);
     return [words, &command](bool json) { return run_program_words(command, *words, json); };
+}
+
+verb_run add_cancel(CLI::App &command)
+{
+    const auto options = std::make_shared<cancel_options>();
+    command.add_option("MODULE", options->module, "Module (slot) number")
+        ->required()
+        ->transform(decimal(1, PFM_MODULE_COUNT));
+    command.add_option("--type", options->instance, "Flash instance, 0 is the primary one")
+        ->transform(decimal(0, 255));
+    return [options](bool json) { return run_cancel(*options, json); };
 }
 
 verb_run add_sync(CLI::App &command)
@@ -264,6 +306,10 @@ constexpr verb VERBS[] = {
      .help = "Program a module's BIOS flash and follow it to its end",
      .in_chassis = true,
      .add = add_program},
+    {.name = "cancel",
+     .help = "Cancel a programming that was ordered and has not begun",
+     .in_chassis = true,
+     .add = add_cancel},
     {.name = "sync",
      .help = "Program the cards whose flash is out of step with the image that ships for them",
      .in_chassis = true,

@@ -31,6 +31,17 @@ flash_proof look_once(const program_subject &subject, unsigned instance, const t
 
 } // namespace
 
+bool is_unpacked(const program_subject &subject)
+{
+    return slot_is_active(subject.serving_slot) &&
+           (subject.programmed_module == subject.serving_slot || slot_is_standby(subject.programmed_module));
+}
+
+unsigned slot_with_image(const program_subject &subject)
+{
+    return is_unpacked(subject) ? subject.serving_slot : subject.programmed_module;
+}
+
 image_reply find_asked_image(const program_subject &subject, const programming_request &request)
 {
     const auto unpacks = slot_that_unpacks_for(subject.programmed_module, subject.serving_slot);
@@ -46,16 +57,19 @@ image_reply find_asked_image(const program_subject &subject, const programming_r
     return reply;
 }
 
-flash_proof prove(const program_subject &subject, unsigned instance, const image_reply &asked)
+flash_proof prove(const program_subject &subject, unsigned instance, const told_image &wanted,
+                  const placed_order *order)
 {
-    if (!asked.image)
-        return {.finding = flash_finding::unknown,
-                .why = "the image that was asked for is not known: " + asked.why_not};
     flash_proof proof;
     for (unsigned attempt = 0; attempt < READ_ATTEMPTS; ++attempt) {
-        proof = look_once(subject, instance, *asked.image);
+        proof = look_once(subject, instance, wanted);
         if (proof.finding == flash_finding::holds_image || proof.finding == flash_finding::half_written)
             break;
     }
+    if (order == nullptr || proof.finding != flash_finding::holds_image)
+        return proof;
+    const auto record = order->record();
+    if (!record || record->state != flash_order_state::verified)
+        proof.finding = flash_finding::not_recorded;
     return proof;
 }

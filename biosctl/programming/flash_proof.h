@@ -5,6 +5,7 @@
 #include <string>
 
 #include "agents.h"
+#include "orders.h"
 #include "programming_messages.h"
 #include "programming_result.h"
 
@@ -13,4 +14,13 @@
 image_reply find_asked_image(const program_subject &subject, const programming_request &request);
 
 // Looks at the flash of the module that was programmed.
-flash_proof prove(const program_subject &subject, unsigned instance, const image_reply &asked);
+//   order  of the programming; null: it has not begun
+flash_proof prove(const program_subject &subject, unsigned instance, const told_image &wanted,
+                  const placed_order *order);
+
+// Whether the active supervisor unpacks the image, for itself or for the standby supervisor. Any other card programs
+// what lies ready on it.
+bool is_unpacked(const program_subject &subject);
+
+// The card whose agent knows the image.
+unsigned slot_with_image(const program_subject &subject);

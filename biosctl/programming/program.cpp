@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "agent_messages.h"
+#include "agent_result_text.h"
 #include "agents.h"
 #include "bios_results.h"
 #include "card_groups.h"
@@ -13,8 +15,11 @@
 #include "interrupt.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "orders.h"
+#include "place_hints.h"
 #include "program_report.h"
 #include "program_wait.h"
+#include "result_text.h"
 #include "serving_slot.h"
 
 namespace
@@ -40,18 +45,6 @@ program_subject subject_of(const program_options &options, unsigned slot)
     (void)std::fprintf(stderr, "biosctl: note: %s programs module %u, not %u: %s\n", slot_text(slot).c_str(),
                        subject.programmed_module, options.request.module, why);
     return subject;
-}
-
-void warn_about_image(const program_options &options, unsigned slot)
-{
-    if (!options.request.image || !slot_is_active(slot))
-        return;
-    if (options.request.image->starts_with("bootflash:") || options.request.image->starts_with("file:///"))
-        return;
-    (void)std::fprintf(stderr,
-                       "biosctl: note: if %s cannot map the image URI '%s' to a path it programs the BIOS of "
-                       "its image tree instead\n",
-                       slot_text(slot).c_str(), options.request.image->c_str());
 }
 
 // The first lock that the request needed and somebody else holds.
@@ -101,7 +94,151 @@ request_answer send_request(client_endpoint &endpoint, const program_subject &su
                             std::min(REQUEST_WAIT_LIMIT_S, options.timeout_s.value_or(REQUEST_WAIT_LIMIT_S)));
 }
 
+// What is to be done, as far as it is known.
+struct programming_plan {
+    program_subject subject = {};
+    wanted_image names = {};
+    wanted_programming wanted = {};
+};
+
+std::string image_name(const program_subject &subject, const programming_request &request)
+{
+    if (!is_unpacked(subject))
+        return "the image that lies ready in " + slot_text(subject.programmed_module);
+    if (!request.image)
+        return "the image tree of " + slot_text(subject.serving_slot);
+    constexpr std::string_view FILE_SCHEME = "file://";
+    return request.image->substr(request.image->starts_with(FILE_SCHEME) ? FILE_SCHEME.size() : 0);
+}
+
+outcome image_cannot_be_brought(const program_subject &subject)
+{
+    return failure(EXIT_USAGE_ERROR,
+                   "module " + std::to_string(subject.programmed_module) +
+                       ": --image cannot be brought there: its card programs the image that lies ready on it",
+                   "leave --image away, or program a supervisor");
+}
+
+outcome no_image(const programming_plan &plan, const image_reply &reply)
+{
+    const std::string what = "module " + std::to_string(plan.subject.programmed_module) + ": not begun: " +
+                             plan.names.name + ": " + reply.why_not;
+    switch (reply.status) {
+    case 0:
+        return failure(EXIT_FAILED, what, no_agent_hint());
+    case AGENT_ERR_IMAGE_URI:
+    case AGENT_ERR_IMAGE_FILE:
+        return failure(EXIT_NOT_FOUND, what, "look for the file on the card, or name another image");
+    default:
+        return failure(EXIT_FAILED, what, "use an image made for this type of card");
+    }
+}
+
+programming_result with_names(programming_result result, const programming_plan &plan)
+{
+    result.image = plan.names;
+    return result;
+}
+
+// Of a status that the agent of the card has answered to an order.
+programming_result not_ordered(const programming_plan &plan, std::optional<std::uint32_t> status)
+{
+    const program_subject &subject = plan.subject;
+    if (!status || *status == 0)
+        return no_answer(subject,
+                         failure(EXIT_FAILED,
+                                 "module " + std::to_string(subject.programmed_module) + ": not begun: the agent of " +
+                                     slot_text(subject.programmed_module) + " does not answer",
+                                 no_agent_hint()));
+    if (*status != AGENT_ERR_ORDER_LIVE && *status != AGENT_ERR_PROGRAMMING) {
+        if ((*status & ~0xffU) == BIOS_RESULT_PREFIX)
+            return refused_result(subject, *status, plan.wanted.instance);
+        return not_asked(subject, failure(EXIT_FAILED,
+                                          "module " + std::to_string(subject.programmed_module) +
+                                              ": not begun: " + agent_status_text(*status),
+                                          "check --type and the card's flashes"));
+    }
+    programming_result result = refused_result(subject, BIOS_ERR_BUSY, plan.wanted.instance);
+    result.order = ask_for_order(plan.wanted.node, plan.wanted.instance);
+    if (result.order && !result.order->is_live())
+        result.order.reset();
+    return result;
+}
+
+// Sends the request and follows the programming to its end. The order is ended in any case.
+programming_result carry_out(const program_options &options, const programming_plan &plan, const placed_order &order,
+                             int fd, const last_words_text &last_words)
+{
+    const program_subject &subject = plan.subject;
+    const std::uint32_t node = node_of_module(subject.serving_slot);
+    client_endpoint endpoint;
+    if (!endpoint.bound() || !listen_for_end_notices(endpoint))
+        return no_answer(subject, no_endpoint_failure());
+    const daemon_probe daemon(node);
+    const request_answer answer = [&] {
+        const interrupt_ends_process guard(fd, last_words(interrupted_before_answer(subject)));
+        return send_request(endpoint, subject, options);
+    }();
+    if (!answer.answered)
+        return no_answer(subject, no_answer_failure(subject.serving_slot, answer.error));
+    if (answer.status != BIOS_OK) {
+        order.end(answer.status);
+        return refused_result(subject, answer.status, options.request.type);
+    }
+    progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
+    const programming_end end =
+        watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
+    const bool has_ended = end.how == watch_end::reported || end.how == watch_end::vanished;
+    if (has_ended)
+        order.end(end.result);
+    programming_result result = result_of(
+        subject, end, has_ended ? prove(subject, options.request.type, plan.wanted.image, &order) : flash_proof());
+    if (has_ended && !result.is_proved())
+        result.writer = find_flash_writer(subject.programmed_module, options.request.type);
+    return result;
+}
+
 } // namespace
+
+programming_result program_module(const program_options &options, int fd, const last_words_text &last_words)
+{
+    const serving_slot serving = find_serving_slot(options.request.module, options.via);
+    if (!serving.slot)
+        return no_answer({.asked_module = options.request.module}, serving.problem);
+    programming_plan plan{.subject = subject_of(options, *serving.slot)};
+    if (options.request.image && !is_unpacked(plan.subject))
+        return not_asked(plan.subject, image_cannot_be_brought(plan.subject));
+    plan.names.name = image_name(plan.subject, options.request);
+    plan.wanted = {.node = node_of_module(plan.subject.programmed_module),
+                   .instance = options.request.type,
+                   .image_name = plan.names.name,
+                   .forced = options.forced};
+
+    const unsigned instance = options.request.type;
+    flash_proof before;
+    {
+        const interrupt_ends_process guard(fd, last_words(interrupted_before_request(plan.subject)));
+        const image_reply asked = find_asked_image(plan.subject, options.request);
+        if (!asked.image)
+            return not_asked(plan.subject, no_image(plan, asked));
+        plan.wanted.image = *asked.image;
+        plan.names.version = asked.image->version;
+        plan.names.old_version = ask_for_version(plan.wanted.node, instance).value_or("");
+        before = prove(plan.subject, instance, *asked.image, nullptr);
+    }
+    if (before.finding == flash_finding::holds_image)
+        return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before}, plan);
+    if (options.dry_run) {
+        const auto status = judge_order(plan.wanted);
+        if (status != std::optional<std::uint32_t>(AGENT_OK))
+            return with_names(not_ordered(plan, status), plan);
+        return with_names({.subject = plan.subject, .ending = programming_ending::would_program}, plan);
+    }
+    const order_reply ordered = place_order(plan.wanted);
+    if (!ordered.order)
+        return with_names(not_ordered(plan, ordered.status), plan);
+    return with_names(carry_out(options, plan, *ordered.order, fd, last_words), plan);
+}
 
 outcome run_program(const program_options &options, bool json)
 {
@@ -110,42 +247,4 @@ outcome run_program(const program_options &options, bool json)
         program_module(options, json ? STDOUT_FILENO : STDERR_FILENO, [json](const programming_result &result) {
             return failure_text(report_programming(result), json);
         }));
-}
-
-programming_result program_module(const program_options &options, int fd, const last_words_text &last_words)
-{
-    const serving_slot serving = find_serving_slot(options.request.module, options.via);
-    if (!serving.slot)
-        return no_answer({.asked_module = options.request.module}, serving.problem);
-    const unsigned slot = *serving.slot;
-    const std::uint32_t node = node_of_module(slot);
-    const program_subject subject = subject_of(options, slot);
-    warn_about_image(options, slot);
-
-    client_endpoint endpoint;
-    if (!endpoint.bound() || !listen_for_end_notices(endpoint))
-        return no_answer(subject, no_endpoint_failure());
-    const daemon_probe daemon(node);
-    const image_reply asked = [&] {
-        const interrupt_ends_process guard(fd, last_words(interrupted_before_request(subject)));
-        return find_asked_image(subject, options.request);
-    }();
-    const request_answer answer = [&] {
-        const interrupt_ends_process guard(fd, last_words(interrupted_before_answer(subject)));
-        return send_request(endpoint, subject, options);
-    }();
-    if (!answer.answered)
-        return no_answer(subject, no_answer_failure(slot, answer.error));
-    if (answer.status != BIOS_OK)
-        return refused_result(subject, answer.status, options.request.type);
-
-    progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
-    const programming_end end =
-        watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
-    const bool has_ended = end.how == watch_end::reported || end.how == watch_end::vanished;
-    programming_result result =
-        result_of(subject, end, has_ended ? prove(subject, options.request.type, asked) : flash_proof());
-    if (has_ended && !result.is_proved())
-        result.writer = find_flash_writer(subject.programmed_module, options.request.type);
-    return result;
 }

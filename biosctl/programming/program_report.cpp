@@ -42,10 +42,39 @@ std::string seen_text(const programming_result &result)
            std::to_string(result.progress.percent) + "%, attempt " + std::to_string(result.progress.attempt);
 }
 
+std::string version_or(const std::string &version, const char *none)
+{
+    return version.empty() ? none : version;
+}
+
+// ", IMAGE: v2.5.0(05/06/24), was v1.2.0(05/06/24)"; empty when no image is known.
+std::string image_text(const wanted_image &image)
+{
+    if (image.name.empty())
+        return "";
+    return ", " + image.name + ": " + version_or(image.version, "no version") + ", was " +
+           version_or(image.old_version, "without a version");
+}
+
+explanation explain_already_there(const programming_result &result)
+{
+    return {.headline = module_text(result) + ": already in the flash, nothing to do: " + result.image.name + ", " +
+                        version_or(result.image.version, "no version"),
+            .flash = VERIFIED,
+            .next = "nothing to do"};
+}
+
+explanation explain_would_program(const programming_result &result)
+{
+    return {.headline = module_text(result) + ": would be programmed (--dry-run)" + image_text(result.image),
+            .flash = "not touched",
+            .next = "leave --dry-run away to program it"};
+}
+
 explanation explain_verified(const programming_result &result)
 {
-    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + " (result " + code_text(BIOS_OK) +
-                        ", " + elapsed_text(result.elapsed_s.value_or(0)) + ")",
+    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + image_text(result.image) + " (result " +
+                        code_text(BIOS_OK) + ", " + elapsed_text(result.elapsed_s.value_or(0)) + ")",
             .flash = VERIFIED,
             .next = "reboot the card for the new BIOS to take effect"};
 }
@@ -53,10 +82,11 @@ explanation explain_verified(const programming_result &result)
 // Heard to be verified, and found otherwise.
 explanation explain_disproved(const programming_result &result)
 {
-    const char *found =
-        result.proof.finding == flash_finding::half_written
-            ? " and a verified flash were reported, but the flash is marked as half written"
-            : " and a verified flash were reported, but the flash does not hold the image asked for";
+    const char *found = " and a verified flash were reported, but the flash does not hold the image asked for";
+    if (result.proof.finding == flash_finding::half_written)
+        found = " and a verified flash were reported, but the flash is marked as half written";
+    if (result.proof.finding == flash_finding::not_recorded)
+        found = " and a verified flash were reported, but the card has not recorded that the order was carried out";
     return {.headline =
                 module_text(result) + ": " + styled_text(NOT_PROGRAMMED) + ": result " + code_text(BIOS_OK) + found,
             .likely = {"another image was programmed, or another programming has begun since",
@@ -165,6 +195,10 @@ explanation explain_ending(const programming_result &result)
         return explain_unverified(result);
     case programming_ending::unconfirmed:
         return explain_unconfirmed(result);
+    case programming_ending::already_there:
+        return explain_already_there(result);
+    case programming_ending::would_program:
+        return explain_would_program(result);
     case programming_ending::nothing_programmed:
         return explain_nothing_programmed(result);
     case programming_ending::daemon_ended:
@@ -192,6 +226,14 @@ explanation explain(const programming_result &result)
     return told;
 }
 
+// "ann@console has ordered v2.5.0(05/06/24) at 2026-01-31T23:59:59Z"
+std::string orderer_text(const flash_order &order)
+{
+    const std::string who = order.user.empty() ? "another client" : order.user + "@" + order.host;
+    return who + " has ordered " + version_or(order.version, "an image without a version") + " at " +
+           order.ordered_at;
+}
+
 outcome refused_outcome(const programming_result &result)
 {
     outcome refused = failure_by_code(
@@ -203,6 +245,11 @@ outcome refused_outcome(const programming_result &result)
     if (result.writer) {
         refused.hints.push_back({"writer", writer_text(*result.writer)});
         refused.json["writer"] = writer_text(*result.writer);
+    }
+    if (result.order) {
+        const std::string orderer = orderer_text(*result.order);
+        refused.hints.push_back({"order", orderer});
+        refused.json["order"] = orderer;
     }
     if (!result.lock)
         return refused;
@@ -224,7 +271,9 @@ outcome refused_outcome(const programming_result &result)
 
 std::vector<hint> hints_of(const programming_result &result, const explanation &told)
 {
-    const bool is_in_headline = result.ending == programming_ending::verified;
+    const bool is_in_headline = result.ending == programming_ending::verified ||
+                                result.ending == programming_ending::already_there ||
+                                result.ending == programming_ending::would_program;
     std::vector<hint> hints;
     for (const std::string &reason : told.likely)
         hints.push_back({"likely", reason});
@@ -232,7 +281,8 @@ std::vector<hint> hints_of(const programming_result &result, const explanation &
         hints.push_back({"writer", writer_text(*result.writer)});
     if (!told.flash.empty() && !is_in_headline)
         hints.push_back({"flash", told.flash});
-    hints.push_back({"next", told.next});
+    if (result.ending != programming_ending::already_there)
+        hints.push_back({"next", told.next});
     return hints;
 }
 
@@ -241,6 +291,9 @@ void add_watched_members(nlohmann::ordered_json &object, const programming_resul
     object["module"] = result.subject.asked_module;
     object["programmed_module"] = result.subject.programmed_module;
     object["serving_slot"] = result.subject.serving_slot;
+    object["image"] = text_or_null(result.image.name);
+    object["version"] = text_or_null(result.image.version);
+    object["old_version"] = text_or_null(result.image.old_version);
     object["verified"] = result.is_proved();
     object["elapsed_s"] = result.elapsed_s.value_or(0);
     if (!result.progress.seen)
@@ -262,7 +315,7 @@ void add_explanation(nlohmann::ordered_json &object, const programming_result &r
     }
     if (result.has_code())
         object["result"] = code_text(result.code);
-    if (result.ending != programming_ending::verified)
+    if (exit_of(result) != EXIT_DONE && exit_of(result) != EXIT_NOTHING_TO_DO)
         object["error"] = told.headline.plain();
     if (!told.likely.empty())
         object["likely_reasons"] = told.likely;

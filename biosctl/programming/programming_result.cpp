@@ -64,7 +64,10 @@ const char *ending_name(programming_ending ending)
     case programming_ending::nothing_programmed:
         return "nothing was programmed";
     case programming_ending::nothing_to_do:
+    case programming_ending::already_there:
         return "nothing to do";
+    case programming_ending::would_program:
+        return "would be programmed";
     case programming_ending::failed:
         return "failed";
     case programming_ending::daemon_ended:
@@ -132,7 +135,10 @@ exit_code exit_of(const programming_result &result)
     case programming_ending::no_answer:
         return result.obstacle ? result.obstacle->exit : EXIT_FAILED;
     case programming_ending::verified:
+    case programming_ending::would_program:
         return EXIT_DONE;
+    case programming_ending::already_there:
+        return EXIT_NOTHING_TO_DO;
     case programming_ending::refused:
     case programming_ending::nothing_to_do:
     case programming_ending::failed:

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "chassis_module_lock.h"
+#include "flash_order.h"
 #include "flash_writer.h"
 #include "outcome.h"
 #include "program_wait.h"
@@ -29,6 +30,8 @@ enum class programming_ending {
     unconfirmed,        // code 0 and heard to be verified, but the agents cannot say whether it is so
     nothing_programmed, // code 0, and no work on a flash was seen
     nothing_to_do,      // code says that nothing had to be done
+    already_there,      // the flash holds the image; nothing was asked for
+    would_program,      // nothing was asked for, but it could be
     failed,             // code says why
     daemon_ended,       // before it reported a code
     interrupted,        // by Ctrl-C; the card works on
@@ -41,8 +44,9 @@ const char *ending_name(programming_ending ending);
 
 enum class flash_finding {
     not_looked,   // or not at a flash whose programming has ended
-    holds_image,  // the one that was asked for, and nobody writes
+    holds_image,  // the one that was asked for, nobody writes, and the record of what was written says so
     holds_other,  // bytes
+    not_recorded, // the image, but who was to write it has not recorded that it was verified
     half_written, // its programming goes on, or was cut off
     unknown,
 };
@@ -57,6 +61,13 @@ struct lock_in_the_way {
     chassis_module_lock_holder holder = {};
 };
 
+// What was to be written over what; versions are empty when there is none.
+struct wanted_image {
+    std::string name = {}; // for people: "bootflash:NAME", "the image tree"
+    std::string version = {};
+    std::string old_version = {};
+};
+
 struct version_check {
     std::string expected = {};
     std::string found = {}; // empty: it could not be read
@@ -64,6 +75,7 @@ struct version_check {
 
 struct programming_result {
     program_subject subject = {};
+    wanted_image image = {};
     programming_ending ending = programming_ending::not_tried;
     std::optional<outcome> obstacle = {};      // when not asked or not answered
     std::uint32_t code = 0;                    // of an ending that has one
@@ -72,6 +84,7 @@ struct programming_result {
     flash_proof proof = {};                    // of one whose end was seen
     std::optional<flash_writer> writer = {};   // of one that was refused or has failed while somebody writes the flash
     std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
+    std::optional<flash_order> order = {};     // of somebody else, when that is why it was refused
     std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks
     std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
 

@@ -46,6 +46,12 @@ std::string agent_status_text(std::uint32_t status)
         return "the image's manifest is damaged";
     case AGENT_ERR_KEYS:
         return "the card's keys cannot be read, or other users may write to them";
+    case AGENT_ERR_NO_ORDER:
+        return "nothing is ordered for this flash";
+    case AGENT_ERR_ORDER_LIVE:
+        return "somebody else has ordered another programming of this flash";
+    case AGENT_ERR_PROGRAMMING:
+        return "a programming is under way on the card";
     default:
         return "status " + code_text(status);
     }

@@ -29,6 +29,7 @@
 #include "card_agent_process.h"
 #include "chassis_dir.h"
 #include "cmi.h"
+#include "flash_order.h"
 #include "endpoints.h"
 #include "mts_tools.h"
 #include "unique_fd.h"
@@ -104,10 +105,10 @@ public:
     void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 
-    // What the agent of a slot says from now on: "no_image" or "no_digest" and a status, "other_contents",
-    // "misread_once", "half_written"; "ships" and the version of its image, "slow_image"; "holds" and the version in its
-    // flash, "runs" and the one that it was started from, "flash_state" and bits, "started_from" and an instance;
-    // "no_versions" (it lets such requests wait), "wild_versions".
+    // What the agent of a slot says from now on: "no_image", "no_digest" or "no_order" and a status, "other_contents",
+    // "misread_once", "half_written", "not_recorded", "already_there"; "ships" and the version of its image,
+    // "slow_image"; "holds" and the version in its flash, "runs" and the one that it was started from, "flash_state" and
+    // bits, "started_from" and an instance; "no_versions" (it lets such requests wait), "wild_versions".
     void agent_says(unsigned slot, const std::string &what, const std::string &value = "") const
     {
         std::ofstream(path_ + "/slots/" + std::to_string(slot) + "/" + what) << value;
@@ -120,6 +121,8 @@ public:
     }
 
 private:
+    static constexpr std::uint64_t ORDER_ID = 7;
+
     static std::string text_in(const std::string &file)
     {
         std::string text;
@@ -156,6 +159,7 @@ private:
     {
         const auto is_said = [&](const char *what) { return std::filesystem::exists(folder + "/" + what); };
         if (mts_opc_get(message) == AGENT_OPC_GET_IMAGE) {
+            (void)take_once(folder + "/../ordered"); // another programming begins
             agent_image_t image{be64::of(4096), {1, 2, 3}, "v3.5.0(09/17/12)"};
             if (is_said("ships")) {
                 std::memset(image.version, 0, sizeof image.version);
@@ -177,9 +181,34 @@ private:
                 tell_versions(folder, handle, message);
             return is_said("wild_versions") || is_said("holds");
         }
+        // Who has ordered a programming finds it done.
+        const std::string ordered = folder + "/../ordered";
+        if (mts_opc_get(message) == AGENT_OPC_ORDER_FLASH) {
+            std::uint32_t status = AGENT_OK;
+            std::ifstream(folder + "/no_order") >> std::hex >> status;
+            const agent_order_id_t id{be32::of(0), be64::of(ORDER_ID)};
+            if (status == AGENT_OK)
+                std::ofstream(ordered) << "";
+            (void)cmi_response(&id, status == AGENT_OK ? sizeof id : 0, handle, message, status);
+            return true;
+        }
+        if (mts_opc_get(message) == AGENT_OPC_GET_ORDER) {
+            flash_order order;
+            order.id = ORDER_ID;
+            order.state = is_said("not_recorded") ? flash_order_state::failed : flash_order_state::verified;
+            const std::string text = flash_order_format(order);
+            (void)cmi_response(text.data(), static_cast<std::uint32_t>(text.size()), handle, message, AGENT_OK);
+            return true;
+        }
+        if (mts_opc_get(message) == AGENT_OPC_RENEW_ORDER || mts_opc_get(message) == AGENT_OPC_END_ORDER) {
+            (void)cmi_response(nullptr, 0, handle, message, AGENT_OK);
+            return true;
+        }
         if (mts_opc_get(message) == AGENT_OPC_GET_DIGEST) {
             agent_flash_digest_t digest{{1, 2, 3}, be32::of(1), {}};
-            digest.sha256[31] = is_said("other_contents") || take_once(folder + "/misread_once") ? 1 : 0;
+            const bool is_equal = is_said("../ordered") || is_said("already_there");
+            digest.sha256[31] =
+                !is_equal || is_said("other_contents") || take_once(folder + "/misread_once") ? 1 : 0;
             std::uint32_t status = AGENT_OK;
             std::ifstream(folder + "/no_digest") >> std::hex >> status;
             digest.state = be32::of(is_said("half_written") ? std::uint32_t{AGENT_FLASH_MARKED} : 0);

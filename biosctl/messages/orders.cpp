@@ -1,0 +1,146 @@
+#include "orders.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <pwd.h>
+#include <span>
+#include <string_view>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+#include "agent_messages.h"
+#include "agents.h"
+#include "text_field.h"
+
+namespace
+{
+
+template<class Record>
+request_answer ask_about_orders(std::uint32_t node, std::uint32_t opcode, const Record &body)
+{
+    return ask_agent(node, opcode, {reinterpret_cast<const std::uint8_t *>(&body), sizeof body});
+}
+
+std::string own_user()
+{
+    const passwd *user = ::getpwuid(::getuid());
+    return user != nullptr ? user->pw_name : std::to_string(::getuid());
+}
+
+std::string own_host()
+{
+    char name[HOST_NAME_MAX + 1] = {};
+    return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+agent_order_req_t encode(const wanted_programming &wanted)
+{
+    agent_order_req_t request{};
+    request.instance = be32::of(wanted.instance);
+    request.forced = be32::of(wanted.forced);
+    request.size_bytes = be64::of(wanted.image.size_bytes);
+    std::copy(wanted.image.digest.begin(), wanted.image.digest.end(), request.sha256);
+    store_text(request.version, wanted.image.version.c_str());
+    store_text(request.image, wanted.image_name.c_str());
+    store_text(request.user, own_user().c_str());
+    store_text(request.host, own_host().c_str());
+    return request;
+}
+
+[[noreturn]] void renew(std::uint32_t node, const agent_order_id_t &order, pid_t parent)
+{
+    (void)std::signal(SIGINT, SIG_IGN); // Ctrl-C is for the parent, which may go on
+    (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+        while (::getppid() == parent) {
+            (void)::sleep(FLASH_ORDER_RENEWAL_S);
+            const request_answer answer = ask_about_orders(node, AGENT_OPC_RENEW_ORDER, order);
+            if (answer.answered && answer.status == AGENT_ERR_NO_ORDER)
+                break;
+        }
+    } catch (const std::exception &) {
+        // No memory: the order ends for want of renewals.
+    }
+    ::_exit(0);
+}
+
+agent_order_id_t id_of(unsigned instance, std::uint64_t id)
+{
+    return {be32::of(instance), be64::of(id)};
+}
+
+} // namespace
+
+placed_order::placed_order(std::uint32_t node, unsigned instance, std::uint64_t id)
+    : node_(node), instance_(instance), id_(id)
+{
+    const pid_t parent = ::getpid();
+    renewal_ = ::fork();
+    if (renewal_ == 0)
+        renew(node, id_of(instance, id), parent);
+}
+
+placed_order::placed_order(placed_order &&other) noexcept
+    : node_(other.node_), instance_(other.instance_), id_(other.id_), renewal_(std::exchange(other.renewal_, -1))
+{
+}
+
+placed_order::~placed_order()
+{
+    if (renewal_ <= 0)
+        return;
+    (void)::kill(renewal_, SIGKILL);
+    while (::waitpid(renewal_, nullptr, 0) < 0 && errno == EINTR)
+        ;
+}
+
+void placed_order::end(std::uint32_t result) const
+{
+    (void)ask_about_orders(node_, AGENT_OPC_END_ORDER,
+                           agent_order_end_t{id_of(instance_, id_), be32::of(result)});
+}
+
+std::optional<flash_order> placed_order::record() const
+{
+    auto found = ask_for_order(node_, instance_);
+    return found && found->id == id_ ? found : std::nullopt;
+}
+
+order_reply place_order(const wanted_programming &wanted)
+{
+    const request_answer answer = ask_about_orders(wanted.node, AGENT_OPC_ORDER_FLASH, encode(wanted));
+    agent_order_id_t id;
+    if (!answer.answered || answer.status != AGENT_OK || answer.payload.size() != sizeof id)
+        return {.status = answer.status};
+    std::memcpy(&id, answer.payload.data(), sizeof id);
+    return {.order = placed_order(wanted.node, wanted.instance, id.id.load())};
+}
+
+std::optional<std::uint32_t> judge_order(const wanted_programming &wanted)
+{
+    agent_order_req_t request = encode(wanted);
+    request.judge_only = be32::of(1);
+    const request_answer answer = ask_about_orders(wanted.node, AGENT_OPC_ORDER_FLASH, request);
+    return answer.answered ? std::optional(answer.status) : std::nullopt;
+}
+
+std::optional<flash_order> ask_for_order(std::uint32_t node, unsigned instance)
+{
+    const request_answer answer =
+        ask_about_orders(node, AGENT_OPC_GET_ORDER, agent_flash_req_t{be32::of(instance)});
+    if (!answer.answered || answer.status != AGENT_OK)
+        return std::nullopt;
+    return flash_order_parse({reinterpret_cast<const char *>(answer.payload.data()), answer.payload.size()});
+}
+
+std::optional<std::uint32_t> cancel_order(std::uint32_t node, unsigned instance)
+{
+    const request_answer answer =
+        ask_about_orders(node, AGENT_OPC_CANCEL_ORDER, agent_flash_req_t{be32::of(instance)});
+    return answer.answered ? std::optional(answer.status) : std::nullopt;
+}

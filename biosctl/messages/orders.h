@@ -1,0 +1,59 @@
+// Orders: what a card's agent is told before a programming begins (agent_messages.h), and what it says of the orders
+// of its flashes.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+#include "agent_answers.h"
+#include "flash_order.h"
+
+struct wanted_programming {
+    std::uint32_t node = 0; // of the daemon of the card whose flash is meant
+    unsigned instance = 0;
+    told_image image = {};
+    std::string image_name = {}; // for people
+    std::uint32_t forced = 0;    // bits of bios_force
+};
+
+// An order that this process has placed. It is renewed by a process of its own until the object is gone or the order
+// has ended, also while this process waits for an answer.
+class placed_order
+{
+public:
+    placed_order(std::uint32_t node, unsigned instance, std::uint64_t id);
+    ~placed_order();
+    placed_order(placed_order &&other) noexcept;
+    placed_order &operator=(placed_order &&) = delete;
+
+    // Says that the programming has ended, with a result: nobody will begin it any more. What was written is recorded
+    // by who has written it.
+    void end(std::uint32_t result) const;
+
+    // The order's record as it is now; none when the agent does not answer or knows another order by now.
+    std::optional<flash_order> record() const;
+
+private:
+    std::uint32_t node_;
+    unsigned instance_;
+    std::uint64_t id_;
+    pid_t renewal_ = -1;
+};
+
+// An order, or the status of the agent's answer that refuses it; 0 then: it has not answered.
+struct order_reply {
+    std::optional<placed_order> order = {};
+    std::uint32_t status = 0;
+};
+order_reply place_order(const wanted_programming &wanted);
+
+// Whether it would be taken: the status of the agent's answer; none: it has not answered. Nothing is ordered.
+std::optional<std::uint32_t> judge_order(const wanted_programming &wanted);
+
+// The order of a flash, or the last there was. None when there is none, or when the agent does not answer.
+std::optional<flash_order> ask_for_order(std::uint32_t node, unsigned instance);
+
+// Takes back the order of a flash that nobody has begun. The status of the agent's answer; none: it has not answered.
+std::optional<std::uint32_t> cancel_order(std::uint32_t node, unsigned instance);
