@@ -67,15 +67,15 @@ TEST_F(Program, TheRequestIsTheLiteralBody)
     EXPECT_EQ(program(
                   [](daemon_side &side) {
                       std::vector<std::uint8_t> expected(529);
-                      expected[3] = 5;
-                      std::memcpy(&expected[12], "bootflash:a.img", 15);
+                      expected[3] = 27;
+                      std::memcpy(&expected[12], "file:///bootflash/a.img", 23);
                       expected[528] = 1;
                       const bool equal = side.receive(4791) == expected;
                       side.answer(0);
                       side.progress(3, 100);
-                      side.notify(equal ? 0 : 0x40710099, 5);
+                      side.notify(equal ? 0 : 0x40710099, 27);
                   },
-                  {"5", "--image", "bootflash:a.img", "--type", "1"}),
+                  {"27", "--image", "bootflash:a.img", "--type", "1"}),
               0)
         << run_->err();
 }

@@ -22,22 +22,22 @@
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
 #include "line_file.h"
+#include "mts_frame.h"
 #include "rest_of.h"
 #include "sdwrap.h"
 #include "unique_fd.h"
 
-// The debug framework looks at nothing of a message but its opcode; the transport is not part of these tests.
-struct mts_message {
-    uint32_t opcode;
-};
-
-uint32_t mts_opc_get(const mts_message_t *message)
-{
-    return message->opcode;
-}
-
 namespace
 {
+
+// As it would come from another card.
+std::int32_t offered(std::uint32_t opcode)
+{
+    mts_frame_header header{};
+    header.opcode = opcode;
+    const mts_held_message message = mts_message_for(header);
+    return sdwrap_process_msg(0, message.get());
+}
 
 constexpr useconds_t SEVERAL_TICKS_US = 30'000; // a change of a file is known to a busy process by then
 
@@ -185,12 +185,9 @@ TEST_F(Diagnostics, ToolsReadAndSetTheFlags)
 
 TEST_F(Diagnostics, OnlyDebugControlMessagesAreConsumed)
 {
-    mts_message other{4791};
-    EXPECT_EQ(1, sdwrap_process_msg(0, &other));
-    mts_message none{0};
-    EXPECT_EQ(1, sdwrap_process_msg(0, &none));
-    mts_message control{CHASSIS_OPC_DEBUG_CONTROL};
-    EXPECT_NE(1, sdwrap_process_msg(0, &control));
+    EXPECT_EQ(1, offered(4790));
+    EXPECT_EQ(1, offered(0));
+    EXPECT_NE(1, offered(CHASSIS_OPC_DEBUG_CONTROL));
     EXPECT_NE(1, sdwrap_process_msg(0, nullptr));
 }
 
@@ -202,8 +199,7 @@ TEST_F(Diagnostics, DebugControlMessageMakesFlagsReadAgain)
     put("debug/flags", "nono\n"); // same file, size and time: cannot be told from the old one
     fs::last_write_time(slot_file("debug/flags"), written);
     ASSERT_TRUE(info_is_on());
-    mts_message control{CHASSIS_OPC_DEBUG_CONTROL};
-    (void)sdwrap_process_msg(0, &control);
+    (void)offered(CHASSIS_OPC_DEBUG_CONTROL);
     EXPECT_FALSE(info_is_on());
 }
 
