@@ -32,6 +32,7 @@ std::vector<command_line> command_lines(const std::string &folder)
         {{"source"}, 0, {"source", "--image", "name"}, true, false},
         {{"program", "27"}, 0, {"program"}},
         {{"program", "all"}, 0, {"program", "all", "--via", "28"}},
+        {{"cancel", "27"}, 2, {"cancel"}, true, false},
         {{"sync", "27"}, 0, {"sync", "--frob"}},
         {{"sync", "27", "--dry-run"}, 0, {"sync", "233"}},
         {{"metrics", "27"}, 0, {"metrics", "0"}, true, false},

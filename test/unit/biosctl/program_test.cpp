@@ -125,25 +125,62 @@ TEST_F(Program, AFlashThatCannotBeReadIsSaidSo)
     EXPECT_FALSE(err_has("does not answer")) << run_->err();
 }
 
-TEST_F(Program, WhatNoAgentConfirmsIsNotConfirmed)
+// The daemon is not asked then: the test's one would wait for the request in vain.
+TEST_F(Program, NothingIsBegunWithoutAnImageOrAnAgent)
 {
-    const auto heard = [](daemon_side &side) {
-        accept(side);
-        program_to_100(side);
-        side.notify(0, 5);
-    };
+    const auto not_asked = [](daemon_side &) {};
     chassis_.agent_says(5, "no_image", "0x40720025");
-    EXPECT_EQ(program(heard, {"5", "--json"}), 1);
+    EXPECT_EQ(program(not_asked, {"5", "--json"}), 1);
     const auto told = nlohmann::json::parse(run_->out(), nullptr, false);
     ASSERT_TRUE(told.is_object()) << run_->out();
-    EXPECT_EQ(told["outcome"], "not confirmed");
-    EXPECT_EQ(told["verified"], false);
     EXPECT_NE(told["error"].get<std::string>().find("cut short or damaged"), std::string::npos) << run_->out();
+    chassis_.agent_says(5, "no_image", "0x40720022");
+    EXPECT_EQ(program(not_asked), 3);
+    EXPECT_TRUE(err_has("there is no such file on the card")) << run_->err();
     chassis_.end_agent(5);
-    EXPECT_EQ(program(heard), 1);
-    EXPECT_TRUE(err_has("not confirmed")) << run_->err();
+    EXPECT_EQ(program(not_asked), 1);
+    EXPECT_TRUE(err_has("not begun")) << run_->err();
     EXPECT_TRUE(err_has("the agent of slot 5 does not answer")) << run_->err();
-    EXPECT_TRUE(err_has("do not reboot")) << run_->err();
+}
+
+TEST_F(Program, AnImageThatIsInTheFlashAlreadyIsNotProgrammedAgain)
+{
+    chassis_.agent_says(5, "already_there");
+    EXPECT_EQ(program([](daemon_side &) {}), 2);
+    EXPECT_TRUE(err_has("module 5: already in the flash, nothing to do")) << run_->err();
+    EXPECT_FALSE(err_has("reboot")) << run_->err();
+}
+
+TEST_F(Program, AnOrderThatTheCardRefusesIsNotBegun)
+{
+    chassis_.agent_says(5, "no_order", "0x40710049");
+    EXPECT_EQ(program([](daemon_side &) {}), 1);
+    EXPECT_TRUE(err_has("0x40710049 (older)")) << run_->err();
+    EXPECT_TRUE(err_has("--force=older")) << run_->err();
+    chassis_.agent_says(5, "no_order", "0x40720051");
+    EXPECT_EQ(program([](daemon_side &) {}), 4);
+    EXPECT_TRUE(err_has("0x4071000a (busy)")) << run_->err();
+}
+
+TEST_F(Program, WhatTheCardHasNotRecordedIsNoSuccess)
+{
+    chassis_.agent_says(5, "not_recorded");
+    EXPECT_EQ(program([](daemon_side &side) {
+                  accept(side);
+                  program_to_100(side);
+                  side.notify(0, 5);
+              }),
+              1);
+    EXPECT_TRUE(err_has("the card has not recorded that the order was carried out")) << run_->err();
+}
+
+TEST_F(Program, ImagesThatMeanNothingAreMisuse)
+{
+    for (const char *image : {"usb:x", "nowhere", "/bootflash/../etc/passwd", "bootflash:a//b", "/bootflash/./a",
+                              "bootflash:a;b", "", "file://host/a"}) {
+        EXPECT_EQ(program([](daemon_side &) {}, {"27", "--image", image}), 64) << image;
+    }
+    EXPECT_EQ(program([](daemon_side &) {}, {"5", "--image", "bootflash:a"}), 64) << "its card unpacks nothing";
 }
 
 TEST_F(Program, ResultZeroWithoutProgressIsNoSuccess)
@@ -214,7 +251,7 @@ TEST_F(Program, AnUnmappedUriIsNotFound)
                       (void)side.receive(4791);
                       side.answer(0x40710005);
                   },
-                  {"28", "--via", "28", "--image", "nowhere"}, 28),
+                  {"27", "--image", "bootflash:nowhere"}),
               3);
     EXPECT_TRUE(err_has("uri_not_mapped"));
 }
@@ -440,17 +477,4 @@ TEST_F(Program, JsonHoldsTheResultAndNothingElseIsOnStandardOutput)
     EXPECT_EQ(answer["attempt"], 2);
     EXPECT_EQ(answer["exit_code"], 1);
     EXPECT_EQ(answer["flash"], "may be corrupted: do not reboot the card");
-}
-
-TEST_F(Program, AUriThatMayNotBeMappedIsPointedOut)
-{
-    EXPECT_EQ(program(
-                  [](daemon_side &side) {
-                      accept(side);
-                      side.progress(3, 100);
-                      side.notify(0, 5);
-                  },
-                  {"5", "--image", "image.bin"}),
-              0);
-    EXPECT_TRUE(err_has("cannot map the image URI 'image.bin'"));
 }
