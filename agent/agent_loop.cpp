@@ -6,6 +6,7 @@
 #include "boot_record.h"
 #include "c_boundary.h"
 #include "card_transfers.h"
+#include "flash_orders.h"
 #include "event_heads.h"
 #include "image_facts.h"
 #include "module_locks.h"
@@ -31,6 +32,7 @@ void serve_card(std::int32_t handle)
     start_module_locks(handle);
     best_effort(note_boot);
     best_effort(remove_unpacked_leftovers);
+    best_effort(record_own_family);
     start_card_transfers();
     start_head_teller(handle);
     for (;;) {

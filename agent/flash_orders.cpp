@@ -40,12 +40,17 @@ std::uint64_t new_id(const std::optional<flash_order> &last)
     return std::max(now, last ? last->id + 1 : 0); // also when the clock was set back
 }
 
+std::uint32_t own_family()
+{
+    return get_sw_card_family(inventory_value(chassis_own_slot(), "card_id") & 0xffff);
+}
+
 flash_order order_of(const agent_order_req_t &request)
 {
     flash_order order;
     std::copy(std::begin(request.sha256), std::end(request.sha256), order.sha256.begin());
     order.size_bytes = request.size_bytes.load();
-    order.family = get_sw_card_family(inventory_value(chassis_own_slot(), "card_id"));
+    order.family = own_family();
     order.forced = request.forced.load();
     order.renewed_s = flash_order_clock_s();
     order.version = field_text(request.version).text;
@@ -77,6 +82,13 @@ answer with_order(unsigned instance, Change change)
 
 } // namespace
 
+void record_own_family()
+{
+    const unsigned slot = chassis_own_slot();
+    if (const flash_orders_lock lock(slot); lock.is_held())
+        (void)chassis_write_value(chassis_slot_path(slot, FLASH_ORDERS_FAMILY), own_family());
+}
+
 answer order_answer(const agent_order_req_t &request)
 {
     const unsigned instance = request.instance.load();
@@ -96,7 +108,7 @@ answer order_answer(const agent_order_req_t &request)
         return AGENT_ERR_FLASH;
     flash_order order = order_of(request);
     const std::uint32_t refusal =
-        judge_image({.size_bytes = order.size_bytes, .sha256 = order.sha256, .version = order.version}, *flash,
+        judge_image({.size_bytes = order.size_bytes, .version = order.version}, *flash,
                     {.is_ordered = true, .forced = order.forced});
     if (refusal != 0)
         return static_cast<agent_status>(refusal);

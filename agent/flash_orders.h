@@ -4,6 +4,9 @@
 
 #include "answer.h"
 
+// Has those that program know the card's family.
+void record_own_family();
+
 answer order_answer(const agent_order_req_t &request);              // AGENT_OPC_ORDER_FLASH
 answer renewal_answer(const agent_order_id_t &request);             // AGENT_OPC_RENEW_ORDER
 answer order_end_answer(const agent_order_end_t &request);          // AGENT_OPC_END_ORDER

@@ -14,8 +14,9 @@
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_geometry.h"
-#include "image_judgement.h"
+#include "image_verification.h"
 #include "monotonic_clock.h"
+#include "security_floor.h"
 #include "utc_time.h"
 
 const char *flash_temporary_image = "/bootflash/.tmpbios.bin";
@@ -58,12 +59,21 @@ std::string version_in_flash(flash_device &flash)
     return bios_version_in(header);
 }
 
+// What the card is, and what it demands. false when that cannot be found out.
+bool facts_of_card(unsigned slot, flash_facts &facts)
+{
+    std::string problem;
+    facts.card_id = chassis_read_value(chassis_inventory_path(slot, "card_id"), 0) & 0xffff;
+    facts.family = chassis_read_value(chassis_slot_path(slot, FLASH_ORDERS_FAMILY), 0);
+    return card_policy_load(facts.policy, problem) && security_floor_load(facts.security_floor, problem);
+}
+
 // A client that orders nothing: what it programs is recorded all the same.
-flash_order order_without_client(const image_facts &image)
+flash_order order_without_client(const image_facts &image, const sha256_digest &digest)
 {
     flash_order order;
     order.id = static_cast<std::uint64_t>(microseconds_of(CLOCK_REALTIME));
-    order.sha256 = image.sha256;
+    order.sha256 = digest;
     order.size_bytes = image.size_bytes;
     order.version = image.version;
     order.ordered_at = utc_now();
@@ -89,12 +99,11 @@ flash_claim *flash_claim::make(std::uint32_t instance, const char *path, flash_i
     static pid_t exit_handler_of = 0;
     claims()[instance].reset(); // a programming that has failed
     std::unique_ptr<flash_claim> claim(new flash_claim(instance, path, std::move(image)));
-    const std::uint32_t refusal = claim->take_order(flash);
-    if (refusal != 0) {
+    claim->own_name_ = link_beside(claim->path_, claim->image_, instance);
+    if (const std::uint32_t refusal = claim->take_order(flash); refusal != 0) {
         failure_out = bios_signed(refusal);
         return nullptr;
     }
-    claim->own_name_ = link_beside(claim->path_, claim->image_, instance);
     if (exit_handler_of != ::getpid() && std::atexit(end_claims) == 0)
         exit_handler_of = ::getpid();
     claims()[instance] = std::move(claim);
@@ -117,15 +126,35 @@ flash_claim::~flash_claim()
         best_effort([this] { (void)record(flash_order_state::failed); });
 }
 
+// What the image's file says of it. 0, or why that cannot be found out.
+std::uint32_t flash_claim::examine(image_facts &facts_out)
+{
+    image_reading reading;
+    if (!image_.examine(reading))
+        return errno == EFBIG ? BIOS_REFUSED_TOO_LARGE : std::uint32_t{BIOS_FLASH_ERR_IMAGE_READ};
+    sha256_ = reading.sha256;
+    facts_out = {.size_bytes = reading.size_bytes,
+                 .version = image_.version(),
+                 .manifest_state = reading.state,
+                 .manifest = reading.manifest};
+    if (reading.state == image_manifest_state::intact && reading.manifest.key_id) {
+        const image_verification verified = verify_image(own_name_.empty() ? path_ : own_name_);
+        facts_out.signature = verified.status;
+        if (verified.status == AGENT_OK && verified.sha256 != sha256_)
+            return BIOS_REFUSED_CHANGED;
+        signed_version_ = verified.status == AGENT_OK ? verified.security_version : 0;
+    }
+    return image_.has_changed() || reading.size_bytes != image_.size_bytes() ? BIOS_REFUSED_CHANGED : 0U;
+}
+
 std::uint32_t flash_claim::take_order(flash_device &flash)
 {
-    image_facts facts{.size_bytes = image_.size_bytes(), .version = image_.version()};
-    if (facts.size_bytes > flash.geometry().size_bytes)
+    const std::uint32_t size_bytes = flash.geometry().size_bytes;
+    if (image_.size_bytes() > size_bytes)
         return BIOS_REFUSED_TOO_LARGE; // it is not worth a digest
-    if (!image_.digest(facts.sha256))
-        return BIOS_FLASH_ERR_IMAGE_READ;
-    if (image_.has_changed())
-        return BIOS_REFUSED_CHANGED;
+    image_facts image;
+    if (const std::uint32_t failure = examine(image); failure != 0)
+        return failure;
 
     const unsigned slot = chassis_own_slot();
     const flash_orders_lock lock(slot);
@@ -135,20 +164,21 @@ std::uint32_t flash_claim::take_order(flash_device &flash)
     if (order && order->state == flash_order_state::writing)
         return BIOS_FLASH_ERR_IN_USE;
     const bool is_ordered = order && order->state == flash_order_state::ordered;
-    if (is_ordered && (order->sha256 != facts.sha256 || order->size_bytes != facts.size_bytes))
+    if (is_ordered && (order->sha256 != sha256_ || order->size_bytes != image.size_bytes))
         return BIOS_REFUSED_OTHER_IMAGE; // another client's image; the order stays
+    flash_facts facts;
+    facts.size_bytes = size_bytes;
+    if (!facts_of_card(slot, facts))
+        return BIOS_REFUSED_NOT_CHECKED;
 
-    order_ = is_ordered ? *order : order_without_client(facts);
-    if (is_ordered) // else no read of the flash beyond those of the programming
-        order_.old_version = version_in_flash(flash);
-    const std::uint32_t refusal =
-        judge_image(facts, {.size_bytes = flash.geometry().size_bytes, .version = order_.old_version},
-                    {.is_ordered = is_ordered, .forced = order_.forced});
-    if (refusal != 0) {
-        order_.result = refusal;
+    order_ = is_ordered ? *order : order_without_client(image, sha256_);
+    if (is_ordered || facts.policy.refuses_older) // else no read of the flash beyond those of the programming
+        facts.version = order_.old_version = version_in_flash(flash);
+    order_.result = judge_image(image, facts, {.is_ordered = is_ordered, .forced = order_.forced});
+    if (order_.result != 0) {
         if (is_ordered)
             (void)record(flash_order_state::failed);
-        return refusal;
+        return order_.result;
     }
     writer_ = flash_order_take_writer(slot, instance_);
     if (!writer_ && errno == EBUSY)
@@ -160,8 +190,8 @@ std::uint32_t flash_claim::take_order(flash_device &flash)
 
 bool flash_claim::has_its_image()
 {
-    sha256_digest now;
-    return !image_.has_changed() || (image_.digest(now) && now == order_.sha256);
+    image_reading now;
+    return !image_.has_changed() || (image_.examine(now) && now.sha256 == sha256_);
 }
 
 bool flash_claim::record(flash_order_state state)
@@ -177,6 +207,8 @@ std::int32_t flash_claim::ended(std::uint32_t attempt, std::int32_t result)
     order_.result = static_cast<std::uint32_t>(result);
     if (attempt == 0 || result != 0)
         return result;
+    if (std::string problem; signed_version_ != 0)
+        (void)security_floor_raise(signed_version_, problem); // the flash is programmed whether it rises or not
     if (writer_) {
         const flash_orders_lock lock(chassis_own_slot());
         (void)record(flash_order_state::verified);

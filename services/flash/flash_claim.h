@@ -14,6 +14,7 @@
 #include "flash_device.h"
 #include "flash_image.h"
 #include "flash_order.h"
+#include "image_judgement.h"
 #include "unique_fd.h"
 
 // The file that a card programs which does not unpack, and whose image is meant when a flash is erased before an image
@@ -49,6 +50,7 @@ public:
 
 private:
     flash_claim(std::uint32_t instance, const char *path, flash_image &&image);
+    std::uint32_t examine(image_facts &facts_out);
     std::uint32_t take_order(flash_device &flash);
     bool record(flash_order_state state);
 
@@ -58,6 +60,8 @@ private:
     std::string own_name_; // of the image; empty: the file system has no second names
     unique_fd writer_;
     flash_order order_;
+    sha256_digest sha256_ = {};        // of the image
+    std::uint32_t signed_version_ = 0; // security version of an image whose signature is good
     pid_t process_;
     bool attempted_ = false; // more than erased
 };

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 #include "bios_header.h"
 #include "flash_geometry.h"
@@ -16,7 +15,6 @@
 namespace
 {
 
-constexpr std::size_t PIECE_BYTES = std::size_t{64} << 10;
 constexpr std::int64_t FILE_TICK_US = 20'000; // two writes in less may leave a file the same time
 
 std::int64_t microseconds_since(const timespec &time)
@@ -81,19 +79,10 @@ void flash_image::settle()
     written_at_ = status.st_mtim;
 }
 
-bool flash_image::digest(sha256_digest &digest_out)
+bool flash_image::examine(image_reading &reading_out)
 {
     settle();
-    std::vector<std::uint8_t> piece(PIECE_BYTES);
-    sha256 sum;
-    for (std::uint64_t at = 0; at < size_bytes_; at += piece.size()) {
-        const auto count = static_cast<std::uint32_t>(std::min<std::uint64_t>(piece.size(), size_bytes_ - at));
-        if (!read(at, piece.data(), count))
-            return false;
-        sum.add(piece.data(), count);
-    }
-    digest_out = sum.digest();
-    return true;
+    return read_image(file_.get(), reading_out);
 }
 
 bool flash_image::has_changed() const

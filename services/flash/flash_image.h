@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "sha256.h"
+#include "image_manifest.h"
 #include "unique_fd.h"
 
 class flash_image
@@ -23,10 +23,10 @@ public:
     // The version text of the image without blanks; empty when it has none.
     std::string version() const;
 
-    // Digest of the bytes. false with errno, as of read.
-    [[nodiscard]] bool digest(sha256_digest &digest_out);
+    // Reads all of it, and finds its digest and its manifest. false with errno, as of read_image.
+    [[nodiscard]] bool examine(image_reading &reading_out);
 
-    // Whether the file was written to since it was opened, or since digest() was called.
+    // Whether the file was written to since it was opened, or since it was examined.
     [[nodiscard]] bool has_changed() const;
 
     int descriptor() const { return file_.get(); }
@@ -44,5 +44,5 @@ private:
 
     unique_fd file_;
     std::uint64_t size_bytes_;
-    timespec written_at_; // when it was opened, or digested
+    timespec written_at_; // as of then
 };

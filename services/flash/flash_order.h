@@ -16,6 +16,7 @@
 #include "unique_fd.h"
 
 constexpr const char *FLASH_ORDERS_FOLDER = "orders"; // of a slot
+constexpr const char *FLASH_ORDERS_FAMILY = "orders/family"; // the card's, as its agent knows it from the daemon's table
 constexpr unsigned FLASH_ORDER_RENEWAL_S = 5;         // how often whoever has ordered says that he is still there
 constexpr unsigned FLASH_ORDER_SILENCE_S = 15;        // without that an order that nobody has claimed ends
 

@@ -27,38 +27,71 @@ std::optional<version_number> number_of(std::string_view version)
     return number;
 }
 
+// As the agent's status says it.
+std::uint32_t signature_refusal(std::uint32_t status)
+{
+    switch (status) {
+    case AGENT_ERR_NOT_SIGNED:
+        return BIOS_REFUSED_UNSIGNED;
+    case AGENT_ERR_KEY_UNKNOWN:
+    case AGENT_ERR_KEY_REVOKED:
+    case AGENT_ERR_SIGNATURE:
+        return BIOS_REFUSED_SIGNATURE;
+    case AGENT_ERR_MANIFEST:
+        return BIOS_REFUSED_MANIFEST;
+    default:
+        return BIOS_REFUSED_NOT_CHECKED; // no agent, or one that cannot read its keys
+    }
+}
+
+bool is_for_another_family(const image_facts &image, const flash_facts &flash)
+{
+    if (image.manifest_state != image_manifest_state::intact)
+        return false;
+    return (flash.card_id != 0 && !image.manifest.is_for_card_id(flash.card_id)) ||
+           (flash.family != 0 && image.manifest.family != flash.family);
+}
+
+// What an order has to take back, and without one the policy has to let pass.
 struct rule {
     std::uint32_t refusal;
-    std::uint32_t force; // that takes it back; 0: nothing does
-    bool (*applies)(const image_facts &image, const flash_facts &flash, const image_rules &rules);
+    std::uint32_t force;
+    bool (*refuses_without_order)(const card_policy &policy);
+    bool (*applies)(const image_facts &image, const flash_facts &flash);
 };
 
 constexpr rule RULES[] = {
-    {BIOS_REFUSED_TOO_LARGE, 0,
-     [](const image_facts &image, const flash_facts &flash, const image_rules &) {
-         return image.size_bytes > flash.size_bytes;
-     }},
-    {BIOS_REFUSED_SMALLER, BIOS_FORCE_SMALLER,
-     [](const image_facts &image, const flash_facts &flash, const image_rules &rules) {
-         return rules.is_ordered && image.size_bytes < flash.size_bytes;
-     }},
+    {BIOS_REFUSED_FAMILY, BIOS_FORCE_FAMILY, [](const card_policy &) { return true; }, is_for_another_family},
+    {BIOS_REFUSED_SMALLER, BIOS_FORCE_SMALLER, [](const card_policy &policy) { return policy.refuses_smaller; },
+     [](const image_facts &image, const flash_facts &flash) { return image.size_bytes < flash.size_bytes; }},
     {BIOS_REFUSED_NO_VERSION, BIOS_FORCE_NO_VERSION,
-     [](const image_facts &image, const flash_facts &, const image_rules &) { return image.version.empty(); }},
-    {BIOS_REFUSED_OLDER, BIOS_FORCE_OLDER,
-     [](const image_facts &image, const flash_facts &flash, const image_rules &rules) {
-         return rules.is_ordered && is_older_version(image.version, flash.version);
+     [](const card_policy &policy) { return policy.refuses_no_version; },
+     [](const image_facts &image, const flash_facts &) { return image.version.empty(); }},
+    {BIOS_REFUSED_OLDER, BIOS_FORCE_OLDER, [](const card_policy &policy) { return policy.refuses_older; },
+     [](const image_facts &image, const flash_facts &flash) {
+         return is_older_version(image.version, flash.version);
      }},
 };
 
 } // namespace
 
-std::uint32_t judge_image(const image_facts &image, const flash_facts &flash, const image_rules &rules)
+std::uint32_t judge_image(const image_facts &image, const flash_facts &flash, const image_wish &wish)
 {
+    if (flash.policy.order_required && !wish.is_ordered)
+        return BIOS_REFUSED_NO_ORDER;
+    if (image.size_bytes > flash.size_bytes)
+        return BIOS_REFUSED_TOO_LARGE;
+    if (image.manifest_state == image_manifest_state::damaged)
+        return BIOS_REFUSED_MANIFEST;
     for (const rule &one : RULES) {
-        if ((rules.forced & one.force) == 0 && one.applies(image, flash, rules))
+        const bool refuses =
+            wish.is_ordered ? (wish.forced & one.force) == 0 : one.refuses_without_order(flash.policy);
+        if (refuses && one.applies(image, flash))
             return one.refusal;
     }
-    return 0;
+    if (!flash.policy.passes_signature(image.signature))
+        return signature_refusal(image.signature);
+    return image.manifest.security_version < flash.security_floor ? BIOS_REFUSED_SECURITY : 0U;
 }
 
 bool is_older_version(std::string_view version, std::string_view than)
