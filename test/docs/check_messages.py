@@ -18,7 +18,8 @@ RECORD_ROW = re.compile(r"^\| (\d+) \| (\d+) \| `?(\w+)`? \|")
 NO_RESULTS = {"BIOS_RESULT_PREFIX"}
 PAIRS = (
     (("messages.md", "version-messages.md"),
-     ("include/bios_messages.h", "include/bios_opcodes.h", "include/bios_results.h", "platform/bios_flash.h")),
+     ("include/bios_messages.h", "include/bios_opcodes.h", "include/bios_results.h", "include/bios_refusals.h",
+      "platform/bios_flash.h")),
     (("agent-messages.md",), ("include/agent_messages.h",)),
     (("images.md",), ("services/images/image_manifest.h",)),
 )
