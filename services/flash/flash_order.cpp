@@ -29,8 +29,8 @@ struct field_row {
 template<class Number>
 bool take_number(Number &number, std::string_view text)
 {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
+    const std::errc error = std::from_chars(text.data(), text.data() + text.size(), number).ec;
+    return error == std::errc() && std::to_string(number) == text; // no leading zeros either
 }
 
 template<auto MEMBER>

@@ -1,6 +1,6 @@
-// What an agent takes from others: requests about its card and its files, and messages about module locks, of
-// senders who come and go. Whatever comes, only what was announced is there under a name, and nothing is kept for
-// the dead.
+// What an agent takes from others: requests about its card, its files and the orders of its flashes, and messages
+// about module locks, of senders who come and go. Whatever comes, only what was announced is there under a name, an
+// order can be read, and nothing is kept for the dead.
 //
 //   any number of steps: kind (1 byte) and, by kind % 8
 //   0 to 3  a request: sender, opcode, length (2 bytes), body
@@ -18,6 +18,7 @@
 #include "agent_requests.h"
 #include "chassis_dir.h"
 #include "file_requests.h"
+#include "flash_order.h"
 #include "fuzz_input.h"
 #include "lock_service.h"
 #include "nor_file_driver.h"
@@ -51,9 +52,19 @@ const std::string &chassis()
     return folder.path();
 }
 
+fs::path slot_folder()
+{
+    return chassis() + "/slots/3";
+}
+
 fs::path images()
 {
-    return chassis() + "/slots/3/images";
+    return slot_folder() / "images";
+}
+
+fs::path orders()
+{
+    return slot_folder() / FLASH_ORDERS_FOLDER;
 }
 
 mts_address_t sender_of(std::uint8_t byte)
@@ -86,7 +97,7 @@ public:
     void take_request(fuzz_input &input)
     {
         const mts_address_t from = sender_of(input.byte());
-        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 64U; // up to 4872
+        const std::uint32_t opcode = AGENT_OPC_GET_CHASSIS - 1 + input.byte() % 71U; // up to 4879
         const auto body = input.bytes(input.word());
         const auto given = is_about_files(opcode)
                                ? std::optional(answer_about_files(*transfers_, from, opcode, body))
@@ -198,7 +209,24 @@ void expect_whole_files()
         const std::string name = entry.path().filename();
         require(name == ".digests" || names.contains(name), "all that is there was delivered");
     }
-    require(std::distance(fs::directory_iterator(chassis() + "/slots/3"), {}) == 2, "nothing was made elsewhere");
+}
+
+// What an order has written down is read again, and no flash has an order that is not there.
+void expect_whole_orders()
+{
+    if (!fs::exists(orders()))
+        return;
+    for (const auto &entry : fs::directory_iterator(orders())) {
+        require(entry.path().filename() == "primary", "an order is one of a flash");
+        require(flash_order_read(SLOT, 0).has_value(), "an order is read again");
+    }
+}
+
+void expect_nothing_elsewhere()
+{
+    const std::set<fs::path> known = {slot_folder() / "flash", images(), orders()};
+    for (const auto &entry : fs::directory_iterator(slot_folder()))
+        require(known.contains(entry.path()), "nothing was made elsewhere");
 }
 
 void take_step(fuzzed_agent &agent, fuzz_input &input)
@@ -222,6 +250,7 @@ void take_step(fuzzed_agent &agent, fuzz_input &input)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fs::remove_all(images());
+    fs::remove_all(orders());
     const open_descriptor_check descriptors;
     fuzz_input input(data, size);
     fuzzed_agent agent;
@@ -231,5 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
     agent.expect_nothing_kept_for_the_dead();
     expect_whole_files();
+    expect_whole_orders();
+    expect_nothing_elsewhere();
     return 0;
 }

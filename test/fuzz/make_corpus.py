@@ -294,6 +294,17 @@ def make_agent_requests():
                            for instance in (0, 1, 2, 0xFFFFFFFF)), request(get_events, words(0, 0, 0)))
     steps("verify-image", *(request(41, field(path, 256)) for path in ("/bin/true", "/dev/zero", "/", "", "none")),
           request(41, b"/" * 256), request(41, b"/bin/true"))
+    order, renew, end, cancel, told = range(31, 36)
+    wish = struct.pack(">IIQ", 0, 15, 16384) + b"\x5a" * 32 + field("v3.5.0(09/17/12)", 128) + \
+        field("/bootflash/system.bin", 128) + field("ann", 64) + field("far\n", 64)
+    steps("order", request(order, wish + words(1)), request(order, wish + words(0)), request(order, wish + words(0)),
+          request(told, words(0)), request(renew, words(0, 0, 1)), request(cancel, words(0)),
+          request(end, words(0, 0, 1, 0x4071000A)), killed, request(told, words(0)))
+    steps("order-of-no-flash", *(request(order, words(instance) + wish[4:] + words(0)) for instance in (1, 2, 2**32 - 1)),
+          *(request(opcode, words(2)) for opcode in (cancel, told)), request(renew, words(2, 0, 1)),
+          request(end, words(2, 0, 1, 0)))
+    steps("order-refused", request(order, words(0, 16) + wish[8:] + words(0)),
+          request(order, words(0, 0, 0, 16385) + wish[16:] + words(0)), request(order, wish))
     steps("unknown", request(0), request(8), request(20), request(21), request(25))
     steps("delivery", *delivery, request(list_files), request(get_file, field("a.bin", 64)),
           request(get_piece, asked_piece(0, 57344, 2)), request(get_end, transfer(2)),
@@ -496,6 +507,33 @@ def make_policies():
     put("card_policy", "revoked-name", b"\2maker\n")
 
 
+def make_orders():
+    fields = {"id": "1783960000000000", "state": "ordered", "sha256": "5a" * 32, "size_bytes": "1048576",
+              "version": "v3.5.0(09/17/12)", "family": "17", "forced": "1", "image": "/bootflash/system.bin",
+              "user": "ann", "host": "far", "ordered_at": "2026-01-31T23:59:59Z", "changed_at": "2026-01-31T23:59:59Z",
+              "old_version": "", "result": "0", "writer": "0", "renewed_s": "12"}
+
+    def record(name, **other):
+        lines = "".join(f"{key} {value}\n" for key, value in (fields | other).items())
+        put("flash_order", name, b"\0" + lines.encode())
+    put("flash_order", "empty", b"\0")
+    for state in ("ordered", "writing", "verified", "failed", "cancelled", "other"):
+        record(state, state=state)
+    record("digest-upper-case", sha256="5A" * 32)
+    record("digest-short", sha256="5a" * 31)
+    record("id-overflow", id=str(2**64))
+    record("leading-zeros", size_bytes="007")
+    record("minus-zero", renewed_s="-0")
+    record("before-the-start", renewed_s="-5")
+    record("text-cut", user="u" * 256)
+    record("text-too-long", user="u" * 257)
+    record("unprintable", image="\x1b[2J")
+    record("key-twice", user="ann\nuser bob")
+    put("flash_order", "made", bytes([1, 1, 0, 9, 17, 15, 1, 9, 3]) + 7 * (bytes([4]) + b"v3.5"))
+    put("flash_order", "made-hostile", bytes([1, 4]) + bytes(7) +
+        bytes([255]) + b"x\nstate verified\x1b\x9b\0".ljust(255, b"h"))
+
+
 def main():
     make_dispatch()
     make_module_answers()
@@ -509,6 +547,7 @@ def main():
     make_descriptions()
     make_manifests()
     make_policies()
+    make_orders()
     for path in CORPUS.glob("*/*"):
         if path not in made and not path.name.startswith("found-"):
             path.unlink()
