@@ -7,7 +7,7 @@ from pathlib import Path
 NAMED_NUMBER = re.compile(r"^\s*(?:(MTS_OPC_\w+) = \d|(BIOS_\w+) = 0x40[57][13]|(BIOS_OK|BIOS_LOADER_FILE_\w+) =)", re.M)
 TEST_DEFINED = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", re.M)
 TEST_NAMED = re.compile(r"(unit|chassis) `(\w+)\.(\w+)`")
-HEADERS = ("include/bios_opcodes.h", "include/bios_results.h", "platform/bios_flash.h")
+HEADERS = ("include/bios_opcodes.h", "include/bios_refusals.h", "include/bios_results.h", "platform/bios_flash.h")
 NO_RESULTS = {"BIOS_RESULT_PREFIX"}
 
 
