@@ -13,6 +13,7 @@
 #include "event_log_check.h"
 #include "inventory.h"
 #include "lock_holders.h"
+#include "orders.h"
 #include "query_process.h"
 #include "result_text.h"
 #include "version_records.h"
@@ -20,7 +21,8 @@
 namespace
 {
 
-constexpr unsigned ALTERNATE = 1;     // instance
+constexpr unsigned PRIMARY = 0;       // instances
+constexpr unsigned ALTERNATE = 1;     //
 constexpr unsigned DAEMON_LOOK_S = 3; // a daemon that is not busy answers at once
 
 // What has been learnt about one card so far.
@@ -248,6 +250,58 @@ card_report report_on(const card &known, bool being_programmed)
 }
 
 } // namespace
+
+namespace
+{
+
+constexpr unsigned READ_ATTEMPTS = 3; // a part may misread a bit; digests do not become equal by chance
+
+std::string orderer_text(const flash_order &order)
+{
+    const std::string who = order.user.empty() ? "" : " for " + order.user + "@" + order.host;
+    return "programmed" + who + ", " + order.changed_at;
+}
+
+// In a process of its own. The payload says how the flash was programmed that has changed since; it is empty
+// otherwise.
+request_answer find_change(std::uint32_t node)
+{
+    request_answer unchanged{.answered = true};
+    const auto order = ask_for_order(node, PRIMARY);
+    if (!order || order->state != flash_order_state::verified)
+        return unchanged;
+    for (unsigned attempt = 0; attempt < READ_ATTEMPTS; ++attempt) {
+        const flash_digest_reply found = ask_for_digest(node, PRIMARY, order->size_bytes);
+        if (!found.digest || found.digest->marked || found.digest->has_writer ||
+            (found.digest->digest == order->sha256 && found.digest->rest_is_erased))
+            return unchanged;
+    }
+    if (const auto now = ask_for_order(node, PRIMARY); !now || now->id != order->id)
+        return unchanged; // it was programmed meanwhile
+    const std::string how = orderer_text(*order);
+    return {.answered = true, .payload = {how.begin(), how.end()}};
+}
+
+} // namespace
+
+void check_flashes(chassis_report &report)
+{
+    std::vector<card_query> queries;
+    for (const card_report &card : report.cards)
+        queries.emplace_back([node = node_of_module(card.module)] { return find_change(node); });
+    const std::vector<request_answer> answers = ask_all(queries);
+    for (std::size_t k = 0; k < answers.size(); ++k) {
+        card_report &card = report.cards[k];
+        if (answers[k].payload.empty() || card.flashes.empty())
+            continue;
+        card.flashes.front().facts.changed = true;
+        card.flashes.front().kind = judge(card.flashes.front().facts);
+        card.reasons.push_back(
+            "its flash was changed since it was programmed (" +
+            printable_text({reinterpret_cast<const char *>(answers[k].payload.data()), answers[k].payload.size()}) +
+            ")");
+    }
+}
 
 void check_event_logs(chassis_report &report)
 {

@@ -35,8 +35,10 @@ struct chassis_report {
 // The longest wait for one answer, when the operator names none.
 constexpr unsigned VERSIONS_TIMEOUT_S = 30;
 
-// Looks at the event logs of the cards whose agents answer.
+// These look closer at the cards whose agents answer: at the event logs, and whether each flash still holds what
+// its last order has had verified.
 void check_event_logs(chassis_report &report);
+void check_flashes(chassis_report &report);
 
 // Asks for the modules' versions.
 //   timeout_s  the longest wait for one answer

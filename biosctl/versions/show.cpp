@@ -23,7 +23,9 @@ outcome run_show(const show_options &options, bool json)
         json ? STDOUT_FILENO : STDERR_FILENO,
         failure_text(failure(EXIT_INTERRUPTED, "interrupted before the versions were known", "ask again"), json));
     chassis_report versions = collect_versions(slot, modules, options.timeout_s.value_or(VERSIONS_TIMEOUT_S));
-    if (options.kind == show_kind::audit)
+    if (options.kind == show_kind::audit) {
         check_event_logs(versions);
+        check_flashes(versions);
+    }
     return report_versions(versions, options.kind);
 }

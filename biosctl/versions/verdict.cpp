@@ -22,6 +22,10 @@ constexpr verdict_row ROWS[] = {
      "unconfirmed",
      text_meaning::wrong,
      {"its agent does not answer; what its daemon says may not be so"}},
+    {verdict::changed,
+     "changed since it was programmed",
+     text_meaning::wrong,
+     {"find out by whom; then: biosctl program SLOT"}},
     {verdict::reboot_pending, "reboot pending", text_meaning::to_do, {"the flash's version runs after a reboot"}},
     {verdict::update_available, "update available", text_meaning::to_do, {"next: biosctl program SLOT"}},
     {verdict::newer_than_shipped, "newer than shipped", text_meaning::to_do, {"the image is older than the flash"}},
@@ -74,6 +78,8 @@ verdict judge(const version_facts &facts)
         return verdict::unreachable;
     if (!facts.confirmed)
         return verdict::unconfirmed;
+    if (facts.changed)
+        return verdict::changed;
     const auto flash = parse_version(facts.flash);
     const auto running = parse_version(facts.running);
     if (!flash || !running)

@@ -26,6 +26,7 @@ enum class verdict {
     not_verified,
     unreachable,
     unconfirmed,
+    changed,
     reboot_pending,
     update_available,
     newer_than_shipped,
@@ -38,6 +39,7 @@ struct version_facts {
     bool being_programmed = false;
     bool not_verified = false; // begun to be programmed, and not found equal to the image since
     bool reachable = true;
+    bool changed = false;   // it does not hold any more what was verified last, as far as that was looked at
     bool confirmed = true; // read by the card's agent; false: as its daemon says, which may not have looked
     std::string flash = {};   // in the flash
     std::string running = {}; // that runs
@@ -49,6 +51,7 @@ struct version_facts {
 //   not verified        the flash may be half written
 //   unreachable         the card could not be asked
 //   unconfirmed         its agent does not answer, and its daemon may take what runs for what the flash holds
+//   changed             somebody has changed the flash without an order
 //   unknown             the flash's or the running version could not be read
 //   reboot pending      they differ, numbers or date; also when the image is newer still
 //   unknown             the image's version could not be read

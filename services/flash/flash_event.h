@@ -5,10 +5,8 @@
 //
 // on one line. The members up to "event" are always there, the others in this order where the event has them:
 //
-//   begun     the programming of a flash begins          image_bytes and version of the image where they are known:
-//                                                        a card that erases first has not looked at it yet;
-//                                                        old_version that the flash holds; of an order its sha256,
-//                                                        user and host
+//   begun     the programming of a flash begins          image_bytes and version of the image; of an order its
+//                                                        old_version, that the flash held, sha256, user and host
 //   attempt   an attempt at it begins                    attempt, image_bytes, version
 //   erased    the whole flash was erased                 sectors_erased, duration_ms
 //   verified  the flash was found equal to the image     attempt, sectors_erased, bytes_written, duration_ms

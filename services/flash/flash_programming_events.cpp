@@ -13,6 +13,7 @@
 #include "flash_event_log.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
+#include "flash_order.h"
 #include "flash_progress_file.h"
 
 namespace
@@ -101,6 +102,23 @@ bool goes_on(const open_programming *open, std::uint32_t attempt)
     return open != nullptr && !(open->attempted && attempt <= 1);
 }
 
+// Who has ordered what, when this process has claimed an order.
+void name_order(flash_event &begun)
+{
+    const auto order = flash_order_read(begun.slot, begun.instance);
+    if (!order || order->state != flash_order_state::writing ||
+        order->writer != static_cast<std::uint32_t>(::getpid()))
+        return;
+    begun.old_version = order->old_version;
+    begun.sha256 = sha256_text(order->sha256);
+    begun.user = order->user;
+    begun.host = order->host;
+    if (!begun.image_bytes) { // a card that erases first
+        begun.image_bytes = order->size_bytes;
+        begun.version = order->version;
+    }
+}
+
 // The flash is this process's alone. One that is marked was left by another programming, unless this process has
 // begun to change it itself.
 open_programming &begin_programming(std::uint32_t instance, bool is_marked, flash_event begun)
@@ -118,6 +136,7 @@ open_programming &begin_programming(std::uint32_t instance, bool is_marked, flas
     if (is_marked && known_to[instance] != ::getpid())
         flash_event_append(open.folder, event_of(instance, flash_event_kind::cut_off), is_cut_off_news);
     known_to[instance] = ::getpid();
+    name_order(begun);
     flash_event_append(open.folder, std::move(begun));
     return open;
 }

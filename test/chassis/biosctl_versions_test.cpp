@@ -213,3 +213,36 @@ TEST_F(BiosctlVersions, SourceReadsAnImageInAPlaceOfItsOwnAndNamesWhatIsWrong)
     EXPECT_EQ(file_content(ready), "an operator's");
     expect_tidy(1);
 }
+
+TEST_F(BiosctlVersions, AuditFindsAFlashThatWasChangedSinceItWasProgrammed)
+{
+    insert({.slot = 1});
+    up();
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    ASSERT_EQ(chassis({"restart", "1"}).exit_code, DONE);
+    EXPECT_EQ(biosctl({"audit", "1"}).exit_code, DONE);
+    std::string contents = flash_of(1);
+    contents[contents.size() / 2] = static_cast<char>(contents[contents.size() / 2] ^ 1);
+    write_file(flash_file(1, "data"), contents);
+    const finished_program audit = biosctl({"audit", "1"});
+    EXPECT_EQ(audit.exit_code, FAILED);
+    EXPECT_NE(audit.output.find("changed since it was programmed"), std::string::npos) << audit.output;
+    EXPECT_EQ(flash(1)["verdict"], "in step") << "show does not read the whole flash";
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    EXPECT_EQ(biosctl({"audit", "1"}).exit_code, DONE);
+}
+
+TEST_F(BiosctlVersions, EventsNameWhoHasOrderedWhat)
+{
+    insert({.slot = 1});
+    up();
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    const finished_program told = biosctl({"events", "1", "--json"});
+    const json begun = json::parse(told.output.substr(0, told.output.find('\n')));
+    EXPECT_EQ(begun["event"], "begun") << begun;
+    EXPECT_EQ(begun["version"], shown(new_image())) << begun;
+    EXPECT_EQ(begun["old_version"], shown(old_image())) << begun;
+    EXPECT_EQ(begun["sha256"].get<std::string>().size(), 64U) << begun;
+    EXPECT_FALSE(begun["user"].get<std::string>().empty()) << begun;
+    EXPECT_FALSE(begun["host"].get<std::string>().empty()) << begun;
+}

@@ -193,8 +193,14 @@ private:
             return true;
         }
         if (mts_opc_get(message) == AGENT_OPC_GET_ORDER) {
+            if (!std::filesystem::exists(ordered)) {
+                (void)cmi_response(nullptr, 0, handle, message, AGENT_ERR_NO_ORDER);
+                return true;
+            }
             flash_order order;
             order.id = ORDER_ID;
+            order.sha256 = {1, 2, 3};
+            order.size_bytes = 4096;
             order.state = is_said("not_recorded") ? flash_order_state::failed : flash_order_state::verified;
             const std::string text = flash_order_format(order);
             (void)cmi_response(text.data(), static_cast<std::uint32_t>(text.size()), handle, message, AGENT_OK);

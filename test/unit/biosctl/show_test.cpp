@@ -272,6 +272,7 @@ TEST(VersionReport, ShowSucceedsAndAuditFailsUnlessEverythingIsInStep)
         card_of(6, {.being_programmed = true}),
         card_of(6, {.not_verified = true}),
         card_of(6, {.reachable = false}),
+        card_of(6, {.changed = true, .flash = NEW, .running = NEW, .source = NEW}),
         card_of(6, {.confirmed = false, .flash = NEW, .running = NEW, .source = NEW}),
         card_of(6, {.flash = NEW, .running = OLD, .source = NEW}),
         card_of(6, {.flash = OLD, .running = OLD, .source = NEW}),

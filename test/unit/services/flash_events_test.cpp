@@ -429,7 +429,7 @@ TEST_F(ServiceEvents, TellOfAnEraseBeforeTheFirstAttempt)
     });
     EXPECT_EQ(story(), "begun erased attempt verified ended");
     EXPECT_EQ(events()[1].sectors_erased, SECTORS);
-    EXPECT_FALSE(events()[0].image_bytes);
+    EXPECT_EQ(events()[0].image_bytes, 65536U) << "of what was claimed before the erase";
     EXPECT_EQ(events()[2].image_bytes, 65536U);
     EXPECT_EQ(totals().sectors_erased, SECTORS);
 }
