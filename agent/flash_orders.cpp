@@ -107,9 +107,8 @@ answer order_answer(const agent_order_req_t &request)
     if (!flash)
         return AGENT_ERR_FLASH;
     flash_order order = order_of(request);
-    const std::uint32_t refusal =
-        judge_image({.size_bytes = order.size_bytes, .version = order.version}, *flash,
-                    {.is_ordered = true, .forced = order.forced});
+    const std::uint32_t refusal = judge_image({.size_bytes = order.size_bytes, .version = order.version}, *flash,
+                                              {.is_ordered = true, .forced = order.forced});
     if (refusal != 0)
         return static_cast<agent_status>(refusal);
     const bool is_ordered = request.judge_only.load() == 0;

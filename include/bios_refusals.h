@@ -20,8 +20,8 @@ enum bios_refusal : std::uint32_t {
     BIOS_REFUSED_MANIFEST = 0x4071004a,    // the manifest of the image is damaged, or does not fit its bytes
     BIOS_REFUSED_UNSIGNED = 0x4071004b,    // the card takes signed images only, and the image has no signature
     BIOS_REFUSED_SIGNATURE = 0x4071004c,   // the signature is wrong, or no key that the card trusts has made it
-    BIOS_REFUSED_SECURITY = 0x4071004d,    // the security version of the image is below the one that the card demands
-    BIOS_REFUSED_CHANGED = 0x4071004e,     // the image file changed while it was read
+    BIOS_REFUSED_SECURITY = 0x4071004d, // the security version of the image is below the one that the card demands
+    BIOS_REFUSED_CHANGED = 0x4071004e,  // the image file changed while it was read
 };
 
 // Which of them whoever orders a programming may take back.

@@ -77,7 +77,9 @@ agent_order_id_t id_of(unsigned instance, std::uint64_t id)
 } // namespace
 
 placed_order::placed_order(std::uint32_t node, unsigned instance, std::uint64_t id)
-    : node_(node), instance_(instance), id_(id)
+    : node_(node),
+      instance_(instance),
+      id_(id)
 {
     const pid_t parent = ::getpid();
     renewal_ = ::fork();
@@ -86,7 +88,10 @@ placed_order::placed_order(std::uint32_t node, unsigned instance, std::uint64_t 
 }
 
 placed_order::placed_order(placed_order &&other) noexcept
-    : node_(other.node_), instance_(other.instance_), id_(other.id_), renewal_(std::exchange(other.renewal_, -1))
+    : node_(other.node_),
+      instance_(other.instance_),
+      id_(other.id_),
+      renewal_(std::exchange(other.renewal_, -1))
 {
 }
 
@@ -101,8 +106,7 @@ placed_order::~placed_order()
 
 void placed_order::end(std::uint32_t result) const
 {
-    (void)ask_about_orders(node_, AGENT_OPC_END_ORDER,
-                           agent_order_end_t{id_of(instance_, id_), be32::of(result)});
+    (void)ask_about_orders(node_, AGENT_OPC_END_ORDER, agent_order_end_t{id_of(instance_, id_), be32::of(result)});
 }
 
 std::optional<flash_order> placed_order::record() const

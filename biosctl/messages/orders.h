@@ -1,5 +1,5 @@
-// Orders: what a card's agent is told before a programming begins (agent_messages.h), and what it says of the orders
-// of its flashes.
+// Orders: what a card's agent is told before a programming begins (agent_messages.h), and what it says of the
+// orders of its flashes.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ struct wanted_programming {
     std::uint32_t forced = 0;    // bits of bios_force
 };
 
-// An order that this process has placed. It is renewed by a process of its own until the object is gone or the order
-// has ended, also while this process waits for an answer.
+// An order that this process has placed. It is renewed by a process of its own until the object is gone or the
+// order has ended, also while this process waits for an answer.
 class placed_order
 {
 public:
@@ -28,8 +28,8 @@ public:
     placed_order(placed_order &&other) noexcept;
     placed_order &operator=(placed_order &&) = delete;
 
-    // Says that the programming has ended, with a result: nobody will begin it any more. What was written is recorded
-    // by who has written it.
+    // Says that the programming has ended, with a result: nobody will begin it any more. What was written is
+    // recorded by who has written it.
     void end(std::uint32_t result) const;
 
     // The order's record as it is now; none when the agent does not answer or knows another order by now.
@@ -55,5 +55,6 @@ std::optional<std::uint32_t> judge_order(const wanted_programming &wanted);
 // The order of a flash, or the last there was. None when there is none, or when the agent does not answer.
 std::optional<flash_order> ask_for_order(std::uint32_t node, unsigned instance);
 
-// Takes back the order of a flash that nobody has begun. The status of the agent's answer; none: it has not answered.
+// Takes back the order of a flash that nobody has begun. The status of the agent's answer; none: it has not
+// answered.
 std::optional<std::uint32_t> cancel_order(std::uint32_t node, unsigned instance);

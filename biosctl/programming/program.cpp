@@ -121,8 +121,8 @@ outcome image_cannot_be_brought(const program_subject &subject)
 
 outcome no_image(const programming_plan &plan, const image_reply &reply)
 {
-    const std::string what = "module " + std::to_string(plan.subject.programmed_module) + ": not begun: " +
-                             plan.names.name + ": " + reply.why_not;
+    const std::string what = "module " + std::to_string(plan.subject.programmed_module) +
+                             ": not begun: " + plan.names.name + ": " + reply.why_not;
     switch (reply.status) {
     case 0:
         return failure(EXIT_FAILED, what, no_agent_hint());
@@ -145,11 +145,11 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
 {
     const program_subject &subject = plan.subject;
     if (!status || *status == 0)
-        return no_answer(subject,
-                         failure(EXIT_FAILED,
-                                 "module " + std::to_string(subject.programmed_module) + ": not begun: the agent of " +
-                                     slot_text(subject.programmed_module) + " does not answer",
-                                 no_agent_hint()));
+        return no_answer(subject, failure(EXIT_FAILED,
+                                          "module " + std::to_string(subject.programmed_module) +
+                                              ": not begun: the agent of " + slot_text(subject.programmed_module) +
+                                              " does not answer",
+                                          no_agent_hint()));
     if (*status != AGENT_ERR_ORDER_LIVE && *status != AGENT_ERR_PROGRAMMING) {
         if ((*status & ~0xffU) == BIOS_RESULT_PREFIX)
             return refused_result(subject, *status, plan.wanted.instance);
@@ -166,8 +166,8 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
 }
 
 // Sends the request and follows the programming to its end. The order is ended in any case.
-programming_result carry_out(const program_options &options, const programming_plan &plan, const placed_order &order,
-                             int fd, const last_words_text &last_words)
+programming_result carry_out(const program_options &options, const programming_plan &plan,
+                             const placed_order &order, int fd, const last_words_text &last_words)
 {
     const program_subject &subject = plan.subject;
     const std::uint32_t node = node_of_module(subject.serving_slot);
@@ -227,7 +227,8 @@ programming_result program_module(const program_options &options, int fd, const 
         before = prove(plan.subject, instance, *asked.image, nullptr);
     }
     if (before.finding == flash_finding::holds_image)
-        return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before}, plan);
+        return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before},
+                          plan);
     if (options.dry_run) {
         const auto status = judge_order(plan.wanted);
         if (status != std::optional<std::uint32_t>(AGENT_OK))

@@ -73,8 +73,8 @@ explanation explain_would_program(const programming_result &result)
 
 explanation explain_verified(const programming_result &result)
 {
-    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + image_text(result.image) + " (result " +
-                        code_text(BIOS_OK) + ", " + elapsed_text(result.elapsed_s.value_or(0)) + ")",
+    return {.headline = module_text(result) + ": " + styled_text(VERIFIED) + image_text(result.image) +
+                        " (result " + code_text(BIOS_OK) + ", " + elapsed_text(result.elapsed_s.value_or(0)) + ")",
             .flash = VERIFIED,
             .next = "reboot the card for the new BIOS to take effect"};
 }

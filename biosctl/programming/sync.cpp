@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unistd.h>
 
+#include "bios_refusals.h"
 #include "card_groups.h"
 #include "interrupt.h"
 #include "inventory.h"
@@ -121,7 +122,11 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
     if (!json)
         print_report(plan_text(plan));
     const auto results =
-        run_series(steps, {.serving_slot = of.serving_slot, .keep_going = options.keep_going, .json = json},
+        run_series(steps,
+                   {.each = {.forced = options.allow_older ? std::uint32_t{BIOS_FORCE_OLDER} : 0},
+                    .serving_slot = of.serving_slot,
+                    .keep_going = options.keep_going,
+                    .json = json},
                    [&](const std::vector<programming_result> &so_far) {
                        return report_sync(of.serving_slot, plan, so_far, {});
                    });

@@ -14,6 +14,7 @@
 #include "inventory.h"
 #include "lock_holders.h"
 #include "orders.h"
+#include "printable_text.h"
 #include "query_process.h"
 #include "result_text.h"
 #include "version_records.h"

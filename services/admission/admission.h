@@ -9,8 +9,8 @@
 
 // What is said to a request instead of serving it.
 struct refusal {
-    std::uint32_t status;      // of the answer
-    const void *payload;       // of the answer; static
+    std::uint32_t status; // of the answer
+    const void *payload;  // of the answer; static
     std::uint32_t payload_bytes;
 };
 

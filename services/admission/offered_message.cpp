@@ -33,7 +33,8 @@ constexpr std::int32_t CONSUMED = 0;
 // Without memory for the check nothing is served: it is what keeps a flash from a wrong image.
 std::optional<refusal> checked(std::int32_t handle, mts_message_t *message, admission_check check)
 {
-    return c_boundary(std::optional(refusal{BIOS_ERR_NO_MEMORY, nullptr, 0}), [&] { return check(handle, message); });
+    return c_boundary(std::optional(refusal{BIOS_ERR_NO_MEMORY, nullptr, 0}),
+                      [&] { return check(handle, message); });
 }
 
 } // namespace

@@ -39,6 +39,8 @@ std::optional<refusal> admit_programming(std::int32_t handle, mts_message_t *mes
 {
     if (!mts_is_bound(mts_node_of_slot(chassis_own_slot()), AGENT_SAP) || living_child_refuses(handle))
         return refuse_programming(BIOS_ERR_BUSY);
+    if (is_programming_under_way())
+        return std::nullopt; // the active supervisor's daemon says itself that it is busy
     bios_programming_req_t request;
     std::memcpy(&request, static_cast<const std::uint8_t *>(mts_payload_get(message)) + MTS_REQUEST_HEADER_BYTES,
                 sizeof request);

@@ -1,5 +1,5 @@
-// Requests that would put another image into a flash than the one that was asked for, and those that must wait until a
-// programming has ended.
+// Requests that would put another image into a flash than the one that was asked for, and those that must wait
+// until a programming has ended.
 #pragma once
 
 #include "admission.h"

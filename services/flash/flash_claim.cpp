@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include "bios_flash.h"
+#include "bios_header.h"
 #include "bios_refusals.h"
 #include "bios_results.h"
-#include "bios_header.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "flash_geometry.h"
@@ -39,17 +39,32 @@ void end_claims()
         claim.reset();
 }
 
-// The image under a name beside its own, so that it stays when that one is removed or given to another file. Empty
-// where the file system has no second names.
-std::string link_beside(const std::string &path, const flash_image &image, std::uint32_t instance)
+// The image under a name of this process's own, beside its first one, for the agent that checks it: whoever gives
+// the first name to another file meanwhile does not have that one checked.
+class own_name
 {
-    std::string name = path.substr(0, path.rfind('/') + 1) + OWN_NAME + std::to_string(instance);
-    const std::string opened = "/proc/self/fd/" + std::to_string(image.descriptor());
-    (void)::unlink(name.c_str()); // of a process that was killed
-    if (::linkat(AT_FDCWD, opened.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0)
-        return {};
-    return name;
-}
+public:
+    own_name(const std::string &path, const flash_image &image, std::uint32_t instance)
+        : name_(path.substr(0, path.rfind('/') + 1) + OWN_NAME + std::to_string(instance))
+    {
+        const std::string opened = "/proc/self/fd/" + std::to_string(image.descriptor());
+        (void)::unlink(name_.c_str()); // of a process that was killed
+        if (::linkat(AT_FDCWD, opened.c_str(), AT_FDCWD, name_.c_str(), AT_SYMLINK_FOLLOW) != 0)
+            name_.clear(); // the file system has no second names
+    }
+    ~own_name()
+    {
+        if (!name_.empty())
+            (void)::unlink(name_.c_str());
+    }
+    own_name(const own_name &) = delete;
+    own_name &operator=(const own_name &) = delete;
+
+    const std::string &or_else(const std::string &path) const { return name_.empty() ? path : name_; }
+
+private:
+    std::string name_;
+};
 
 std::string version_in_flash(flash_device &flash)
 {
@@ -99,7 +114,6 @@ flash_claim *flash_claim::make(std::uint32_t instance, const char *path, flash_i
     static pid_t exit_handler_of = 0;
     claims()[instance].reset(); // a programming that has failed
     std::unique_ptr<flash_claim> claim(new flash_claim(instance, path, std::move(image)));
-    claim->own_name_ = link_beside(claim->path_, claim->image_, instance);
     if (const std::uint32_t refusal = claim->take_order(flash); refusal != 0) {
         failure_out = bios_signed(refusal);
         return nullptr;
@@ -111,17 +125,19 @@ flash_claim *flash_claim::make(std::uint32_t instance, const char *path, flash_i
 }
 
 flash_claim::flash_claim(std::uint32_t instance, const char *path, flash_image &&image)
-    : instance_(instance), path_(path), image_(std::move(image)), process_(::getpid())
+    : instance_(instance),
+      path_(path),
+      image_(std::move(image)),
+      process_(::getpid())
 {
 }
 
-// A programming that has not succeeded has failed when its claim goes. What a forked child has copied is not its own.
+// A programming that has not succeeded has failed when its claim goes. What a forked child has copied is not its
+// own.
 flash_claim::~flash_claim()
 {
     if (process_ != ::getpid())
         return;
-    if (!own_name_.empty())
-        (void)::unlink(own_name_.c_str());
     if (writer_ && order_.state == flash_order_state::writing)
         best_effort([this] { (void)record(flash_order_state::failed); });
 }
@@ -138,7 +154,8 @@ std::uint32_t flash_claim::examine(image_facts &facts_out)
                  .manifest_state = reading.state,
                  .manifest = reading.manifest};
     if (reading.state == image_manifest_state::intact && reading.manifest.key_id) {
-        const image_verification verified = verify_image(own_name_.empty() ? path_ : own_name_);
+        const own_name name(path_, image_, instance_);
+        const image_verification verified = verify_image(name.or_else(path_));
         facts_out.signature = verified.status;
         if (verified.status == AGENT_OK && verified.sha256 != sha256_)
             return BIOS_REFUSED_CHANGED;

@@ -1,5 +1,5 @@
-// What a process that programs a flash holds, from its first call of a programming to its last: the flash's order, and
-// the image under a name of its own, which all attempts are written from.
+// What a process that programs a flash holds, from its first call of a programming to its last: the flash's order,
+// and the image, which stays open: all attempts are written from its bytes, whatever becomes of its name.
 //
 // A claim is made before anything is erased, and only for an image that was ordered, or, without an order, for one
 // that the card's policy lets any client write. It ends with success, with the next programming of the process, or
@@ -17,8 +17,8 @@
 #include "image_judgement.h"
 #include "unique_fd.h"
 
-// The file that a card programs which does not unpack, and whose image is meant when a flash is erased before an image
-// was named. Tests that have no root of their own name another one.
+// The file that a card programs which does not unpack, and whose image is meant when a flash is erased before an
+// image was named. Tests that have no root of their own name another one.
 extern const char *flash_temporary_image;
 
 class flash_claim
@@ -57,7 +57,6 @@ private:
     std::uint32_t instance_;
     std::string path_;
     flash_image image_;
-    std::string own_name_; // of the image; empty: the file system has no second names
     unique_fd writer_;
     flash_order order_;
     sha256_digest sha256_ = {};        // of the image

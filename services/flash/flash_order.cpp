@@ -12,6 +12,7 @@
 #include "flash_geometry.h"
 #include "line_file.h"
 #include "monotonic_clock.h"
+#include "printable_text.h"
 
 namespace
 {
@@ -42,10 +43,7 @@ constexpr field_row number_row(const char *key)
 
 std::string printable(const std::string &text)
 {
-    std::string line = text.substr(0, FLASH_ORDER_TEXT_BYTES);
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char code) { return code < 0x20 || code > 0x7e; }, '?');
-    return line;
+    return printable_text(std::string_view(text).substr(0, FLASH_ORDER_TEXT_BYTES));
 }
 
 template<auto MEMBER>
@@ -79,7 +77,8 @@ bool take_digest(flash_order &order, std::string_view text)
 
 constexpr field_row FIELDS[] = {
     number_row<&flash_order::id>("id"),
-    {"state", [](const flash_order &order) { return std::string(flash_order_state_name(order.state)); }, take_state},
+    {"state", [](const flash_order &order) { return std::string(flash_order_state_name(order.state)); },
+     take_state},
     {"sha256", [](const flash_order &order) { return sha256_text(order.sha256); }, take_digest},
     number_row<&flash_order::size_bytes>("size_bytes"),
     text_row<&flash_order::version>("version"),
@@ -151,8 +150,7 @@ std::optional<flash_order> flash_order_parse(std::string_view text)
 std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance)
 {
     std::string text;
-    if (instance >= FLASH_INSTANCE_COUNT ||
-        !chassis_read_file(order_path(slot, instance), text, FILE_BYTES_MAX))
+    if (instance >= FLASH_INSTANCE_COUNT || !chassis_read_file(order_path(slot, instance), text, FILE_BYTES_MAX))
         return std::nullopt;
     auto order = flash_order_parse(text);
     if (!order)

@@ -2,9 +2,9 @@
 // the file orders/primary or orders/alternate of the card's slot: lines "key value". It stays when the programming
 // has ended, and is replaced by the next one.
 //
-// Whoever wants a programming orders it from the card's agent, and renews the order until a writer has claimed it. A
-// process that is about to change the flash claims the order, and keeps it until the process ends. What is read here
-// takes into account who has ended meanwhile: nobody has to tidy up.
+// Whoever wants a programming orders it from the card's agent, and renews the order until a writer has claimed it.
+// A process that is about to change the flash claims the order, and keeps it until the process ends. What is read
+// here takes into account who has ended meanwhile: nobody has to tidy up.
 #pragma once
 
 #include <cstdint>
@@ -16,9 +16,10 @@
 #include "unique_fd.h"
 
 constexpr const char *FLASH_ORDERS_FOLDER = "orders"; // of a slot
-constexpr const char *FLASH_ORDERS_FAMILY = "orders/family"; // the card's, as its agent knows it from the daemon's table
-constexpr unsigned FLASH_ORDER_RENEWAL_S = 5;         // how often whoever has ordered says that he is still there
-constexpr unsigned FLASH_ORDER_SILENCE_S = 15;        // without that an order that nobody has claimed ends
+constexpr const char *FLASH_ORDERS_FAMILY =
+    "orders/family";                           // the card's, as its agent knows it from the daemon's table
+constexpr unsigned FLASH_ORDER_RENEWAL_S = 5;  // how often whoever has ordered says that he is still there
+constexpr unsigned FLASH_ORDER_SILENCE_S = 15; // without that an order that nobody has claimed ends
 
 enum class flash_order_state : std::uint8_t {
     ordered,   // nobody has begun
@@ -34,15 +35,15 @@ struct flash_order {
     flash_order_state state = flash_order_state::ordered;
     sha256_digest sha256 = {}; // of the image
     std::uint64_t size_bytes = 0;
-    std::uint32_t family = 0; // of the daemon's table of BIOS flashes; 0: not known
-    std::uint32_t forced = 0; // bits of bios_force
-    std::uint32_t result = 0; // of one that has ended
-    std::uint32_t writer = 0; // process id, as the card sees it
+    std::uint32_t family = 0;   // of the daemon's table of BIOS flashes; 0: not known
+    std::uint32_t forced = 0;   // bits of bios_force
+    std::uint32_t result = 0;   // of one that has ended
+    std::uint32_t writer = 0;   // process id, as the card sees it
     std::int64_t renewed_s = 0; // since the card's start
-    std::string version;      // of the image; empty: none
-    std::string old_version;  // of the flash when it was claimed; empty: none
-    std::string image;        // where the image came from, for people
-    std::string user;         // who has ordered; empty: a client that orders nothing
+    std::string version;        // of the image; empty: none
+    std::string old_version;    // of the flash when it was claimed; empty: none
+    std::string image;          // where the image came from, for people
+    std::string user;           // who has ordered; empty: a client that orders nothing
     std::string host;
     std::string ordered_at; // UTC, "2026-01-31T23:59:59Z"
     std::string changed_at; // when the state last changed
@@ -51,8 +52,8 @@ struct flash_order {
     bool operator==(const flash_order &) const = default;
 };
 
-// The text of the file, and back; none for anything that the first does not give. Texts become printable and are cut
-// at FLASH_ORDER_TEXT_BYTES.
+// The text of the file, and back; none for anything that the first does not give. Texts become printable and are
+// cut at FLASH_ORDER_TEXT_BYTES.
 constexpr std::size_t FLASH_ORDER_TEXT_BYTES = 256;
 std::string flash_order_format(const flash_order &order);
 std::optional<flash_order> flash_order_parse(std::string_view text);
@@ -60,8 +61,8 @@ std::optional<flash_order> flash_order_parse(std::string_view text);
 // The record of a flash; none when there is none that can be read. Takes no lock.
 std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance);
 
-// Whether a cancelled order still holds off the programming that it was made for: whoever has ordered renews it until
-// he has heard that this programming has ended.
+// Whether a cancelled order still holds off the programming that it was made for: whoever has ordered renews it
+// until he has heard that this programming has ended.
 bool flash_order_holds_off(const flash_order &order);
 
 // Whether one of the card's flashes has an order that has not ended.
@@ -84,5 +85,6 @@ private:
 // Replaces the record. REQUIRES: flash_orders_lock. false with errno.
 [[nodiscard]] bool flash_order_write(unsigned slot, unsigned instance, const flash_order &order);
 
-// What a writer keeps until it ends. REQUIRES: flash_orders_lock. Empty with errno: EBUSY when another process has it.
+// What a writer keeps until it ends. REQUIRES: flash_orders_lock. Empty with errno: EBUSY when another process has
+// it.
 unique_fd flash_order_take_writer(unsigned slot, unsigned instance);

@@ -15,7 +15,7 @@ struct image_facts {
     std::uint64_t size_bytes = 0;
     std::string version; // "v3.5.0(09/17/12)"; empty: none
     image_manifest_state manifest_state = image_manifest_state::none;
-    image_manifest manifest = {};             // of one that is intact
+    image_manifest manifest = {};                   // of one that is intact
     std::uint32_t signature = AGENT_ERR_NOT_SIGNED; // status of AGENT_OPC_VERIFY_IMAGE
 };
 

@@ -68,13 +68,38 @@ TEST_F(BiosctlCommand, TellsFailureWithCodeAndStateOfTheFlash)
     expect_tidy(1);
 }
 
-TEST_F(BiosctlCommand, TellsThatNothingWasProgrammed)
+TEST_F(BiosctlCommand, ProgramsNothingInThePlaceOfAnImageThatIsNotThere)
 {
-    const finished_program finished = biosctl({"program", "1", "--image", "bootflash:missing.img"});
-    EXPECT_EQ(finished.exit_code, FAILED);
-    EXPECT_TRUE(says(finished.errors, "nothing was programmed")) << finished.errors;
-    EXPECT_FALSE(says(finished.output + finished.errors, "programmed and verified"));
-    EXPECT_EQ(flash_of(1) == old_image().bytes, true);
+    for (const auto &[image, code] :
+         {std::pair("bootflash:missing.img", 3), {"/bootflash/missing.img", 3}, {"usb:x", 64},
+          {"/bootflash/../etc/passwd", 64}}) {
+        const finished_program finished = biosctl({"program", "1", "--image", image});
+        EXPECT_EQ(finished.exit_code, code) << image << finished.errors;
+        EXPECT_FALSE(says(finished.output + finished.errors, "programmed and verified"));
+        EXPECT_EQ(flash_of(1) == old_image().bytes, true);
+    }
+}
+
+TEST_F(BiosctlCommand, ProgramsTheImageThatIsNamedByItsPath)
+{
+    make_system_image(on_bootflash(1, "s.bin"), 90, image("9.9"));
+    const finished_program finished = biosctl({"program", "1", "--image", "/bootflash/s.bin"});
+    EXPECT_EQ(finished.exit_code, 0) << finished.errors;
+    EXPECT_TRUE(says(finished.output, "/bootflash/s.bin: v9.9.0")) << finished.output;
+    EXPECT_TRUE(says(finished.output, "was v")) << finished.output;
+    EXPECT_EQ(flash_of(1) == image("9.9").bytes, true);
+    const finished_program again = biosctl({"program", "1", "--image", "/bootflash/s.bin"});
+    EXPECT_EQ(again.exit_code, 2);
+    EXPECT_TRUE(says(again.errors, "already in the flash, nothing to do")) << again.errors;
+    const finished_program older = biosctl({"program", "1"});
+    EXPECT_EQ(older.exit_code, FAILED);
+    EXPECT_TRUE(says(older.errors, "0x40710049 (older)")) << older.errors;
+    EXPECT_EQ(flash_of(1) == image("9.9").bytes, true);
+    EXPECT_EQ(biosctl({"program", "1", "--force=older", "--dry-run"}).exit_code, 0);
+    EXPECT_EQ(flash_of(1) == image("9.9").bytes, true);
+    EXPECT_EQ(biosctl({"program", "1", "--force=older"}).exit_code, 0);
+    EXPECT_EQ(flash_of(1) == new_image().bytes, true);
+    expect_tidy(1);
 }
 
 TEST_F(BiosctlCommand, TakesNoKilledProgrammingForSuccess)

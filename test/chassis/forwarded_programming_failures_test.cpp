@@ -145,6 +145,7 @@ TEST_F(ForwardedFailures, CardThatIsNotKnown)
     constexpr unsigned UNKNOWN_CARD = 1;
     insert_supervisors(PLAIN_CARD);
     up();
+    keep_pauses(ACTIVE);
     requester asking;
     programming seen = asking.start(TARGET);
     ASSERT_TRUE(wait_until([&] { return lines_with(ACTIVE, ": Module=1 CardId=90") == 1; }));

@@ -119,13 +119,16 @@ TEST_F(ForwardingRefused, ByADaemonThatEndsOverIt)
         wait_until([&] { return lines_with(TARGET, "bios_daemon ended with exit status 48") == 1; })); // 0x40710030
 }
 
-// The active supervisor goes on without an image, with the lock held; the target has no such excuse.
-TEST_F(ForwardingRefused, ByATargetThatCannotMapTheUri)
+// The active supervisor's daemon would go on without an image: it is not offered the request.
+TEST_F(ForwardingRefused, ByACardThatCannotMapTheUri)
 {
     insert_line_card(true);
     up();
-    expect_not_sent(program(TARGET, {.uri = "nowhere:image.bin"}), " ret=" + std::to_string(0x40710005));
-    EXPECT_EQ(lines_with(ACTIVE, "Unable to get tagetfs path for the URI"), 1U);
+    EXPECT_EQ(program(TARGET, {.uri = "nowhere:image.bin"}).answer, BIOS_ERR_URI);
+    EXPECT_EQ(lines_with(ACTIVE, "Unable to get tagetfs path for the URI"), 0U);
+    EXPECT_EQ(lines_with(ACTIVE, "locking module here"), 0U);
+    EXPECT_EQ(program(TARGET, {.uri = "nowhere:image.bin", .via = TARGET}).answer, BIOS_ERR_URI);
     EXPECT_EQ(lines_with(TARGET, "Unable to get tagetfs path for the URI"), 1U);
     EXPECT_EQ(lines_with(TARGET, "Mark in-progress here"), 0U);
+    EXPECT_EQ(locks_held(), held_locks());
 }

@@ -122,7 +122,8 @@ TEST_F(ForwardedProgramming, IsTheRequestAsItCameAndItsProgressIsRelayedUnchange
 // The module's daemon may be of another release: what this one does not know is forwarded as well.
 TEST_F(ForwardedProgramming, IsEveryByteOfTheRequest)
 {
-    bios_programming_req_t asked = programming_request(TARGET, {.uri = "nowhere:image.bin"});
+    bios_programming_req_t asked = programming_request(TARGET, {});
+    std::strcpy(asked.uri, "nowhere:image.bin"); // is not looked at
     std::memset(asked.reserved, 0xa5, sizeof asked.reserved);
     std::memset(asked.local_path, 0xff, sizeof asked.local_path); // stays: nothing is mapped
     const std::string body(reinterpret_cast<const char *>(&asked), sizeof asked);

@@ -221,7 +221,7 @@ TEST_F(ForwardingTimeOut, IsToldToTheOperatorWithTheProcessThatStillWrites)
     ASSERT_TRUE(is_marked(TARGET)) << "the flash is too fast for this test";
     ASSERT_TRUE(wait_until([&] { return daemon_serves(TARGET, targets_daemon); }));
     const finished_program next = biosctl({"program", "2"});
-    EXPECT_EQ(next.exit_code, 1);
+    EXPECT_EQ(next.exit_code, 4);
     EXPECT_NE(next.errors.find(" of slot 2, which has written its flash since "), std::string::npos) << next.errors;
     EXPECT_EQ(locks_held(), held_locks());
 }

@@ -1,6 +1,7 @@
 // A supervisor programs its own flash from the system image that a request names.
 #include <filesystem>
 
+#include "bios_results.h"
 #include "chassis_fixture.h"
 
 namespace
@@ -29,15 +30,18 @@ TEST_F(SystemImageProgramming, TakesTheImageOutOfTheNamedFile)
     expect_next_succeeds();
 }
 
-TEST_F(SystemImageProgramming, LeavesTheFlashAloneWhenTheFileIsMissing)
+TEST_F(SystemImageProgramming, IsRefusedWhenTheUriNamesNoFileThatCanBeRead)
 {
     insert({.slot = 1});
     up();
-    const programming seen = program(1, {.uri = "bootflash:missing.img"});
-    EXPECT_EQ(seen.result, std::optional<std::uint32_t>(0)) << seen;
-    EXPECT_TRUE(seen.progress.empty()) << seen;
-    EXPECT_EQ(flash_of(1) == old_image().bytes, true);
-    expect_tidy(1);
+    std::filesystem::create_directory(on_bootflash(1, "folder"));
+    for (const char *uri : {"bootflash:missing.img", "http://10.0.0.1/system.img", "bootflash:../etc/passwd", "",
+                            "bootflash:folder", "/bootflash/system.img"}) {
+        const programming seen = program(1, {.uri = uri});
+        EXPECT_EQ(seen.answer, BIOS_ERR_URI) << uri << ": " << seen;
+        EXPECT_EQ(flash_of(1) == old_image().bytes, true) << uri;
+        expect_tidy(1);
+    }
     expect_next_succeeds();
 }
 
@@ -50,8 +54,9 @@ TEST_F(SystemImageProgramming, TakesNothingThatAnEarlierRequestLeft)
     std::filesystem::copy_file(card_file(1, "/bootflash/vesk/bin/bios-x86n.bin.gz"),
                                card_file(1, "/bootflash/.tmpbios.bin.gz"));
     write_file(card_file(1, "/bootflash/.tmpbios.bin"), image("9.9").bytes);
+    make_system_image(on_bootflash(1, "other.img"), 106, image("3.0")); // holds none for the card
 
-    const programming seen = program(1, {.uri = "bootflash:missing.img"});
+    const programming seen = program(1, {.uri = "bootflash:other.img"});
 
     EXPECT_EQ(seen.result, std::optional<std::uint32_t>(0)) << seen;
     EXPECT_TRUE(seen.progress.empty()) << seen;
@@ -71,15 +76,4 @@ TEST_F(SystemImageProgramming, LeavesTheFlashAloneWhenTheFileHasNoBiosForTheCard
     EXPECT_EQ(flash_of(1) == old_image().bytes, true);
     expect_tidy(1);
     expect_next_succeeds();
-}
-
-TEST_F(SystemImageProgramming, FallsBackToTheImageTreeWhenTheUriCannotBeMapped)
-{
-    insert({.slot = 1});
-    up();
-    const programming seen = program(1, {.uri = "http://10.0.0.1/system.img"});
-    EXPECT_EQ(lines_with(1, "Unable to get tagetfs path for the URI"), 1U);
-    EXPECT_EQ(lines_with(1, "uri_name=(null) def=0 rc=40710005"), 1U);
-    expect_programmed(seen, 1, new_image());
-    expect_tidy(1);
 }
