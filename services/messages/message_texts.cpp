@@ -25,8 +25,6 @@ constexpr text_place REQUEST_TEXTS[] = {
     {MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, offsetof(bios_src_version_req, image_path),
      sizeof(bios_src_version_req::image_path)},
     {MTS_OPC_BIOS_PROGRAMMING_START, offsetof(bios_programming_req_t, uri), sizeof(bios_programming_req_t::uri)},
-    {MTS_OPC_BIOS_PROGRAMMING_START, offsetof(bios_programming_req_t, local_path),
-     sizeof(bios_programming_req_t::local_path)},
 };
 
 constexpr std::size_t FIRST_SWID = offsetof(bios_compat_version_msg_t, swid);

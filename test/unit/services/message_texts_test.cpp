@@ -101,9 +101,7 @@ TEST(MessageTexts, OfRequestsArePrintable)
     bios_programming_req_t programming{be32::of(10), be32::of(10), {10, 10, 10, 10}, {}, {}, 10};
     bios_programming_req_t harmless_programming = programming;
     store_text(programming.uri, FORGED);
-    store_text(programming.local_path, FORGED);
     store_text(harmless_programming.uri, HARMLESS);
-    store_text(harmless_programming.local_path, HARMLESS);
     expect_request(MTS_OPC_BIOS_PROGRAMMING_START, programming, harmless_programming);
 }
 
