@@ -41,8 +41,8 @@ const char *contract_plain_flash(struct contract_flash *f)
 }
 const char *contract_temporary_image(const char **p)
 {
-    (void)p;
-    return REASON;
+    UNUSED(p);
+    return NOT_HERE;
 }
 const char *contract_chipset_flash(struct contract_flash *f)
 {
