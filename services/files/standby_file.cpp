@@ -155,6 +155,18 @@ int replace_file(int source, mode_t mode, int folder, const std::string &name)
     return failure(error);
 }
 
+// What was to be replaced must not be taken for what should have come: an empty file is refused by whoever programs.
+void leave_empty(int folder, const std::string &name)
+{
+    const std::string fresh = temporary_name();
+    const unique_fd empty(
+        ::openat(folder, fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (empty && ::renameat(folder, fresh.c_str(), folder, name.c_str()) == 0)
+        return;
+    (void)::unlinkat(folder, fresh.c_str(), 0);
+    (void)::unlinkat(folder, name.c_str(), 0);
+}
+
 } // namespace
 
 int place_file_in_card_root(unsigned slot, const char *source, const char *destination)
@@ -177,5 +189,9 @@ int place_file_in_card_root(unsigned slot, const char *source, const char *desti
     const unique_fd folder = open_folder(root.get(), target.folders);
     if (!folder)
         return -1;
-    return replace_file(content.get(), status.st_mode, folder.get(), target.name);
+    if (replace_file(content.get(), status.st_mode, folder.get(), target.name) == 0)
+        return 0;
+    const int error = errno;
+    leave_empty(folder.get(), target.name);
+    return failure(error);
 }
