@@ -8,7 +8,7 @@ of a document run one after the other in one shell, in a new folder. In a docume
     first command;
   - a command has to succeed, unless the next one is "echo $?";
   - output is compared when the document shows any. A line "..." stands for any lines, and times, durations, process
-    numbers, percentages, line numbers and ids of keys for any others;
+    numbers, percentages, line numbers, ids of keys, and users with their hosts for any others;
   - /tmp/lab stands for a folder of the test's own.
 """
 import argparse
@@ -36,6 +36,7 @@ VARIABLE_PARTS = [
     (re.compile(r"\b\d+\.\d+s\b"), "SECONDS"),
     (re.compile(r'"(pid|duration_ms)":\d+'), r'"\1":N'),
     (re.compile(r"\b[0-9a-f]{16}\b"), "KEY"),
+    (re.compile(r"\b(by|for) [\w.-]+@[\w.-]+"), r"\1 USER@HOST"),
 ]
 
 
