@@ -1,5 +1,6 @@
 // Why a programming is refused before anything is erased. Results like those of bios_results.h: the low byte alone
-// identifies them. None of them asks for another attempt, and the flash is as it was.
+// identifies them. None of them asks for another attempt, and the flash is as it was before this attempt: after an
+// earlier one that failed, or an erase, BIOS_REFUSED_CHANGED leaves it marked.
 //
 // Order of the checks: the order, the image itself, its family, its size, its version, its signature.
 #pragma once
@@ -23,6 +24,11 @@ enum bios_refusal : std::uint32_t {
     BIOS_REFUSED_SECURITY = 0x4071004d, // the security version of the image is below the one that the card demands
     BIOS_REFUSED_CHANGED = 0x4071004e,  // the image file changed while it was read
 };
+
+constexpr bool bios_is_refusal(std::uint32_t code)
+{
+    return code >= BIOS_REFUSED_NOT_CHECKED && code <= BIOS_REFUSED_CHANGED;
+}
 
 // Which of them whoever orders a programming may take back.
 enum bios_force : std::uint32_t {

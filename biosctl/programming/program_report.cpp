@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bios_refusals.h"
 #include "bios_results.h"
 #include "lock_holders.h"
 #include "place_hints.h"
@@ -234,10 +235,17 @@ std::string orderer_text(const flash_order &order)
            order.ordered_at;
 }
 
+// An order is refused by the card whose flash is meant, a request by the daemon that was asked.
+unsigned refusing_slot(const programming_result &result)
+{
+    const bool is_order = result.order || bios_is_refusal(result.code);
+    return is_order ? result.subject.programmed_module : result.subject.serving_slot;
+}
+
 outcome refused_outcome(const programming_result &result)
 {
     outcome refused = failure_by_code(
-        module_text(result) + ": " + slot_text(result.subject.serving_slot) + " refused to program", result.code);
+        module_text(result) + ": " + slot_text(refusing_slot(result)) + " refused to program", result.code);
     refused.json["outcome"] = ending_name(result.ending);
     if (result.silent_agent)
         refused.hints.push_back({"likely", "the agent of " + slot_text(*result.silent_agent) +

@@ -260,7 +260,7 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .name = "other_family",
      .meaning = "the image is for cards of another family",
      .flash = NOT_TOUCHED,
-     .next = {"use an image for this type of card"},
+     .next = {"use an image for this type of card; --force=family programs it all the same"},
      .exit = EXIT_FAILED},
     {.code = BIOS_REFUSED_TOO_LARGE,
      .name = "too_large",

@@ -127,6 +127,17 @@ TEST(ProgramReport, TextAndJsonSayTheSame)
     }
 }
 
+TEST(ProgramReport, ARefusalNamesTheCardThatHasRefused)
+{
+    programming_result refused{.subject = SUBJECT, .ending = programming_ending::refused, .code = 0x40710049};
+    EXPECT_TRUE(tells(report_programming(refused), "slot 5 refused to program: 0x40710049 (older)"));
+    refused.code = 0x4071000a;
+    refused.order = flash_order{};
+    EXPECT_TRUE(tells(report_programming(refused), "slot 5 refused to program"));
+    refused.order.reset();
+    EXPECT_TRUE(tells(report_programming(refused), "slot 27 refused to program"));
+}
+
 TEST(ProgramReport, ARefusalNamesTheHolderOfTheLock)
 {
     programming_result refused{.subject = SUBJECT, .ending = programming_ending::refused, .code = 0x4071000a};
