@@ -17,9 +17,9 @@ namespace
 
 constexpr std::int64_t FILE_TICK_US = 20'000; // two writes in less may leave a file the same time
 
-std::int64_t microseconds_since(const timespec &time)
+std::int64_t nanoseconds_of(const struct stat &status)
 {
-    return microseconds_of(CLOCK_REALTIME) - (std::int64_t{time.tv_sec} * MICROSECONDS + time.tv_nsec / 1000);
+    return std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
 }
 
 } // namespace
@@ -35,7 +35,7 @@ std::optional<flash_image> flash_image::open(const char *path)
         errno = EINVAL;
         return std::nullopt;
     }
-    return flash_image(std::move(file), static_cast<std::uint64_t>(status.st_size), status.st_mtim);
+    return flash_image(std::move(file), static_cast<std::uint64_t>(status.st_size), nanoseconds_of(status));
 }
 
 bool flash_image::read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint32_t length) const
@@ -72,11 +72,11 @@ void flash_image::settle()
     };
     if (::fstat(file_.get(), &status) != 0)
         return;
-    if (const std::int64_t age_us = microseconds_since(status.st_mtim); age_us >= 0 && age_us < FILE_TICK_US) {
+    if (const std::int64_t age_us = microseconds_of(CLOCK_REALTIME) - nanoseconds_of(status) / 1000; age_us >= 0 && age_us < FILE_TICK_US) {
         (void)::usleep(static_cast<useconds_t>(FILE_TICK_US - age_us));
         (void)::fstat(file_.get(), &status);
     }
-    written_at_ = status.st_mtim;
+    written_at_ns_ = nanoseconds_of(status);
 }
 
 bool flash_image::examine(image_reading &reading_out)
@@ -90,5 +90,5 @@ bool flash_image::has_changed() const
     struct stat status {
     };
     return ::fstat(file_.get(), &status) != 0 || static_cast<std::uint64_t>(status.st_size) != size_bytes_ ||
-           status.st_mtim.tv_sec != written_at_.tv_sec || status.st_mtim.tv_nsec != written_at_.tv_nsec;
+           nanoseconds_of(status) != written_at_ns_;
 }

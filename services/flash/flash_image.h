@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
@@ -36,13 +35,13 @@ public:
     [[nodiscard]] bool read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint32_t length) const;
 
 private:
-    flash_image(unique_fd &&file, std::uint64_t size_bytes, timespec written_at)
-        : file_(std::move(file)), size_bytes_(size_bytes), written_at_(written_at)
+    flash_image(unique_fd &&file, std::uint64_t size_bytes, std::int64_t written_at_ns)
+        : file_(std::move(file)), size_bytes_(size_bytes), written_at_ns_(written_at_ns)
     {
     }
     void settle();
 
     unique_fd file_;
     std::uint64_t size_bytes_;
-    timespec written_at_; // as of then
+    std::int64_t written_at_ns_; // since 1970, as of then. No timespec: its size depends on how a file is compiled
 };
