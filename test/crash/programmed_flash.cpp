@@ -22,6 +22,7 @@
 #include "chassis_dir.h"
 #include "nor_file.h"
 
+#include "flash_claim.h"
 #include "flash_wear.h"
 #include "mts.h"
 #include "rest_of.h"
@@ -213,6 +214,7 @@ void programmed_flash::run_operation() const
     const int null = ::open("/dev/null", O_WRONLY);
     (void)::dup2(null, STDOUT_FILENO);
     const std::string image = directory_ + "/image";
+    flash_temporary_image = image.c_str(); // as on a card, where it has one name only
     const auto operation = way_ == flash_way::plain ? std_bios_program : std_ibexpeak_bios_program;
     bios_flash_progress_area_t area = {};
     told->result = operation(0, 0, image.c_str(), SLOT, 0, 0, &area, PRIMARY);
