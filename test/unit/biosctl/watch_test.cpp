@@ -606,9 +606,8 @@ TEST(WatchResults, ZeroIsOkOnlyWhenTheFlashWasVerified)
         watch_facts facts = idle_facts();
         facts.results[28] = {0, EARLIER, 27, outcome};
         const std::vector<std::string> all = lines(facts);
-        EXPECT_TRUE(std::ranges::any_of(all, [&](const std::string &line) {
-            return line.ends_with("0x00000000 " + name + " " + EARLIER);
-        })) << name;
+        const std::string end = "0x00000000 " + name + " " + EARLIER;
+        EXPECT_TRUE(std::ranges::any_of(all, [&](const std::string &line) { return line.ends_with(end); })) << name;
         EXPECT_EQ(watch_json(make_snapshot(facts))["cards"][2]["last_result"]["name"], name);
         for (const std::string &line : lines(facts, watch_space{.columns = 60, .lines = 20})) {
             if (line.starts_with("28")) {
