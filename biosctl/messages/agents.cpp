@@ -26,18 +26,27 @@ constexpr unsigned ATTEMPTS = 3;
 constexpr std::int64_t BUSY_PATIENCE_US = 5 * MICROSECONDS;
 constexpr unsigned BUSY_PAUSE_US = 20'000;
 
-// One endpoint for all that this process asks; made anew when it could not be bound. That of a process that was
-// forked from is not this one's.
+// One endpoint for all that this process asks; made anew when it could not be bound.
+struct own_endpoint {
+    std::unique_ptr<client_endpoint> bound = {};
+    pid_t owner = 0; // that of a process that was forked from is not this one's
+};
+
+own_endpoint &holder()
+{
+    static own_endpoint held;
+    if (held.bound && held.owner != ::getpid())
+        (void)held.bound.release();
+    held.owner = ::getpid();
+    return held;
+}
+
 client_endpoint &endpoint()
 {
-    static std::unique_ptr<client_endpoint> bound;
-    static pid_t owner = 0;
-    if (bound && owner != ::getpid())
-        (void)bound.release();
-    owner = ::getpid();
-    if (!bound || !bound->bound())
-        bound = std::make_unique<client_endpoint>();
-    return *bound;
+    own_endpoint &held = holder();
+    if (!held.bound || !held.bound->bound())
+        held.bound = std::make_unique<client_endpoint>();
+    return *held.bound;
 }
 
 // The agents that have let a request time out, and until when they are asked nothing: each of many questions would
@@ -145,6 +154,11 @@ request_answer ask_agent(std::uint32_t node, std::uint32_t opcode, std::span<con
     }
     silent_agents()[node] = monotonic_us() + SILENCE_US;
     return answer;
+}
+
+void leave_agents()
+{
+    holder().bound.reset();
 }
 
 std::optional<std::vector<chassis_module>> ask_for_modules()

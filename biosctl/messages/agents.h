@@ -19,6 +19,10 @@ constexpr unsigned WORK_WAIT_LIMIT_S = 20; // a large image on a slow card takes
 request_answer ask_agent(std::uint32_t node, std::uint32_t opcode, std::span<const std::uint8_t> body,
                          unsigned wait_limit_s = AGENT_WAIT_LIMIT_S);
 
+// Gives up the endpoint by which this process asks; the next question binds another. For forked processes, which
+// end without what ends a program: their address would be left behind.
+void leave_agents();
+
 // The cards that are known, in order of their slots; none when no agent answers.
 std::optional<std::vector<chassis_module>> ask_for_modules();
 

@@ -60,6 +60,7 @@ agent_order_req_t encode(const wanted_programming &wanted)
         while (::getppid() == parent) {
             (void)::sleep(FLASH_ORDER_RENEWAL_S);
             const request_answer answer = ask_about_orders(node, AGENT_OPC_RENEW_ORDER, order);
+            leave_agents(); // it is killed, most likely while it sleeps
             if (answer.answered && answer.status == AGENT_ERR_NO_ORDER)
                 break;
         }

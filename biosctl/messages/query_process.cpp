@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "agents.h"
 #include "write_all.h"
 
 namespace
@@ -33,6 +34,7 @@ struct answer_head {
         ::_exit(1);
     try {
         const request_answer answer = question();
+        leave_agents();
         const std::size_t length = std::min(answer.payload.size(), QUERY_ANSWER_BYTES_MAX);
         const answer_head head{answer.answered, answer.error, answer.status, static_cast<std::uint32_t>(length)};
         std::string bytes(reinterpret_cast<const char *>(&head), sizeof head);

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <poll.h>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <sys/prctl.h>
@@ -29,14 +30,15 @@
 #include "card_agent_process.h"
 #include "chassis_dir.h"
 #include "cmi.h"
-#include "flash_order.h"
 #include "endpoints.h"
+#include "flash_order.h"
 #include "mts_tools.h"
 #include "unique_fd.h"
 
 constexpr auto TEST_DEADLINE = std::chrono::seconds(60);
 
-// A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5; each has an agent.
+// A chassis directory with an active supervisor in slot 27, a standby in 28 and a line card in 5; each has an
+// agent.
 class test_chassis
 {
 public:
@@ -72,10 +74,11 @@ public:
         std::ofstream(folder + "/card_id") << card_id << "\n";
         std::ofstream(folder + "/sup_state") << sup_state << "\n";
         if (!agents_.contains(slot))
-            agents_[slot] = std::make_unique<card_agent_process>(path_, slot, [folder = path_ + "/slots/" + std::to_string(slot)](
-                                                                                   std::int32_t handle, mts_message *message) {
-                return tells_of_image_or_flash(folder, handle, message);
-            });
+            agents_[slot] = std::make_unique<card_agent_process>(
+                path_, slot,
+                [folder = path_ + "/slots/" + std::to_string(slot)](std::int32_t handle, mts_message *message) {
+                    return tells_of_image_or_flash(folder, handle, message);
+                });
     }
     // Makes a blank flash of 64 KiB with sectors of 4 KiB unless it is there; its folder.
     std::string flash_folder(unsigned slot, const std::string &instance) const
@@ -102,13 +105,25 @@ public:
         }
         return true;
     }
+    // The endpoints' files of programs that are no card's, in the transport's directory.
+    std::set<std::string> tool_addresses() const
+    {
+        std::set<std::string> names;
+        for (const auto &entry : std::filesystem::directory_iterator(path_ + "/mts")) {
+            const std::string name = entry.path().filename();
+            if (name.starts_with("00000001."))
+                names.insert(name);
+        }
+        return names;
+    }
     void end_agent(unsigned slot) const { agents_.erase(slot); }
     const std::string &path() const { return path_; }
 
-    // What the agent of a slot says from now on: "no_image", "no_digest" or "no_order" and a status, "other_contents",
-    // "misread_once", "half_written", "not_recorded", "already_there"; "ships" and the version of its image,
-    // "slow_image"; "holds" and the version in its flash, "runs" and the one that it was started from, "flash_state" and
-    // bits, "started_from" and an instance; "no_versions" (it lets such requests wait), "wild_versions".
+    // What the agent of a slot says from now on: "no_image", "no_digest" or "no_order" and a status,
+    // "other_contents", "misread_once", "half_written", "not_recorded", "already_there"; "ships" and the version of
+    // its image, "slow_image"; "holds" and the version in its flash, "runs" and the one that it was started from,
+    // "flash_state" and bits, "started_from" and an instance; "no_versions" (it lets such requests wait),
+    // "wild_versions".
     void agent_says(unsigned slot, const std::string &what, const std::string &value = "") const
     {
         std::ofstream(path_ + "/slots/" + std::to_string(slot) + "/" + what) << value;
@@ -153,8 +168,8 @@ private:
     // Whether the file was there; it is not any more.
     static bool take_once(const std::string &file) { return std::filesystem::remove(file); }
 
-    // The cards have no images, and their daemons program nothing: their agents tell of one image that each card has, and
-    // that each flash holds.
+    // The cards have no images, and their daemons program nothing: their agents tell of one image that each card
+    // has, and that each flash holds.
     static bool tells_of_image_or_flash(const std::string &folder, std::int32_t handle, mts_message *message)
     {
         const auto is_said = [&](const char *what) { return std::filesystem::exists(folder + "/" + what); };

@@ -430,6 +430,13 @@ TEST_F(Show, NoDaemonIsHadUnpackAnything)
     EXPECT_EQ(text_of_file(journal()), "");
 }
 
+TEST_F(Show, LeavesNoAddressBehind)
+{
+    serve_versions({{27, NEW}});
+    EXPECT_EQ(run({"show"}), 0);
+    EXPECT_TRUE(chassis_.tool_addresses().empty());
+}
+
 TEST_F(Show, NamedModulesAloneAreAskedAndEachOnce)
 {
     serve_versions({{27, NEW}});
