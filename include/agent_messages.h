@@ -197,8 +197,9 @@ struct agent_events_req_t {
 };
 static_assert(sizeof(agent_events_req_t) == 12);
 
-// The head of a flash's event log. AGENT_OPC_EVENT_HEAD: an agent tells the supervisors in other slots that of its own
-// card. AGENT_OPC_GET_HEAD: body agent_head_req_t. The answer is what this card was told last; empty when nothing was.
+// The head of a flash's event log. AGENT_OPC_EVENT_HEAD: an agent tells the supervisors in other slots that of its
+// own card. AGENT_OPC_GET_HEAD: body agent_head_req_t. The answer is what this card was told last; empty when
+// nothing was.
 struct agent_event_head_t {
     be32 slot; // whose flash
     be32 instance;
@@ -437,8 +438,8 @@ struct agent_digest_t {
 static_assert(sizeof(agent_digest_t) == 32);
 
 // Orders (flash_order.h). Whoever wants a flash to be programmed orders it first, from the agent of its card, and
-// renews the order every 5 s until the programming has ended; an order that nobody has claimed ends 15 s after it was
-// renewed last.
+// renews the order every 5 s until the programming has ended; an order that nobody has claimed ends 15 s after it
+// was renewed last.
 
 // AGENT_OPC_ORDER_FLASH: body agent_order_req_t, answer agent_order_id_t. A status of bios_refusals.h says that the
 // image would not be written.

@@ -6,10 +6,10 @@
 // ended; -22 the flash or the image could not be opened or mapped.
 //
 // The programming calls return 0 only when the flash was read back and equals the image. Their failures are
-// codes 0x4071xxxx whose low byte alone identifies them; those of the flash service itself are named here. A service
-// may refuse an image before anything is erased, with a code of include/bios_refusals.h: because it was not ordered,
-// or is not plausible for this flash. All attempts of a process at one programming are written from the bytes that
-// were judged at the first of them, whatever becomes of the file.
+// codes 0x4071xxxx whose low byte alone identifies them; those of the flash service itself are named here. A
+// service may refuse an image before anything is erased, with a code of include/bios_refusals.h: because it was not
+// ordered, or is not plausible for this flash. All attempts of a process at one programming are written from the
+// bytes that were judged at the first of them, whatever becomes of the file.
 #ifndef PLATFORM_BIOS_FLASH_H
 #define PLATFORM_BIOS_FLASH_H
 
@@ -32,8 +32,8 @@ enum {
 enum {
     BIOS_FLASH_ERR_ERASE = 0x40710009,      // the marker could not be set, or a sector could not be erased
     BIOS_FLASH_ERR_PROGRAM = 0x4071000c,    // the flash could not be written, or does not read back as the image
-    BIOS_FLASH_ERR_IMAGE_SIZE = 0x40710020, // the image is empty or no regular file; or larger than the flash, unless
-                                            // that is BIOS_REFUSED_TOO_LARGE
+    BIOS_FLASH_ERR_IMAGE_SIZE = 0x40710020, // the image is empty or no regular file; or larger than the flash,
+                                            // unless that is BIOS_REFUSED_TOO_LARGE
     BIOS_FLASH_ERR_PROTECTED = 0x40710021,  // a sector that would have to change is write-protected
     BIOS_FLASH_ERR_IMAGE_READ = 0x40710023, // the image could not be opened or read
     BIOS_FLASH_ERR_NO_FLASH = 0x40710024,   // there is no such flash, or it could not be opened or read; one that
@@ -81,8 +81,8 @@ int32_t program_bios_flash(int32_t handle, uint32_t requester_node, uint32_t req
 //   variant  flash layout of the board family: 3, 4 or 5
 uint32_t ibexpeak_bios_which_flash(const char *name, uint32_t variant);
 
-// Erases a flash. 0 when all of it was erased; it has no version then until it is programmed, -61. A service may refuse
-// it when there is no image that could be written afterwards: the one in the card's temporary image file.
+// Erases a flash. 0 when all of it was erased; it has no version then until it is programmed, -61. A service may
+// refuse it when there is no image that could be written afterwards: the one in the card's temporary image file.
 int32_t ibexpeak_bios_flash_erase(uint32_t selector);
 
 // Writes an image into an erased flash and reads it back; otherwise as program_bios_flash.

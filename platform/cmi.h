@@ -18,12 +18,13 @@ int32_t cmi_response(const void *payload, uint32_t length, int32_t handle, mts_m
 
 // Sends a request to an endpoint of another node and waits for its answer. Other messages that arrive at the
 // handle meanwhile are kept for mts_recv. An answer that comes when nobody waits for it any more is dropped: it is
-// neither taken for the answer to another request nor received by mts_recv. Only so many messages are kept; a request
-// that is not is rejected.
+// neither taken for the answer to another request nor received by mts_recv. Only so many messages are kept; a
+// request that is not is rejected.
 //
 // On a card the wait is bounded by what is asked, whatever wait_limit says: 10 seconds for a version query, 30 for
-// MTS_OPC_BIOS_PROGRAMMING_START. Such a request fails at once, as if the wait had passed, when the endpoint let the last
-// one pass and has not been heard of since. Installations and all other requests wait as long as wait_limit says.
+// MTS_OPC_BIOS_PROGRAMMING_START. Such a request fails at once, as if the wait had passed, when the endpoint let
+// the last one pass and has not been heard of since. Installations and all other requests wait as long as
+// wait_limit says.
 //   opcode            of the request
 //   request_type      3
 //   request           the request's body, *length bytes; or the same pointer as length, for a request without

@@ -54,12 +54,12 @@ enum {
 // system call that failed.
 int32_t mts_bind(uint32_t kind, int32_t sap, const uint32_t options[6], const char *name);
 
-// A card's endpoint that has had an MTS_OPC_BIOS_PROGRAMMING_START request answered with status 0 (cmi.h) awaits one
-// MTS_OPC_BIOS_PROGRAMMING_DONE. The transport makes that message itself, and delivers it by mts_recv, when the process
-// that took the request is gone with its card or without, or when for 30 seconds neither progress has come nor the
-// agent of that card has seen a process write the flash. Its result is the one that the agent knows of this very
-// programming, else 0x40710008; its sender is the one that did not send it. A message that has come is delivered first,
-// and no second one is made.
+// A card's endpoint that has had an MTS_OPC_BIOS_PROGRAMMING_START request answered with status 0 (cmi.h) awaits
+// one MTS_OPC_BIOS_PROGRAMMING_DONE. The transport makes that message itself, and delivers it by mts_recv, when the
+// process that took the request is gone with its card or without, or when for 30 seconds neither progress has come
+// nor the agent of that card has seen a process write the flash. Its result is the one that the agent knows of this
+// very programming, else 0x40710008; its sender is the one that did not send it. A message that has come is
+// delivered first, and no second one is made.
 //
 // A request whose sender's wait has passed before it is received, or whose sender is gone, is not delivered; in the
 // first case it is rejected.

@@ -45,8 +45,8 @@ int32_t get_platform_info(platform_info_t *info);
 // Not negative, or negative with errno and the records as they were.
 int32_t pfm_get_all_modules_in_chassis(int32_t handle, pfm_module_record_t *records, uint32_t count);
 
-// Fills the 6-byte record, which the caller has zeroed. What was read once is known: a shortage of descriptors or memory
-// does not make a later call fail. 0, or not 0 with errno.
+// Fills the 6-byte record, which the caller has zeroed. What was read once is known: a shortage of descriptors or
+// memory does not make a later call fail. 0, or not 0 with errno.
 int32_t get_card_module_info(card_module_info_t *info);
 
 #ifdef __cplusplus

@@ -34,10 +34,10 @@ int32_t sdwrap_sys_init_helper(int32_t handle, const char *name, const char *tit
 
 // Offers a received message to the debug framework. 1 when the message is not one of the framework's own and
 // the daemon is to serve it; any other value when the framework has consumed it (it still has to be dropped).
-// A platform may also answer and consume a request that the card must not serve now: one that would put another image
-// into a flash than the one asked for, or begin a programming while a child of an earlier one lives, also of a daemon
-// that has ended (MTS_OPC_BIOS_PROGRAMMING_START, MTS_OPC_BIOS_GET_SRC_BIOS_VERSION), or that would remove a file that is
-// none of the daemon's (MTS_OPC_BIOS_INSTALL_LOADER).
+// A platform may also answer and consume a request that the card must not serve now: one that would put another
+// image into a flash than the one asked for, or begin a programming while a child of an earlier one lives, also of
+// a daemon that has ended (MTS_OPC_BIOS_PROGRAMMING_START, MTS_OPC_BIOS_GET_SRC_BIOS_VERSION), or that would remove
+// a file that is none of the daemon's (MTS_OPC_BIOS_INSTALL_LOADER).
 int32_t sdwrap_process_msg(int32_t handle, mts_message_t *message);
 
 // Tells whether history events of a subtype are recorded. 0 when they are.

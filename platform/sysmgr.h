@@ -30,8 +30,8 @@ int32_t sysmgr_is_upgrade_restart(void);
 //   source       absolute path on this card
 //   destination  absolute path on the standby supervisor
 //   flags        1
-// 0 also when there is no standby supervisor; -1 with errno when the copy failed. What was at the destination before
-// must not stay there then: the standby supervisor would program it. An empty file may.
+// 0 also when there is no standby supervisor; -1 with errno when the copy failed. What was at the destination
+// before must not stay there then: the standby supervisor would program it. An empty file may.
 int32_t sysmgr_cli_gsync_file(int32_t handle, uint32_t kind, const char *source, const char *destination,
                               uint32_t flags);
 

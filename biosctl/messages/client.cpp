@@ -55,8 +55,8 @@ request_answer client_endpoint::request_agent(std::uint32_t node, std::uint32_t 
     return ask({node, AGENT_SAP}, opcode, body, wait_limit_s);
 }
 
-request_answer client_endpoint::ask(mts_address_t to, std::uint32_t opcode,
-                                             std::span<const std::uint8_t> body, unsigned wait_limit_s)
+request_answer client_endpoint::ask(mts_address_t to, std::uint32_t opcode, std::span<const std::uint8_t> body,
+                                    unsigned wait_limit_s)
 {
     void *block = nullptr;
     auto length = static_cast<std::uint32_t>(body.size());

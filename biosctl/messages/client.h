@@ -67,7 +67,7 @@ public:
 
 private:
     request_answer ask(mts_address_t to, std::uint32_t opcode, std::span<const std::uint8_t> body,
-                                unsigned wait_limit_s);
+                       unsigned wait_limit_s);
 
     std::int32_t handle_;
 };

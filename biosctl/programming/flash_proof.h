@@ -18,8 +18,8 @@ image_reply find_asked_image(const program_subject &subject, const programming_r
 flash_proof prove(const program_subject &subject, unsigned instance, const told_image &wanted,
                   const placed_order *order);
 
-// Whether the active supervisor unpacks the image, for itself or for the standby supervisor. Any other card programs
-// what lies ready on it.
+// Whether the active supervisor unpacks the image, for itself or for the standby supervisor. Any other card
+// programs what lies ready on it.
 bool is_unpacked(const program_subject &subject);
 
 // The card whose agent knows the image.

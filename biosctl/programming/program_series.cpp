@@ -61,9 +61,7 @@ programming_result program_and_check(const series_step &step, const series_optio
     programming_result result = program_module(each, options.json ? STDOUT_FILENO : STDERR_FILENO, last_words);
     if (result.ending != programming_ending::verified || step.expected_version.empty())
         return result;
-    return with_version(
-        std::move(result),
-        {step.expected_version, read_flash_version(step.module)});
+    return with_version(std::move(result), {step.expected_version, read_flash_version(step.module)});
 }
 
 text_meaning meaning_of(programming_ending ending)

@@ -25,9 +25,9 @@ enum class programming_ending {
     no_answer, // no daemon has taken the request; obstacle says why
     refused,   // the daemon has answered the request with code
     // It was accepted and watched:
-    verified,           // the only success: code 0, heard to be verified, and the card's agent finds the image there
-    not_verified,       // code 0, though the flash does not hold the image after work on it had begun
-    unconfirmed,        // code 0 and heard to be verified, but the agents cannot say whether it is so
+    verified,     // the only success: code 0, heard to be verified, and the card's agent finds the image there
+    not_verified, // code 0, though the flash does not hold the image after work on it had begun
+    unconfirmed,  // code 0 and heard to be verified, but the agents cannot say whether it is so
     nothing_programmed, // code 0, and no work on a flash was seen
     nothing_to_do,      // code says that nothing had to be done
     already_there,      // the flash holds the image; nothing was asked for
@@ -77,12 +77,13 @@ struct programming_result {
     program_subject subject = {};
     wanted_image image = {};
     programming_ending ending = programming_ending::not_tried;
-    std::optional<outcome> obstacle = {};      // when not asked or not answered
-    std::uint32_t code = 0;                    // of an ending that has one
-    progress_state progress = {};              // of one that was watched
-    std::optional<unsigned> elapsed_s = {};    // none: it was not watched
-    flash_proof proof = {};                    // of one whose end was seen
-    std::optional<flash_writer> writer = {};   // of one that was refused or has failed while somebody writes the flash
+    std::optional<outcome> obstacle = {};   // when not asked or not answered
+    std::uint32_t code = 0;                 // of an ending that has one
+    progress_state progress = {};           // of one that was watched
+    std::optional<unsigned> elapsed_s = {}; // none: it was not watched
+    flash_proof proof = {};                 // of one whose end was seen
+    std::optional<flash_writer> writer =
+        {}; // of one that was refused or has failed while somebody writes the flash
     std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
     std::optional<flash_order> order = {};     // of somebody else, when that is why it was refused
     std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks

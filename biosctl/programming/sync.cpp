@@ -121,15 +121,14 @@ outcome carry_out(const subject &of, const std::vector<sync_step> &plan, const s
     }
     if (!json)
         print_report(plan_text(plan));
-    const auto results =
-        run_series(steps,
-                   {.each = {.forced = options.allow_older ? std::uint32_t{BIOS_FORCE_OLDER} : 0},
-                    .serving_slot = of.serving_slot,
-                    .keep_going = options.keep_going,
-                    .json = json},
-                   [&](const std::vector<programming_result> &so_far) {
-                       return report_sync(of.serving_slot, plan, so_far, {});
-                   });
+    const auto results = run_series(steps,
+                                    {.each = {.forced = options.allow_older ? std::uint32_t{BIOS_FORCE_OLDER} : 0},
+                                     .serving_slot = of.serving_slot,
+                                     .keep_going = options.keep_going,
+                                     .json = json},
+                                    [&](const std::vector<programming_result> &so_far) {
+                                        return report_sync(of.serving_slot, plan, so_far, {});
+                                    });
     if (series_exit(results) == EXIT_INTERRUPTED)
         return report_sync(of.serving_slot, plan, results, {});
     const interrupt_ends_process guard(json ? STDOUT_FILENO : STDERR_FILENO,

@@ -31,7 +31,8 @@ constexpr auto result_tbl = std::to_array<result_row>({
     {.code = BIOS_OK,
      .name = "ok",
      .meaning = "the request has ended; so does a programming whose process is killed",
-     .flash = {"verified only if the progress reached 100 percent; if the process was killed, it may be half written: do "
+     .flash = {"verified only if the progress reached 100 percent; if the process was killed, it may be half "
+               "written: do "
                "not reboot",
                text_meaning::wrong},
      .next = {"biosctl show says whether the flash is verified; reboot the card only then"},
@@ -106,8 +107,9 @@ constexpr auto result_tbl = std::to_array<result_row>({
      .exit = EXIT_FAILED},
     {.code = BIOS_ERR_NO_COMPLETION,
      .name = "no_completion",
-     .meaning = "the end of the programming was not reported: the target's daemon ended, or nothing worked there for "
-                "30 seconds",
+     .meaning =
+         "the end of the programming was not reported: the target's daemon ended, or nothing worked there for "
+         "30 seconds",
      .flash = {"unknown, the module may still be programming: do not reboot it", text_meaning::wrong},
      .next = {"look at the module's log and state", look_at::log_and_states, ", then program again"},
      .exit = EXIT_FAILED},

@@ -39,8 +39,8 @@ struct version_facts {
     bool being_programmed = false;
     bool not_verified = false; // begun to be programmed, and not found equal to the image since
     bool reachable = true;
-    bool changed = false;   // it does not hold any more what was verified last, as far as that was looked at
-    bool confirmed = true; // read by the card's agent; false: as its daemon says, which may not have looked
+    bool changed = false;     // it does not hold any more what was verified last, as far as that was looked at
+    bool confirmed = true;    // read by the card's agent; false: as its daemon says, which may not have looked
     std::string flash = {};   // in the flash
     std::string running = {}; // that runs
     std::string source = {};  // in the image that ships for the card

@@ -1,5 +1,5 @@
-// The agent of a card, as the card's keeper has it: a session of its own beside the daemon's, so that neither's end is
-// the other's. It is started again when it ends.
+// The agent of a card, as the card's keeper has it: a session of its own beside the daemon's, so that neither's end
+// is the other's. It is started again when it ends.
 #pragma once
 
 #include <chrono>
@@ -33,9 +33,9 @@ public:
     bool has_ended(pid_t process);
 
     bool runs() const { return session_ != 0; }
-    bool is_due() const;          // to be started again
-    int wait_limit_ms() const;    // until it is due; -1: it is not
-    bool serves_or_hangs();       // it has taken a message, has not in time, or is not to run at all
+    bool is_due() const;       // to be started again
+    int wait_limit_ms() const; // until it is due; -1: it is not
+    bool serves_or_hangs();    // it has taken a message, has not in time, or is not to run at all
 
 private:
     using steady = std::chrono::steady_clock;

@@ -105,7 +105,7 @@ private:
     endpoint_probe probe_;
     std::optional<int> daemon_status_;
     unsigned starts_ = 0;
-    bool boots_ = false; // the next start is the first one since the card has booted
+    bool boots_ = false;          // the next start is the first one since the card has booted
     steady::time_point deadline_; // pausing: of the next start; a wish that waits: of the session's end
     std::deque<steady::time_point> ends_;
 };
@@ -178,7 +178,8 @@ void card_keeper::prepare()
 void card_keeper::boot()
 {
     root_.empty_tmp();
-    (void)::unlinkat(chassis_dir_fd(), slot_file("locks/granted").c_str(), 0); // a card that boots has granted nothing
+    (void)::unlinkat(chassis_dir_fd(), slot_file("locks/granted").c_str(),
+                     0); // a card that boots has granted nothing
     write_line(slot_file(CHASSIS_BOOTED), utc_now_microseconds());
     boots_ = true;
     start();
@@ -352,8 +353,8 @@ void card_keeper::tick()
         (void)::kill(session_, SIGKILL);
         deadline_ = steady::now() + KILL_PATIENCE;
     }
-    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 && probe_.is_taken(options_.slot, BIOS_DAEMON_SAP) &&
-        agent_.serves_or_hangs()) {
+    if (phase_ == phase::starting && wish_ == wish::none && daemon_ != 0 &&
+        probe_.is_taken(options_.slot, BIOS_DAEMON_SAP) && agent_.serves_or_hangs()) {
         note("serves, process %d", static_cast<int>(daemon_));
         enter(phase::serving, std::string(STATE_SERVING) + " " + std::to_string(daemon_));
     }

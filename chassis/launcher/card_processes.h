@@ -6,5 +6,6 @@
 // false when some are still there after a few seconds.
 bool kill_processes_of_root(int root_fd);
 
-// Kills all children of this process, which adopts theirs (PR_SET_CHILD_SUBREAPER), and reaps them until none is left.
+// Kills all children of this process, which adopts theirs (PR_SET_CHILD_SUBREAPER), and reaps them until none is
+// left.
 void kill_descendants();

@@ -12,10 +12,11 @@ card_program program_of(unsigned slot);
 
 const char *program_name(card_program program);
 
-// The agent's executable: the one beside the daemon, because both know the same card families; else that of the tools.
+// The agent's executable: the one beside the daemon, because both know the same card families; else that of the
+// tools.
 std::string agent_program(const std::string &daemon, const std::string &tools);
 
-// Where the program lies in a card's root, and which file of this machine it is: all but the daemon lie in the folder
-// of the tools.
+// Where the program lies in a card's root, and which file of this machine it is: all but the daemon lie in the
+// folder of the tools.
 std::string place_in_root(card_program program);
 std::string program_file(card_program program, const std::string &daemon, const std::string &tools);

@@ -12,8 +12,8 @@
 class endpoint_probe
 {
 public:
-    // Whether who serves a service access point of the slot's node has taken the message. Does not block; false also
-    // while there is no endpoint.
+    // Whether who serves a service access point of the slot's node has taken the message. Does not block; false
+    // also while there is no endpoint.
     bool is_taken(unsigned slot, std::uint32_t sap);
 
     // Begins anew, for another start of the daemon.

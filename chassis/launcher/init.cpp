@@ -11,8 +11,8 @@
 #include "description.h"
 #include "flash_folder.h"
 #include "flash_geometry.h"
-#include "nor_file_layout.h"
 #include "launcher_error.h"
+#include "nor_file_layout.h"
 
 namespace
 {

@@ -20,12 +20,14 @@ const nor_file *file_of(const flash_part *part)
 
 const flash_driver nor_file_driver = {
     .name = "nor_file",
-    .open = [](unsigned instance, flash_access access) {
-        return reinterpret_cast<flash_part *>(nor_file::open(chassis_own_slot(), instance, access).release());
-    },
+    .open =
+        [](unsigned instance, flash_access access) {
+            return reinterpret_cast<flash_part *>(nor_file::open(chassis_own_slot(), instance, access).release());
+        },
     .close = [](flash_part *part) { delete file_of(part); },
     .geometry = [](const flash_part *part) -> const flash_geometry & { return file_of(part)->geometry(); },
-    .is_protected = [](const flash_part *part, std::uint32_t sector) { return file_of(part)->is_protected(sector); },
+    .is_protected = [](const flash_part *part,
+                       std::uint32_t sector) { return file_of(part)->is_protected(sector); },
     .erase = [](flash_part *part, std::uint32_t sector) { return file_of(part)->erase(sector); },
     .program = [](flash_part *part, std::uint32_t offset, const std::uint8_t *bytes,
                   std::uint32_t length) { return file_of(part)->program(offset, bytes, length); },

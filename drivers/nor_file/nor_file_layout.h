@@ -7,9 +7,9 @@
 //   faults        faults on demand, see flash_faults.h; absent when there are none
 //   violations    what was asked of it that no driver may ask, a line each; absent when there was nothing
 //
-// Files that every flash of a card has, whatever its driver, are named in flash_folder.h. This file makes flashes and
-// names the others; it uses chassis_dir.h only, so that tools of any word size compile it into themselves. The flash
-// itself is nor_file.h.
+// Files that every flash of a card has, whatever its driver, are named in flash_folder.h. This file makes flashes
+// and names the others; it uses chassis_dir.h only, so that tools of any word size compile it into themselves. The
+// flash itself is nor_file.h.
 #pragma once
 
 #include <string>

@@ -132,7 +132,7 @@ void record(const mts_message &message, mts_address_t receiver, const message_fa
 } // namespace
 
 message_fault_order message_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
-                                std::uint32_t payload_bytes)
+                                        std::uint32_t payload_bytes)
 {
     while (!rules.empty()) {
         const std::string_view line = rules.substr(0, rules.find('\n'));
@@ -181,8 +181,8 @@ std::int64_t late_messages::next_due(std::int64_t deadline) const
     return messages_.empty() ? deadline : std::min(deadline, messages_.front().due);
 }
 
-mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver,
-                                             std::uint64_t arrival, late_messages &late)
+mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver, std::uint64_t arrival,
+                                     late_messages &late)
 {
     const std::string &rules = current_rules();
     if (rules.empty())

@@ -12,8 +12,8 @@
 //
 // Every message counts: requests, answers, rejections and others, to daemons and to tools. To each message happens
 // what the first rule says whose turn it is; empty lines, and those that are no rules, count for nothing. A change
-// of the file counts some milliseconds later (watched_file.h). The same rules do the same to the n-th message that an endpoint
-// receives.
+// of the file counts some milliseconds later (watched_file.h). The same rules do the same to the n-th message that
+// an endpoint receives.
 //
 // What happened is told in `transport/faulted`, a line for each: time, receiver, fault, kind of message, opcode,
 // payload's bytes, and how late it comes or how many bytes are left.
@@ -35,8 +35,8 @@ struct message_fault_order {
 };
 
 // What rules order for the arrival-th message that a receiver gets, which has so many bytes of payload.
-[[nodiscard]] message_fault_order message_fault_drawn(std::string_view rules, mts_address_t receiver, std::uint64_t arrival,
-                                              std::uint32_t payload_bytes);
+[[nodiscard]] message_fault_order message_fault_drawn(std::string_view rules, mts_address_t receiver,
+                                                      std::uint64_t arrival, std::uint32_t payload_bytes);
 
 // Messages that came and are to be received later.
 class late_messages
@@ -64,5 +64,5 @@ private:
 
 // Has the rules' way with a message that has arrived, the arrival-th of its receiver. The message to be received
 // now; null when it is lost or late.
-mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver,
-                                             std::uint64_t arrival, late_messages &late);
+mts_held_message message_faults_pass(mts_held_message message, mts_address_t receiver, std::uint64_t arrival,
+                                     late_messages &late);

@@ -2,7 +2,8 @@
 //
 // Below the chassis directory:
 //   transport/refused   "TIME NODE.SAP COUNT UID": UTC, the endpoint as its socket is named, how many it has
-//                       dropped so far, and the user who sent the last of them, as the endpoint's process knows users
+//                       dropped so far, and the user who sent the last of them, as the endpoint's process knows
+//                       users
 //
 // A line comes at an endpoint's 1st, 2nd, 4th, 8th ... of them: nobody fills a disk in this way.
 #pragma once

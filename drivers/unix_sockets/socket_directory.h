@@ -31,7 +31,8 @@ int socket_directory_bind(int directory, int socket, mts_address_t address);
 
 // Binds a socket to a free address of the node. REQUIRES the directory's lock, which also keeps the number to go on
 // from: a sap is not used again soon, since messages for its last owner may still be under way.
-int socket_directory_bind_ephemeral(int directory, int lock, int socket, std::uint32_t node, std::uint32_t &sap_out);
+int socket_directory_bind_ephemeral(int directory, int lock, int socket, std::uint32_t node,
+                                    std::uint32_t &sap_out);
 
 // A socket connected to an endpoint, and who that is. No descriptor and errno: ECONNREFUSED when nobody has it.
 unique_fd socket_directory_connect(int directory, mts_address_t address, datagram_peer &identity_out);

@@ -1,4 +1,5 @@
-// Datagrams between the processes of one machine, which are one user's, by UNIX sockets in the directory of a chassis.
+// Datagrams between the processes of one machine, which are one user's, by UNIX sockets in the directory of a
+// chassis.
 #pragma once
 
 #include "datagram_driver.h"

@@ -1,5 +1,5 @@
-// Work on a mapped file that another process may cut at any time: a page that is gone raises SIGBUS, which would end
-// this process.
+// Work on a mapped file that another process may cut at any time: a page that is gone raises SIGBUS, which would
+// end this process.
 #pragma once
 
 // Does the work; when it touches a page that is gone, it ends there, and false is returned.

@@ -3,6 +3,6 @@
 
 #include "unique_fd.h"
 
-// Opens a regular file for reading; links are followed. Anything else is refused without waiting for a FIFO's writer.
-// Empty with errno: EISDIR, EINVAL, or that of the system call that failed.
+// Opens a regular file for reading; links are followed. Anything else is refused without waiting for a FIFO's
+// writer. Empty with errno: EISDIR, EINVAL, or that of the system call that failed.
 unique_fd open_regular_file(const char *path);

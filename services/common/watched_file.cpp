@@ -49,7 +49,8 @@ void begin_anew_in_child()
 
 bool watch_path(const watch &watch, const std::string &path, std::uint32_t changes)
 {
-    return ::inotify_add_watch(watch.notes.get(), path.c_str(), changes) >= 0 || errno == ENOENT || errno == ENOTDIR;
+    return ::inotify_add_watch(watch.notes.get(), path.c_str(), changes) >= 0 || errno == ENOENT ||
+           errno == ENOTDIR;
 }
 
 // The folders first: what is made or replaced meanwhile is then noted in its folder.
@@ -64,12 +65,13 @@ bool watch_file(const watch &watch, const std::string &path)
 // Watches what is there now under the files' names. Nothing is watched when that fails.
 void watch_files(watch &watch)
 {
-    const bool all = inside_folder(chassis_dir_fd(), [&] {
-                         return std::all_of(watch.files.begin(), watch.files.end(),
-                                            [&](const watched_file *file) { return watch_file(watch, file->path()); })
-                                    ? 0
-                                    : -1;
-                     }) == 0;
+    const bool all =
+        inside_folder(chassis_dir_fd(), [&] {
+            return std::all_of(watch.files.begin(), watch.files.end(),
+                               [&](const watched_file *file) { return watch_file(watch, file->path()); })
+                       ? 0
+                       : -1;
+        }) == 0;
     if (!all)
         watch.notes.reset();
     ++watch.generation;

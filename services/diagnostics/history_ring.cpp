@@ -68,8 +68,8 @@ std::string history_path(unsigned slot)
     return chassis_slot_path(slot, "history");
 }
 
-// FNV-1a over words of 32 bits. Of a zero only the factor is left: a stretch of them costs one multiplication by its
-// power.
+// FNV-1a over words of 32 bits. Of a zero only the factor is left: a stretch of them costs one multiplication by
+// its power.
 class fnv_sum
 {
 public:

@@ -155,7 +155,8 @@ int replace_file(int source, mode_t mode, int folder, const std::string &name)
     return failure(error);
 }
 
-// What was to be replaced must not be taken for what should have come: an empty file is refused by whoever programs.
+// What was to be replaced must not be taken for what should have come: an empty file is refused by whoever
+// programs.
 void leave_empty(int folder, const std::string &name)
 {
     const std::string fresh = temporary_name();

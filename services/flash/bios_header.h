@@ -42,5 +42,6 @@ struct bios_header {
 void bios_header_text(const bios_header &header, char *text_out);
 std::string bios_header_text(const bios_header &header);
 
-// The version text in BIOS_HEADER_BYTES bytes without the blanks, "v3.5.0(09/17/12)"; empty when they are no header.
+// The version text in BIOS_HEADER_BYTES bytes without the blanks, "v3.5.0(09/17/12)"; empty when they are no
+// header.
 std::string bios_version_in(const void *bytes);

@@ -1,5 +1,5 @@
-// What a flash driver is: a record of operations on one kind of flash part. The programming procedure and all else of
-// services/flash knows flashes through it only; a new kind of part is a folder in drivers/ with one such record.
+// What a flash driver is: a record of operations on one kind of flash part. The programming procedure and all else
+// of services/flash knows flashes through it only; a new kind of part is a folder in drivers/ with one such record.
 //
 // Concurrency: a process uses a part from one thread. Any number of processes may have a part open for reading, one
 // may have it open for writing, for as long as it has it open. What was erased or programmed is there for every

@@ -1,5 +1,5 @@
-// The folder of a flash: what is known of it beside its contents, whatever its driver, and the short lock under which
-// the small text files are read, changed and replaced.
+// The folder of a flash: what is known of it beside its contents, whatever its driver, and the short lock under
+// which the small text files are read, changed and replaced.
 //
 //   data          the contents, of a flash that is a file; its writer holds a lock on it
 //   programming   present from before the first erase of a programming until its contents were verified

@@ -1,4 +1,5 @@
-// The shape of a flash part, and its limits. No platform call is used here: tools compile this file into themselves.
+// The shape of a flash part, and its limits. No platform call is used here: tools compile this file into
+// themselves.
 #pragma once
 
 #include <cstdint>

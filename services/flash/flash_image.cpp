@@ -72,7 +72,8 @@ void flash_image::settle()
     };
     if (::fstat(file_.get(), &status) != 0)
         return;
-    if (const std::int64_t age_us = microseconds_of(CLOCK_REALTIME) - nanoseconds_of(status) / 1000; age_us >= 0 && age_us < FILE_TICK_US) {
+    if (const std::int64_t age_us = microseconds_of(CLOCK_REALTIME) - nanoseconds_of(status) / 1000;
+        age_us >= 0 && age_us < FILE_TICK_US) {
         (void)::usleep(static_cast<useconds_t>(FILE_TICK_US - age_us));
         (void)::fstat(file_.get(), &status);
     }

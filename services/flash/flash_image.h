@@ -36,7 +36,9 @@ public:
 
 private:
     flash_image(unique_fd &&file, std::uint64_t size_bytes, std::int64_t written_at_ns)
-        : file_(std::move(file)), size_bytes_(size_bytes), written_at_ns_(written_at_ns)
+        : file_(std::move(file)),
+          size_bytes_(size_bytes),
+          written_at_ns_(written_at_ns)
     {
     }
     void settle();

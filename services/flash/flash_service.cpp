@@ -96,7 +96,8 @@ std::int32_t program_flash(const char *path, std::uint32_t instance, std::uint32
 
 std::int32_t erase_flash(std::uint32_t instance)
 {
-    const claimed_flash claimed = claim_flash(flash_temporary_image, instance, 0, bios_signed(BIOS_REFUSED_NO_IMAGE));
+    const claimed_flash claimed =
+        claim_flash(flash_temporary_image, instance, 0, bios_signed(BIOS_REFUSED_NO_IMAGE));
     if (!claimed.flash)
         return flash_attempt_refused(instance, 0, claimed.failure);
     flash_progress_note(chassis_own_slot(), instance, BIOS_PHASE_ERASE, 0, 0);

@@ -2,7 +2,8 @@
 // hexadecimal digits.
 //
 // Below the folder of a slot:
-//   locks/NODE      a lock that a process of this card has; the card's agent keeps it, from when the lock is granted until
+//   locks/NODE      a lock that a process of this card has; the card's agent keeps it, from when the lock is
+//   granted until
 //                   it has ended
 //   locks/granted   what the agent of this card has granted, to processes of any card (granted_locks.h)
 #pragma once

@@ -62,10 +62,10 @@ struct datagram_driver {
     //   else     that of the system call that failed
     mts_held_message (*receive)(datagram_port *port, std::int64_t wait_us);
 
-    // Sends a frame; all of the header but place is the caller's. Waits for room in the receiver's queue: with a request
-    // at most 2 s, with an answer 0.1 s, and with all that is no request 1 s in sum of waits in vain, of which a tenth of
-    // the time that passes is given back; not again for a receiver that has kept the last message waiting in vain until
-    // it takes one.
+    // Sends a frame; all of the header but place is the caller's. Waits for room in the receiver's queue: with a
+    // request at most 2 s, with an answer 0.1 s, and with all that is no request 1 s in sum of waits in vain, of
+    // which a tenth of the time that passes is given back; not again for a receiver that has kept the last message
+    // waiting in vain until it takes one.
     //   peer_out  who it went to; may be null; set on success only
     // false with errno: ECONNREFUSED when nobody has the address, MTS_ERRNO_TIMED_OUT when the queue stayed full,
     // EMSGSIZE when the payload is larger than MTS_MAX_PAYLOAD_BYTES.

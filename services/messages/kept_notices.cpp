@@ -159,8 +159,7 @@ std::optional<kept_notice> kept_notice_parse(std::string_view line)
     return notice;
 }
 
-void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
-                         std::size_t bytes) noexcept
+void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload, std::size_t bytes) noexcept
 {
     if (bytes > NOTICE_PAYLOAD_BYTES_MAX)
         return;

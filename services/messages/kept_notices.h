@@ -36,8 +36,7 @@ std::string kept_notice_format(const kept_notice &notice);
 std::optional<kept_notice> kept_notice_parse(std::string_view line);
 
 // Writes a notice down, in one write; several processes may at the same time. Keeps errno.
-void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload,
-                         std::size_t bytes) noexcept;
+void kept_notice_keep(mts_address_t source, std::uint32_t opcode, const void *payload, std::size_t bytes) noexcept;
 
 // Follows the notices of the chassis that this process belongs to.
 class kept_notice_reader

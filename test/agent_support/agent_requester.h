@@ -22,7 +22,7 @@ struct agent_reply {
 
 // None when there is no answer. Sent again when none has come in the time given: messages may be lost, or cut.
 inline std::optional<agent_reply> agent_reply_to(std::uint32_t node, std::uint32_t opcode,
-                                            std::span<const std::uint8_t> body = {}, std::uint32_t wait_s = 1)
+                                                 std::span<const std::uint8_t> body = {}, std::uint32_t wait_s = 1)
 {
     constexpr unsigned ATTEMPTS = 20;
     const std::uint8_t nothing = 0;

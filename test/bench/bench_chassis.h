@@ -9,13 +9,13 @@ public:
     bench_chassis() : chassis_test(daemon_build::shipped) {}
     ~bench_chassis() override { TearDown(); }
 
+    using chassis_test::agent_pid;
     using chassis_test::biosctl;
     using chassis_test::biosctl_words;
     using chassis_test::card_file;
     using chassis_test::chassis;
     using chassis_test::chassis_directory;
     using chassis_test::child_pid;
-    using chassis_test::agent_pid;
     using chassis_test::daemon_pid;
     using chassis_test::flash_file;
     using chassis_test::flash_of;

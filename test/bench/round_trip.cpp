@@ -58,8 +58,9 @@ public:
         void *block = nullptr;
         std::uint32_t length = 0;
         const char nothing = 0;
-        const std::int32_t status = cmi_remote_req_resp(AGENT_OPC_GET_LOCKS, REQUEST_TYPE, &nothing, &block, &length,
-                                                        "bench", "bench", AGENT_SAP, node_, handle_, WAIT_LIMIT_S);
+        const std::int32_t status =
+            cmi_remote_req_resp(AGENT_OPC_GET_LOCKS, REQUEST_TYPE, &nothing, &block, &length, "bench", "bench",
+                                AGENT_SAP, node_, handle_, WAIT_LIMIT_S);
         std::free(block);
         if (status != 0 || length != 0)
             throw std::runtime_error("a request to the agent was not answered");

@@ -247,9 +247,8 @@ TEST_P(AccessOfAnotherUser, BindsNoEndpointAndReachesNone)
 TEST_P(AccessOfAnotherUser, TakesNoLockAndReadLocksNone)
 {
     expect_refused({writes("slots/1/locks/modules"), reads("slots/1/locks/modules"),
-                    removes("slots/1/locks/modules"), creates_in("slots/1/locks"),
-                    writes("launcher.lock"), removes("launcher.lock"), writes("slots/1/keeper"),
-                    removes("slots/1/keeper")});
+                    removes("slots/1/locks/modules"), creates_in("slots/1/locks"), writes("launcher.lock"),
+                    removes("launcher.lock"), writes("slots/1/keeper"), removes("slots/1/keeper")});
     expect_no_lock("slots/1/locks/modules");
     expect_no_lock("launcher.lock");
     expect_unharmed();

@@ -70,9 +70,10 @@ TEST_F(BiosctlCommand, TellsFailureWithCodeAndStateOfTheFlash)
 
 TEST_F(BiosctlCommand, ProgramsNothingInThePlaceOfAnImageThatIsNotThere)
 {
-    for (const auto &[image, code] :
-         {std::pair("bootflash:missing.img", 3), {"/bootflash/missing.img", 3}, {"usb:x", 64},
-          {"/bootflash/../etc/passwd", 64}}) {
+    for (const auto &[image, code] : {std::pair("bootflash:missing.img", 3),
+                                      {"/bootflash/missing.img", 3},
+                                      {"usb:x", 64},
+                                      {"/bootflash/../etc/passwd", 64}}) {
         const finished_program finished = biosctl({"program", "1", "--image", image});
         EXPECT_EQ(finished.exit_code, code) << image << finished.errors;
         EXPECT_FALSE(says(finished.output + finished.errors, "programmed and verified"));

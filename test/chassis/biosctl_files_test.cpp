@@ -22,8 +22,8 @@ protected:
     std::optional<std::set<std::string>> touched_by(const std::vector<std::string> &words) const
     {
         const std::string trace = chassis_directory() + ".trace";
-        std::vector<std::string> command = {"strace", "-f", "-qq", "-e", "trace=file", "-o", trace, BIOSCTL_PROGRAM,
-                                            "--dir", chassis_directory()};
+        std::vector<std::string> command = {"strace", "-f",  "-qq",           "-e",    "trace=file",
+                                            "-o",     trace, BIOSCTL_PROGRAM, "--dir", chassis_directory()};
         command.insert(command.end(), words.begin(), words.end());
         const finished_program done = run_program(command);
         std::ifstream lines(trace);
@@ -63,8 +63,16 @@ protected:
 
 TEST_F(BiosctlFiles, AreTheTransportsAlone)
 {
-    for (const std::vector<std::string> &words :
-         {std::vector<std::string>{"show"}, {"audit"}, {"watch", "--once"}, {"events"}, {"metrics"}, {"source", "1"},
-          {"lock", "2"}, {"unlock", "2"}, {"program", "1"}, {"sync"}, {"events"}})
+    for (const std::vector<std::string> &words : {std::vector<std::string>{"show"},
+                                                  {"audit"},
+                                                  {"watch", "--once"},
+                                                  {"events"},
+                                                  {"metrics"},
+                                                  {"source", "1"},
+                                                  {"lock", "2"},
+                                                  {"unlock", "2"},
+                                                  {"program", "1"},
+                                                  {"sync"},
+                                                  {"events"}})
         expect_transport_alone(words);
 }

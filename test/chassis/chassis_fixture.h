@@ -37,7 +37,8 @@ struct card_plan {
     std::string ks_image = {};    // file that becomes /etc/srg-ks.sro; empty: none
 };
 
-// Which daemon the cards run: the one that is shipped, or the same objects without their pauses (without_pauses.cpp).
+// Which daemon the cards run: the one that is shipped, or the same objects without their pauses
+// (without_pauses.cpp).
 enum class daemon_build : std::uint8_t { without_pauses, shipped };
 
 class chassis_test : public testing::Test

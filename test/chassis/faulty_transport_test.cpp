@@ -16,8 +16,8 @@
 #include "client_processes.h"
 #include "held_locks.h"
 #include "process_holdings.h"
-#include "without_pauses.h"
 #include "version_messages.h"
+#include "without_pauses.h"
 
 namespace
 {
@@ -184,7 +184,8 @@ protected:
             EXPECT_EQ(flash_of(module) == wanted.bytes, true) << "a false success: " << finished.output;
             EXPECT_FALSE(is_marked(module));
         } else {
-            EXPECT_TRUE(finished.exit_code == 1 || finished.exit_code == 3 || finished.exit_code == 4) << finished.errors;
+            EXPECT_TRUE(finished.exit_code == 1 || finished.exit_code == 3 || finished.exit_code == 4)
+                << finished.errors;
         }
         EXPECT_TRUE(wait_until_idle());
         return finished;

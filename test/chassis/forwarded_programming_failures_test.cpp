@@ -8,8 +8,8 @@
 #include "bios_results.h"
 #include "chassis_dir.h"
 #include "chassis_fixture.h"
-#include "nor_file.h"
 #include "held_locks.h"
+#include "nor_file.h"
 
 namespace
 {

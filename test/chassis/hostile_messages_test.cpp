@@ -65,7 +65,8 @@ protected:
         EXPECT_EQ(asking.request(1, 1, "last", error, 300), std::nullopt);
         EXPECT_EQ(error, EOPNOTSUPP);
         EXPECT_TRUE(wait_until([&] { return child_pid(1) == 0 && !is_locked(1); }));
-        // The daemon reports a result after it has given the lock back: the answer to this request comes after that.
+        // The daemon reports a result after it has given the lock back: the answer to this request comes after
+        // that.
         EXPECT_EQ(asking.request(1, 1, "last", error, 300), std::nullopt);
     }
 

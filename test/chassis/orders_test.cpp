@@ -1,5 +1,5 @@
-// Programmings that were ordered: who has ordered is known, nobody else gets between, and nothing is left of an order
-// when its orderer is gone.
+// Programmings that were ordered: who has ordered is known, nobody else gets between, and nothing is left of an
+// order when its orderer is gone.
 #include <csignal>
 
 #include "bios_messages.h"

@@ -130,8 +130,9 @@ protected:
     void expect_tells_versions()
     {
         requester asking;
-        EXPECT_EQ(asking.ask(1, MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, source_version_request(true, "", NO_NOTICES)).payload,
-                  source_version_answer(new_image().version));
+        EXPECT_EQ(
+            asking.ask(1, MTS_OPC_BIOS_GET_SRC_BIOS_VERSION, source_version_request(true, "", NO_NOTICES)).payload,
+            source_version_answer(new_image().version));
     }
     void expect_nothing_outside_touched() const
     {

@@ -167,6 +167,5 @@ unsigned requester::take_waiting(std::uint32_t opcode)
 
 bool requester::send(unsigned slot, std::uint32_t opcode, const void *payload, std::uint32_t length)
 {
-    return mts_send(handle_, mts_node_of_slot(slot), BIOS_DAEMON_SAP, opcode, payload, length, 0, 0, 0) ==
-           0;
+    return mts_send(handle_, mts_node_of_slot(slot), BIOS_DAEMON_SAP, opcode, payload, length, 0, 0, 0) == 0;
 }

@@ -1,11 +1,11 @@
 // What takes the required pauses out of the daemon of most tests: they take ten seconds a programming, and what a
-// programming does is the same without. The linker's --wrap sends the daemon's sleep and mts_recv here; the shipped one
-// is linked without this file.
+// programming does is the same without. The linker's --wrap sends the daemon's sleep and mts_recv here; the shipped
+// one is linked without this file.
 //
-// The daemon looks for its child's end a hundred times a second in place of once. A programming child waits as it does
-// everywhere, half an hour for a module that does not report its end; with a number of milliseconds in the card's file
-// /mnt/pss/child_receive_ms it waits that long in place of each second, also in a receive that is under way. As long as
-// the card has the file /mnt/pss/pauses, the programs of that card sleep as long as they should.
+// The daemon looks for its child's end a hundred times a second in place of once. A programming child waits as it
+// does everywhere, half an hour for a module that does not report its end; with a number of milliseconds in the
+// card's file /mnt/pss/child_receive_ms it waits that long in place of each second, also in a receive that is under
+// way. As long as the card has the file /mnt/pss/pauses, the programs of that card sleep as long as they should.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -45,9 +45,10 @@ void wait_for_message(std::int32_t handle)
     pollfd arrival = {mts_descriptor(handle), POLLIN, 0};
     const auto begin = steady_clock::now();
     for (;;) {
-        const milliseconds left = (is_daemon ? LOOK : child_receive_wait()) -
-                                  duration_cast<milliseconds>(steady_clock::now() - begin);
-        if (left <= milliseconds::zero() || ::poll(&arrival, 1, static_cast<int>(std::min(left, LOOK).count())) != 0)
+        const milliseconds left =
+            (is_daemon ? LOOK : child_receive_wait()) - duration_cast<milliseconds>(steady_clock::now() - begin);
+        if (left <= milliseconds::zero() ||
+            ::poll(&arrival, 1, static_cast<int>(std::min(left, LOOK).count())) != 0)
             return;
     }
 }

@@ -8,7 +8,6 @@
 #include <ostream>
 #include <string>
 
-
 // The ways to the flash: programmed sector by sector, or erased whole and then written.
 enum class flash_way : std::uint8_t { plain, chipset };
 const char *name_of(flash_way way);

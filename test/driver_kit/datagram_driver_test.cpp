@@ -66,7 +66,8 @@ bool send_bytes(const bound_port &port, mts_address_t to, const std::string &byt
 {
     mts_frame_header header = header_from(port);
     header.payload_bytes = static_cast<std::uint32_t>(bytes.size());
-    return tested_datagram_driver.send(port.get(), to, header, {bytes.data(), header.payload_bytes, nullptr, 0}, peer);
+    return tested_datagram_driver.send(port.get(), to, header, {bytes.data(), header.payload_bytes, nullptr, 0},
+                                       peer);
 }
 
 // What the driver has in hand within a time, past what it drops.
@@ -189,8 +190,8 @@ TEST_F(DatagramDriver, RecordIsComplete)
     ASSERT_NE(driver.name, nullptr);
     EXPECT_STRNE(driver.name, "");
     EXPECT_TRUE(driver.bind && driver.unbind && driver.abandon && driver.address && driver.descriptor &&
-                driver.receive && driver.send && driver.is_there && driver.is_bound && driver.nodes_with && driver.listen &&
-                driver.send_to_listeners);
+                driver.receive && driver.send && driver.is_there && driver.is_bound && driver.nodes_with &&
+                driver.listen && driver.send_to_listeners);
 }
 
 TEST_F(DatagramDriver, BindsTheAddressAskedFor)
@@ -227,7 +228,8 @@ TEST_F(DatagramDriver, FindsTheNodesOfAServiceAccessPoint)
     const bound_port second = bound(SAP, 1);
     const bound_port first = bound(SAP, 0);
     const bound_port other = bound(OTHER_SAP, 0);
-    EXPECT_EQ(tested_datagram_driver.nodes_with(SAP), (std::vector<std::uint32_t>{network_node(0), network_node(1)}));
+    EXPECT_EQ(tested_datagram_driver.nodes_with(SAP),
+              (std::vector<std::uint32_t>{network_node(0), network_node(1)}));
     peer_process gone(owner_of(OTHER_SAP + 1));
     ASSERT_TRUE(gone.is_ready());
     EXPECT_EQ(tested_datagram_driver.nodes_with(OTHER_SAP + 1).size(), 1U);
@@ -258,7 +260,8 @@ TEST_F(DatagramDriver, DeliversHeaderAndPayloadAsTheyWereGiven)
     ASSERT_TRUE(sender && receiver);
     mts_frame_header header = header_from(sender);
     header.payload_bytes = 7;
-    ASSERT_TRUE(tested_datagram_driver.send(sender.get(), address_of(receiver), header, {"abc", 3, "defg", 4}, nullptr));
+    ASSERT_TRUE(
+        tested_datagram_driver.send(sender.get(), address_of(receiver), header, {"abc", 3, "defg", 4}, nullptr));
 
     const auto message = received(receiver);
     ASSERT_NE(message, nullptr);
@@ -475,7 +478,8 @@ TEST_F(DatagramDriver, DeliversNoMoreToAnAddressThatWasGivenBack)
     };
     ASSERT_TRUE(listen_and_leave());
     const bound_port successor = bound(OTHER_SAP);
-    ASSERT_TRUE(tested_datagram_driver.send_to_listeners(sender.get(), header_from(sender), {nullptr, 0, nullptr, 0}));
+    ASSERT_TRUE(
+        tested_datagram_driver.send_to_listeners(sender.get(), header_from(sender), {nullptr, 0, nullptr, 0}));
     EXPECT_EQ(received(successor, 200'000), nullptr);
 }
 

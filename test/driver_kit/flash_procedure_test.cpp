@@ -70,10 +70,7 @@ protected:
         flash_progress progress(0, NO_ENDPOINT, 0, 0, 1, nullptr);
         return flash_program_image(flash, *opened, mode, progress);
     }
-    std::int32_t program(const bytes &wanted)
-    {
-        return program(*open_by(altered_driver), wanted);
-    }
+    std::int32_t program(const bytes &wanted) { return program(*open_by(altered_driver), wanted); }
     void expect_programmed(const bytes &wanted) const
     {
         bytes whole = wanted;
@@ -84,7 +81,8 @@ protected:
     static bool is_marked() { return open_by(tested_flash_driver)->is_marked(); }
 
     flash_geometry geometry_;
-    const std::string image_path_ = std::filesystem::temp_directory_path() / ("image." + std::to_string(::getpid()));
+    const std::string image_path_ =
+        std::filesystem::temp_directory_path() / ("image." + std::to_string(::getpid()));
 };
 
 } // namespace

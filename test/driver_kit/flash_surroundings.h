@@ -1,5 +1,5 @@
-// What the driver kit needs of a driver's surroundings: flashes to try the driver on. Everything else it does through
-// the record. A driver that is to be tested brings an implementation of these.
+// What the driver kit needs of a driver's surroundings: flashes to try the driver on. Everything else it does
+// through the record. A driver that is to be tested brings an implementation of these.
 #pragma once
 
 #include <cstdint>

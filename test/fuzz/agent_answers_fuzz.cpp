@@ -1,5 +1,5 @@
-// What biosctl reads of agents' answers. Whatever an answer says, its records are whole, name what a chassis can have,
-// and every text can be printed.
+// What biosctl reads of agents' answers. Whatever an answer says, its records are whole, name what a chassis can
+// have, and every text can be printed.
 //
 //   kind of answer (1 byte), answer
 #include <algorithm>
@@ -53,7 +53,8 @@ void expect_sound(const told_versions &versions)
     expect_printable(versions.running);
     for (const told_flash_version &flash : versions.flashes) {
         expect_printable(flash.version);
-        require(flash.version.empty() || (!flash.marked && !flash.has_writer), "a flash that changes has no version");
+        require(flash.version.empty() || (!flash.marked && !flash.has_writer),
+                "a flash that changes has no version");
     }
 }
 

@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 
 #include "fuzz_input.h"
-#include "socket_datagram.h"
 #include "open_descriptor_check.h"
+#include "socket_datagram.h"
 
 namespace
 {

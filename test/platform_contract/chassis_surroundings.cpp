@@ -25,8 +25,8 @@
 #include "chassis_dir.h"
 #include "flash_claim.h"
 #include "flash_geometry.h"
-#include "nor_file_layout.h"
 #include "loader_file.h"
+#include "nor_file_layout.h"
 
 namespace
 {

@@ -57,9 +57,10 @@ TEST_F(CmiRemoteReqResp, SendsTheFirstTagAsBodyWhenTheRequestIsTheLengthItself)
 {
     peer_->tell("answer echo 1");
     length_ = 7;
-    ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, &length_, &response_, &length_, "tag one and more",
-                                              "tag two", peer_sap(), peer_node_, own_endpoint(), 20)),
-              0);
+    ASSERT_EQ(
+        result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, &length_, &response_, &length_,
+                                        "tag one and more", "tag two", peer_sap(), peer_node_, own_endpoint(), 20)),
+        0);
     const std::string line = peer_->answer();
     EXPECT_EQ(line.substr(line.rfind(' ') + 1, 14), hex_of("tag one"));
 }
@@ -117,8 +118,8 @@ TEST_F(CmiRemoteReqResp, FailsWithEconnrefusedWhenNobodyHasTheAddress)
 {
     length_ = 1;
     errno = 0;
-    EXPECT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &response_, &length_, "", "", contract_sap(3),
-                                              peer_node_, own_endpoint(), 20)),
+    EXPECT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &response_, &length_, "", "",
+                                              contract_sap(3), peer_node_, own_endpoint(), 20)),
               -1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(response_, nullptr);

@@ -27,8 +27,8 @@ protected:
     {
         peer_->tell("answer bytes " + hex_of(bytes));
         std::uint32_t length = 1;
-        ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &answer_, &length, "", "", peer_sap(),
-                                                  peer_node_, own_endpoint(), 20)),
+        ASSERT_EQ(result_code(cmi_remote_req_resp(TEST_OPCODE, REQUEST_TYPE, "x", &answer_, &length, "", "",
+                                                  peer_sap(), peer_node_, own_endpoint(), 20)),
                   0);
         ASSERT_EQ(length, bytes.size());
     }

@@ -1,5 +1,5 @@
-// The whole of a file in one piece. Byte by byte, as an iterator takes it, a flash of some mebibytes takes seconds in a
-// test that is compiled without optimisation.
+// The whole of a file in one piece. Byte by byte, as an iterator takes it, a flash of some mebibytes takes seconds
+// in a test that is compiled without optimisation.
 #pragma once
 
 #include <istream>

@@ -63,7 +63,8 @@ bool erase(flash_part *part, std::uint32_t sector)
     if (!may_change(part, sector))
         return false;
     ++part->wear.erases;
-    std::fill_n(part->flash.bytes.begin() + static_cast<std::ptrdiff_t>(sector * sector_bytes), sector_bytes, FLASH_ERASED_BYTE);
+    std::fill_n(part->flash.bytes.begin() + static_cast<std::ptrdiff_t>(sector * sector_bytes), sector_bytes,
+                FLASH_ERASED_BYTE);
     return true;
 }
 

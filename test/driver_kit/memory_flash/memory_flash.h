@@ -1,5 +1,5 @@
-// A flash driver of a few lines: flashes in the memory of this process. They have the manners that the record asks for
-// and no others: bits that a program would have to set are set.
+// A flash driver of a few lines: flashes in the memory of this process. They have the manners that the record asks
+// for and no others: bits that a program would have to set are set.
 #pragma once
 
 #include <set>
@@ -12,7 +12,7 @@ extern const flash_driver memory_flash_driver;
 // A flash of the process, that opened parts use; it begins without one.
 struct memory_flash {
     flash_geometry geometry = {};
-    std::vector<std::uint8_t> bytes = {};        // geometry.size_bytes of them; none: there is no such flash
+    std::vector<std::uint8_t> bytes = {}; // geometry.size_bytes of them; none: there is no such flash
     std::set<std::uint32_t> protected_sectors = {};
     bool marked = false;
     bool has_writer = false;

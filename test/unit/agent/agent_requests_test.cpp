@@ -179,7 +179,8 @@ TEST_F(AgentRequests, FlashThatTheCardHasNotIsSaidSo)
 
 TEST_F(AgentRequests, BodyOfAnotherLengthIsRefused)
 {
-    for (const std::uint32_t opcode : {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U, 4817U, 4818U, 4860U, 4861U, 4863U}) {
+    for (const std::uint32_t opcode :
+         {4810U, 4811U, 4812U, 4813U, 4814U, 4815U, 4816U, 4817U, 4818U, 4860U, 4861U, 4863U}) {
         const std::size_t wanted = opcode == 4812 || opcode == 4814   ? 4
                                    : opcode == 4813 || opcode == 4818 ? 12
                                    : opcode == 4817                   ? 236

@@ -79,7 +79,8 @@ TEST(ProgrammingOutcome, ZeroOfAKilledProcessIsWithoutAResult)
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::attempt), AGENT_OUTCOME_WITHOUT_RESULT);
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0x40710009),
               AGENT_OUTCOME_WITHOUT_RESULT);
-    EXPECT_EQ(outcome_after("2026-01-31T11:00:00.000Z"), AGENT_OUTCOME_WITHOUT_RESULT) << "of the programming before";
+    EXPECT_EQ(outcome_after("2026-01-31T11:00:00.000Z"), AGENT_OUTCOME_WITHOUT_RESULT)
+        << "of the programming before";
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.501Z"), AGENT_OUTCOME_WITHOUT_RESULT) << "of a later one";
 }
 

@@ -251,8 +251,9 @@ TEST(EventsTable, NamesWhoAskedForWhat)
                       .host = "desk"};
     table events = events_table();
     add_event(events, event);
-    EXPECT_NE(text_of({events}, {}).find("1 MiB v3.5.0(09/17/12) over v3.1.0(02/11/11), by ops@desk, "
-                                        "SHA-256 0123456789abcdef\n"),
+    EXPECT_NE(text_of({events}, {})
+                  .find("1 MiB v3.5.0(09/17/12) over v3.1.0(02/11/11), by ops@desk, "
+                        "SHA-256 0123456789abcdef\n"),
               std::string::npos)
         << text_of({events}, {});
     const auto json = event_json(event);

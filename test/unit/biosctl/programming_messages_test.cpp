@@ -33,15 +33,15 @@ TEST(ProgrammingRequest, WithoutAnImageSaysThatNoneIsNamed)
 TEST(ProgrammingRequest, WithAnImageCarriesTheUriAndClearsTheFlag)
 {
     EXPECT_EQ(encode_programming_request({.module = 5, .image = "file:///a"}).body, literal({{3, 5},
-                                                                                        {12, 'f'},
-                                                                                        {13, 'i'},
-                                                                                        {14, 'l'},
-                                                                                        {15, 'e'},
-                                                                                        {16, ':'},
-                                                                                        {17, '/'},
-                                                                                        {18, '/'},
-                                                                                        {19, '/'},
-                                                                                        {20, 'a'}}));
+                                                                                             {12, 'f'},
+                                                                                             {13, 'i'},
+                                                                                             {14, 'l'},
+                                                                                             {15, 'e'},
+                                                                                             {16, ':'},
+                                                                                             {17, '/'},
+                                                                                             {18, '/'},
+                                                                                             {19, '/'},
+                                                                                             {20, 'a'}}));
 }
 
 TEST(ProgrammingRequest, CarriesTheTypeInItsLastByte)

@@ -107,17 +107,19 @@ TEST(ProgrammingResult, EndingsThatDifferHaveDifferentNames)
     std::set<std::string> names;
     for (int ending = 0; ending <= static_cast<int>(programming_ending::other_version); ++ending)
         names.insert(ending_name(static_cast<programming_ending>(ending)));
-    EXPECT_EQ(names.size(), 14U) << "a programming goes on after Ctrl-C as after a time limit, and nothing is to do";
+    EXPECT_EQ(names.size(), 14U)
+        << "a programming goes on after Ctrl-C as after a time limit, and nothing is to do";
 }
 
 TEST(SeriesJson, HasARowForEachModule)
 {
     const programming_result untried{.subject = {.asked_module = 28}};
     const auto rows = series_json(std::vector{ended(watch_end::reported, 0, 100), untried});
-    EXPECT_EQ(rows[0].dump(),
-              R"({"module":5,"outcome":"programmed and verified","exit_code":0,"programmed_module":5,)"
-              R"("serving_slot":27,"image":null,"version":null,"old_version":null,"verified":true,"elapsed_s":42,"percent":100,"attempt":1,)"
-              R"("result":"0x00000000","flash":"programmed and verified",)"
-              R"("next":"reboot the card for the new BIOS to take effect"})");
+    EXPECT_EQ(
+        rows[0].dump(),
+        R"({"module":5,"outcome":"programmed and verified","exit_code":0,"programmed_module":5,)"
+        R"("serving_slot":27,"image":null,"version":null,"old_version":null,"verified":true,"elapsed_s":42,"percent":100,"attempt":1,)"
+        R"("result":"0x00000000","flash":"programmed and verified",)"
+        R"("next":"reboot the card for the new BIOS to take effect"})");
     EXPECT_EQ(rows[1].dump(), R"({"module":28,"outcome":"not tried"})");
 }

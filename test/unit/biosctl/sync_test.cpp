@@ -14,7 +14,8 @@ namespace
 constexpr const char *OLD = "v3.1.0(02/11/11)";
 constexpr const char *NEW = "v3.5.0(09/17/12)";
 
-// The supervisors are in the slots 27 (active) and 28 (standby); the line card of slot 5 serves nothing, and has no agent.
+// The supervisors are in the slots 27 (active) and 28 (standby); the line card of slot 5 serves nothing, and has no
+// agent.
 class Sync : public ::testing::Test
 {
 protected:

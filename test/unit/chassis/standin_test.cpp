@@ -154,7 +154,7 @@ protected:
         fs::remove_all(chassis_ + "/" + flash_folder_path(LINE_CARD_SLOT, 0));
         fs::create_directories(slot_file("flash"));
         ASSERT_EQ(nor_file_create(LINE_CARD_SLOT, 0, {.size_bytes = FLASH_BYTES, .sector_bytes = FLASH_BYTES},
-                                      chassis_ + "/image"),
+                                  chassis_ + "/image"),
                   0);
     }
 

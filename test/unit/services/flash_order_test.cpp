@@ -77,9 +77,12 @@ TEST(FlashOrderText, IsNoneWhenAnythingIsAmiss)
     EXPECT_FALSE(flash_order_parse(text.substr(1)));
     for (std::size_t length = 0; length < text.size(); ++length)
         EXPECT_FALSE(flash_order_parse(text.substr(0, length))) << length;
-    for (const auto &[good, bad] :
-         {std::pair("state ordered", "state done"), {"id 77", "id x"}, {"id 77", "id 077"}, {"sha256 ab", "sha256 AB"},
-          {"size_bytes 8388608", "size_bytes -1"}, {"forced 1", "forced 99999999999"}}) {
+    for (const auto &[good, bad] : {std::pair("state ordered", "state done"),
+                                    {"id 77", "id x"},
+                                    {"id 77", "id 077"},
+                                    {"sha256 ab", "sha256 AB"},
+                                    {"size_bytes 8388608", "size_bytes -1"},
+                                    {"forced 1", "forced 99999999999"}}) {
         std::string changed = text;
         changed.replace(changed.find(good), std::string(good).size(), bad);
         EXPECT_FALSE(flash_order_parse(changed)) << bad;

@@ -362,7 +362,8 @@ TEST_F(FlashProgramming, RefusesImagesThatDoNotFitAndTouchesNothing)
     const flash_bytes before = random_image(SMALL_FLASH.size_bytes);
     create_flash(0, SMALL_FLASH, before);
     EXPECT_EQ(program(file_of("empty", {})), BIOS_FLASH_ERR_IMAGE_SIZE);
-    EXPECT_EQ(program(file_of("large", random_image(SMALL_FLASH.size_bytes + 1))), bios_signed(BIOS_REFUSED_TOO_LARGE));
+    EXPECT_EQ(program(file_of("large", random_image(SMALL_FLASH.size_bytes + 1))),
+              bios_signed(BIOS_REFUSED_TOO_LARGE));
     EXPECT_EQ(program(dir), BIOS_FLASH_ERR_IMAGE_SIZE);
     EXPECT_EQ(program("/dev/zero"), BIOS_FLASH_ERR_IMAGE_SIZE);
     const std::string huge = file_of("huge", {});

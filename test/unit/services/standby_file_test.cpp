@@ -42,7 +42,10 @@ protected:
         std::ifstream file(destination());
         return rest_of(file);
     }
-    int place() const { return place_file_in_card_root(STANDBY, (folder_ + "/source").c_str(), "/bootflash/image"); }
+    int place() const
+    {
+        return place_file_in_card_root(STANDBY, (folder_ + "/source").c_str(), "/bootflash/image");
+    }
     std::ptrdiff_t files_there() const
     {
         return std::distance(fs::directory_iterator(fs::path(destination()).parent_path()), {});

@@ -174,8 +174,7 @@ inline int echo_for_ever(std::int32_t handle)
             continue;
         const auto *payload = static_cast<const std::uint8_t *>(mts_payload_get(message.get()));
         cmi_response(payload + MTS_REQUEST_HEADER_BYTES,
-                     mts_payload_length(message.get()) - MTS_REQUEST_HEADER_BYTES, handle, message.get(),
-                     0);
+                     mts_payload_length(message.get()) - MTS_REQUEST_HEADER_BYTES, handle, message.get(), 0);
     }
 }
 

@@ -17,7 +17,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr unsigned CALLS = 200;               // more than go by before anything is watched
+constexpr unsigned CALLS = 200; // more than go by before anything is watched
 constexpr useconds_t SEVERAL_TICKS_US = 30'000;
 
 class WatchedFile : public testing::Test
@@ -75,11 +75,16 @@ TEST_F(WatchedFile, TellsOfEachKindOfChange)
 {
     watched_file file("transport/rules");
     const std::string path = chassis_ + "/transport/rules";
-    expect_told(file, [&] { fs::create_directory(chassis_ + "/transport"); }, "its folder was made");
-    expect_told(file, [&] { write("transport/rules", "first"); }, "it was made");
-    expect_told(file, [&] { write("transport/rules", "other"); }, "it was written");
-    expect_told(file, [&] { std::ofstream(path, std::ios::app) << "more"; }, "it was extended");
-    expect_told(file, [&] { fs::resize_file(path, 0); }, "it was emptied");
+    expect_told(
+        file, [&] { fs::create_directory(chassis_ + "/transport"); }, "its folder was made");
+    expect_told(
+        file, [&] { write("transport/rules", "first"); }, "it was made");
+    expect_told(
+        file, [&] { write("transport/rules", "other"); }, "it was written");
+    expect_told(
+        file, [&] { std::ofstream(path, std::ios::app) << "more"; }, "it was extended");
+    expect_told(
+        file, [&] { fs::resize_file(path, 0); }, "it was emptied");
     expect_told(
         file,
         [&] {
@@ -87,13 +92,19 @@ TEST_F(WatchedFile, TellsOfEachKindOfChange)
             fs::rename(chassis_ + "/transport/fresh", path);
         },
         "it was replaced");
-    expect_told(file, [&] { write("transport/rules", "written again"); }, "the replacement was written");
-    expect_told(file, [&] { fs::rename(path, chassis_ + "/elsewhere"); }, "it was moved away");
-    expect_told(file, [&] { fs::rename(chassis_ + "/elsewhere", path); }, "it came back");
-    expect_told(file, [&] { fs::remove(path); }, "it was removed");
+    expect_told(
+        file, [&] { write("transport/rules", "written again"); }, "the replacement was written");
+    expect_told(
+        file, [&] { fs::rename(path, chassis_ + "/elsewhere"); }, "it was moved away");
+    expect_told(
+        file, [&] { fs::rename(chassis_ + "/elsewhere", path); }, "it came back");
+    expect_told(
+        file, [&] { fs::remove(path); }, "it was removed");
     write("transport/rules", "last");
-    expect_told(file, [&] { fs::remove_all(chassis_ + "/transport"); }, "its folder was removed");
-    expect_told(file, [&] { write("transport/rules", "anew"); }, "both were made anew");
+    expect_told(
+        file, [&] { fs::remove_all(chassis_ + "/transport"); }, "its folder was removed");
+    expect_told(
+        file, [&] { write("transport/rules", "anew"); }, "both were made anew");
 }
 
 TEST_F(WatchedFile, TellsOfTheChangeOfALinkedFile)
@@ -102,7 +113,8 @@ TEST_F(WatchedFile, TellsOfTheChangeOfALinkedFile)
     fs::create_directory(chassis_ + "/transport");
     fs::create_symlink("../rules", chassis_ + "/transport/rules");
     watched_file file("transport/rules");
-    expect_told(file, [&] { write("rules", "other"); }, "what the link leads to was written");
+    expect_told(
+        file, [&] { write("rules", "other"); }, "what the link leads to was written");
 }
 
 TEST_F(WatchedFile, AnotherFileChangesNothing)
@@ -137,7 +149,8 @@ TEST_F(WatchedFile, OneThatIsAskedForLaterIsWatchedToo)
     write("later/rules", "text");
     watched_file second("later/rules");
     EXPECT_TRUE(second.may_have_changed());
-    expect_told(second, [&] { write("later/rules", "other"); }, "it was written");
+    expect_told(
+        second, [&] { write("later/rules", "other"); }, "it was written");
 }
 
 TEST_F(WatchedFile, AForkedChildTakesNothingFromItsParent)
@@ -170,7 +183,8 @@ TEST_F(WatchedFile, FollowsItsProcessToAnotherChassis)
     chassis_ = name;
     attach();
     EXPECT_TRUE(file.may_have_changed());
-    expect_told(file, [&] { write("rules", "text"); }, "made in the second chassis");
+    expect_told(
+        file, [&] { write("rules", "text"); }, "made in the second chassis");
     fs::remove_all(first);
 }
 
