@@ -1,14 +1,7 @@
 #include "md5.h"
 
-#include <algorithm>
-#include <bit>
-#include <cstring>
-
 namespace
 {
-
-constexpr std::size_t BLOCK_BYTES = 64;
-constexpr std::size_t LENGTH_BYTES = 8;
 
 // The integer parts of 2^32 times the sines of 1 to 64, without their signs.
 constexpr std::uint32_t CONSTANTS[64] = {
@@ -22,57 +15,13 @@ constexpr std::uint32_t CONSTANTS[64] = {
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 constexpr int SHIFTS[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
-std::uint32_t word_at(const std::uint8_t *bytes)
-{
-    return std::uint32_t{bytes[3]} << 24 | std::uint32_t{bytes[2]} << 16 | std::uint32_t{bytes[1]} << 8 |
-           std::uint32_t{bytes[0]};
-}
-
 } // namespace
 
-void md5::add(const void *bytes, std::size_t count)
-{
-    if (count == 0)
-        return; // there may be no bytes to point at
-    const auto *next = static_cast<const std::uint8_t *>(bytes);
-    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
-    length_ += count;
-    if (filled != 0) {
-        const std::size_t taken = std::min(count, BLOCK_BYTES - filled);
-        std::memcpy(waiting_.data() + filled, next, taken);
-        if (filled + taken < BLOCK_BYTES)
-            return;
-        take_block(waiting_.data());
-        next += taken;
-        count -= taken;
-    }
-    for (; count >= BLOCK_BYTES; next += BLOCK_BYTES, count -= BLOCK_BYTES)
-        take_block(next);
-    if (count != 0)
-        std::memcpy(waiting_.data(), next, count);
-}
+template class block_hash<md5_rounds>;
 
-md5_digest md5::digest()
+void md5_rounds::take_block(const std::array<std::uint32_t, 16> &words)
 {
-    const std::uint64_t bits = length_ * 8;
-    std::uint8_t end[BLOCK_BYTES + LENGTH_BYTES] = {0x80};
-    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
-    const std::size_t zeros_end =
-        filled < BLOCK_BYTES - LENGTH_BYTES ? BLOCK_BYTES - LENGTH_BYTES : 2 * BLOCK_BYTES - LENGTH_BYTES;
-    const std::size_t padding = zeros_end - filled;
-    for (std::size_t k = 0; k < LENGTH_BYTES; ++k)
-        end[padding + k] = static_cast<std::uint8_t>(bits >> (8 * k));
-    add(end, padding + LENGTH_BYTES);
-
-    md5_digest digest;
-    for (std::size_t k = 0; k < digest.size(); ++k)
-        digest[k] = static_cast<std::uint8_t>(state_[k / 4] >> (8 * (k % 4)));
-    return digest;
-}
-
-void md5::take_block(const std::uint8_t *block)
-{
-    auto [a, b, c, d] = state_;
+    auto [a, b, c, d] = state;
     for (std::size_t k = 0; k < 64; ++k) {
         std::uint32_t mixed = 0;
         std::size_t word = k;
@@ -92,13 +41,13 @@ void md5::take_block(const std::uint8_t *block)
             mixed = c ^ (b | ~d);
             word = 7 * k;
         }
-        const std::uint32_t sum = a + mixed + CONSTANTS[k] + word_at(block + 4 * (word % 16));
+        const std::uint32_t sum = a + mixed + CONSTANTS[k] + words[word % 16];
         a = d;
         d = c;
         c = b;
         b += std::rotl(sum, SHIFTS[k / 16][k % 4]);
     }
     const std::uint32_t added[] = {a, b, c, d};
-    for (std::size_t k = 0; k < state_.size(); ++k)
-        state_[k] += added[k];
+    for (std::size_t k = 0; k < state.size(); ++k)
+        state[k] += added[k];
 }

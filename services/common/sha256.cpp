@@ -1,16 +1,11 @@
 #include "sha256.h"
 
 #include <algorithm>
-#include <bit>
-#include <cstring>
 
 #include "hex_text.h"
 
 namespace
 {
-
-constexpr std::size_t BLOCK_BYTES = 64;
-constexpr std::size_t LENGTH_BYTES = 8;
 
 // The first 32 bits of the fractional parts of the cube roots of the first 64 primes.
 constexpr std::uint32_t CONSTANTS[64] = {
@@ -22,12 +17,6 @@ constexpr std::uint32_t CONSTANTS[64] = {
     0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
     0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
     0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
-
-constexpr std::uint32_t word_at(const std::uint8_t *bytes)
-{
-    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-           std::uint32_t{bytes[3]};
-}
 
 constexpr std::uint32_t small_sigma_0(std::uint32_t x)
 {
@@ -51,56 +40,17 @@ constexpr std::uint32_t big_sigma_1(std::uint32_t x)
 
 } // namespace
 
-void sha256::add(const void *bytes, std::size_t count)
-{
-    if (count == 0)
-        return; // there may be no bytes to point at
-    const auto *next = static_cast<const std::uint8_t *>(bytes);
-    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
-    length_ += count;
-    if (filled != 0) {
-        const std::size_t taken = std::min(count, BLOCK_BYTES - filled);
-        std::memcpy(waiting_.data() + filled, next, taken);
-        if (filled + taken < BLOCK_BYTES)
-            return;
-        take_block(waiting_.data());
-        next += taken;
-        count -= taken;
-    }
-    for (; count >= BLOCK_BYTES; next += BLOCK_BYTES, count -= BLOCK_BYTES)
-        take_block(next);
-    if (count != 0)
-        std::memcpy(waiting_.data(), next, count);
-}
+template class block_hash<sha256_rounds>;
 
-sha256_digest sha256::digest()
-{
-    const std::uint64_t bits = length_ * 8;
-    std::uint8_t end[BLOCK_BYTES + LENGTH_BYTES] = {0x80};
-    const auto filled = static_cast<std::size_t>(length_ % BLOCK_BYTES);
-    const std::size_t zeros_end =
-        filled < BLOCK_BYTES - LENGTH_BYTES ? BLOCK_BYTES - LENGTH_BYTES : 2 * BLOCK_BYTES - LENGTH_BYTES;
-    const std::size_t padding = zeros_end - filled;
-    for (std::size_t k = 0; k < LENGTH_BYTES; ++k)
-        end[padding + k] = static_cast<std::uint8_t>(bits >> (56 - 8 * k));
-    add(end, padding + LENGTH_BYTES);
-
-    sha256_digest digest;
-    for (std::size_t k = 0; k < digest.size(); ++k)
-        digest[k] = static_cast<std::uint8_t>(state_[k / 4] >> (24 - 8 * (k % 4)));
-    return digest;
-}
-
-void sha256::take_block(const std::uint8_t *block)
+void sha256_rounds::take_block(const std::array<std::uint32_t, 16> &words)
 {
     std::uint32_t schedule[64];
-    for (std::size_t k = 0; k < 16; ++k)
-        schedule[k] = word_at(block + 4 * k);
+    std::copy(words.begin(), words.end(), schedule);
     for (std::size_t k = 16; k < 64; ++k)
         schedule[k] =
             schedule[k - 16] + small_sigma_0(schedule[k - 15]) + schedule[k - 7] + small_sigma_1(schedule[k - 2]);
 
-    auto [a, b, c, d, e, f, g, h] = state_;
+    auto [a, b, c, d, e, f, g, h] = state;
     for (std::size_t k = 0; k < 64; ++k) {
         const std::uint32_t first = h + big_sigma_1(e) + ((e & f) ^ (~e & g)) + CONSTANTS[k] + schedule[k];
         const std::uint32_t second = big_sigma_0(a) + ((a & b) ^ (a & c) ^ (b & c));
@@ -114,8 +64,8 @@ void sha256::take_block(const std::uint8_t *block)
         a = first + second;
     }
     const std::uint32_t added[] = {a, b, c, d, e, f, g, h};
-    for (std::size_t k = 0; k < state_.size(); ++k)
-        state_[k] += added[k];
+    for (std::size_t k = 0; k < state.size(); ++k)
+        state[k] += added[k];
 }
 
 std::string sha256_text(const sha256_digest &digest)
