@@ -10,6 +10,7 @@
 
 #include "chassis_dir.h"
 #include "flash_geometry.h"
+#include "hex_text.h"
 #include "line_file.h"
 #include "monotonic_clock.h"
 #include "printable_text.h"
@@ -63,23 +64,12 @@ bool take_state(flash_order &order, std::string_view text)
     return name != std::end(STATE_NAMES);
 }
 
-bool take_digest(flash_order &order, std::string_view text)
-{
-    if (text.size() != 2 * order.sha256.size())
-        return false;
-    for (std::size_t i = 0; i < order.sha256.size(); ++i) {
-        const char *digits = text.data() + 2 * i;
-        if (std::from_chars(digits, digits + 2, order.sha256[i], 16).ptr != digits + 2)
-            return false;
-    }
-    return sha256_text(order.sha256) == text;
-}
-
 constexpr field_row FIELDS[] = {
     number_row<&flash_order::id>("id"),
     {"state", [](const flash_order &order) { return std::string(flash_order_state_name(order.state)); },
      take_state},
-    {"sha256", [](const flash_order &order) { return sha256_text(order.sha256); }, take_digest},
+    {"sha256", [](const flash_order &order) { return sha256_text(order.sha256); },
+     [](flash_order &order, std::string_view text) { return parse_hex_text(text, order.sha256); }},
     number_row<&flash_order::size_bytes>("size_bytes"),
     text_row<&flash_order::version>("version"),
     number_row<&flash_order::family>("family"),
