@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "chassis_dir.h"
+#include "regular_file.h"
 #include "unique_fd.h"
 #include "write_all.h"
 
@@ -101,20 +102,6 @@ unique_fd open_folder(int root_fd, const std::vector<std::string> &folders)
     return folder;
 }
 
-unique_fd open_source(const char *path, struct stat &status)
-{
-    unique_fd source(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); // a FIFO shall not hold the caller
-    if (!source)
-        return source;
-    if (::fstat(source.get(), &status) != 0)
-        return unique_fd();
-    if (!S_ISREG(status.st_mode)) {
-        source.reset();
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    }
-    return source;
-}
-
 bool copy_content(int source, int destination)
 {
     std::vector<char> piece(PIECE_BYTES);
@@ -178,10 +165,10 @@ int place_file_in_card_root(unsigned slot, const char *source, const char *desti
     if (!target.folders.empty() && target.folders.front() == "bootflash" && has_private_bootflash(slot))
         return failure(ENOTSUP);
 
+    const unique_fd content = open_regular_file(source);
     struct stat status {
     };
-    const unique_fd content = open_source(source, status);
-    if (!content)
+    if (!content || ::fstat(content.get(), &status) != 0)
         return -1;
     const std::string root_path = chassis_slot_path(slot, "root");
     const unique_fd root(::openat(chassis_dir_fd(), root_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
