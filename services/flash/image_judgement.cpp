@@ -91,7 +91,8 @@ std::uint32_t judge_image(const image_facts &image, const flash_facts &flash, co
     }
     if (!flash.policy.passes_signature(image.signature))
         return signature_refusal(image.signature);
-    return image.manifest.security_version < flash.security_floor ? BIOS_REFUSED_SECURITY : 0U;
+    const std::uint32_t believed = image.signature == AGENT_OK ? image.manifest.security_version : 0;
+    return believed < flash.security_floor ? BIOS_REFUSED_SECURITY : 0U;
 }
 
 bool is_older_version(std::string_view version, std::string_view than)

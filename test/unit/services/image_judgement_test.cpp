@@ -121,6 +121,10 @@ TEST(ImageJudgement, RefusesASecurityVersionBelowTheFloorWhateverIsForced)
     EXPECT_EQ(judged(of, {.is_ordered = true, .forced = BIOS_FORCE_ALL}), BIOS_REFUSED_SECURITY);
     of.image.manifest_state = image_manifest_state::intact;
     of.image.manifest.security_version = 2;
+    EXPECT_EQ(judged(of, ORDERED), BIOS_REFUSED_SECURITY) << "anybody can write that into a manifest";
+    of.image.signature = AGENT_ERR_KEY_UNKNOWN;
+    EXPECT_EQ(judged(of, ORDERED), BIOS_REFUSED_SECURITY);
+    of.image.signature = AGENT_OK;
     EXPECT_EQ(judged(of, ORDERED), 0U);
 }
 
