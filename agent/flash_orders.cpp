@@ -4,8 +4,8 @@
 #include <cstring>
 #include <memory>
 
-#include "bios_header.h"
 #include "bios_refusals.h"
+#include "card_demands.h"
 #include "card_identification.h"
 #include "chassis_dir.h"
 #include "flash_device.h"
@@ -20,18 +20,47 @@
 namespace
 {
 
-// What the flash holds now; none when it cannot be opened.
-std::optional<flash_facts> facts_of(unsigned instance)
+// What an order is judged against; none when that cannot be found out.
+//   failure_out  why not
+std::optional<flash_facts> facts_of(unsigned instance, agent_status &failure_out)
 {
     const auto flash = flash_device::open(instance, flash_access::read);
-    if (!flash)
+    if (!flash) {
+        failure_out = AGENT_ERR_FLASH;
         return std::nullopt;
-    flash_facts facts;
-    facts.size_bytes = flash->geometry().size_bytes;
-    std::uint8_t header[BIOS_HEADER_BYTES];
-    if (!flash->is_marked() && flash->read(0, header, sizeof header))
-        facts.version = bios_version_in(header);
+    }
+    flash_facts facts{.size_bytes = flash->geometry().size_bytes, .version = version_in_flash(*flash)};
+    if (!read_card_demands(facts)) {
+        failure_out = static_cast<agent_status>(BIOS_REFUSED_NOT_CHECKED);
+        return std::nullopt;
+    }
     return facts;
+}
+
+// What was told of an image; none when no agent tells that.
+std::optional<image_facts> facts_of(const agent_image_t &told)
+{
+    image_facts image{.size_bytes = told.size_bytes.load(),
+                      .version = field_text(told.version).text,
+                      .signature = told.signature.load()};
+    switch (told.manifest_state.load()) {
+    case AGENT_MANIFEST_NONE:
+        return image;
+    case AGENT_MANIFEST_DAMAGED:
+        image.manifest_state = image_manifest_state::damaged;
+        return image;
+    case AGENT_MANIFEST_INTACT:
+        break;
+    default:
+        return std::nullopt;
+    }
+    image_manifest_record record;
+    static_assert(sizeof record == sizeof told.manifest);
+    std::memcpy(&record, told.manifest, sizeof record);
+    if (image_manifest_load(record, image.manifest) != nullptr)
+        return std::nullopt;
+    image.manifest_state = image_manifest_state::intact;
+    return image;
 }
 
 std::uint64_t new_id(const std::optional<flash_order> &last)
@@ -48,13 +77,13 @@ std::uint32_t own_family()
 flash_order order_of(const agent_order_req_t &request)
 {
     flash_order order;
-    std::copy(std::begin(request.sha256), std::end(request.sha256), order.sha256.begin());
-    order.size_bytes = request.size_bytes.load();
+    std::ranges::copy(request.image.sha256, order.sha256.begin());
+    order.size_bytes = request.image.size_bytes.load();
     order.family = own_family();
     order.forced = request.forced.load();
     order.renewed_s = flash_order_clock_s();
-    order.version = field_text(request.version).text;
-    order.image = field_text(request.image).text;
+    order.version = field_text(request.image.version).text;
+    order.image = field_text(request.from).text;
     order.user = field_text(request.user).text;
     order.host = field_text(request.host).text;
     order.ordered_at = order.changed_at = utc_now();
@@ -92,8 +121,11 @@ void record_own_family()
 answer order_answer(const agent_order_req_t &request)
 {
     const unsigned instance = request.instance.load();
-    if (instance >= FLASH_INSTANCE_COUNT || (request.forced.load() & ~BIOS_FORCE_ALL) != 0)
-        return instance >= FLASH_INSTANCE_COUNT ? AGENT_ERR_FLASH : AGENT_ERR_REQUEST;
+    const auto image = facts_of(request.image);
+    if (instance >= FLASH_INSTANCE_COUNT)
+        return AGENT_ERR_FLASH;
+    if (!image || (request.forced.load() & ~BIOS_FORCE_ALL) != 0)
+        return AGENT_ERR_REQUEST;
     const unsigned slot = chassis_own_slot();
     const flash_orders_lock lock(slot);
     if (!lock.is_held())
@@ -103,12 +135,12 @@ answer order_answer(const agent_order_req_t &request)
         return AGENT_ERR_ORDER_LIVE;
     if (programming_child_lives(slot))
         return AGENT_ERR_PROGRAMMING;
-    const auto flash = facts_of(instance);
+    agent_status failure = AGENT_OK;
+    const auto flash = facts_of(instance, failure);
     if (!flash)
-        return AGENT_ERR_FLASH;
+        return failure;
     flash_order order = order_of(request);
-    const std::uint32_t refusal = judge_image({.size_bytes = order.size_bytes, .version = order.version}, *flash,
-                                              {.is_ordered = true, .forced = order.forced});
+    const std::uint32_t refusal = judge_image(*image, *flash, {.is_ordered = true, .forced = order.forced});
     if (refusal != 0)
         return static_cast<agent_status>(refusal);
     const bool is_ordered = request.judge_only.load() == 0;

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "image_signature.h"
 #include "trusted_keys.h"
 #include "unique_fd.h"
 
@@ -24,7 +23,22 @@ unique_fd open_image(const char *path)
     return file;
 }
 
-agent_status status_of(image_signature_state state)
+agent_verified_t record_of(const image_reading &reading)
+{
+    agent_verified_t verified{};
+    verified.size_bytes = be64::of(reading.size_bytes);
+    std::copy(reading.sha256.begin(), reading.sha256.end(), verified.sha256);
+    const image_key_id &key_id = *reading.manifest.key_id;
+    static_assert(sizeof key_id == sizeof verified.key_id);
+    std::copy(key_id.begin(), key_id.end(), verified.key_id);
+    verified.family = be32::of(reading.manifest.family);
+    verified.security_version = be32::of(reading.manifest.security_version);
+    return verified;
+}
+
+} // namespace
+
+agent_status signature_status_of(image_signature_state state)
 {
     switch (state) {
     case image_signature_state::good:
@@ -43,21 +57,6 @@ agent_status status_of(image_signature_state state)
     return AGENT_ERR_SIGNATURE;
 }
 
-agent_verified_t record_of(const image_reading &reading)
-{
-    agent_verified_t verified{};
-    verified.size_bytes = be64::of(reading.size_bytes);
-    std::copy(reading.sha256.begin(), reading.sha256.end(), verified.sha256);
-    const image_key_id &key_id = *reading.manifest.key_id;
-    static_assert(sizeof key_id == sizeof verified.key_id);
-    std::copy(key_id.begin(), key_id.end(), verified.key_id);
-    verified.family = be32::of(reading.manifest.family);
-    verified.security_version = be32::of(reading.manifest.security_version);
-    return verified;
-}
-
-} // namespace
-
 answer verified_answer(const agent_verify_req_t &request)
 {
     const field_text path(request.path);
@@ -75,7 +74,7 @@ answer verified_answer(const agent_verify_req_t &request)
     if (!state)
         return errno == EFBIG ? AGENT_ERR_IMAGE_SIZE : AGENT_ERR_UNREADABLE;
     if (*state != image_signature_state::good)
-        return status_of(*state);
+        return signature_status_of(*state);
     answer verified;
     verified.add(record_of(reading));
     return verified;

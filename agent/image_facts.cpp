@@ -23,11 +23,13 @@
 #include "exec_cmd.h"
 #include "flash_device.h"
 #include "harmless_path.h"
+#include "image_check.h"
 #include "image_files.h"
+#include "image_manifest.h"
 #include "inventory_value.h"
 #include "regular_file.h"
-#include "sha256.h"
 #include "spawn_actions.h"
+#include "trusted_keys.h"
 #include "unique_fd.h"
 
 namespace
@@ -41,11 +43,16 @@ constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // in a syste
 constexpr std::size_t PIECE_BYTES = 64 << 10;
 constexpr int GUNZIP_WARNED = 2; // its exit status: the data is whole
 
-// What is said of an image whose bytes are read one after the other.
-class image_reading
+// An image whose bytes come one after the other, and what is said of it.
+class unpacked_image
 {
 public:
-    explicit image_reading(std::uint64_t bytes_max) : bytes_max_(bytes_max) {}
+    unpacked_image(std::uint64_t bytes_max, bool with_signature)
+        : bytes_max_(bytes_max),
+          with_signature_(with_signature),
+          reader_(with_signature ? signature_.sink() : image_reader::byte_sink())
+    {
+    }
 
     // false when there are too many.
     bool add(const std::uint8_t *bytes, std::size_t count)
@@ -54,30 +61,59 @@ public:
         std::copy_n(bytes, missing, header_.begin() + static_cast<std::ptrdiff_t>(BIOS_HEADER_BYTES - remaining_));
         remaining_ -= missing;
         size_ += count;
-        sum_.add(bytes, count);
+        reader_.add(bytes, count);
         return size_ <= bytes_max_;
     }
     agent_image_t told()
     {
+        const image_reading reading = reader_.finish();
         agent_image_t image{};
-        image.size_bytes = be64::of(size_);
-        const sha256_digest digest = sum_.digest();
-        std::memcpy(image.sha256, digest.data(), sizeof image.sha256);
+        image.size_bytes = be64::of(reading.size_bytes);
+        std::ranges::copy(reading.sha256, image.sha256);
         if (remaining_ == 0)
             store_text(image.version, bios_version_in(header_.data()).c_str());
+        image.manifest_state = be32::of(manifest_state_of(reading));
+        image.signature = be32::of(with_signature_ ? signature_status(reading) : AGENT_SIGNATURE_NOT_CHECKED);
+        image_manifest_record record;
+        static_assert(sizeof record == sizeof image.manifest);
+        if (reading.state == image_manifest_state::intact && image_manifest_store(reading.manifest, record))
+            std::memcpy(image.manifest, &record, sizeof record);
         return image;
     }
 
 private:
+    static agent_manifest_state manifest_state_of(const image_reading &reading)
+    {
+        switch (reading.state) {
+        case image_manifest_state::none:
+            return AGENT_MANIFEST_NONE;
+        case image_manifest_state::damaged:
+            return AGENT_MANIFEST_DAMAGED;
+        case image_manifest_state::intact:
+            break;
+        }
+        return AGENT_MANIFEST_INTACT;
+    }
+    std::uint32_t signature_status(const image_reading &reading)
+    {
+        trusted_keys keys;
+        std::string problem;
+        if (!trusted_keys_load(keys, problem))
+            return AGENT_ERR_KEYS;
+        return signature_status_of(signature_.state(reading, keys));
+    }
+
     std::uint64_t bytes_max_;
+    bool with_signature_;
     std::array<std::uint8_t, BIOS_HEADER_BYTES> header_ = {};
     std::size_t remaining_ = BIOS_HEADER_BYTES; // of the header
     std::uint64_t size_ = 0;
-    sha256 sum_;
+    image_signature_check signature_;
+    image_reader reader_;
 };
 
 // Takes all that a descriptor gives.
-agent_status read_all(int fd, image_reading &reading)
+agent_status read_all(int fd, unpacked_image &image)
 {
     std::vector<std::uint8_t> piece(PIECE_BYTES);
     for (;;) {
@@ -88,7 +124,7 @@ agent_status read_all(int fd, image_reading &reading)
             return AGENT_ERR_UNREADABLE;
         if (got == 0)
             return AGENT_OK;
-        if (!reading.add(piece.data(), static_cast<std::size_t>(got)))
+        if (!image.add(piece.data(), static_cast<std::size_t>(got)))
             return AGENT_ERR_IMAGE_SIZE;
     }
 }
@@ -99,7 +135,7 @@ bool is_packed(int fd)
     return ::pread(fd, magic, sizeof magic, 0) == sizeof magic && magic[0] == 0x1f && magic[1] == 0x8b;
 }
 
-agent_status read_packed(const char *path, image_reading &reading)
+agent_status read_packed(const char *path, unpacked_image &image)
 {
     const unique_fd file = open_regular_file(path);
     if (!file)
@@ -123,7 +159,7 @@ agent_status read_packed(const char *path, image_reading &reading)
         ::posix_spawn(&gunzip, "/bin/gunzip", actions.get(), nullptr, arguments, environ) != 0)
         return AGENT_ERR_UNREADABLE;
     input.reset();
-    const agent_status result = read_all(output.get(), reading);
+    const agent_status result = read_all(output.get(), image);
     output.reset(); // ends it where it is not wanted any more
     int status = 0;
     (void)::waitpid(gunzip, &status, 0);
@@ -172,7 +208,7 @@ bool take_member(const std::string &archive, const std::string &member)
     return exec_cmd_with_files_print(command.c_str(), nullptr, "/dev/null", "/dev/null", 0) == 0;
 }
 
-agent_status read_from_system_image(const std::string &path, const std::string &member, image_reading &reading)
+agent_status read_from_system_image(const std::string &path, const std::string &member, unpacked_image &image)
 {
     if (!is_harmless_path(path.c_str()))
         return AGENT_ERR_IMAGE_URI;
@@ -183,7 +219,7 @@ agent_status read_from_system_image(const std::string &path, const std::string &
         return errno == ENOSPC ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_UNREADABLE;
     if (!take_member(path, std::string("/") + CORE_PLUGIN) || !take_member(CORE_PLUGIN, member))
         return folder.is_full() ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_IMAGE_MEMBER;
-    return read_packed(("." + member).c_str(), reading);
+    return read_packed(("." + member).c_str(), image);
 }
 
 // The row of the flash that is programmed; null when no BIOS is known for the card. Supervisors of one kind take
@@ -210,28 +246,28 @@ std::uint64_t image_bytes_max(const bios_flash_entry &row)
     return AGENT_IMAGE_BYTES_MAX;
 }
 
-agent_status read_by_uri(const char *uri, const char *member, image_reading &reading)
+agent_status read_by_uri(const char *uri, const char *member, unpacked_image &image)
 {
     char buffer[URI_MAPPED_PATH_BYTES];
     const char *path = uri_map_targetfs_path_get(uri, buffer);
-    return path != nullptr ? read_from_system_image(path, member, reading) : AGENT_ERR_IMAGE_URI;
+    return path != nullptr ? read_from_system_image(path, member, image) : AGENT_ERR_IMAGE_URI;
 }
 
-agent_status read_plain(const char *path, image_reading &reading)
+agent_status read_plain(const char *path, unpacked_image &image)
 {
     const unique_fd file = open_regular_file(path);
-    return file ? read_all(file.get(), reading) : AGENT_ERR_IMAGE_FILE;
+    return file ? read_all(file.get(), image) : AGENT_ERR_IMAGE_FILE;
 }
 
-agent_status read_image(const agent_image_req_t &request, const bios_flash_entry &row, image_reading &reading)
+agent_status read_image(const agent_image_req_t &request, const bios_flash_entry &row, unpacked_image &image)
 {
     switch (request.source.load()) {
     case AGENT_IMAGE_OF_TREE:
-        return read_packed(row.src_path, reading);
+        return read_packed(row.src_path, image);
     case AGENT_IMAGE_OF_URI:
-        return read_by_uri(field_text(request.uri).text, row.src_path, reading);
+        return read_by_uri(field_text(request.uri).text, row.src_path, image);
     case AGENT_IMAGE_READY:
-        return read_plain(row.tmp_path, reading);
+        return read_plain(row.tmp_path, image);
     default:
         return AGENT_ERR_REQUEST;
     }
@@ -244,11 +280,11 @@ answer image_answer(const agent_image_req_t &request)
     const bios_flash_entry *row = row_of(request.card_id.load() & 0xffff);
     if (row == nullptr)
         return AGENT_ERR_IMAGE_CARD;
-    image_reading reading(image_bytes_max(*row));
-    if (const agent_status status = read_image(request, *row, reading); status != AGENT_OK)
+    unpacked_image unpacked(image_bytes_max(*row), request.with_signature.load() != 0);
+    if (const agent_status status = read_image(request, *row, unpacked); status != AGENT_OK)
         return status;
     answer image;
-    image.add(reading.told());
+    image.add(unpacked.told());
     return image;
 }
 

@@ -277,19 +277,34 @@ enum agent_image_source : std::uint32_t {
 // AGENT_OPC_GET_IMAGE: body agent_image_req_t. The answer is agent_image_t; the image is unpacked for it, in a
 // place of the agent's own.
 struct agent_image_req_t {
-    be32 card_id; // whose image
-    be32 source;  // of agent_image_source
+    be32 card_id;        // whose image
+    be32 source;         // of agent_image_source
+    be32 with_signature; // 1: it is checked, which takes as long again
     char uri[AGENT_URI_BYTES];
 };
-static_assert(sizeof(agent_image_req_t) == 236);
+static_assert(sizeof(agent_image_req_t) == 240);
+static_assert(offsetof(agent_image_req_t, uri) == 12);
+
+enum agent_manifest_state : std::uint32_t {
+    AGENT_MANIFEST_NONE = 0,
+    AGENT_MANIFEST_INTACT = 1,
+    AGENT_MANIFEST_DAMAGED = 2,
+};
+
+constexpr std::size_t AGENT_MANIFEST_BYTES = 256;
+constexpr std::uint32_t AGENT_SIGNATURE_NOT_CHECKED = 0xffffffff;
 
 struct agent_image_t {
     be64 size_bytes; // unpacked
     std::uint8_t sha256[AGENT_DIGEST_BYTES];
-    char version[AGENT_VERSION_BYTES]; // empty: none can be read
+    char version[AGENT_VERSION_BYTES];           // empty: none can be read
+    be32 manifest_state;                         // of agent_manifest_state
+    be32 signature;                              // status that AGENT_OPC_VERIFY_IMAGE has for it on the same card
+    std::uint8_t manifest[AGENT_MANIFEST_BYTES]; // of one that is intact: its record in the image; else 0
 };
-static_assert(sizeof(agent_image_t) == 168);
+static_assert(sizeof(agent_image_t) == 432);
 static_assert(offsetof(agent_image_t, version) == 40);
+static_assert(offsetof(agent_image_t, manifest) == 176);
 
 // AGENT_OPC_GET_DIGEST: body agent_flash_digest_req_t. The answer is agent_flash_digest_t, read from the flash just
 // now.
@@ -442,21 +457,20 @@ static_assert(sizeof(agent_digest_t) == 32);
 // was renewed last.
 
 // AGENT_OPC_ORDER_FLASH: body agent_order_req_t, answer agent_order_id_t. A status of bios_refusals.h says that the
-// image would not be written.
+// image would not be written: all is judged that was told of it. The image itself is judged when the order is
+// claimed, whatever was told.
 struct agent_order_req_t {
     be32 instance;
-    be32 forced; // bits of bios_force
-    be64 size_bytes;
-    std::uint8_t sha256[AGENT_DIGEST_BYTES];
-    char version[AGENT_VERSION_BYTES]; // of the image; empty: none
-    char image[128];                   // where it comes from, for people
-    char user[64];                     // who wants it
+    be32 forced;         // bits of bios_force
+    agent_image_t image; // as the agent of the card that has it has told
+    char from[128];      // where it comes from, for people
+    char user[64];       // who wants it
     char host[64];
     be32 judge_only; // 1: nothing is ordered; the status says whether it could be, and the id is 0
 };
-static_assert(sizeof(agent_order_req_t) == 436);
-static_assert(offsetof(agent_order_req_t, sha256) == 16);
-static_assert(offsetof(agent_order_req_t, image) == 176);
+static_assert(sizeof(agent_order_req_t) == 700);
+static_assert(offsetof(agent_order_req_t, image) == 8);
+static_assert(offsetof(agent_order_req_t, from) == 440);
 
 // AGENT_OPC_RENEW_ORDER: body agent_order_id_t; no answer but the status. AGENT_ERR_NO_ORDER: it has ended.
 struct agent_order_id_t {

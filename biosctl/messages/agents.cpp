@@ -217,6 +217,7 @@ request_answer request_image(std::uint32_t node, const image_question &question,
     body.source = be32::of(question.place == image_place::tree  ? AGENT_IMAGE_OF_TREE
                            : question.place == image_place::uri ? AGENT_IMAGE_OF_URI
                                                                 : AGENT_IMAGE_READY);
+    body.with_signature = be32::of(question.with_signature ? 1 : 0);
     store_text(body.uri, question.uri.c_str());
     return ask_for_work(node, AGENT_OPC_GET_IMAGE, bytes_of(body), wait_limit_s);
 }

@@ -47,6 +47,7 @@ struct image_question {
     std::uint32_t card_id = 0; // whose image
     image_place place = image_place::tree;
     std::string uri = {};
+    bool with_signature = false; // it is checked too, which takes its time
 };
 // An image, or the status of the agent's answer that says why there is none; a status of 0 then: it has not
 // answered.

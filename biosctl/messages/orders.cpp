@@ -43,10 +43,8 @@ agent_order_req_t encode(const wanted_programming &wanted)
     agent_order_req_t request{};
     request.instance = be32::of(wanted.instance);
     request.forced = be32::of(wanted.forced);
-    request.size_bytes = be64::of(wanted.image.size_bytes);
-    std::copy(wanted.image.digest.begin(), wanted.image.digest.end(), request.sha256);
-    store_text(request.version, wanted.image.version.c_str());
-    store_text(request.image, wanted.image_name.c_str());
+    request.image = wanted.image.record;
+    store_text(request.from, wanted.image_name.c_str());
     store_text(request.user, own_user().c_str());
     store_text(request.host, own_host().c_str());
     return request;

@@ -45,7 +45,8 @@ unsigned slot_with_image(const program_subject &subject)
 image_reply find_asked_image(const program_subject &subject, const programming_request &request)
 {
     const auto unpacks = slot_that_unpacks_for(subject.programmed_module, subject.serving_slot);
-    image_question question{.card_id = card_id_of(subject.programmed_module), .place = image_place::ready};
+    image_question question{
+        .card_id = card_id_of(subject.programmed_module), .place = image_place::ready, .with_signature = true};
     if (unpacks) {
         question.place = request.image ? image_place::uri : image_place::tree;
         question.uri = request.image.value_or("");

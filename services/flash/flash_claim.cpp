@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include "bios_flash.h"
-#include "bios_header.h"
 #include "bios_refusals.h"
 #include "bios_results.h"
 #include "c_boundary.h"
+#include "card_demands.h"
 #include "chassis_dir.h"
 #include "flash_geometry.h"
 #include "image_verification.h"
@@ -65,23 +65,6 @@ public:
 private:
     std::string name_;
 };
-
-std::string version_in_flash(flash_device &flash)
-{
-    std::uint8_t header[BIOS_HEADER_BYTES];
-    if (flash.is_marked() || !flash.read(0, header, sizeof header))
-        return {};
-    return bios_version_in(header);
-}
-
-// What the card is, and what it demands. false when that cannot be found out.
-bool facts_of_card(unsigned slot, flash_facts &facts)
-{
-    std::string problem;
-    facts.card_id = chassis_read_value(chassis_inventory_path(slot, "card_id"), 0) & 0xffff;
-    facts.family = chassis_read_value(chassis_slot_path(slot, FLASH_ORDERS_FAMILY), 0);
-    return card_policy_load(facts.policy, problem) && security_floor_load(facts.security_floor, problem);
-}
 
 // A client that orders nothing: what it programs is recorded all the same.
 flash_order order_without_client(const image_facts &image, const sha256_digest &digest)
@@ -185,7 +168,7 @@ std::uint32_t flash_claim::take_order(flash_device &flash)
         return BIOS_REFUSED_OTHER_IMAGE; // another client's image; the order stays
     flash_facts facts;
     facts.size_bytes = size_bytes;
-    if (!facts_of_card(slot, facts))
+    if (!read_card_demands(facts))
         return BIOS_REFUSED_NOT_CHECKED;
 
     order_ = is_ordered ? *order : order_without_client(image, sha256_);

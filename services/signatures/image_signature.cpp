@@ -23,8 +23,10 @@ struct key_pair {
     key_pair &operator=(const key_pair &) = delete;
 };
 
+} // namespace
+
 // What is hashed for a signature.
-class signed_message
+class image_signature_check::signed_message
 {
 public:
     signed_message()
@@ -33,12 +35,7 @@ public:
             std::abort(); // the system gives no random numbers
         (void)crypto_sign_init(&state_);
     }
-    image_reader::byte_sink sink()
-    {
-        return [this](const std::uint8_t *bytes, std::size_t count) {
-            (void)crypto_sign_update(&state_, bytes, count);
-        };
-    }
+    void add(const std::uint8_t *bytes, std::size_t count) { (void)crypto_sign_update(&state_, bytes, count); }
     bool is_signed_by(const signing_key &key, const image_signature &signature)
     {
         return crypto_sign_final_verify(&state_, signature.data(), key.data()) == 0;
@@ -54,7 +51,15 @@ private:
     crypto_sign_state state_;
 };
 
-image_signature_state state_of(const image_reading &reading, const trusted_keys &keys, signed_message &message)
+image_signature_check::image_signature_check() : message_(std::make_unique<signed_message>()) {}
+image_signature_check::~image_signature_check() = default;
+
+image_reader::byte_sink image_signature_check::sink()
+{
+    return [this](const std::uint8_t *bytes, std::size_t count) { message_->add(bytes, count); };
+}
+
+image_signature_state image_signature_check::state(const image_reading &reading, const trusted_keys &keys)
 {
     if (reading.state == image_manifest_state::damaged)
         return image_signature_state::damaged_manifest;
@@ -65,28 +70,31 @@ image_signature_state state_of(const image_reading &reading, const trusted_keys 
     const signing_key *key = keys.find(*reading.manifest.key_id);
     if (key == nullptr)
         return image_signature_state::unknown_key;
-    return message.is_signed_by(*key, reading.manifest.signature) ? image_signature_state::good
-                                                                  : image_signature_state::bad;
+    return message_->is_signed_by(*key, reading.manifest.signature) ? image_signature_state::good
+                                                                    : image_signature_state::bad;
 }
 
-} // namespace
+image_signature image_signature_check::sign(const signing_key &seed)
+{
+    return message_->sign(key_pair(seed));
+}
 
 std::optional<image_signature_state> check_image_signature(int fd, const trusted_keys &keys,
                                                            image_reading &reading_out)
 {
-    signed_message message;
-    if (!read_image(fd, reading_out, message.sink()))
+    image_signature_check check;
+    if (!read_image(fd, reading_out, check.sink()))
         return std::nullopt;
-    return state_of(reading_out, keys, message);
+    return check.state(reading_out, keys);
 }
 
 image_signature sign_image(const std::uint8_t *bytes, std::size_t count, const signing_key &seed)
 {
-    signed_message message;
+    image_signature_check message;
     image_reader reader(message.sink());
     reader.add(bytes, count);
     (void)reader.finish(); // gives the message its end; the caller has made the manifest
-    return message.sign(key_pair(seed));
+    return message.sign(seed);
 }
 
 signing_key new_signing_seed()

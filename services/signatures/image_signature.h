@@ -2,6 +2,7 @@
 // zeros). An image is read once, piece by piece; what is signed and what the reading says of it are the same bytes.
 #pragma once
 
+#include <memory>
 #include <optional>
 
 #include "image_manifest.h"
@@ -14,6 +15,29 @@ enum class image_signature_state {
     unknown_key,
     revoked_key,
     bad,
+};
+
+// What an image's signature is about, taken while the image is read by an image_reader.
+class image_signature_check
+{
+public:
+    image_signature_check();
+    ~image_signature_check();
+    image_signature_check(const image_signature_check &) = delete;
+    image_signature_check &operator=(const image_signature_check &) = delete;
+
+    // For the reader. It refers to this object.
+    image_reader::byte_sink sink();
+
+    // Of what the reader has found. To be asked once.
+    image_signature_state state(const image_reading &reading, const trusted_keys &keys);
+
+    // The signature of what was read, instead.
+    image_signature sign(const signing_key &seed);
+
+private:
+    class signed_message;
+    std::unique_ptr<signed_message> message_;
 };
 
 // Checks the signature of an image that is read from an open file.

@@ -46,7 +46,7 @@ protected:
     }
     static agent_reply ask_for(std::uint32_t source, const std::string &uri = "", std::uint32_t card_id = CARD_ID)
     {
-        agent_image_req_t body{be32::of(card_id), be32::of(source), {}};
+        agent_image_req_t body{be32::of(card_id), be32::of(source), be32::of(1), {}};
         store_text(body.uri, uri.c_str());
         return agent_reply_to(daemon_node(1, true), AGENT_OPC_GET_IMAGE, bytes_of(body), 30)
             .value_or(agent_reply{~0U});

@@ -1,11 +1,16 @@
-// What an agent says of signed images that lie on its card: made, signed and delivered as an operator does it.
+// Signed images, made, signed and delivered as an operator does it: what an agent says of those that lie on its
+// card, and which of them are programmed.
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 
 #include "agent_requester.h"
+#include "bios_refusals.h"
 #include "chassis_fixture.h"
 #include "daemon_node.h"
+#include "requester.h"
 #include "sha256.h"
+#include "test_images.h"
 #include "text_field.h"
 
 namespace
@@ -14,13 +19,14 @@ namespace
 namespace files = std::filesystem;
 
 constexpr const char *IMAGE = "signed.bin";
+constexpr unsigned IMAGE_KIB = 1024; // the smallest that can be built
 
 class AgentSignatures : public chassis_test
 {
 protected:
     void SetUp() override
     {
-        insert({.slot = 1});
+        insert({.slot = 1, .in_flash = &in_flash(), .flash_kib = IMAGE_KIB});
         insert({.slot = 2, .role = "standby"});
         up();
         make_key("maker");
@@ -29,6 +35,7 @@ protected:
              "x86n", "--security-version", "7"});
     }
 
+    static const test_image &in_flash() { return image("1.2", IMAGE_KIB); }
     // bios_image, among the test's own files.
     std::string run(const std::vector<std::string> &words) const
     {
@@ -153,4 +160,49 @@ TEST_F(AgentSignatures, FilesOutsideOfTheCardAreNotThere)
     EXPECT_EQ(verify(1, "/bootflash/link").status, AGENT_ERR_IMAGE_FILE);
     EXPECT_EQ(verify(1, "/bootflash").status, AGENT_ERR_IMAGE_FILE);
     EXPECT_EQ(verify(1).status, AGENT_OK);
+}
+
+// What is shown beforehand, what an order is answered, and what becomes of another client's request are the same.
+class SignedProgramming : public AgentSignatures
+{
+protected:
+    static constexpr const char *URI = "bootflash:system.img";
+
+    // The image as it is now, as --image takes it.
+    void offer()
+    {
+        make_system_image(on_bootflash(1, "system.img"), 90, {workspace() + "/" + IMAGE, image_bytes(), ""});
+    }
+    std::string image_bytes() const { return file_content(workspace() + "/" + IMAGE); }
+    void expect_refused(std::uint32_t code)
+    {
+        std::ostringstream text;
+        text << "0x" << std::hex << code << ' ';
+        for (const char *way : {"--dry-run", "--force=older"}) {
+            const finished_program done = biosctl({"program", "1", "--image", URI, way});
+            EXPECT_EQ(done.exit_code, 1) << way;
+            EXPECT_NE(done.errors.find(text.str()), std::string::npos) << way << done.errors << done.output;
+        }
+        requester other;
+        programming seen = other.start(1, {.uri = URI});
+        other.await_end(seen);
+        EXPECT_EQ(seen.result, std::optional(code)) << seen;
+        EXPECT_TRUE(flash_of(1) == in_flash().bytes);
+    }
+};
+
+TEST_F(SignedProgramming, IsRefusedWithoutASignatureWhereOneIsRequired)
+{
+    write_file(slot_file(1, "policy"), "signed = required\n");
+    offer();
+    expect_refused(BIOS_REFUSED_UNSIGNED);
+    make_key("other");
+    sign("other");
+    offer();
+    expect_refused(BIOS_REFUSED_SIGNATURE);
+    sign("maker");
+    offer();
+    EXPECT_EQ(biosctl({"program", "1", "--image", URI, "--dry-run"}).exit_code, 0);
+    EXPECT_EQ(biosctl({"program", "1", "--image", URI}).exit_code, 0);
+    EXPECT_TRUE(flash_of(1) == image_bytes());
 }
