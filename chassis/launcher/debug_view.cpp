@@ -1,7 +1,6 @@
 #include "debug_view.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <set>
 
 #include "card_files.h"
@@ -11,6 +10,7 @@
 #include "followed_file.h"
 #include "keeper_lock.h"
 #include "launcher_error.h"
+#include "standard_output.h"
 
 namespace
 {
@@ -89,9 +89,7 @@ void debug_card(unsigned slot, const std::vector<std::string> &words, bool follo
     if (!words.empty() &&
         !chassis_write_debug_flags(slot, switched_categories(chassis_read_debug_flags(slot), words)))
         throw system_error_of(chassis_debug_flags_path(slot));
-    std::puts(description_of(slot).c_str());
-    if (!follow)
-        return;
-    (void)std::fflush(stdout);
-    output.follow();
+    print_output(description_of(slot) + "\n");
+    if (follow)
+        output.follow();
 }

@@ -9,6 +9,7 @@
 #include "chassis_dir.h"
 #include "launcher_error.h"
 #include "printable_text.h"
+#include "standard_output.h"
 #include "write_all.h"
 
 namespace
@@ -33,8 +34,11 @@ bool print_rest(const unique_fd &file, const std::string &path)
             return true;
         if (got > 0)
             make_lines_printable(piece, static_cast<std::size_t>(got));
-        if (got > 0 && !write_all(STDOUT_FILENO, piece, static_cast<std::size_t>(got)))
+        if (got <= 0 || write_all(STDOUT_FILENO, piece, static_cast<std::size_t>(got)))
+            continue;
+        if (errno == EPIPE)
             return false;
+        throw_output_error();
     }
 }
 

@@ -9,9 +9,7 @@
 // Exit status: 0 done, 1 failed, 64 wrong usage.
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
@@ -23,15 +21,16 @@
 #include "card_view.h"
 #include "chassis_commands.h"
 #include "chassis_dir.h"
+#include "command_line_run.h"
 #include "debug_view.h"
 #include "history_view.h"
 #include "launcher_error.h"
 #include "pfm.h"
+#include "standard_output.h"
 
 namespace
 {
 
-constexpr int EXIT_USAGE = 64;
 constexpr unsigned DEFAULT_PATIENCE_S = 30;
 
 struct command_line {
@@ -139,12 +138,12 @@ void add_looking_commands(CLI::App &app, command_line &line)
     command->add_flag("--json", line.json, "For programs");
     command->callback([&line] {
         open_chassis(line.directory);
-        std::fputs(show_status(line.json).c_str(), stdout);
+        print_output(show_status(line.json));
     });
 
     command = app.add_subcommand("families", "Show the card families that a description can name");
     command->add_flag("--json", line.json, "For programs");
-    command->callback([&line] { std::fputs(show_families(line.json).c_str(), stdout); });
+    command->callback([&line] { print_output(show_families(line.json)); });
 
     command = app.add_subcommand("log", "Print what a card's daemon printed");
     add_slot(command, line);
@@ -182,7 +181,7 @@ void add_diagnostic_commands(CLI::App &app, command_line &line)
     command->add_option("--last", line.last, "Show so many events at most")->check(CLI::Range(1, 1'000'000));
     command->callback([&line] {
         open_chassis(line.directory);
-        std::fputs(show_history(line.slot, line.last, line.json).c_str(), stdout);
+        print_output(show_history(line.slot, line.last, line.json));
     });
 }
 
@@ -199,13 +198,6 @@ int main(int argc, char **argv)
     add_starting_commands(app, line);
     add_looking_commands(app, line);
     add_diagnostic_commands(app, line);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &problem) {
-        return app.exit(problem) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
-    } catch (const std::exception &failure) {
-        std::fprintf(stderr, "chassis: %s\n", failure.what());
-        return EXIT_FAILURE;
-    }
-    return line.exit_status;
+    const int status = run_command_line(app, argc, argv);
+    return status == EXIT_SUCCESS ? line.exit_status : status;
 }

@@ -10,24 +10,21 @@
 //
 // Exit status: 0 done, 1 failed, 64 wrong usage.
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "bios_builder.h"
+#include "command_line_run.h"
 #include "image_error.h"
 #include "image_sealing.h"
 #include "loader_file.h"
 #include "manifest_commands.h"
+#include "standard_output.h"
 #include "system_image.h"
 
 namespace
 {
-
-constexpr int EXIT_USAGE = 64;
 
 struct build_options {
     std::string output;
@@ -102,8 +99,8 @@ void show(const std::string &path)
     image_reader reader;
     reader.add(image.data(), image.size());
     const image_reading reading = reader.finish();
-    std::printf("version%s\nsize     %zu bytes\n", version_text(image, reading, path).c_str(), image.size());
-    show_manifest(reading, path);
+    print_output("version" + version_text(image, reading, path) + "\nsize     " + std::to_string(image.size()) +
+                 " bytes\n" + manifest_text(reading, path));
 }
 
 void add_build(CLI::App &app, build_options &options)
@@ -173,13 +170,5 @@ int main(int argc, char **argv)
     command->add_option("FILE", shown, "BIOS image or boot-loader file")->required();
     command->callback([&shown] { show(shown); });
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &problem) {
-        return app.exit(problem) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
-    } catch (const std::exception &failure) {
-        std::fprintf(stderr, "bios_image: %s\n", failure.what());
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    return run_command_line(app, argc, argv);
 }

@@ -1,7 +1,6 @@
 #include "manifest_commands.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 
@@ -9,6 +8,7 @@
 #include "image_sealing.h"
 #include "image_signature.h"
 #include "key_files.h"
+#include "standard_output.h"
 #include "system_image.h"
 #include "unique_fd.h"
 
@@ -37,7 +37,7 @@ void add_manifest(const manifest_options &options)
 
 void make_keys(const key_options &options)
 {
-    std::printf("key      %s\n", make_key_files(options.secret, options.public_half).c_str());
+    print_output("key      " + make_key_files(options.secret, options.public_half) + "\n");
 }
 
 void sign(const sign_options &options)
@@ -80,7 +80,7 @@ void verify(const verify_options &options)
         throw image_error(options.image + ": " + std::strerror(errno));
     if (*state != image_signature_state::good)
         throw image_error(options.image + ": " + problem_of(*state, reading));
-    std::printf("signed   by key %s\n", signing_key_id_text(*reading.manifest.key_id).c_str());
+    print_output("signed   by key " + signing_key_id_text(*reading.manifest.key_id) + "\n");
 }
 
 // An option whose value is the name of a file, which shells complete.
@@ -124,10 +124,10 @@ void add_manifest_commands(CLI::App &app, manifest_command_line &line)
     command->callback([&line] { verify(line.verify); });
 }
 
-void show_manifest(const image_reading &reading, const std::string &path)
+std::string manifest_text(const image_reading &reading, const std::string &path)
 {
     if (reading.state == image_manifest_state::none)
-        return;
+        return {};
     if (reading.state == image_manifest_state::damaged)
         throw image_error(path + ": the manifest " + reading.problem);
     const image_manifest &manifest = reading.manifest;
@@ -135,6 +135,6 @@ void show_manifest(const image_reading &reading, const std::string &path)
     for (const std::uint16_t id : manifest.card_ids)
         cards += " " + std::to_string(id);
     const std::string signer = manifest.key_id ? "by key " + signing_key_id_text(*manifest.key_id) : "no";
-    std::printf("family   %s (%u): %s\nsecurity %u\nsigned   %s\n", manifest.family_name.c_str(), manifest.family,
-                cards.c_str(), manifest.security_version, signer.c_str());
+    return "family   " + manifest.family_name + " (" + std::to_string(manifest.family) + "): " + cards +
+           "\nsecurity " + std::to_string(manifest.security_version) + "\nsigned   " + signer + "\n";
 }

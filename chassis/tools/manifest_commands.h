@@ -43,6 +43,6 @@ struct manifest_command_line {
 
 void add_manifest_commands(CLI::App &app, manifest_command_line &line);
 
-// Prints what the manifest of an image says, in lines as those of "bios_image show"; nothing without one. That a
-// key is named does not mean that the signature is good. Throws image_error for a damaged one.
-void show_manifest(const image_reading &reading, const std::string &path);
+// What the manifest of an image says, in lines as those of "bios_image show"; nothing without one. That a key is
+// named does not mean that the signature is good. Throws image_error for a damaged one.
+std::string manifest_text(const image_reading &reading, const std::string &path);

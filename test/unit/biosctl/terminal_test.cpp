@@ -188,26 +188,6 @@ TEST(Terminal, AWatchIsDrawnOverItselfOnlyWhereItCanBe)
     }
 }
 
-TEST(Terminal, OutputToAFullDeviceIsAFailureWithAMessage)
-{
-    const test_chassis chassis;
-    const scripted_daemon daemon(chassis, 27, refuse);
-    (void)chassis.flash_folder(5, "primary");
-    for (const char *words : {"--help", "--help --json", "show --help", "--version", "explain 0",
-                              "explain 0 --json", "metrics", "metrics --json", "lock 5", "unlock 5",
-                              "lock 5 --json", "unlock 5 --json", "watch --once", "watch --once --json"}) {
-        const std::string errors = chassis.path() + "/errors";
-        const std::string command =
-            std::string(BIOSCTL_PROGRAM) + " --dir " + chassis.path() + " " + words + " >/dev/full 2>" + errors;
-        const int status = std::system(command.c_str());
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << words << ": " << status;
-        std::ifstream file(errors);
-        std::string line;
-        (void)std::getline(file, line);
-        EXPECT_EQ(line, "biosctl: the output could not be written: No space left on device") << words;
-    }
-}
-
 TEST(Terminal, NothingIsColouredWithNoColorNorHasEscapesElsewhere)
 {
     (void)::setenv("NO_COLOR", "1", 1);

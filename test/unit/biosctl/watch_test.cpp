@@ -522,16 +522,6 @@ TEST(Watch, EndsWhenItsReaderGoes)
     EXPECT_EQ(run.err(), "");
 }
 
-TEST(Watch, AFullOutputIsAFailure)
-{
-    const test_chassis chassis;
-    const std::string command =
-        std::string(BIOSCTL_PROGRAM) + " --dir " + chassis.path() + " watch --once >/dev/full 2>/dev/null";
-    const int status = std::system(command.c_str());
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-}
-
 TEST(Watch, TellsOfEachChangeThatItSees)
 {
     const test_chassis chassis;
