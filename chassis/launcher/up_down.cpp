@@ -1,7 +1,9 @@
 // "chassis up", "down" and "restart".
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/close_range.h>
@@ -206,8 +208,26 @@ void stop_cards(const std::vector<unsigned> &slots)
         if (card.process)
             (void)has_ended(card.process, std::max(left, std::chrono::milliseconds(0)));
     }
-    for (const stopping &card : cards)
-        kill_card(card.slot, card.process);
+    std::exception_ptr problem; // the other cards go down all the same
+    for (const stopping &card : cards) {
+        try {
+            kill_card(card.slot, card.process);
+        } catch (const launcher_error &) {
+            problem = std::current_exception();
+        }
+    }
+    if (problem)
+        std::rethrow_exception(problem);
+}
+
+// Of a start that has failed, which is what its caller reports.
+void stop_cards_quietly(const std::vector<unsigned> &slots)
+{
+    try {
+        stop_cards(slots);
+    } catch (const launcher_error &failure) {
+        (void)std::fprintf(stderr, "chassis: %s\n", failure.what());
+    }
 }
 
 void wait_for_restart(unsigned slot, unsigned starts_before, std::chrono::seconds patience)
@@ -250,7 +270,7 @@ void bring_up(const up_options &options)
             cards.start(slot);
         cards.wait_until_all_serve();
     } catch (...) {
-        stop_cards(slots);
+        stop_cards_quietly(slots);
         while (::waitpid(-1, nullptr, WNOHANG) > 0) {
         }
         throw;

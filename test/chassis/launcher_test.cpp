@@ -35,7 +35,7 @@ protected:
         return value.is_string() ? value.get<std::string>() : value.dump();
     }
     // The process that started the daemon's session: the parent of its parent.
-    pid_t keeper() const { return parent_of(parent_of(daemon_pid(1))); }
+    pid_t keeper(unsigned slot = 1) const { return parent_of(parent_of(daemon_pid(slot))); }
     // Nothing of this chassis runs: its name is on every launcher's command line, its root is every daemon's.
     bool nothing_runs() const
     {
@@ -219,6 +219,20 @@ TEST_F(Launcher, KilledKeeperTakesItsCardAlongInPlainIsolationToo)
         GTEST_SKIP() << "needs root";
     up("plain");
     expect_keeper_takes_card_along();
+}
+
+TEST_F(Launcher, DownTakesEveryCardDownThoughTheStateOfOneCannotBeWritten)
+{
+    insert({.slot = 2, .role = "standby"});
+    up();
+    const pid_t second = keeper(2);
+    files::remove(slot_file(1, "state"));
+    files::create_directories(slot_file(1, "state/in_the_way"));
+    ASSERT_EQ(::kill(second, SIGKILL), 0);
+    EXPECT_EQ(chassis({"down"}).exit_code, 1);
+    EXPECT_EQ(file_content(slot_file(2, "state")), "down\n");
+    files::remove_all(slot_file(1, "state"));
+    EXPECT_EQ(chassis({"down"}).exit_code, 0);
 }
 
 TEST_F(Launcher, UpStartsTheCardWhoseKeeperWasKilledAndLeavesTheOthers)
