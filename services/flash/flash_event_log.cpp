@@ -169,7 +169,8 @@ void append(const flash_folder &folder, flash_event event, const flash_event_con
     const log_end end = find_end(folder, log);
     if (allowed && !allowed(end.last_work))
         return;
-    event.time = utc_now_microseconds().substr(0, MILLISECONDS_FORM.size()) + "Z";
+    if (event.time.empty())
+        event.time = flash_event_time_now();
     event.pid = static_cast<std::uint32_t>(::getpid());
     event.sequence = end.sequence + 1;
     event.chain = flash_event_chain(end.chain, event);
@@ -180,6 +181,11 @@ void append(const flash_folder &folder, flash_event event, const flash_event_con
 }
 
 } // namespace
+
+std::string flash_event_time_now()
+{
+    return utc_now_microseconds().substr(0, MILLISECONDS_FORM.size()) + "Z";
+}
 
 void flash_event_append(const flash_folder &folder, flash_event event, const flash_event_condition &allowed)
 {

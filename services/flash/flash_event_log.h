@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "flash_event.h"
@@ -21,7 +22,11 @@
 
 constexpr std::uint64_t FLASH_EVENT_LOG_BYTES_MAX = std::uint64_t{1} << 20;
 
-// Appends an event; its time, sequence, pid and chain are filled in. Something that cannot be written is left out.
+// In the form of an event's time.
+std::string flash_event_time_now();
+
+// Appends an event; its sequence, pid and chain are filled in, and its time unless it has one. Something that
+// cannot be written is left out.
 //   allowed  asked with the last event before that was no refusal, if there is one; nothing is appended when it
 //            says no
 using flash_event_condition = std::function<bool(const std::optional<flash_event> &last_work)>;

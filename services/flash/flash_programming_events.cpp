@@ -29,6 +29,7 @@ struct open_programming {
     bool attempted = false;               // more than erased
     std::uint64_t begun_ms = 0;           // steady
     std::uint64_t last_end_ms = 0;        // steady, of its last attempt
+    std::string last_end_time;            // the same for an event
     std::optional<std::uint32_t> failure; // of its last attempt
 };
 using open_programmings = std::array<std::optional<open_programming>, FLASH_INSTANCE_COUNT>;
@@ -79,6 +80,7 @@ void note_end(std::uint32_t instance, std::uint32_t result)
     event.kind = flash_event_kind::ended;
     event.result = result;
     event.duration_ms = open->last_end_ms - open->begun_ms;
+    event.time = open->last_end_time; // it has ended then, though that is known only now
     flash_event_append(open->folder, event);
     programmings()[instance].reset();
 }
@@ -220,6 +222,7 @@ std::int32_t flash_attempt_events::ended(std::int32_t result) noexcept
             event.bytes_written = work.programs * flash_.geometry().page_bytes; // the service writes whole pages
         event.result = open->failure;
         event.duration_ms = open->last_end_ms - begun_ms_;
+        event.time = open->last_end_time = flash_event_time_now();
         flash_event_append(open->folder, std::move(event));
         if (attempt_ != ERASE && code == 0)
             note_end(instance_, 0);
@@ -243,6 +246,7 @@ std::int32_t flash_attempt_refused(std::uint32_t instance, std::uint32_t attempt
         if (open != nullptr) {
             open->failure = event.result;
             open->last_end_ms = steady_ms();
+            event.time = open->last_end_time = flash_event_time_now();
         }
         flash_event_append(open_flash_folder(event.slot, instance), std::move(event));
     });

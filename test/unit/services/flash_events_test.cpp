@@ -368,6 +368,22 @@ TEST_F(ServiceEvents, AFailureIsTheEndWhenAnotherProgrammingBegins)
     EXPECT_EQ(events()[3].result, 0x40710021U);
 }
 
+// It is known only later that no other attempt follows.
+TEST_F(ServiceEvents, AFailedProgrammingHasEndedWithItsLastAttempt)
+{
+    in_child([this] {
+        write_flash_file("protected", "0\n");
+        EXPECT_EQ(program(image()), BIOS_FLASH_ERR_PROTECTED);
+        (void)::usleep(20'000);
+        EXPECT_EQ(program(image()), BIOS_FLASH_ERR_PROTECTED);
+        (void)::usleep(20'000);
+    });
+    const std::vector<flash_event> told = events();
+    ASSERT_EQ(story(), "begun attempt failed ended begun attempt failed ended");
+    EXPECT_EQ(told[3].time, told[2].time);
+    EXPECT_EQ(told[7].time, told[6].time);
+}
+
 TEST_F(ServiceEvents, TellWhatDidNotGetToTheFlash)
 {
     EXPECT_EQ(program(dir + "/missing"), BIOS_FLASH_ERR_IMAGE_READ);
