@@ -15,6 +15,7 @@
 #include "line_file.h"
 #include "text_field.h"
 #include "write_all.h"
+#include "writing_status.h"
 
 namespace
 {
@@ -37,13 +38,6 @@ struct digest_record {
 };
 static_assert(sizeof(digest_record) == 120);
 constexpr std::size_t RECORDS_MAX = AGENT_FILES_MAX + 1; // one file may be about to replace another
-
-// Why something could not be written, by errno.
-agent_status writing_status()
-{
-    // EFBIG: as large as this process may make a file
-    return errno == ENOSPC || errno == EDQUOT || errno == EFBIG ? AGENT_ERR_NO_SPACE : AGENT_ERR_UNREADABLE;
-}
 
 // Why something that is there could not be found, by errno.
 agent_status finding_status()

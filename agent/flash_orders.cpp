@@ -16,6 +16,7 @@
 #include "monotonic_clock.h"
 #include "programming_child.h"
 #include "utc_time.h"
+#include "writing_status.h"
 
 namespace
 {
@@ -100,13 +101,13 @@ answer with_order(unsigned instance, Change change)
     const unsigned slot = chassis_own_slot();
     const flash_orders_lock lock(slot);
     if (!lock.is_held())
-        return AGENT_ERR_UNREADABLE;
+        return writing_status();
     auto order = flash_order_read(slot, instance);
     if (!order)
         return AGENT_ERR_NO_ORDER;
     if (const agent_status status = change(*order); status != AGENT_OK)
         return status;
-    return flash_order_write(slot, instance, *order) ? AGENT_OK : AGENT_ERR_UNREADABLE;
+    return flash_order_write(slot, instance, *order) ? AGENT_OK : writing_status();
 }
 
 } // namespace
@@ -129,7 +130,7 @@ answer order_answer(const agent_order_req_t &request)
     const unsigned slot = chassis_own_slot();
     const flash_orders_lock lock(slot);
     if (!lock.is_held())
-        return AGENT_ERR_UNREADABLE;
+        return writing_status();
     const auto last = flash_order_read(slot, instance);
     if (last && last->is_live())
         return AGENT_ERR_ORDER_LIVE;
@@ -146,7 +147,7 @@ answer order_answer(const agent_order_req_t &request)
     const bool is_ordered = request.judge_only.load() == 0;
     order.id = is_ordered ? new_id(last) : 0;
     if (is_ordered && !flash_order_write(slot, instance, order))
-        return AGENT_ERR_UNREADABLE;
+        return writing_status();
     answer given;
     given.add(agent_order_id_t{request.instance, be64::of(order.id)});
     return given;

@@ -31,6 +31,7 @@
 #include "spawn_actions.h"
 #include "trusted_keys.h"
 #include "unique_fd.h"
+#include "unpacking_room.h"
 
 namespace
 {
@@ -63,6 +64,20 @@ public:
         size_ += count;
         reader_.add(bytes, count);
         return size_ <= bytes_max_;
+    }
+    // A file that lies beside the image while it is unpacked.
+    void add_file_beside(int fd)
+    {
+        struct stat status {
+        };
+        if (::fstat(fd, &status) == 0)
+            files_beside_.push_back(static_cast<std::uint64_t>(status.st_size));
+    }
+    std::vector<std::uint64_t> files() const
+    {
+        std::vector<std::uint64_t> all = files_beside_;
+        all.push_back(size_);
+        return all;
     }
     agent_image_t told()
     {
@@ -108,6 +123,7 @@ private:
     std::array<std::uint8_t, BIOS_HEADER_BYTES> header_ = {};
     std::size_t remaining_ = BIOS_HEADER_BYTES; // of the header
     std::uint64_t size_ = 0;
+    std::vector<std::uint64_t> files_beside_;
     image_signature_check signature_;
     image_reader reader_;
 };
@@ -142,6 +158,7 @@ agent_status read_packed(const char *path, unpacked_image &image)
         return AGENT_ERR_IMAGE_FILE;
     if (!is_packed(file.get()))
         return AGENT_ERR_IMAGE_PACKED;
+    image.add_file_beside(file.get());
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
         return AGENT_ERR_UNREADABLE;
@@ -219,6 +236,7 @@ agent_status read_from_system_image(const std::string &path, const std::string &
         return errno == ENOSPC ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_UNREADABLE;
     if (!take_member(path, std::string("/") + CORE_PLUGIN) || !take_member(CORE_PLUGIN, member))
         return folder.is_full() ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_IMAGE_MEMBER;
+    image.add_file_beside(open_regular_file(CORE_PLUGIN).get());
     return read_packed(("." + member).c_str(), image);
 }
 
@@ -283,8 +301,11 @@ answer image_answer(const agent_image_req_t &request)
     unpacked_image unpacked(image_bytes_max(*row), request.with_signature.load() != 0);
     if (const agent_status status = read_image(request, *row, unpacked); status != AGENT_OK)
         return status;
+    agent_image_t told = unpacked.told();
+    if (request.source.load() != AGENT_IMAGE_READY)
+        told.missing_bytes = be64::of(missing_room(row->tmp_path, unpacked.files()));
     answer image;
-    image.add(unpacked.told());
+    image.add(told);
     return image;
 }
 

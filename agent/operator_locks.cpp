@@ -1,7 +1,6 @@
 #include "operator_locks.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <optional>
@@ -18,6 +17,7 @@
 #include "mts_tools.h"
 #include "printable_text.h"
 #include "utc_time.h"
+#include "writing_status.h"
 
 namespace
 {
@@ -107,7 +107,7 @@ agent_status store(const std::vector<kept_lock> &locks)
     }
     if (make_slot_folder(chassis_own_slot(), MODULE_LOCK_FOLDER) && chassis_write_file(file_path(), text))
         return AGENT_OK;
-    return errno == ENOSPC || errno == EDQUOT ? AGENT_ERR_NO_SPACE : AGENT_ERR_UNREADABLE;
+    return writing_status();
 }
 
 chassis_module_lock_holder holder_of(const kept_lock &lock)

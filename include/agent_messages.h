@@ -68,7 +68,7 @@ enum agent_status : std::uint32_t {
 
     AGENT_ERR_FILE_NAME = 0x40720010,      // the name is not one that a delivered file may have
     AGENT_ERR_FILE_SIZE = 0x40720011,      // the file has no bytes, or more than AGENT_FILE_BYTES_MAX
-    AGENT_ERR_NO_SPACE = 0x40720012,       // the card's disk has no room for the file
+    AGENT_ERR_NO_SPACE = 0x40720012,       // the card's disk has no room for the file or the record
     AGENT_ERR_TOO_MANY_FILES = 0x40720013, // AGENT_FILES_MAX files are there
     AGENT_ERR_NO_FILE = 0x40720014,        // no file of this name was delivered
     AGENT_ERR_DIGEST = 0x40720015,         // the bytes do not have the digest that the file should have
@@ -301,10 +301,12 @@ struct agent_image_t {
     be32 manifest_state;                         // of agent_manifest_state
     be32 signature;                              // status that AGENT_OPC_VERIFY_IMAGE has for it on the same card
     std::uint8_t manifest[AGENT_MANIFEST_BYTES]; // of one that is intact: its record in the image; else 0
+    be64 missing_bytes; // what the card's boot flash lacks for a programming to unpack it; 0: nothing
 };
-static_assert(sizeof(agent_image_t) == 432);
+static_assert(sizeof(agent_image_t) == 440);
 static_assert(offsetof(agent_image_t, version) == 40);
 static_assert(offsetof(agent_image_t, manifest) == 176);
+static_assert(offsetof(agent_image_t, missing_bytes) == 432);
 
 // AGENT_OPC_GET_DIGEST: body agent_flash_digest_req_t. The answer is agent_flash_digest_t, read from the flash just
 // now.
@@ -468,9 +470,9 @@ struct agent_order_req_t {
     char host[64];
     be32 judge_only; // 1: nothing is ordered; the status says whether it could be, and the id is 0
 };
-static_assert(sizeof(agent_order_req_t) == 700);
+static_assert(sizeof(agent_order_req_t) == 708);
 static_assert(offsetof(agent_order_req_t, image) == 8);
-static_assert(offsetof(agent_order_req_t, from) == 440);
+static_assert(offsetof(agent_order_req_t, from) == 448);
 
 // AGENT_OPC_RENEW_ORDER: body agent_order_id_t; no answer but the status. AGENT_ERR_NO_ORDER: it has ended.
 struct agent_order_id_t {

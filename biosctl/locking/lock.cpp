@@ -88,8 +88,7 @@ outcome no_agent_answer(const std::string &what)
 
 outcome refused(const std::string &what, const operator_lock_reply &reply)
 {
-    return failure(EXIT_FAILED, what + ": " + agent_status_text(*reply.status),
-                   "check that biosctl and the agents are of the same version, and that the card's disk has space");
+    return failure(EXIT_FAILED, what + ": " + agent_status_text(*reply.status), agent_status_step(*reply.status));
 }
 
 bool is_for_programming(const lock_holder &holder)

@@ -178,8 +178,10 @@ std::optional<told_image> decode_image(answer_payload payload)
     agent_image_t record{};
     if (!records.take(record) || !records.at_end())
         return std::nullopt;
-    told_image image{
-        .size_bytes = record.size_bytes.load(), .version = printable(record.version), .record = record};
+    told_image image{.size_bytes = record.size_bytes.load(),
+                     .version = printable(record.version),
+                     .missing_bytes = record.missing_bytes.load(),
+                     .record = record};
     std::copy(std::begin(record.sha256), std::end(record.sha256), image.digest.begin());
     return image;
 }

@@ -79,8 +79,9 @@ struct told_head {
 struct told_image {
     std::uint64_t size_bytes = 0;
     sha256_digest digest = {};
-    std::string version = {};  // empty: none can be read
-    agent_image_t record = {}; // all that the card has told, for an order
+    std::string version = {};        // empty: none can be read
+    std::uint64_t missing_bytes = 0; // of room on the card's boot flash, where a programming unpacks it
+    agent_image_t record = {};       // all that the card has told, for an order
 };
 
 // The beginning of a flash, as read just now.

@@ -25,7 +25,7 @@ outcome report_cancelled(const std::string &module, std::optional<std::uint32_t>
                        "look at it with: biosctl watch");
     default:
         return failure(EXIT_FAILED, module + ": not cancelled: " + agent_status_text(*status),
-                       "check --type and the card's flashes");
+                       agent_status_step(*status));
     }
 }
 

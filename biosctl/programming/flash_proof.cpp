@@ -71,6 +71,7 @@ flash_proof prove(const program_subject &subject, unsigned instance, const told_
         return proof;
     const auto record = order->record();
     if (!record || record->state != flash_order_state::verified)
-        proof.finding = flash_finding::not_recorded;
+        proof = {.finding = flash_finding::not_recorded,
+                 .why = "the card has not recorded that the order was carried out; the flash holds the image"};
     return proof;
 }

@@ -21,6 +21,7 @@
 #include "program_wait.h"
 #include "result_text.h"
 #include "serving_slot.h"
+#include "size_text.h"
 
 namespace
 {
@@ -134,6 +135,32 @@ outcome no_image(const programming_plan &plan, const image_reply &reply)
     }
 }
 
+// What a programming would fail for that has to unpack its image first; empty when there is room for it.
+std::string lack_of_room(const program_subject &subject, const told_image &image)
+{
+    if (image.missing_bytes == 0 || !is_unpacked(subject))
+        return {};
+    return "/bootflash of " + slot_text(subject.serving_slot) +
+           " is too full to unpack it: " + size_text(image.missing_bytes) + " are missing";
+}
+
+outcome no_room(const programming_plan &plan, const std::string &lack)
+{
+    return failure(EXIT_FAILED,
+                   "module " + std::to_string(plan.subject.programmed_module) + ": not begun: " + plan.names.name +
+                       ": " + lack,
+                   "remove files from /bootflash of " + slot_text(plan.subject.serving_slot));
+}
+
+// Why nothing was programmed, as far as the card can tell afterwards; none when it says nothing.
+std::optional<std::string> cause_of_nothing(const program_subject &subject, const programming_request &request)
+{
+    const image_reply found = find_asked_image(subject, request);
+    if (found.image)
+        return lack_of_room(subject, *found.image);
+    return found.status != 0 ? std::optional(found.why_not) : std::nullopt;
+}
+
 programming_result with_names(programming_result result, const programming_plan &plan)
 {
     result.image = plan.names;
@@ -153,10 +180,11 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
     if (*status != AGENT_ERR_ORDER_LIVE && *status != AGENT_ERR_PROGRAMMING) {
         if ((*status & ~0xffU) == BIOS_RESULT_PREFIX)
             return refused_result(subject, *status, plan.wanted.instance);
-        return not_asked(subject, failure(EXIT_FAILED,
-                                          "module " + std::to_string(subject.programmed_module) +
-                                              ": not begun: " + agent_status_text(*status),
-                                          "check --type and the card's flashes"));
+        return not_asked(subject,
+                         failure(EXIT_FAILED,
+                                 "module " + std::to_string(subject.programmed_module) +
+                                     ": not begun: the order was not recorded: " + agent_status_text(*status),
+                                 agent_status_step(*status)));
     }
     programming_result result = refused_result(subject, BIOS_ERR_BUSY, plan.wanted.instance);
     result.order = ask_for_order(plan.wanted.node, plan.wanted.instance);
@@ -195,6 +223,8 @@ programming_result carry_out(const program_options &options, const programming_p
         subject, end, has_ended ? prove(subject, options.request.type, plan.wanted.image, &order) : flash_proof());
     if (has_ended && !result.is_proved())
         result.writer = find_flash_writer(subject.programmed_module, options.request.type);
+    if (result.ending == programming_ending::nothing_programmed)
+        result.cause = cause_of_nothing(subject, options.request);
     return result;
 }
 
@@ -229,6 +259,8 @@ programming_result program_module(const program_options &options, int fd, const 
     if (before.finding == flash_finding::holds_image)
         return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before},
                           plan);
+    if (const std::string lack = lack_of_room(plan.subject, plan.wanted.image); !lack.empty())
+        return not_asked(plan.subject, no_room(plan, lack));
     if (options.dry_run) {
         const auto status = judge_order(plan.wanted);
         if (status != std::optional<std::uint32_t>(AGENT_OK))

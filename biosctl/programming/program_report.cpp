@@ -86,8 +86,6 @@ explanation explain_disproved(const programming_result &result)
     const char *found = " and a verified flash were reported, but the flash does not hold the image asked for";
     if (result.proof.finding == flash_finding::half_written)
         found = " and a verified flash were reported, but the flash is marked as half written";
-    if (result.proof.finding == flash_finding::not_recorded)
-        found = " and a verified flash were reported, but the card has not recorded that the order was carried out";
     return {.headline =
                 module_text(result) + ": " + styled_text(NOT_PROGRAMMED) + ": result " + code_text(BIOS_OK) + found,
             .likely = {"another image was programmed, or another programming has begun since",
@@ -118,14 +116,24 @@ explanation explain_unconfirmed(const programming_result &result)
                     std::to_string(result.subject.programmed_module) + ")"};
 }
 
+// Reasons that nobody has looked for.
+std::vector<std::string> likely_reasons(const programming_result &result)
+{
+    if (result.cause && !result.cause->empty())
+        return {};
+    std::vector<std::string> reasons{"the card has no flash instance of the number that --type gave",
+                                     "the programming process was killed before it reported progress"};
+    if (!result.cause)
+        reasons.emplace_back("the image could not be unpacked, or holds no BIOS for this type of card");
+    return reasons;
+}
+
 explanation explain_nothing_programmed(const programming_result &result)
 {
-    return {.headline = module_text(result) + ": nothing was programmed (result " + code_text(BIOS_OK) +
-                        ", and no flash was reported as verified)",
-            .likely = {"the image, or the image tree, holds no BIOS for this type of card, or it could not be "
-                       "unpacked",
-                       "the card has no flash instance of the number that --type gave",
-                       "the programming process was killed before it reported progress"},
+    const std::string cause = result.cause.value_or("");
+    return {.headline = module_text(result) + ": nothing was programmed" + (cause.empty() ? "" : ": " + cause) +
+                        " (result " + code_text(BIOS_OK) + ", and no flash was reported as verified)",
+            .likely = likely_reasons(result),
             .flash = "not touched, unless the programming process was killed while it erased",
             .next = "look at the card's log and state before a reboot" +
                     place_in_brackets(look_at::log_and_states, std::to_string(result.subject.programmed_module))};

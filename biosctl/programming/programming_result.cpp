@@ -14,8 +14,8 @@ programming_ending ending_by_proof(bool heard_verified, flash_finding finding)
 {
     if (heard_verified && finding == flash_finding::holds_image)
         return programming_ending::verified;
-    return heard_verified && finding == flash_finding::unknown ? programming_ending::unconfirmed
-                                                               : programming_ending::not_verified;
+    const bool is_open = finding == flash_finding::unknown || finding == flash_finding::not_recorded;
+    return heard_verified && is_open ? programming_ending::unconfirmed : programming_ending::not_verified;
 }
 
 programming_ending ending_by_code(const programming_end &end, flash_finding finding)

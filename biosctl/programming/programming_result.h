@@ -53,7 +53,7 @@ enum class flash_finding {
 
 struct flash_proof {
     flash_finding finding = flash_finding::not_looked;
-    std::string why = {}; // it is unknown; for people
+    std::string why = {}; // it is unknown or not recorded; for people
 };
 
 struct lock_in_the_way {
@@ -88,6 +88,7 @@ struct programming_result {
     std::optional<flash_order> order = {};     // of somebody else, when that is why it was refused
     std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks
     std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
+    std::optional<std::string> cause = {};     // why nothing was programmed, as found on the card; empty: not there
 
     bool tried() const { return ending != programming_ending::not_tried; }
     bool has_code() const; // whether a daemon has given one

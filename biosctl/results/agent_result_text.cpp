@@ -56,3 +56,17 @@ std::string agent_status_text(std::uint32_t status)
         return "status " + code_text(status);
     }
 }
+
+std::string agent_status_step(std::uint32_t status)
+{
+    switch (status) {
+    case AGENT_ERR_REQUEST:
+        return "check that biosctl and the agents are of the same version";
+    case AGENT_ERR_FLASH:
+        return "check --type and the card's flashes";
+    case AGENT_ERR_NO_SPACE:
+        return "make room on the card's disk, then try again";
+    default:
+        return "look at the card's agent and its disk";
+    }
+}

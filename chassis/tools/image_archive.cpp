@@ -1,5 +1,7 @@
 #include "image_archive.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 namespace
@@ -38,7 +40,10 @@ archive_writer create_gzip(const std::string &path, int (*set_format)(archive *)
 void fail_for(const std::string &path, archive *which)
 {
     const char *text = archive_error_string(which);
-    throw image_error(path + ": " + (text != nullptr ? text : "unknown error of the archive"));
+    const int error = archive_errno(which);
+    const bool is_full = error == ENOSPC || error == EDQUOT || error == EFBIG; // the library says "Write error"
+    throw image_error(path + ": " + (text != nullptr ? text : "unknown error of the archive") +
+                      (is_full ? std::string(": ") + std::strerror(error) : ""));
 }
 
 archive_reader open_image(const std::string &path)

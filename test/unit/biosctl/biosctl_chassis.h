@@ -175,7 +175,7 @@ private:
         const auto is_said = [&](const char *what) { return std::filesystem::exists(folder + "/" + what); };
         if (mts_opc_get(message) == AGENT_OPC_GET_IMAGE) {
             (void)take_once(folder + "/../ordered"); // another programming begins
-            agent_image_t image{be64::of(4096), {1, 2, 3}, "v3.5.0(09/17/12)", {}, {}, {}};
+            agent_image_t image{be64::of(4096), {1, 2, 3}, "v3.5.0(09/17/12)", {}, {}, {}, {}};
             if (is_said("ships")) {
                 std::memset(image.version, 0, sizeof image.version);
                 text_in(folder + "/ships").copy(image.version, sizeof image.version);
