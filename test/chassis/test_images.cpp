@@ -13,6 +13,7 @@
 
 #include "rest_of.h"
 #include "run_program.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -21,29 +22,13 @@ constexpr std::size_t HEADER_SPACE = 4096; // left free at the image's beginning
 constexpr const char *BUILD_DATE = "05/06/24";
 
 // A folder that goes with the test program; readable by every user, as cards may be run by another one.
-class image_folder
+class image_folder : public temporary_folder
 {
 public:
-    image_folder()
+    image_folder() : temporary_folder("chassis_images")
     {
-        char name[] = "/tmp/chassis_images.XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        path_ = name;
-        std::filesystem::permissions(path_, std::filesystem::perms(0755));
+        std::filesystem::permissions(path(), std::filesystem::perms(0755));
     }
-    ~image_folder()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    image_folder(const image_folder &) = delete;
-    image_folder &operator=(const image_folder &) = delete;
-
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 std::string random_bytes(const std::string &seed_text, std::size_t length)

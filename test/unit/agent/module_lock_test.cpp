@@ -20,6 +20,7 @@
 #include "modlock.h"
 #include "rest_of.h"
 #include "served_locks.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -36,9 +37,6 @@ class ModuleLock : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/chassis-lock-XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        chassis_ = name;
         for (const unsigned slot : {1, 2, 3}) {
             put("inventory/" + std::to_string(slot) + "/kind", slot == 3 ? "2\n" : "1\n");
             fs::create_directories(chassis_ + "/slots/" + std::to_string(slot));
@@ -46,12 +44,6 @@ protected:
         }
         ASSERT_EQ(chassis_attach(chassis_, 1), 0);
         ASSERT_EQ(modlock_init(), 0);
-    }
-
-    void TearDown() override
-    {
-        agents_.clear();
-        fs::remove_all(chassis_);
     }
 
     void put(const std::string &file, const std::string &text) const
@@ -117,7 +109,8 @@ protected:
         return rest_of(file);
     }
 
-    std::string chassis_;
+    const temporary_folder folder_{"chassis-lock"};
+    const std::string &chassis_ = folder_.path();
     std::map<unsigned, std::unique_ptr<card_agent_process>> agents_;
 };
 

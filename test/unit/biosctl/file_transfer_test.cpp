@@ -22,6 +22,7 @@
 #include "nor_file_driver.h"
 #include "nor_file_layout.h"
 #include "rest_of.h"
+#include "temporary_folder.h"
 #include "test_seed.h"
 #include "wire_bytes.h"
 
@@ -41,9 +42,6 @@ class FileTransfer : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/chassis-files-XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        chassis_ = name;
         for (const unsigned slot : {OWN_SLOT, SLOT}) {
             write("inventory/" + std::to_string(slot) + "/kind", "1\n");
             fs::create_directories(chassis_ + "/slots/" + std::to_string(slot));
@@ -51,12 +49,6 @@ protected:
         ASSERT_EQ(chassis_attach(chassis_, SLOT), 0);
         start_agent();
     }
-    void TearDown() override
-    {
-        agent_.reset();
-        fs::remove_all(chassis_);
-    }
-
     void start_agent() { agent_ = std::make_unique<card_agent_process>(chassis_, SLOT); }
     void kill_agent() { agent_.reset(); }
 
@@ -148,7 +140,8 @@ protected:
         return true;
     }
 
-    std::string chassis_;
+    const temporary_folder folder_{"chassis-files"};
+    const std::string &chassis_ = folder_.path();
     std::unique_ptr<card_agent_process> agent_;
 };
 

@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <unistd.h>
 
 #include "card_families.h"
 #include "launcher_error.h"
 #include "rest_of.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -21,15 +21,6 @@ constexpr const char *FAMILY_CARD = "[[card]]\nslot = 3\nkind = \"linecard\"\n";
 class Description : public testing::Test
 {
 protected:
-    Description()
-    {
-        char name[] = "/tmp/chassis-description-XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        folder_ = name;
-    }
-    ~Description() override { std::filesystem::remove_all(folder_); }
-
     chassis_description load(const std::string &text) const
     {
         std::ofstream(file()) << text;
@@ -49,13 +40,13 @@ protected:
             return {};
         } catch (const launcher_error &failure) {
             const std::string what = failure.what();
-            return what.starts_with(folder_ + "/") ? what.substr(folder_.size() + 1) : what;
+            return what.starts_with(folder_.path("")) ? what.substr(folder_.path("").size()) : what;
         }
     }
-    std::string file() const { return folder_ + "/lab.toml"; }
+    std::string file() const { return folder_.path("lab.toml"); }
 
 private:
-    std::string folder_;
+    temporary_folder folder_{"chassis-description"};
 };
 
 TEST_F(Description, OfACardHasDefaultsForWhatIsNotSaid)

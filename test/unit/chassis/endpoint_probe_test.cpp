@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "chassis_dir.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -22,23 +23,18 @@ class EndpointProbe : public testing::Test
 protected:
     EndpointProbe()
     {
-        char name[] = "/tmp/endpoint-probe-XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        folder_ = name;
-        std::filesystem::create_directories(folder_ + "/mts");
-        std::filesystem::create_directories(folder_ + "/inventory/3");
-        std::ofstream(folder_ + "/inventory/3/kind") << "1\n";
-        EXPECT_EQ(chassis_attach(folder_, 0), 0);
+        std::filesystem::create_directories(folder_.path("mts"));
+        std::filesystem::create_directories(folder_.path("inventory/3"));
+        std::ofstream(folder_.path("inventory/3/kind")) << "1\n";
+        EXPECT_EQ(chassis_attach(folder_.path(), 0), 0);
     }
-    ~EndpointProbe() override { std::filesystem::remove_all(folder_); }
 
     // The endpoint of the supervisor in slot 3: node 0x301, service access point 1010.
     unique_fd bind_endpoint() const
     {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        (folder_ + "/mts/00000301.000003f2").copy(address.sun_path, sizeof address.sun_path - 1);
+        folder_.path("mts/00000301.000003f2").copy(address.sun_path, sizeof address.sun_path - 1);
         (void)::unlink(address.sun_path);
         unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
@@ -56,7 +52,7 @@ protected:
     endpoint_probe probe_;
 
 private:
-    std::string folder_;
+    temporary_folder folder_{"endpoint-probe"};
 };
 
 TEST_F(EndpointProbe, IsNotTakenWithoutAnEndpoint)

@@ -7,6 +7,7 @@
 #include "card_policy.h"
 #include "flash_fixture.h"
 #include "security_floor.h"
+#include "temporary_folder.h"
 #include "trusted_keys.h"
 
 namespace
@@ -19,15 +20,11 @@ class CardPolicy : public testing::Test
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/card-policy-XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        folder_ = name;
         fs::create_directories(slot());
-        ASSERT_EQ(chassis_attach(folder_.string(), TEST_SLOT), 0);
+        ASSERT_EQ(chassis_attach(folder_.path(), TEST_SLOT), 0);
     }
-    void TearDown() override { fs::remove_all(folder_); }
 
-    fs::path slot() const { return folder_ / "slots" / std::to_string(TEST_SLOT); }
+    fs::path slot() const { return folder_.path("slots/" + std::to_string(TEST_SLOT)); }
     fs::path put(const std::string &name, const std::string &text) const
     {
         fs::create_directories((slot() / name).parent_path());
@@ -78,7 +75,7 @@ protected:
     }
 
 private:
-    fs::path folder_;
+    temporary_folder folder_{"card-policy"};
 };
 
 std::string parse_problem(const std::string &text)

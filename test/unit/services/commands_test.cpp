@@ -18,6 +18,7 @@
 #include "flash_geometry.h"
 #include "image_files.h"
 #include "rest_of.h"
+#include "temporary_folder.h"
 #include "unique_fd.h"
 #include "unpacking.h"
 
@@ -29,27 +30,20 @@ namespace fs = std::filesystem;
 class Commands : public testing::Test
 {
 protected:
-    Commands()
-    {
-        char name[] = "/tmp/chassis_commands_test.XXXXXX";
-        folder_ = ::mkdtemp(name);
-    }
-    ~Commands() override { fs::remove_all(folder_); }
-
-    std::string file(const std::string &name) const { return (folder_ / name).string(); }
+    std::string file(const std::string &name) const { return folder_.path(name); }
     std::string put(const std::string &name, const std::string &content) const
     {
-        std::ofstream(folder_ / name, std::ios::binary | std::ios::trunc) << content;
+        std::ofstream(file(name), std::ios::binary | std::ios::trunc) << content;
         return file(name);
     }
     std::string content_of(const std::string &name) const
     {
-        std::ifstream stream(folder_ / name, std::ios::binary);
+        std::ifstream stream(file(name), std::ios::binary);
         EXPECT_TRUE(stream) << name;
         return rest_of(stream);
     }
 
-    fs::path folder_;
+    temporary_folder folder_{"chassis_commands_test"};
 };
 
 // Image URIs
@@ -162,7 +156,7 @@ TEST_F(LoaderFile, MalformedVersionIsNone)
 TEST_F(LoaderFile, UnreadableFileHasNoVersion)
 {
     EXPECT_EQ(nullptr, srg_sw_interim_ver_file_get(file("absent").c_str()));
-    EXPECT_EQ(nullptr, srg_sw_interim_ver_file_get(folder_.c_str()));
+    EXPECT_EQ(nullptr, srg_sw_interim_ver_file_get(folder_.path().c_str()));
     EXPECT_EQ(nullptr, srg_sw_interim_ver_file_get(nullptr));
     ASSERT_EQ(0, ::mkfifo(file("fifo").c_str(), 0600));
     EXPECT_EQ(nullptr, srg_sw_interim_ver_file_get(file("fifo").c_str()));
@@ -186,7 +180,7 @@ TEST_F(LoaderFile, CloneReportsWhatFailed)
     EXPECT_EQ(EIO, srg_file_clone(bytes.data(), path.c_str(), 11));
     EXPECT_EQ('#', bytes[10]);
     EXPECT_EQ(ENOENT, srg_file_clone(bytes.data(), file("absent").c_str(), 1));
-    EXPECT_EQ(EISDIR, srg_file_clone(bytes.data(), folder_.c_str(), 1));
+    EXPECT_EQ(EISDIR, srg_file_clone(bytes.data(), folder_.path().c_str(), 1));
     EXPECT_EQ(EINVAL, srg_file_clone(nullptr, path.c_str(), 1));
     EXPECT_EQ(EINVAL, srg_file_clone(bytes.data(), nullptr, 1));
 }

@@ -25,6 +25,7 @@
 #include "mts_frame.h"
 #include "rest_of.h"
 #include "sdwrap.h"
+#include "temporary_folder.h"
 #include "unique_fd.h"
 
 namespace
@@ -66,16 +67,13 @@ class Diagnostics : public testing::Test
 protected:
     Diagnostics()
     {
-        char name[] = "/tmp/chassis_diagnostics_test.XXXXXX";
-        folder_ = ::mkdtemp(name);
         fs::create_directories(slot_file(""));
         own_slot(OWN_SLOT);
         sdwrap_sys_facility = nullptr;
     }
-    ~Diagnostics() override { fs::remove_all(folder_); }
 
-    void own_slot(unsigned slot) { ASSERT_EQ(0, chassis_attach(folder_.string(), slot)); }
-    fs::path slot_file(const std::string &name) const { return folder_ / "slots/5" / name; }
+    void own_slot(unsigned slot) { ASSERT_EQ(0, chassis_attach(folder_.path(), slot)); }
+    fs::path slot_file(const std::string &name) const { return folder_.path("slots/5/" + name); }
     void put(const std::string &name, const std::string &content) const
     {
         fs::create_directories(slot_file(name).parent_path());
@@ -96,7 +94,7 @@ protected:
         return lines;
     }
 
-    fs::path folder_;
+    temporary_folder folder_{"chassis_diagnostics_test"};
 };
 
 template<typename Body>

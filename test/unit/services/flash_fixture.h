@@ -30,6 +30,7 @@
 #include "nor_file_driver.h"
 #include "nor_file_layout.h"
 #include "rest_of.h"
+#include "temporary_folder.h"
 #include "test_seed.h"
 
 using flash_bytes = std::vector<std::uint8_t>;
@@ -105,14 +106,10 @@ class chassis_flash_fixture : public testing::Test
 protected:
     void SetUp() override
     {
-        char folder[] = "/tmp/chassis_flash_XXXXXX";
-        ASSERT_NE(::mkdtemp(folder), nullptr);
-        dir = folder;
         ASSERT_EQ(chassis_attach(dir, TEST_SLOT), 0);
         temporary_image_ = file_of("temporary", random_image(SMALL_FLASH.size_bytes));
         flash_temporary_image = temporary_image_.c_str();
     }
-    void TearDown() override { std::filesystem::remove_all(dir); }
 
     void create_flash(unsigned instance = 0, const flash_geometry &geometry = SMALL_FLASH,
                       const flash_bytes &contents = {})
@@ -167,8 +164,10 @@ protected:
         return nor_file::open(TEST_SLOT, instance, access);
     }
 
-    std::string dir;
-
 private:
+    const temporary_folder folder_{"chassis_flash"};
     std::string temporary_image_;
+
+protected:
+    const std::string &dir = folder_.path();
 };

@@ -25,6 +25,7 @@
 #include "rest_of.h"
 #include "sprom.h"
 #include "sysmgr.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -39,16 +40,13 @@ class Inventory : public testing::Test
 protected:
     Inventory()
     {
-        char name[] = "/tmp/chassis_inventory_test.XXXXXX";
-        folder_ = ::mkdtemp(name);
-        fs::create_directories(folder_ / "chassis/inventory/5");
-        fs::create_directories(folder_ / "chassis/slots/5");
+        fs::create_directories(folder_.path("chassis/inventory/5"));
+        fs::create_directories(folder_.path("chassis/slots/5"));
         own_slot(OWN_SLOT);
     }
-    ~Inventory() override { fs::remove_all(folder_); }
 
-    void own_slot(unsigned slot) { ASSERT_EQ(0, chassis_attach((folder_ / "chassis").string(), slot)); }
-    fs::path below(const std::string &path) const { return folder_ / "chassis" / path; }
+    void own_slot(unsigned slot) { ASSERT_EQ(0, chassis_attach(folder_.path("chassis"), slot)); }
+    fs::path below(const std::string &path) const { return folder_.path("chassis/" + path); }
 
     void put(const std::string &path, const std::string &content) const
     {
@@ -70,7 +68,7 @@ protected:
     }
     std::string make_source(const std::string &content) const
     {
-        const fs::path path = folder_ / "source";
+        const fs::path path = folder_.path("source");
         std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
         return path.string();
     }
@@ -85,7 +83,7 @@ protected:
         return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder), {}));
     }
 
-    fs::path folder_;
+    temporary_folder folder_{"chassis_inventory_test"};
 };
 
 // Lets the kernel refuse openat2 in this process, for the rest of its life.
@@ -315,7 +313,7 @@ TEST_F(Inventory, SyncFailsWhenTheSourceCannotBeRead)
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(-1, sync("/tmp", TEMPORARY_IMAGE));
     EXPECT_EQ(EISDIR, errno);
-    const std::string fifo = (folder_ / "fifo").string();
+    const std::string fifo = folder_.path("fifo");
     ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
     EXPECT_EQ(-1, sync(fifo, TEMPORARY_IMAGE));
     EXPECT_EQ(EINVAL, errno);
@@ -359,7 +357,7 @@ TEST_F(Inventory, SyncLeavesADestinationFolderAloneAndNoTemporaryFile)
 TEST_F(Inventory, SyncDoesNotFollowALinkOutOfTheRoot)
 {
     insert_standby();
-    const fs::path outside = folder_ / "outside";
+    const fs::path outside = folder_.path("outside");
     fs::create_directories(outside);
     fs::remove(standby_bootflash());
     const std::string source = make_source("image");
@@ -384,7 +382,7 @@ TEST_F(Inventory, SyncFollowsALinkInsideOfTheRoot)
 TEST_F(Inventory, SyncReplacesALinkAtTheDestination)
 {
     insert_standby();
-    const fs::path victim = folder_ / "victim";
+    const fs::path victim = folder_.path("victim");
     std::ofstream(victim) << "precious";
     fs::create_symlink(victim, standby_bootflash() / ".tmpbios.bin");
     ASSERT_EQ(0, sync(make_source("image"), TEMPORARY_IMAGE));
@@ -404,7 +402,7 @@ TEST_F(Inventory, SyncWorksWithoutResolutionByTheKernelAndThenRefusesLinks)
                   }));
         EXPECT_EQ("image", content_of(standby_bootflash() / ".tmpbios.bin"));
     }
-    const fs::path outside = folder_ / "outside";
+    const fs::path outside = folder_.path("outside");
     fs::create_directories(outside);
     fs::remove_all(standby_bootflash());
     fs::create_symlink(outside, standby_bootflash());

@@ -6,7 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
-#include <unistd.h>
+
+#include "temporary_folder.h"
 
 namespace
 {
@@ -18,56 +19,53 @@ class FileBelow : public testing::Test
 protected:
     FileBelow()
     {
-        char name[] = "/tmp/loader_removal_test.XXXXXX";
-        folder_ = ::mkdtemp(name);
-        fs::create_directories(folder_ + "/top/sub");
-        fs::create_directories(folder_ + "/topmost");
+        fs::create_directories(folder_.path("top/sub"));
+        fs::create_directories(folder_.path("topmost"));
         for (const char *file : {"/top/file", "/top/sub/file", "/topmost/file", "/file"})
-            std::ofstream(folder_ + file) << "content";
+            std::ofstream(folder_.path() + file) << "content";
     }
-    ~FileBelow() override { fs::remove_all(folder_); }
 
-    bool is_below_top(const std::string &path) const { return is_file_below(path, {folder_ + "/top"}); }
+    bool is_below_top(const std::string &path) const { return is_file_below(path, {folder_.path("top")}); }
 
-    std::string folder_;
+    temporary_folder folder_{"loader_removal_test"};
 };
 
 } // namespace
 
 TEST_F(FileBelow, AFolderIsFoundAtAnyDepth)
 {
-    EXPECT_TRUE(is_below_top(folder_ + "/top/file"));
-    EXPECT_TRUE(is_below_top(folder_ + "/top//sub/file"));
-    EXPECT_TRUE(is_below_top(folder_ + "/top/sub/../file"));
-    EXPECT_TRUE(is_file_below(folder_ + "/file", {"/nowhere", "/"}));
+    EXPECT_TRUE(is_below_top(folder_.path("top/file")));
+    EXPECT_TRUE(is_below_top(folder_.path("top//sub/file")));
+    EXPECT_TRUE(is_below_top(folder_.path("top/sub/../file")));
+    EXPECT_TRUE(is_file_below(folder_.path("file"), {"/nowhere", "/"}));
 }
 
 TEST_F(FileBelow, AFolderIsNotOneBesideIt)
 {
-    EXPECT_FALSE(is_below_top(folder_ + "/file"));
-    EXPECT_FALSE(is_below_top(folder_ + "/topmost/file"));
-    EXPECT_FALSE(is_below_top(folder_ + "/top/../file"));
-    EXPECT_FALSE(is_below_top(folder_ + "/top/sub/../../topmost/file"));
-    EXPECT_FALSE(is_file_below(folder_ + "/top/file", {}));
-    EXPECT_FALSE(is_file_below(folder_ + "/top/file", {folder_ + "/none"}));
+    EXPECT_FALSE(is_below_top(folder_.path("file")));
+    EXPECT_FALSE(is_below_top(folder_.path("topmost/file")));
+    EXPECT_FALSE(is_below_top(folder_.path("top/../file")));
+    EXPECT_FALSE(is_below_top(folder_.path("top/sub/../../topmost/file")));
+    EXPECT_FALSE(is_file_below(folder_.path("top/file"), {}));
+    EXPECT_FALSE(is_file_below(folder_.path("top/file"), {folder_.path("none")}));
 }
 
 TEST_F(FileBelow, WhatIsNoRegularFileIsNone)
 {
-    ASSERT_EQ(::mkfifo((folder_ + "/top/fifo").c_str(), 0600), 0);
-    fs::create_symlink(folder_ + "/top/file", folder_ + "/top/link");
+    ASSERT_EQ(::mkfifo(folder_.path("top/fifo").c_str(), 0600), 0);
+    fs::create_symlink(folder_.path("top/file"), folder_.path("top/link"));
     for (const char *name :
          {"/top/missing", "/top/sub", "/top/sub/", "/top/.", "/top/sub/..", "/top/fifo", "/top/link"})
-        EXPECT_FALSE(is_below_top(folder_ + name)) << name;
+        EXPECT_FALSE(is_below_top(folder_.path() + name)) << name;
     for (const char *path : {"", "/", "file", "top/file", "./file"})
         EXPECT_FALSE(is_file_below(path, {"/"})) << path;
 }
 
 TEST_F(FileBelow, LinksToFoldersAreFollowed)
 {
-    fs::create_directory_symlink(folder_ + "/topmost", folder_ + "/top/out");
-    fs::create_directory_symlink(folder_ + "/top", folder_ + "/in");
-    EXPECT_FALSE(is_below_top(folder_ + "/top/out/file"));
-    EXPECT_TRUE(is_below_top(folder_ + "/in/file"));
-    EXPECT_TRUE(is_file_below(folder_ + "/top/file", {folder_ + "/in"}));
+    fs::create_directory_symlink(folder_.path("topmost"), folder_.path("top/out"));
+    fs::create_directory_symlink(folder_.path("top"), folder_.path("in"));
+    EXPECT_FALSE(is_below_top(folder_.path("top/out/file")));
+    EXPECT_TRUE(is_below_top(folder_.path("in/file")));
+    EXPECT_TRUE(is_file_below(folder_.path("top/file"), {folder_.path("in")}));
 }

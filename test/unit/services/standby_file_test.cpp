@@ -12,6 +12,7 @@
 
 #include "chassis_dir.h"
 #include "rest_of.h"
+#include "temporary_folder.h"
 
 namespace
 {
@@ -25,18 +26,14 @@ class StandbyFile : public testing::Test
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/standby_file_test.XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        folder_ = name;
-        fs::create_directories(folder_ + "/slots/2/root/bootflash");
-        ASSERT_EQ(chassis_attach(folder_, 1), 0);
-        write(folder_ + "/source", std::string(100'000, 'n'));
+        fs::create_directories(folder_.path("slots/2/root/bootflash"));
+        ASSERT_EQ(chassis_attach(folder_.path(), 1), 0);
+        write(folder_.path("source"), std::string(100'000, 'n'));
         write(destination(), "stale");
     }
-    void TearDown() override { fs::remove_all(folder_); }
 
     static void write(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
-    std::string destination() const { return folder_ + "/slots/2/root/bootflash/image"; }
+    std::string destination() const { return folder_.path("slots/2/root/bootflash/image"); }
     std::string content() const
     {
         std::ifstream file(destination());
@@ -44,14 +41,14 @@ protected:
     }
     int place() const
     {
-        return place_file_in_card_root(STANDBY, (folder_ + "/source").c_str(), "/bootflash/image");
+        return place_file_in_card_root(STANDBY, folder_.path("source").c_str(), "/bootflash/image");
     }
     std::ptrdiff_t files_there() const
     {
         return std::distance(fs::directory_iterator(fs::path(destination()).parent_path()), {});
     }
 
-    std::string folder_;
+    temporary_folder folder_{"standby_file_test"};
 };
 
 } // namespace

@@ -26,6 +26,7 @@
 #include "cmi.h"
 #include "endpoints.h"
 #include "mts_tools.h"
+#include "temporary_folder.h"
 #include "unique_fd.h"
 #include "watched_file.h"
 
@@ -212,9 +213,6 @@ class Transport : public ::testing::Test
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/chassis-transport-XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        chassis_ = name;
         fs::create_directories(chassis_ + "/inventory/1");
         fs::create_directories(chassis_ + "/inventory/2");
         fs::create_directories(chassis_ + "/inventory/4");
@@ -226,11 +224,7 @@ protected:
         ASSERT_GE(handle_, 0);
     }
 
-    void TearDown() override
-    {
-        mts_unbind(handle_);
-        fs::remove_all(chassis_);
-    }
+    void TearDown() override { mts_unbind(handle_); }
 
     void attach(unsigned slot) const { ASSERT_EQ(chassis_attach(chassis_, slot), 0); }
 
@@ -265,7 +259,8 @@ protected:
         return result;
     }
 
-    std::string chassis_;
+    const temporary_folder folder_{"chassis-transport"};
+    const std::string &chassis_ = folder_.path();
     std::int32_t handle_ = -1;
 };
 

@@ -4,11 +4,14 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "chassis_dir.h"
+#include "temporary_folder.h"
 #include "this_process.h"
 #include "watched_file.h"
 
@@ -23,21 +26,14 @@ constexpr useconds_t SEVERAL_TICKS_US = 30'000;
 class WatchedFile : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char name[] = "/tmp/watched-file-XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        chassis_ = name;
-        attach();
-    }
-    void TearDown() override { fs::remove_all(chassis_); }
+    void SetUp() override { attach(); }
 
-    void attach() const { ASSERT_EQ(chassis_attach(chassis_, 1), 0); }
+    void attach() const { ASSERT_EQ(chassis_attach(chassis_->path(), 1), 0); }
 
     void write(const std::string &file, const std::string &text) const
     {
-        fs::create_directories(fs::path(chassis_ + "/" + file).parent_path());
-        std::ofstream(chassis_ + "/" + file) << text;
+        fs::create_directories(fs::path(chassis_->path(file)).parent_path());
+        std::ofstream(chassis_->path(file)) << text;
     }
 
     // Asks until it is watched and nothing has changed.
@@ -61,7 +57,7 @@ protected:
         EXPECT_TRUE(comes_to_rest(file)) << what;
     }
 
-    std::string chassis_;
+    std::unique_ptr<temporary_folder> chassis_ = std::make_unique<temporary_folder>("watched-file");
 };
 
 TEST_F(WatchedFile, MayHaveChangedEachTimeForWhoAsksSeldom)
@@ -74,9 +70,9 @@ TEST_F(WatchedFile, MayHaveChangedEachTimeForWhoAsksSeldom)
 TEST_F(WatchedFile, TellsOfEachKindOfChange)
 {
     watched_file file("transport/rules");
-    const std::string path = chassis_ + "/transport/rules";
+    const std::string path = chassis_->path("transport/rules");
     expect_told(
-        file, [&] { fs::create_directory(chassis_ + "/transport"); }, "its folder was made");
+        file, [&] { fs::create_directory(chassis_->path("transport")); }, "its folder was made");
     expect_told(
         file, [&] { write("transport/rules", "first"); }, "it was made");
     expect_told(
@@ -89,20 +85,20 @@ TEST_F(WatchedFile, TellsOfEachKindOfChange)
         file,
         [&] {
             write("transport/fresh", "replaced");
-            fs::rename(chassis_ + "/transport/fresh", path);
+            fs::rename(chassis_->path("transport/fresh"), path);
         },
         "it was replaced");
     expect_told(
         file, [&] { write("transport/rules", "written again"); }, "the replacement was written");
     expect_told(
-        file, [&] { fs::rename(path, chassis_ + "/elsewhere"); }, "it was moved away");
+        file, [&] { fs::rename(path, chassis_->path("elsewhere")); }, "it was moved away");
     expect_told(
-        file, [&] { fs::rename(chassis_ + "/elsewhere", path); }, "it came back");
+        file, [&] { fs::rename(chassis_->path("elsewhere"), path); }, "it came back");
     expect_told(
         file, [&] { fs::remove(path); }, "it was removed");
     write("transport/rules", "last");
     expect_told(
-        file, [&] { fs::remove_all(chassis_ + "/transport"); }, "its folder was removed");
+        file, [&] { fs::remove_all(chassis_->path("transport")); }, "its folder was removed");
     expect_told(
         file, [&] { write("transport/rules", "anew"); }, "both were made anew");
 }
@@ -110,8 +106,8 @@ TEST_F(WatchedFile, TellsOfEachKindOfChange)
 TEST_F(WatchedFile, TellsOfTheChangeOfALinkedFile)
 {
     write("rules", "text");
-    fs::create_directory(chassis_ + "/transport");
-    fs::create_symlink("../rules", chassis_ + "/transport/rules");
+    fs::create_directory(chassis_->path("transport"));
+    fs::create_symlink("../rules", chassis_->path("transport/rules"));
     watched_file file("transport/rules");
     expect_told(
         file, [&] { write("rules", "other"); }, "what the link leads to was written");
@@ -123,7 +119,7 @@ TEST_F(WatchedFile, AnotherFileChangesNothing)
     write("transport/log", "text");
     watched_file file("transport/rules");
     ASSERT_TRUE(comes_to_rest(file));
-    std::ofstream(chassis_ + "/transport/log", std::ios::app) << "line";
+    std::ofstream(chassis_->path("transport/log"), std::ios::app) << "line";
     ::usleep(SEVERAL_TICKS_US);
     EXPECT_FALSE(file.may_have_changed());
 }
@@ -177,15 +173,11 @@ TEST_F(WatchedFile, FollowsItsProcessToAnotherChassis)
 {
     watched_file file("rules");
     ASSERT_TRUE(comes_to_rest(file));
-    const std::string first = chassis_;
-    char name[] = "/tmp/watched-file-XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    chassis_ = name;
+    const auto first = std::exchange(chassis_, std::make_unique<temporary_folder>("watched-file"));
     attach();
     EXPECT_TRUE(file.may_have_changed());
     expect_told(
         file, [&] { write("rules", "text"); }, "made in the second chassis");
-    fs::remove_all(first);
 }
 
 TEST_F(WatchedFile, MayHaveChangedEachTimeWhenNothingCanBeWatched)
