@@ -2,16 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "card_families.h"
 #include "image_manifest.h"
-#include "rest_of.h"
+#include "image_tool_test.h"
 
 namespace
 {
@@ -20,18 +16,6 @@ namespace files = std::filesystem;
 
 constexpr std::size_t PPC_DIGEST_BYTES = 16;
 
-std::string content_of(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    return rest_of(file);
-}
-
-void write_file(const std::string &path, const std::string &content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
-
 image_reading reading_of(const std::string &image)
 {
     image_reader reader;
@@ -39,38 +23,18 @@ image_reading reading_of(const std::string &image)
     return reader.finish();
 }
 
-class ImageSigning : public testing::Test
+class ImageSigning : public image_tool_test
 {
 protected:
-    ImageSigning()
-    {
-        char name[] = "/tmp/image-signing-XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        folder_ = name;
-    }
-    ~ImageSigning() override { files::remove_all(folder_); }
+    ImageSigning() : image_tool_test("image-signing") {}
 
-    // The programs of the same build lie beside the folder of the tests. The command runs in the test's folder, so
-    // names need no quoting.
-    int run(const std::string &arguments)
-    {
-        const files::path programs =
-            files::canonical(files::read_symlink("/proc/self/exe").parent_path() / "../../bin");
-        const std::string command = "cd " + folder_ + " && " + programs.string() + "/bios_image " + arguments +
-                                    " >output 2>errors </dev/null";
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    void succeed(const std::string &arguments)
-    {
-        EXPECT_EQ(run(arguments), 0) << arguments << ": " << content_of(path("errors"));
-    }
+    int run(const std::string &arguments) const { return image_tool_test::run("bios_image " + arguments); }
+    void succeed(const std::string &arguments) { EXPECT_EQ(run(arguments), 0) << arguments << ": " << errors(); }
     // Fails with this text, and leaves no output.
     void expect_refusal(const std::string &arguments, const std::string &text)
     {
         EXPECT_EQ(run(arguments), 1) << arguments;
-        EXPECT_EQ(content_of(path("errors")), "bios_image: " + text + "\n") << arguments;
+        EXPECT_EQ(errors(), "bios_image: " + text + "\n") << arguments;
         EXPECT_FALSE(files::exists(path("refused"))) << arguments;
     }
     void build(const std::string &options = "--family x86n --security-version 3")
@@ -106,11 +70,6 @@ protected:
         EXPECT_EQ(::stat(path(name).c_str(), &status), 0);
         return status.st_mode & 07777;
     }
-    std::string path(const std::string &name) const { return folder_ + "/" + name; }
-    std::string printed() const { return content_of(path("output")); }
-
-private:
-    std::string folder_;
 };
 
 } // namespace
@@ -178,14 +137,13 @@ TEST_F(ImageSigning, ShowTellsWhatTheManifestSays)
 {
     build("--family x86n-tarvik-c-pfcr-ivb --security-version 7");
     succeed("show image");
-    EXPECT_EQ(printed(), "version  v3.5.0(09/17/12)\nsize     65536 bytes\n"
-                         "family   x86n-tarvik-c-pfcr-ivb (33): cards 182\nsecurity 7\nsigned   no\n");
+    EXPECT_EQ(output(), "version  v3.5.0(09/17/12)\nsize     65536 bytes\n"
+                        "family   x86n-tarvik-c-pfcr-ivb (33): cards 182\nsecurity 7\nsigned   no\n");
     std::string image = content_of(path("image"));
     image[200] = 0;
     write_file(path("image"), image);
     EXPECT_EQ(run("show image"), 1);
-    EXPECT_EQ(content_of(path("errors")),
-              "bios_image: image: the manifest does not have the digest of the image\n");
+    EXPECT_EQ(errors(), "bios_image: image: the manifest does not have the digest of the image\n");
 }
 
 TEST_F(ImageSigning, ManifestIsPutIntoAFinishedImage)
@@ -214,7 +172,7 @@ TEST_F(ImageSigning, APpcImageGetsItsOwnDigestAnew)
     EXPECT_EQ(labelled, with_ppc_digest(labelled)); // it is what the system's tool says
     ASSERT_EQ(reading_of(labelled).state, image_manifest_state::intact) << reading_of(labelled).problem;
     succeed("show labelled");
-    EXPECT_EQ(printed().substr(0, 16), "version  v1.2.3\n");
+    EXPECT_EQ(output().substr(0, 16), "version  v1.2.3\n");
 
     succeed("keygen --secret maker.key --public maker.pub");
     succeed("sign --key maker.key --image labelled --output signed");
@@ -238,8 +196,8 @@ TEST_F(ImageSigning, KeygenMakesNewFilesAndTheSecretOneForItsOwner)
     const std::string secret = content_of(path("maker.key"));
     EXPECT_EQ(secret.substr(0, 15), "ed25519-secret ");
     EXPECT_EQ(content_of(path("maker.pub")).substr(0, 15), "ed25519-public ");
-    EXPECT_EQ(printed().substr(0, 9), "key      ");
-    EXPECT_EQ(printed().size(), 9u + 16 + 1);
+    EXPECT_EQ(output().substr(0, 9), "key      ");
+    EXPECT_EQ(output().size(), 9u + 16 + 1);
 
     expect_refusal("keygen --secret maker.key --public refused", "maker.key: File exists");
     expect_refusal("keygen --secret refused --public maker.pub", "maker.pub: File exists");
@@ -254,14 +212,14 @@ TEST_F(ImageSigning, VerifyKnowsWhoHasSigned)
 {
     build();
     succeed("keygen --secret maker.key --public maker.pub");
-    const std::string maker = printed().substr(9, 16);
+    const std::string maker = output().substr(9, 16);
     succeed("keygen --secret other.key --public other.pub");
     succeed("sign --key maker.key --image image --output signed");
     succeed("verify --key maker.pub --image signed");
-    EXPECT_EQ(printed(), "signed   by key " + maker + "\n");
+    EXPECT_EQ(output(), "signed   by key " + maker + "\n");
     succeed("verify --key other.pub --key maker.pub --image signed");
     succeed("show signed");
-    EXPECT_NE(printed().find("signed   by key " + maker + "\n"), std::string::npos);
+    EXPECT_NE(output().find("signed   by key " + maker + "\n"), std::string::npos);
 
     expect_refusal("verify --key other.pub --image signed",
                    "signed: was signed by a key that was not given: " + maker);

@@ -3,19 +3,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <random>
-#include <sstream>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "bios_header.h"
-#include "rest_of.h"
+#include "image_tool_test.h"
 
 namespace
 {
@@ -78,50 +72,15 @@ std::string tar_of(const std::vector<tar_member> &members)
     return archive + std::string(2 * TAR_BLOCK_BYTES, '\0');
 }
 
-std::string content_of(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    return rest_of(file);
-}
-
-void write_file(const std::string &path, const std::string &content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string random_bytes(std::size_t length)
-{
-    std::mt19937 numbers(20120917); // any contents that do not compress will do, the same each time
-    std::string bytes(length, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(numbers());
-    return bytes;
-}
-
-class ImageTools : public testing::Test
+class ImageTools : public image_tool_test
 {
 protected:
-    ImageTools()
+    ImageTools() : image_tool_test("image-tools")
     {
-        char name[] = "/tmp/image-tools-XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        folder_ = name;
         files::create_directories(destination());
         files::create_directories(outside());
     }
-    ~ImageTools() override { files::remove_all(folder_); }
 
-    // The programs of the same build lie beside the folder of the tests. Names in here need no quoting.
-    int run(const std::string &arguments)
-    {
-        const files::path programs = files::read_symlink("/proc/self/exe").parent_path() / "../../bin";
-        const std::string command =
-            programs.string() + "/" + arguments + " >" + path("output") + " 2>" + path("errors");
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
     int extract(const std::string &member = MEMBER, const std::string &options = {})
     {
         return run("veskadd -x " + options + " " + image() + " " + destination() + " " + member);
@@ -132,19 +91,15 @@ protected:
     {
         write_file(image(), archive);
         EXPECT_EQ(extract(member, options), 1);
-        EXPECT_NE(content_of(path("errors")).find(reason), std::string::npos) << content_of(path("errors"));
+        EXPECT_NE(errors().find(reason), std::string::npos) << errors();
         EXPECT_TRUE(files::is_empty(destination()));
         EXPECT_TRUE(files::is_empty(outside()));
     }
 
-    std::string path(const std::string &name) const { return folder_ + "/" + name; }
     std::string image() const { return path("image"); }
     std::string destination() const { return path("destination"); }
     std::string outside() const { return path("outside"); }
     std::string extracted(const std::string &member = MEMBER) const { return destination() + member; }
-
-private:
-    std::string folder_;
 };
 
 using Veskadd = ImageTools;
@@ -155,7 +110,7 @@ TEST_F(Veskadd, PutsAMemberUnderItsNameBelowTheDestination)
     const std::string contents = random_bytes(100'000);
     write_file(image(),
                tar_of({{.name = "other", .contents = "no"}, {.name = "vesk/bin/bios.gz", .contents = contents}}));
-    ASSERT_EQ(extract(), 0) << content_of(path("errors"));
+    ASSERT_EQ(extract(), 0) << errors();
     EXPECT_EQ(content_of(extracted()), contents);
     EXPECT_FALSE(files::exists(destination() + "/other"));
 }
@@ -164,7 +119,7 @@ TEST_F(Veskadd, FindsAMemberHoweverItsLeadingSlashIsWritten)
 {
     for (const char *name : {"vesk/bin/bios.gz", "./vesk/bin/bios.gz", "/vesk/bin/bios.gz"}) {
         write_file(image(), tar_of({{.name = name, .contents = name}}));
-        ASSERT_EQ(extract("vesk/bin/bios.gz"), 0) << name << ": " << content_of(path("errors"));
+        ASSERT_EQ(extract("vesk/bin/bios.gz"), 0) << name << ": " << errors();
         EXPECT_EQ(content_of(extracted()), name);
     }
 }
@@ -173,10 +128,7 @@ TEST_F(Veskadd, ReadsACompressedArchiveWithARelativeName)
 {
     write_file(path("plain"), tar_of({{.name = "vesk/bin/bios.gz", .contents = "bytes"}}));
     ASSERT_EQ(std::system(("gzip -c " + path("plain") + " >" + image()).c_str()), 0);
-    const files::path before = files::current_path();
-    files::current_path(path(""));
-    EXPECT_EQ(run("veskadd -x image ./destination " + std::string(MEMBER)), 0) << content_of(path("errors"));
-    files::current_path(before);
+    EXPECT_EQ(run("veskadd -x image ./destination " + std::string(MEMBER)), 0) << errors();
     EXPECT_EQ(content_of(extracted()), "bytes");
 }
 
@@ -266,7 +218,7 @@ TEST_F(Veskadd, LeavesNothingOfAMemberBeyondTheCallersLimit)
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
     EXPECT_EQ(extract(), 1);
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
-    EXPECT_NE(content_of(path("errors")).find("File too large"), std::string::npos) << content_of(path("errors"));
+    EXPECT_NE(errors().find("File too large"), std::string::npos) << errors();
     EXPECT_TRUE(files::is_empty(destination()));
 }
 
@@ -319,7 +271,7 @@ TEST_F(BiosImage, BuildsHeaderErasedSpaceAndPayloadAtTheEnd)
     ASSERT_EQ(run("bios_image build --output " + image() + " --size 64K --version 3.12 --date 09/17/12 --payload " +
                   path("payload")),
               0)
-        << content_of(path("errors"));
+        << errors();
     const std::string bytes = content_of(image());
     ASSERT_EQ(bytes.size(), 64u * 1024);
     bios_header header{};
@@ -335,7 +287,7 @@ TEST_F(BiosImage, TellsSizeInMiBAndShowsWhatItBuilt)
     ASSERT_EQ(run("bios_image build --output " + image() + " --size 8 --version 1.2 --date 02/29/24"), 0);
     EXPECT_EQ(files::file_size(image()), 8u << 20);
     ASSERT_EQ(run("bios_image show " + image()), 0);
-    EXPECT_EQ(content_of(path("output")), "version  v1.2.0(02/29/24)\nsize     8388608 bytes\n");
+    EXPECT_EQ(output(), "version  v1.2.0(02/29/24)\nsize     8388608 bytes\n");
 }
 
 TEST_F(BiosImage, RefusesWhatDoesNotFitAndWritesNothing)
@@ -357,7 +309,7 @@ TEST_F(BiosImage, RefusesWhatDoesNotFitAndWritesNothing)
              good + " --size 4K --version 1.2 --date 02/28/12 --payload " + path("absent"),
          }) {
         EXPECT_EQ(run(wrong), 1) << wrong;
-        EXPECT_FALSE(content_of(path("errors")).empty()) << wrong;
+        EXPECT_FALSE(errors().empty()) << wrong;
         EXPECT_FALSE(files::exists(image())) << wrong;
     }
     EXPECT_EQ(run(good), 64);
@@ -380,8 +332,8 @@ TEST_F(BiosImage, MakesASystemImageThatVeskaddAndGunzipTakeApart)
     ASSERT_EQ(run("bios_image system --output " + image() + " --bios a.bin.gz=" + path("bios") +
                   " --bios b.bin.gz=" + path("second")),
               0)
-        << content_of(path("errors"));
-    ASSERT_EQ(extract("/vesk/plugin_img/core_plugin"), 0) << content_of(path("errors"));
+        << errors();
+    ASSERT_EQ(extract("/vesk/plugin_img/core_plugin"), 0) << errors();
     const std::string plugin = destination() + "/vesk/plugin_img/core_plugin";
     for (const char *name : {"a.bin", "b.bin"}) {
         const std::string member = "/vesk/bin/" + std::string(name);

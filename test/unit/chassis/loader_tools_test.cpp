@@ -10,7 +10,6 @@
 #include <functional>
 #include <iterator>
 #include <optional>
-#include <random>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -23,9 +22,9 @@
 
 #include "image_error.h"
 #include "image_files.h"
+#include "image_tool_test.h"
 #include "loader_file.h"
 #include "loader_replacement.h"
-#include "rest_of.h"
 #include "unique_fd.h"
 
 namespace
@@ -85,62 +84,20 @@ int __wrap_renameat2(int from_fd, const char *from, int to_fd, const char *to, u
 namespace
 {
 
-std::string content_of(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << path;
-    return rest_of(file);
-}
-
-void write_file(const std::string &path, const std::string &content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string random_bytes(std::size_t length, unsigned seed = 4700)
-{
-    std::mt19937 numbers(seed); // any contents will do, the same each time
-    std::string bytes(length, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(numbers());
-    return bytes;
-}
-
 std::size_t entries_in(const std::string &folder)
 {
     return static_cast<std::size_t>(std::distance(files::directory_iterator(folder), {}));
 }
 
-class LoaderTools : public testing::Test
+class LoaderTools : public image_tool_test
 {
 protected:
-    LoaderTools()
-    {
-        char name[] = "/tmp/loader-tools-XXXXXX";
-        if (::mkdtemp(name) == nullptr)
-            throw std::runtime_error("mkdtemp");
-        folder_ = name;
-    }
+    LoaderTools() : image_tool_test("loader-tools") {}
     ~LoaderTools() override
     {
         for (const std::string &left : mount_points()) // of a test that failed
             (void)::umount2(left.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
-        std::error_code ignored;
-        files::remove_all(folder_, ignored);
     }
-
-    // The programs of the same build lie beside the folder of the tests. Names in here need no quoting.
-    int run(const std::string &arguments)
-    {
-        const files::path programs = files::read_symlink("/proc/self/exe").parent_path() / "../../bin";
-        const std::string command =
-            "timeout 60 " + programs.string() + "/" + arguments + " >" + path("output") + " 2>" + path("errors");
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string output() const { return content_of(path("output")); }
-    std::string errors() const { return content_of(path("errors")); }
-    std::string path(const std::string &name) const { return folder_ + "/" + name; }
 
     std::string make_loader(const std::string &name, const std::string &version, const std::string &payload)
     {
@@ -163,14 +120,11 @@ protected:
         std::vector<std::string> found;
         std::ifstream table("/proc/self/mounts");
         for (std::string source, place, rest; table >> source >> place && std::getline(table, rest);) {
-            if (place.starts_with(folder_ + "/"))
+            if (place.starts_with(path("")))
                 found.push_back(place);
         }
         return found;
     }
-
-private:
-    std::string folder_;
 };
 
 using LoaderFile = LoaderTools;
