@@ -27,12 +27,7 @@ constexpr int NOT_FOUND = 3;
 class Agent : public chassis_test
 {
 protected:
-    void SetUp() override
-    {
-        insert({.slot = 1});
-        insert({.slot = 2, .role = "standby"});
-        up();
-    }
+    void SetUp() override { up_with_standby(); }
 
     bool is_another(unsigned slot, pid_t old) const
     {

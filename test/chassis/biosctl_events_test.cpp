@@ -139,9 +139,7 @@ class EventChainOfCards : public chassis_test
 protected:
     void SetUp() override
     {
-        insert({.slot = 1});
-        insert({.slot = 2, .role = "standby"});
-        up();
+        up_with_standby();
         ASSERT_EQ(biosctl({"program", "2"}).exit_code, 0);
     }
     std::string log_file() const { return flash_file(2, "events"); }

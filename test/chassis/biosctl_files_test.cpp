@@ -11,12 +11,7 @@ namespace
 class BiosctlFiles : public chassis_test
 {
 protected:
-    void SetUp() override
-    {
-        insert({.slot = 1});
-        insert({.slot = 2, .role = "standby"});
-        up();
-    }
+    void SetUp() override { up_with_standby(); }
 
     // The paths of all calls that take one, as they were given; none when the system lets nobody look.
     std::optional<std::set<std::string>> touched_by(const std::vector<std::string> &words) const

@@ -27,9 +27,7 @@ bool says(const std::string &text, const std::string &part)
 
 TEST_F(BiosctlSync, BringsEverySupervisorInStepAndThenHasNothingToDo)
 {
-    insert({.slot = 1});
-    insert({.slot = 2, .role = "standby"});
-    up();
+    up_with_standby();
     const finished_program planned = biosctl({"sync", "--dry-run"});
     EXPECT_EQ(planned.exit_code, DONE) << planned.errors;
     EXPECT_TRUE(says(planned.output, "program: update")) << planned.output;

@@ -48,9 +48,7 @@ protected:
 
 TEST_F(BiosctlVersions, ShowAndSyncLeaveAnImageThatAnOperatorHasPutReady)
 {
-    insert({.slot = 1});
-    insert({.slot = 2, .role = "standby"});
-    up();
+    up_with_standby();
     const std::string ready = on_bootflash(2, ".tmpbios.bin");
     write_file(ready, "an operator's");
     const std::string active = on_bootflash(1, ".tmpbios.bin");
@@ -176,9 +174,7 @@ TEST_F(BiosctlVersions, EachThingThatCanBeWrongWithAnImageIsToldApart)
 
 TEST_F(BiosctlVersions, WithoutTheActiveDaemonTheTableIsThereAndShowFails)
 {
-    insert({.slot = 1});
-    insert({.slot = 2, .role = "standby"});
-    up();
+    up_with_standby();
     const pid_t daemon = daemon_pid(1);
     ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
     const finished_program seen = biosctl({"show", "--timeout", "1"});

@@ -238,6 +238,13 @@ void chassis_test::up(const std::string &isolation)
     start(workspace_ + "/description.toml");
 }
 
+void chassis_test::up_with_standby()
+{
+    insert({.slot = 1});
+    insert({.slot = 2, .role = "standby"});
+    up();
+}
+
 void chassis_test::up_from(const std::string &description, const std::vector<unsigned> &slots)
 {
     for (const unsigned slot : slots)

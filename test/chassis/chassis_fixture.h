@@ -54,6 +54,8 @@ protected:
 
     // Makes the chassis and starts it. Throws with the launcher's words when that fails.
     void up(const std::string &isolation = "auto");
+    // The active supervisor in slot 1 and the standby one in slot 2.
+    void up_with_standby();
     // Likewise a chassis whose description there is already; slots: all that it has.
     void up_from(const std::string &description, const std::vector<unsigned> &slots);
     finished_program chassis(const std::vector<std::string> &words) const; // "chassis --dir ... words"

@@ -18,12 +18,7 @@ constexpr std::uint32_t LOCK_HELD = 0x80000000U | EBUSY;
 class PeerLock : public chassis_test
 {
 protected:
-    void SetUp() override
-    {
-        insert({.slot = 1});
-        insert({.slot = 2, .role = "standby"});
-        up();
-    }
+    void SetUp() override { up_with_standby(); }
     // What the daemon of a slot says to the request for the lock of a supervisor.
     static std::uint32_t locked_by(unsigned slot, unsigned module)
     {
