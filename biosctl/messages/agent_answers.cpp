@@ -1,6 +1,7 @@
 #include "agent_answers.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "agent_messages.h"
@@ -35,6 +36,15 @@ private:
     std::span<const std::uint8_t> rest_;
 };
 
+// The record that is the whole payload; none when the payload is anything else.
+template<class Record>
+std::optional<Record> only_record(answer_payload payload)
+{
+    record_reader records(payload);
+    Record record{};
+    return records.take(record) && records.at_end() ? std::optional(record) : std::nullopt;
+}
+
 // Texts come from another card, and end on an operator's terminal.
 template<std::size_t SIZE>
 std::string printable(const char (&field)[SIZE])
@@ -45,6 +55,13 @@ std::string printable(const char (&field)[SIZE])
 bool is_slot(std::uint32_t number)
 {
     return number >= 1 && number <= PFM_MODULE_COUNT;
+}
+
+// A card names its flashes in their order, and each once.
+template<class Flash>
+bool is_next_flash(std::uint32_t instance, const std::vector<Flash> &before)
+{
+    return instance < FLASH_INSTANCE_COUNT && (before.empty() || instance > before.back().instance);
 }
 
 card_flash flash_of(const agent_flash_t &told)
@@ -93,8 +110,7 @@ std::optional<card_facts_told> decode_card(answer_payload payload)
                          .is_silent = head.serves.load() == 2,
                          .serves_since = printable(head.serves_since)};
     for (agent_flash_t told{}; records.take(told);) {
-        const bool is_next = card.flashes.empty() || told.instance.load() > card.flashes.back().instance;
-        if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
+        if (!is_next_flash(told.instance.load(), card.flashes))
             return std::nullopt;
         card.flashes.push_back(flash_of(told));
     }
@@ -112,8 +128,7 @@ std::optional<told_versions> decode_versions(answer_payload payload)
     if (const std::uint32_t instance = head.started_from.load(); instance < FLASH_INSTANCE_COUNT)
         versions.started_from = instance;
     for (agent_flash_version_t told{}; records.take(told);) {
-        const bool is_next = versions.flashes.empty() || told.instance.load() > versions.flashes.back().instance;
-        if (told.instance.load() >= FLASH_INSTANCE_COUNT || !is_next)
+        if (!is_next_flash(told.instance.load(), versions.flashes))
             return std::nullopt;
         const std::uint32_t state = told.state.load();
         told_flash_version flash{.instance = told.instance.load(),
@@ -154,49 +169,41 @@ std::optional<std::vector<told_result>> decode_results(answer_payload payload)
 
 std::optional<told_outcome> decode_outcome(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_outcome_t record{};
-    if (!records.take(record) || !records.at_end() || record.outcome.load() > AGENT_OUTCOME_FAILED)
+    const auto record = only_record<agent_outcome_t>(payload);
+    if (!record || record->outcome.load() > AGENT_OUTCOME_FAILED)
         return std::nullopt;
-    return told_outcome{static_cast<agent_outcome>(record.outcome.load()), printable(record.result.time)};
+    return told_outcome{static_cast<agent_outcome>(record->outcome.load()), printable(record->result.time)};
 }
 
 std::optional<told_head> decode_head(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_event_head_t record{};
-    if (!records.take(record) || !records.at_end())
+    const auto record = only_record<agent_event_head_t>(payload);
+    if (!record)
         return std::nullopt;
-    sha256_digest chain;
-    std::ranges::copy(record.chain, chain.begin());
-    return told_head{record.sequence.load(), hex_text(chain)};
+    return told_head{record->sequence.load(), hex_text(std::to_array(record->chain))};
 }
 
 std::optional<told_image> decode_image(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_image_t record{};
-    if (!records.take(record) || !records.at_end())
+    const auto record = only_record<agent_image_t>(payload);
+    if (!record)
         return std::nullopt;
-    told_image image{.size_bytes = record.size_bytes.load(),
-                     .version = printable(record.version),
-                     .missing_bytes = record.missing_bytes.load(),
-                     .record = record};
-    std::copy(std::begin(record.sha256), std::end(record.sha256), image.digest.begin());
-    return image;
+    return told_image{.size_bytes = record->size_bytes.load(),
+                      .digest = std::to_array(record->sha256),
+                      .version = printable(record->version),
+                      .missing_bytes = record->missing_bytes.load(),
+                      .record = *record};
 }
 
 std::optional<told_flash_digest> decode_flash_digest(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_flash_digest_t record{};
-    if (!records.take(record) || !records.at_end())
+    const auto record = only_record<agent_flash_digest_t>(payload);
+    if (!record)
         return std::nullopt;
-    told_flash_digest told{.rest_is_erased = record.rest_is_erased.load() != 0,
-                           .marked = (record.state.load() & AGENT_FLASH_MARKED) != 0,
-                           .has_writer = (record.state.load() & AGENT_FLASH_HAS_WRITER) != 0};
-    std::copy(std::begin(record.sha256), std::end(record.sha256), told.digest.begin());
-    return told;
+    return told_flash_digest{.digest = std::to_array(record->sha256),
+                             .rest_is_erased = record->rest_is_erased.load() != 0,
+                             .marked = (record->state.load() & AGENT_FLASH_MARKED) != 0,
+                             .has_writer = (record->state.load() & AGENT_FLASH_HAS_WRITER) != 0};
 }
 
 std::optional<std::vector<delivered_file>> decode_files(answer_payload payload)
@@ -210,7 +217,7 @@ std::optional<std::vector<delivered_file>> decode_files(answer_payload payload)
                                  file.size_bytes <= AGENT_FILE_BYTES_MAX;
         if (!is_next || !is_possible || files.size() == AGENT_FILES_MAX)
             return std::nullopt;
-        std::ranges::copy(told.sha256, file.sha256.begin());
+        file.sha256 = std::to_array(told.sha256);
         files.push_back(std::move(file));
     }
     return records.at_end() ? std::optional(files) : std::nullopt;
@@ -218,22 +225,18 @@ std::optional<std::vector<delivered_file>> decode_files(answer_payload payload)
 
 std::optional<begun_transfer> decode_transfer(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_transfer_t told{};
-    if (!records.take(told) || !records.at_end())
+    const auto told = only_record<agent_transfer_t>(payload);
+    if (!told)
         return std::nullopt;
-    return begun_transfer{told.transfer.load(), told.size_bytes.load()};
+    return begun_transfer{told->transfer.load(), told->size_bytes.load()};
 }
 
 std::optional<sha256_digest> decode_digest(answer_payload payload)
 {
-    record_reader records(payload);
-    agent_digest_t told{};
-    if (!records.take(told) || !records.at_end())
+    const auto told = only_record<agent_digest_t>(payload);
+    if (!told)
         return std::nullopt;
-    sha256_digest digest;
-    std::ranges::copy(told.sha256, digest.begin());
-    return digest;
+    return std::to_array(told->sha256);
 }
 
 std::vector<flash_event> decode_events(std::string_view lines)
