@@ -13,6 +13,7 @@
 #include "chassis_dir.h"
 #include "harmless_path.h"
 #include "line_file.h"
+#include "read_all_at.h"
 #include "text_field.h"
 #include "write_all.h"
 #include "writing_status.h"
@@ -51,19 +52,6 @@ unique_fd open_folder()
     return unique_fd(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-bool read_at(const unique_fd &file, std::uint64_t offset, std::uint8_t *bytes_out, std::size_t count)
-{
-    for (std::size_t done = 0; done < count;) {
-        const ssize_t got = ::pread(file.get(), bytes_out + done, count - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        done += static_cast<std::size_t>(got);
-    }
-    return true;
-}
-
 digest_record record_of(const struct stat &status, const agent_file_t &file)
 {
     return {static_cast<std::uint64_t>(status.st_ino),
@@ -89,8 +77,7 @@ std::vector<digest_record> valid_records(const unique_fd &folder)
         return {};
     std::vector<digest_record> records(
         std::min(static_cast<std::size_t>(status.st_size) / sizeof(digest_record), RECORDS_MAX));
-    if (!read_at(digests, 0, reinterpret_cast<std::uint8_t *>(records.data()),
-                 records.size() * sizeof(digest_record)))
+    if (!read_all_at(digests.get(), 0, records.data(), records.size() * sizeof(digest_record)))
         return {};
     std::erase_if(records, [&](const digest_record &record) {
         const auto name = delivered_name(record.file.name);
@@ -174,7 +161,8 @@ agent_status open_delivered_file(const std::string &name, piece_source &source_o
                   .size_bytes = record->file.size_bytes.load(),
                   .read =
                       [file](std::uint64_t offset, std::uint8_t *bytes_out, std::size_t count) {
-                          return read_at(*file, offset, bytes_out, count) ? AGENT_OK : AGENT_ERR_UNREADABLE;
+                          return read_all_at(file->get(), offset, bytes_out, count) ? AGENT_OK
+                                                                                    : AGENT_ERR_UNREADABLE;
                       },
                   .confirm =
                       [wanted = record->file](const sha256_digest &digest) {

@@ -8,6 +8,7 @@
 
 #include "agents.h"
 #include "output_file.h"
+#include "read_all_at.h"
 #include "text_field.h"
 #include "unique_fd.h"
 
@@ -63,18 +64,10 @@ public:
     // All of the buffer; else error() says why. A file that ends too early has been changed: EIO.
     bool read(std::uint64_t offset, std::uint8_t *bytes_out, std::size_t count)
     {
-        for (std::size_t done = 0; done < count;) {
-            const ssize_t got =
-                ::pread(file_.get(), bytes_out + done, count - done, static_cast<off_t>(offset + done));
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got <= 0) {
-                error_ = got == 0 ? EIO : errno;
-                return false;
-            }
-            done += static_cast<std::size_t>(got);
-        }
-        return true;
+        const bool is_read = read_all_at(file_.get(), offset, bytes_out, count);
+        if (!is_read)
+            error_ = errno;
+        return is_read;
     }
 
 private:

@@ -15,6 +15,7 @@
 
 #include "chassis_dir.h"
 #include "flash_bytes.h"
+#include "read_all_at.h"
 
 namespace
 {
@@ -42,20 +43,6 @@ bool refuse(int reason)
 {
     errno = reason;
     return false;
-}
-
-// Not out of the mapping: its pages would have to be brought in one by one for what is read once.
-bool read_file(int fd, std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t length)
-{
-    for (std::uint32_t done = 0; done < length;) {
-        const ssize_t got = ::pread(fd, bytes_out + done, length - done, static_cast<off_t>(offset) + done);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return refuse(got == 0 ? EIO : errno);
-        done += static_cast<std::uint32_t>(got);
-    }
-    return true;
 }
 
 // "7" or "3-5"; blanks around are allowed.
@@ -292,7 +279,8 @@ bool nor_file::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t
     ++wear_.reads;
     timing_.spend(FLASH_READ_BYTE_NS * length);
     return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](const flash_extent &extent) {
-        if (!read_file(data_file_.get(), offset, bytes_out, extent.amount))
+        // Not out of the mapping: its pages would have to be brought in one by one for what is read once.
+        if (!read_all_at(data_file_.get(), offset, bytes_out, extent.amount))
             return false;
         extent.apply_damage([&](std::uint32_t byte, std::uint8_t mask) { bytes_out[byte] ^= mask; });
         return true;

@@ -1,7 +1,6 @@
 #include "socket_datagram.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -9,6 +8,7 @@
 #include <sys/uio.h>
 
 #include "monotonic_clock.h"
+#include "read_all_at.h"
 #include "write_all.h"
 
 namespace
@@ -74,16 +74,7 @@ bool read_memory_file(int file, std::uint8_t *destination, std::size_t bytes)
     if (seals < 0 || (seals & NEEDED_SEALS) != NEEDED_SEALS || ::fstat(file, &facts) != 0 ||
         facts.st_size != static_cast<off_t>(bytes))
         return false;
-    std::size_t done = 0;
-    while (done < bytes) {
-        const ssize_t got = ::pread(file, destination + done, bytes - done, static_cast<off_t>(done));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        done += static_cast<std::size_t>(got);
-    }
-    return true;
+    return read_all_at(file, 0, destination, bytes);
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include "bios_header.h"
 #include "flash_geometry.h"
 #include "monotonic_clock.h"
+#include "read_all_at.h"
 
 namespace
 {
@@ -41,19 +42,10 @@ std::optional<flash_image> flash_image::open(const char *path)
 bool flash_image::read(std::uint64_t offset, std::uint8_t *bytes_out, std::uint32_t length) const
 {
     const std::uint64_t there = offset < size_bytes_ ? std::min<std::uint64_t>(length, size_bytes_ - offset) : 0;
-    std::size_t done = 0;
-    while (done < there) {
-        const ssize_t got = ::pread(file_.get(), bytes_out + done, static_cast<std::size_t>(there) - done,
-                                    static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got == 0)
-            errno = EIO;
-        if (got <= 0)
-            return false;
-        done += static_cast<std::size_t>(got);
-    }
-    std::memset(bytes_out + done, FLASH_ERASED_BYTE, length - done);
+    const auto read_bytes = static_cast<std::size_t>(there);
+    if (!read_all_at(file_.get(), offset, bytes_out, read_bytes))
+        return false;
+    std::memset(bytes_out + read_bytes, FLASH_ERASED_BYTE, length - read_bytes);
     return true;
 }
 
