@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 
+#include "regular_file.h"
 #include "trusted_keys.h"
 #include "unique_fd.h"
 
@@ -15,12 +15,7 @@ namespace
 // The file that is to be programmed, opened as the programming does it: a regular file under that very name.
 unique_fd open_image(const char *path)
 {
-    unique_fd file(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status {
-    };
-    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        file.reset();
-    return file;
+    return if_regular(unique_fd(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
 }
 
 agent_verified_t record_of(const image_reading &reading)

@@ -4,9 +4,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-unique_fd open_regular_file(const char *path)
+unique_fd if_regular(unique_fd file)
 {
-    unique_fd file(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {
     };
     if (!file || ::fstat(file.get(), &status) != 0)
@@ -16,4 +15,9 @@ unique_fd open_regular_file(const char *path)
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     }
     return file;
+}
+
+unique_fd open_regular_file(const char *path)
+{
+    return if_regular(unique_fd(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)));
 }

@@ -10,6 +10,7 @@
 #include "chassis_dir.h"
 #include "flash_event_chain.h"
 #include "flash_folder.h"
+#include "regular_file.h"
 #include "utc_time.h"
 
 namespace
@@ -67,12 +68,8 @@ unique_fd open_to_read(const flash_folder &folder, const char *name)
 // None when the name is that of anything but a file.
 unique_fd open_to_append(const flash_folder &folder)
 {
-    unique_fd file(::openat(folder.fd.get(), FLASH_FILE_EVENTS, O_RDWR | O_APPEND | O_CREAT | SAFE_TO_OPEN, 0644));
-    struct stat status {
-    };
-    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        file.reset();
-    return file;
+    constexpr int FLAGS = O_RDWR | O_APPEND | O_CREAT | SAFE_TO_OPEN;
+    return if_regular(unique_fd(::openat(folder.fd.get(), FLASH_FILE_EVENTS, FLAGS, 0644)));
 }
 
 flash_event_totals load_totals(const flash_folder &folder)

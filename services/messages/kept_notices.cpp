@@ -9,6 +9,7 @@
 
 #include "c_boundary.h"
 #include "chassis_dir.h"
+#include "regular_file.h"
 #include "utc_time.h"
 
 namespace
@@ -77,11 +78,7 @@ bool parse_payload(std::string_view text, std::vector<std::uint8_t> &payload)
 
 unique_fd open_regular(const char *name, int flags)
 {
-    unique_fd file(::openat(chassis_dir_fd(), name, flags | COMMON_FLAGS, 0600));
-    struct stat status;
-    if (file && (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        file.reset();
-    return file;
+    return if_regular(unique_fd(::openat(chassis_dir_fd(), name, flags | COMMON_FLAGS, 0600)));
 }
 
 unique_fd open_to_append()
