@@ -51,6 +51,16 @@ protected:
     {
         daemon_ = std::make_unique<scripted_daemon>(chassis_, 27, [=](daemon_side &) { hold(node, reason); });
     }
+    // Likewise module 5's, which it frees at the request.
+    void hold_until_asked(std::uint32_t reason)
+    {
+        daemon_ = std::make_unique<scripted_daemon>(chassis_, 27, [=](daemon_side &side) {
+            hold(5 * 256 + 2, reason);
+            const std::vector<std::uint8_t> body = side.receive(4703);
+            (void)modlock_module_unlock(129, 5 * 256 + 2);
+            answer_lock(side, body, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
+        });
+    }
     static std::string content_when_there(const std::string &file)
     {
         for (int k = 0; k < 3000 && !std::filesystem::exists(file); ++k)
@@ -153,12 +163,7 @@ TEST_F(Lock, RefusesAModuleThatIsBeingProgrammed)
 
 TEST_F(Lock, OfAProgrammingIsFreedByForceOnly)
 {
-    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
-        hold(5 * 256 + 2, 0x4071000a);
-        const std::vector<std::uint8_t> body = side.receive(4703);
-        (void)modlock_module_unlock(129, 5 * 256 + 2);
-        answer_lock(side, body, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
-    });
+    hold_until_asked(0x4071000a);
     ASSERT_TRUE(chassis_.wait_for_lock(5));
     EXPECT_EQ(run({"unlock", "5"}), 4);
     EXPECT_TRUE(err_has("for a programming")) << run_->err();
@@ -180,12 +185,7 @@ TEST_F(Lock, ThatADaemonDoesNotFreeIsNotCalledFree)
 
 TEST_F(Lock, ForAPeerIsFreedForEverybody)
 {
-    const scripted_daemon daemon(chassis_, 27, [](daemon_side &side) {
-        hold(5 * 256 + 2, 0x4071000b);
-        const std::vector<std::uint8_t> body = side.receive(4703);
-        (void)modlock_module_unlock(129, 5 * 256 + 2);
-        answer_lock(side, body, {0, 0, 0, 3, 0, 0, 5, 2}, 0);
-    });
+    hold_until_asked(0x4071000b);
     ASSERT_TRUE(chassis_.wait_for_lock(5));
     EXPECT_EQ(run({"unlock", "5"}), 0) << run_->err();
 }
