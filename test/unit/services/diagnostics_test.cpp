@@ -21,6 +21,7 @@
 
 #include "chassis_diagnostics.h"
 #include "chassis_dir.h"
+#include "in_child.h"
 #include "line_file.h"
 #include "mts_frame.h"
 #include "rest_of.h"
@@ -96,17 +97,6 @@ protected:
 
     temporary_folder folder_{"chassis_diagnostics_test"};
 };
-
-template<typename Body>
-int in_child(Body body)
-{
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(body());
-    int status = -1;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // Debug categories
 

@@ -15,12 +15,12 @@
 #include <string>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "cctrl.h"
 #include "chassis_dir.h"
+#include "in_child.h"
 #include "pfm.h"
 #include "rest_of.h"
 #include "sprom.h"
@@ -99,18 +99,6 @@ void forbid_openat2(int error)
     sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
         ::_exit(99);
-}
-
-// Exit status of a forked child that runs the body.
-template<typename Body>
-int in_child(Body body)
-{
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(body());
-    int status = -1;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // Platform manager
