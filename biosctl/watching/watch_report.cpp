@@ -172,16 +172,24 @@ bool fits(const std::vector<styled_text> &lines, std::size_t room)
     return std::ranges::all_of(lines, [room](const styled_text &line) { return line.size() <= room; });
 }
 
-void cut(styled_text &line, std::size_t room)
+// A word that is longer than a line goes on in the next one.
+std::vector<styled_text> broken(const std::vector<styled_text> &lines, std::size_t room)
 {
-    if (line.size() <= room)
-        return;
-    line = room > 0 ? line.part(0, room - 1) + "~" : styled_text();
+    std::vector<styled_text> pieces;
+    for (const styled_text &line : lines) {
+        std::size_t begin = 0;
+        do {
+            pieces.push_back(line.part(begin, room));
+            begin += room;
+        } while (room > 0 && begin < line.size());
+    }
+    return pieces;
 }
 
-// In the most words that fit. Where the fewest are too many, columns stand below others.
+// In the most words that fit. Where the fewest are too many, columns stand below others: in usual words when there
+// are lines for them, else in the fewest.
 std::vector<styled_text> table_lines(const watch_snapshot &snapshot, const std::vector<watch_row> &rows,
-                                     std::optional<watch_space> space)
+                                     std::optional<watch_space> space, std::size_t lines_max)
 {
     std::vector<styled_text> lines;
     for (const wording words : WORDINGS) {
@@ -189,7 +197,9 @@ std::vector<styled_text> table_lines(const watch_snapshot &snapshot, const std::
         if (!space || fits(lines, space->columns - 1))
             return lines;
     }
-    return table_of(snapshot, rows, wording::tight).lines(space->columns - 1);
+    const std::size_t room = space->columns - 1;
+    lines = broken(table_of(snapshot, rows, wording::usual).lines(room), room);
+    return lines.size() <= lines_max ? lines : broken(table_of(snapshot, rows, wording::tight).lines(room), room);
 }
 
 std::vector<styled_text> fitted(const std::vector<styled_text> &remarks, std::optional<watch_space> space)
@@ -303,19 +313,18 @@ std::vector<styled_text> watch_lines(const watch_snapshot &snapshot, std::option
         left_out = leave_out(rows, std::max<std::size_t>(room, 2) - 1); // the table has a head
     }
     std::vector<styled_text> lines{snapshot.time};
-    std::vector<styled_text> table = table_lines(snapshot, rows, space);
+    std::vector<styled_text> table = table_lines(snapshot, rows, space, room);
     while (table.size() > room && rows.size() > 1) {
         left_out += leave_out(rows, rows.size() - 1);
-        table = table_lines(snapshot, rows, space);
+        table = table_lines(snapshot, rows, space, room);
     }
     lines.insert(lines.end(), table.begin(), table.end());
     if (left_out > 0)
         lines.emplace_back("and " + std::to_string(left_out) + " more cards");
     lines.insert(lines.end(), remarks.begin(), remarks.end());
     if (space) {
+        lines = broken(lines, space->columns - 1);
         lines.resize(std::min<std::size_t>(lines.size(), std::max(space->lines, 2U) - 1));
-        for (styled_text &line : lines)
-            cut(line, space->columns - 1);
     }
     return lines;
 }

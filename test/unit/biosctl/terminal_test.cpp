@@ -72,6 +72,24 @@ std::vector<std::string> lines_of(const std::string &text)
     return lines;
 }
 
+std::string without_blanks(std::string text)
+{
+    std::erase_if(text, [](char character) { return character == ' ' || character == '\n'; });
+    return text;
+}
+
+// What two blanks or more keep apart.
+std::vector<std::string> cells_of(const std::string &line)
+{
+    std::vector<std::string> cells;
+    for (std::size_t begin = line.find_first_not_of(' '); begin != std::string::npos;) {
+        const std::size_t end = std::min(line.find("  ", begin), line.size());
+        cells.push_back(line.substr(begin, end - begin));
+        begin = line.find_first_not_of(' ', end);
+    }
+    return cells;
+}
+
 std::size_t longest_line(const std::string &text)
 {
     std::size_t longest = 0;
@@ -185,6 +203,48 @@ TEST(Terminal, AWatchIsDrawnOverItselfOnlyWhereItCanBe)
         EXPECT_NE(shown.find("no daemon"), std::string::npos) << shown;
         EXPECT_EQ(has_escapes(shown), kind == std::string("xterm")) << kind << ": " << shown;
         EXPECT_TRUE(has_escapes(shown) || longest_line(shown) < 60) << shown;
+    }
+}
+
+// Each cell of a table and each line of a message is somewhere, wherever it was wrapped.
+TEST(Terminal, NothingIsLostInFortyColumns)
+{
+    const test_chassis chassis;
+    const scripted_daemon daemon(chassis, 27, refuse);
+    const std::string flash = chassis.flash_folder(5, "primary");
+    std::ofstream(flash + "/events")
+        << R"-({"time":"2026-01-31T12:00:00.250Z","slot":5,"flash":"primary","sequence":1,"pid":9,"event":"begun",)-"
+        << R"-("image_bytes":8388608,"version":"v3.5.0(09/17/12)"})-"
+        << "\n"
+        << R"-({"time":"2026-01-31T12:00:02.000Z","slot":5,"flash":"primary","sequence":2,"pid":9,"event":"failed",)-"
+        << R"-("attempt":1,"sectors_erased":2,"bytes_written":0,"result":"0x40710009","duration_ms":1750})-"
+        << "\n";
+    for (const unsigned slot : {5U, 27U, 28U}) {
+        chassis.card_holds(slot, "v3.5.0(09/17/12)", "v3.1.0(02/11/11)");
+        chassis.agent_says(slot, "ships", "v12.34.567(09/17/12)");
+    }
+    biosctl_run lock(in_chassis(chassis, {"lock", "5"}));
+    ASSERT_EQ(lock.exit_code(), 0) << lock.err();
+    for (const std::vector<std::string> &words : {std::vector<std::string>{"show"},
+                                                  {"audit"},
+                                                  {"source"},
+                                                  {"sync", "--dry-run"},
+                                                  {"events"},
+                                                  {"program", "27"},
+                                                  {"program", "5"},
+                                                  {"unlock", "28"},
+                                                  {"cancel", "5"},
+                                                  {"explain", "0x4071000c"},
+                                                  {"--help"},
+                                                  {"x"}}) {
+        biosctl_run whole(in_chassis(chassis, words));
+        (void)whole.exit_code();
+        const std::string shown = without_blanks(terminal_run("dumb", 40, in_chassis(chassis, words)).shown());
+        EXPECT_FALSE((whole.out() + whole.err()).empty()) << words[0];
+        for (const std::string &line : lines_of(whole.out() + whole.err())) {
+            for (const std::string &cell : cells_of(line))
+                EXPECT_NE(shown.find(without_blanks(cell)), std::string::npos) << words[0] << ": " << cell;
+        }
     }
 }
 

@@ -341,8 +341,26 @@ TEST(WatchTable, LosesNothingInFortyColumns)
         EXPECT_FALSE(text.ends_with('~')) << text;
         drawn += text + "\n";
     }
-    for (const char *part : {"not verified", "99% verifying #12", "slot 27", "2026-01-30", "0x4071feed", "do not"})
+    for (const char *part : {"not verified: do not reboot", "99% verifying, attempt 12", "slot 27", "2026-01-30",
+                             "0x4071feed", "unknown", "do not"})
         EXPECT_NE(drawn.find(part), std::string::npos) << part << " in\n" << drawn;
+}
+
+TEST(WatchTable, BreaksAWordThatIsLongerThanALine)
+{
+    watch_facts facts = idle_facts();
+    facts.cards = {card(5)};
+    facts.locks = {lock(NODE_5, 0, BIOS_LOCK_FOR_PEER, EARLIER)};
+    facts.locks[0].user = "operator";
+    facts.locks[0].host = std::string(30, 'h') + std::string(30, 'i') + "end";
+    for (const unsigned height : {24U, ~0U}) {
+        std::string drawn;
+        for (const std::string &text : lines(facts, watch_space{40, height})) {
+            EXPECT_LT(text.size(), 40U) << text;
+            drawn += text.substr(std::min(text.find_first_not_of(' '), text.size()));
+        }
+        EXPECT_NE(drawn.find("operator@" + facts.locks[0].host), std::string::npos) << drawn;
+    }
 }
 
 TEST(WatchTable, FitsIntoEveryTerminal)
