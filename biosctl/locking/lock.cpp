@@ -81,9 +81,10 @@ outcome held_failure(const std::string &what, const lock_holder &holder, const s
     return told;
 }
 
-outcome no_agent_answer(const std::string &what)
+outcome no_agent_answer(const std::string &what, unsigned module)
 {
-    return failure(EXIT_FAILED, what + ": no agent that serves the module's lock answers", no_agent_hint());
+    return failure(EXIT_FAILED, what + ": no agent that serves the module's lock answers",
+                   card_agent_hint(std::to_string(module)));
 }
 
 outcome refused(const std::string &what, const operator_lock_reply &reply)
@@ -130,7 +131,7 @@ outcome report_lock(const lock_options &options, const operator_lock_reply &repl
     const std::string what = module + ": lock failed";
     const auto judged = [&]() -> outcome {
         if (!reply.status)
-            return no_agent_answer(what);
+            return no_agent_answer(what, options.module);
         if (*reply.status == AGENT_OK)
             return succeeded(module + ": locked for you until " + (holder ? holder->until : "its time is over") +
                              "; free it with: biosctl unlock " + std::to_string(options.module));
@@ -154,7 +155,7 @@ outcome report_unlock(const unlock_options &options, const operator_lock_reply &
     const std::string forced = "biosctl unlock " + std::to_string(options.module) + " --force";
     const auto judged = [&]() -> outcome {
         if (!reply.status)
-            return no_agent_answer(what);
+            return no_agent_answer(what, options.module);
         if (*reply.status == AGENT_OK)
             return succeeded(module + ": not locked any more");
         if (*reply.status == AGENT_ERR_LOCK_FREE)

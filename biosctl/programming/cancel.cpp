@@ -10,11 +10,12 @@
 namespace
 {
 
-outcome report_cancelled(const std::string &module, std::optional<std::uint32_t> status)
+outcome report_cancelled(unsigned slot, std::optional<std::uint32_t> status)
 {
+    const std::string module = "module " + std::to_string(slot);
     if (!status)
         return failure(EXIT_FAILED, module + ": not cancelled: the agent of its card does not answer",
-                       no_agent_hint());
+                       card_agent_hint(std::to_string(slot)));
     switch (*status) {
     case AGENT_OK:
         return {EXIT_DONE, module + ": cancelled; the flash is not touched"};
@@ -35,8 +36,7 @@ outcome run_cancel(const cancel_options &options, bool)
 {
     if (!module_exists(options.module))
         return no_module_failure(options.module);
-    outcome told = report_cancelled("module " + std::to_string(options.module),
-                                    cancel_order(node_of_module(options.module), options.instance));
+    outcome told = report_cancelled(options.module, cancel_order(node_of_module(options.module), options.instance));
     told.json["command"] = "cancel";
     told.json["module"] = options.module;
     told.json["cancelled"] = told.exit == EXIT_DONE;

@@ -126,10 +126,14 @@ outcome no_image(const programming_plan &plan, const image_reply &reply)
                              ": not begun: " + plan.names.name + ": " + reply.why_not;
     switch (reply.status) {
     case 0:
-        return failure(EXIT_FAILED, what, no_agent_hint());
+        return failure(EXIT_FAILED, what, card_agent_hint(std::to_string(slot_with_image(plan.subject))));
     case AGENT_ERR_IMAGE_URI:
     case AGENT_ERR_IMAGE_FILE:
-        return failure(EXIT_NOT_FOUND, what, "look for the file on the card, or name another image");
+        return failure(EXIT_NOT_FOUND, what,
+                       is_unpacked(plan.subject) ? "look for the file on the card, or name another image"
+                                                 : "put the image on the card as /bootflash/.tmpbios.bin");
+    case AGENT_ERR_IMAGE_SPACE:
+        return failure(EXIT_FAILED, what, agent_status_step(AGENT_ERR_NO_SPACE));
     default:
         return failure(EXIT_FAILED, what, "use an image made for this type of card");
     }
@@ -176,7 +180,7 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
                                           "module " + std::to_string(subject.programmed_module) +
                                               ": not begun: the agent of " + slot_text(subject.programmed_module) +
                                               " does not answer",
-                                          no_agent_hint()));
+                                          card_agent_hint(std::to_string(subject.programmed_module))));
     if (*status != AGENT_ERR_ORDER_LIVE && *status != AGENT_ERR_PROGRAMMING) {
         if ((*status & ~0xffU) == BIOS_RESULT_PREFIX)
             return refused_result(subject, *status, plan.wanted.instance);

@@ -47,8 +47,16 @@ std::string place_in_brackets(look_at what, const std::string &slot, surrounding
 
 std::string no_agent_hint(surroundings where)
 {
-    return where == surroundings::lab ? "see what runs with: chassis status; start the chassis with: chassis up"
-                                      : START_AGENTS;
+    return where == surroundings::lab
+               ? "see what runs with: chassis status; if the chassis is down, start it with: chassis up"
+               : START_AGENTS;
+}
+
+std::string card_agent_hint(const std::string &slot, surroundings where)
+{
+    return where == surroundings::lab
+               ? "see what runs with: chassis status, and what it says with: chassis log " + slot
+               : START_AGENTS;
 }
 
 std::string no_locks_hint(surroundings where)

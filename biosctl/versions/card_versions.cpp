@@ -335,7 +335,9 @@ chassis_report collect_versions(unsigned serving_slot, const std::vector<unsigne
             by_daemon.ask(known);
     }
     const programming_locks locks = find_programming();
-    for (const card &known : cards)
+    for (const card &known : cards) {
         report.cards.push_back(report_on(known, before.has(known.node()) || locks.has(known.node())));
+        report.cards.back().gets_image = slot_that_unpacks_for(known.module, serving_slot).has_value();
+    }
     return report;
 }

@@ -24,6 +24,7 @@ struct card_report {
     std::string started_from = {};            // "primary" or "alternate"; empty: not known
     std::vector<std::string> log_faults = {}; // of its event logs, when they were looked at
     std::vector<std::string> reasons = {};    // why something is not known, or is not what it seems
+    bool gets_image = true;                   // somebody brings it the image that ships for it
 };
 
 struct chassis_report {

@@ -30,12 +30,24 @@ styled_text summary_text(const std::vector<card_report> &cards)
     return text;
 }
 
+// A card to which nobody brings an image programs the one that it has.
+constexpr const char *IMAGE_IS_MISSING =
+    ": nobody brings an image to this card; put it there as /bootflash/.tmpbios.bin before it is programmed";
+
 // What the verdicts that occur ask for; nothing about those that ask for nothing.
 void add_meanings(text_report &report, const std::vector<card_report> &cards)
 {
     for (const verdict_row &row : verdict_rows()) {
-        if (row.kind != verdict::in_step && count_of(cards, row.kind) > 0)
-            report.push_back(text_line{styled_text(row.name, row.meaning) + ": " + advice_text(row)});
+        const styled_text name(row.name, row.meaning);
+        std::vector<card_report> advised = cards;
+        if (row.programs)
+            std::erase_if(advised, [](const card_report &card) { return !card.gets_image; });
+        if (row.kind != verdict::in_step && count_of(advised, row.kind) > 0)
+            report.push_back(text_line{name + ": " + advice_text(row)});
+        for (const card_report &card : cards) {
+            if (row.programs && !card.gets_image && count_of({card}, row.kind) > 0)
+                report.push_back(text_line{name + ", " + slot_text(card.module) + IMAGE_IS_MISSING});
+        }
     }
 }
 

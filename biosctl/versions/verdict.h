@@ -66,6 +66,7 @@ struct verdict_row {
     text_meaning meaning;
     styled_literal advice;
     look_at where = look_at::nowhere; // what is advised is to look there
+    bool programs = false;            // or to program the card
 };
 
 // What it means and what to do next.

@@ -324,6 +324,16 @@ TEST(VersionReport, SaysWhatToDoAboutAFlashThatIsNotVerified)
     }
 }
 
+// Nobody brings it an image: the command alone would fail.
+TEST(VersionReport, DoesNotSendToProgramACardWithoutAnImage)
+{
+    chassis_report versions = report_of({card_of(5, {.flash = OLD, .running = OLD, .source = NEW})});
+    versions.cards[0].gets_image = false;
+    const std::string text = text_of(report_versions(versions, show_kind::show).report, {});
+    EXPECT_EQ(text.find("biosctl program"), std::string::npos) << text;
+    EXPECT_NE(text.find("slot 5: nobody brings an image to this card"), std::string::npos) << text;
+}
+
 TEST(VersionReport, ADaemonsWordIsNoReadingOfTheFlash)
 {
     const outcome told = report_versions(
