@@ -14,6 +14,7 @@
 #include "line_file.h"
 #include "monotonic_clock.h"
 #include "printable_text.h"
+#include "utc_time.h"
 
 namespace
 {
@@ -108,6 +109,14 @@ bool is_renewed(const flash_order &order)
     return silence_s >= 0 && silence_s <= FLASH_ORDER_SILENCE_S; // below 0: it is from before the card's start
 }
 
+// When an order ended that nobody has renewed or claimed. Of one from before the card's start only its last change
+// is known.
+std::string time_given_up(const flash_order &order)
+{
+    const std::int64_t since_s = flash_order_clock_s() - order.renewed_s - FLASH_ORDER_SILENCE_S;
+    return since_s >= 0 ? utc_seconds(std::time(nullptr) - since_s) : order.changed_at;
+}
+
 } // namespace
 
 const char *flash_order_state_name(flash_order_state state)
@@ -145,9 +154,10 @@ std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance)
     auto order = flash_order_parse(text);
     if (!order)
         return std::nullopt;
-    const bool has_ended = (order->state == flash_order_state::ordered && !is_renewed(*order)) ||
-                           (order->state == flash_order_state::writing && !has_writer(slot, instance));
-    if (has_ended)
+    const bool is_given_up = order->state == flash_order_state::ordered && !is_renewed(*order);
+    if (is_given_up)
+        order->changed_at = time_given_up(*order);
+    if (is_given_up || (order->state == flash_order_state::writing && !has_writer(slot, instance)))
         order->state = flash_order_state::failed;
     return order;
 }

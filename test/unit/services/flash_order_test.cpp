@@ -1,9 +1,11 @@
 // The record of a flash's order: its text, and what becomes of an order when nobody keeps it up.
+#include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
 
 #include "flash_fixture.h"
 #include "flash_order.h"
+#include "utc_time.h"
 
 namespace
 {
@@ -109,6 +111,19 @@ TEST_F(FlashOrder, LivesAsLongAsItIsRenewed)
     write(order);
     EXPECT_EQ(state_read(), flash_order_state::failed);
     EXPECT_FALSE(flash_orders_are_live(TEST_SLOT));
+}
+
+// Whenever that is read.
+TEST_F(FlashOrder, ThatNobodyHasRenewedHasEndedThen)
+{
+    flash_order order = example();
+    order.renewed_s -= FLASH_ORDER_SILENCE_S + 100;
+    write(order);
+    const std::int64_t earliest_s = std::time(nullptr) - 101;
+    const auto read = flash_order_read(TEST_SLOT, 0);
+    ASSERT_TRUE(read);
+    EXPECT_GE(read->changed_at, utc_seconds(earliest_s));
+    EXPECT_LE(read->changed_at, utc_seconds(std::time(nullptr) - 99));
 }
 
 TEST_F(FlashOrder, HasEndedWithTheCardsLastLife)
