@@ -146,7 +146,9 @@ void cut_card_test::end_daemon() const
 {
     const pid_t daemon = daemon_pid(path_.target);
     const pid_t child = standing_child();
+    ASSERT_GT(child, 1);
     ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+    ASSERT_EQ(::kill(child, SIGKILL), 0); // without its daemon it would go on
     ASSERT_TRUE(wait_until(
         [&] {
             const pid_t now = daemon_pid(path_.target);
@@ -154,7 +156,7 @@ void cut_card_test::end_daemon() const
                    file_content(slot_file(path_.target, "state")).starts_with("serving");
         },
         PATIENCE));
-    EXPECT_NE(::kill(child, 0), 0) << "the child outlived its daemon";
+    EXPECT_TRUE(wait_until([&] { return ::kill(child, 0) != 0; }, PATIENCE)) << "nobody has waited for the child";
 }
 
 // All of the card's processes die with the first of them, at the same moment; then the card is started again.
