@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <span>
 
 #include "bios_refusals.h"
 #include "card_demands.h"
 #include "card_identification.h"
+#include "card_table.h"
 #include "chassis_dir.h"
 #include "flash_device.h"
 #include "flash_geometry.h"
@@ -75,6 +77,19 @@ std::uint32_t own_family()
     return get_sw_card_family(inventory_value(chassis_own_slot(), "card_id") & 0xffff);
 }
 
+// Whether the daemon programs this flash. Of a card whose family its table does not have it says itself.
+bool is_programmed(unsigned instance)
+{
+    const std::span rows(bios_flash_entry_tbl, max_bios_id_entries);
+    const std::uint32_t family = own_family();
+    const auto is_own = [family](const bios_flash_entry &row) {
+        return row.sw_card_id == family && row.flash_type != 0;
+    };
+    return std::ranges::none_of(rows, is_own) || std::ranges::any_of(rows, [&](const bios_flash_entry &row) {
+               return is_own(row) && row.flash_instance == instance;
+           });
+}
+
 flash_order order_of(const agent_order_req_t &request)
 {
     flash_order order;
@@ -125,6 +140,8 @@ answer order_answer(const agent_order_req_t &request)
     const auto image = facts_of(request.image);
     if (instance >= FLASH_INSTANCE_COUNT)
         return AGENT_ERR_FLASH;
+    if (!is_programmed(instance))
+        return AGENT_ERR_NO_ROW;
     if (!image || (request.forced.load() & ~BIOS_FORCE_ALL) != 0)
         return AGENT_ERR_REQUEST;
     const unsigned slot = chassis_own_slot();

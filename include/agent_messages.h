@@ -100,6 +100,7 @@ enum agent_status : std::uint32_t {
     AGENT_ERR_NO_ORDER = 0x40720050,    // there is no such order, or it has ended
     AGENT_ERR_ORDER_LIVE = 0x40720051,  // the flash has an order that has not ended
     AGENT_ERR_PROGRAMMING = 0x40720052, // a programming is under way on the card
+    AGENT_ERR_NO_ROW = 0x40720053,      // the daemon programs other flashes of the card only
 };
 
 constexpr std::size_t AGENT_TIME_BYTES = 24;

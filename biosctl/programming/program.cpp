@@ -187,7 +187,7 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
         return not_asked(subject,
                          failure(EXIT_FAILED,
                                  "module " + std::to_string(subject.programmed_module) +
-                                     ": not begun: the order was not recorded: " + agent_status_text(*status),
+                                     ": not begun: no order was taken: " + agent_status_text(*status),
                                  agent_status_step(*status)));
     }
     programming_result result = refused_result(subject, BIOS_ERR_BUSY, plan.wanted.instance);

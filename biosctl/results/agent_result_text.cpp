@@ -52,6 +52,8 @@ std::string agent_status_text(std::uint32_t status)
         return "somebody else has ordered another programming of this flash";
     case AGENT_ERR_PROGRAMMING:
         return "a programming is under way on the card";
+    case AGENT_ERR_NO_ROW:
+        return "the daemon programs other flashes of the card only";
     default:
         return "status " + code_text(status);
     }
@@ -64,6 +66,8 @@ std::string agent_status_step(std::uint32_t status)
         return "check that biosctl and the agents are of the same version";
     case AGENT_ERR_FLASH:
         return "check --type and the card's flashes";
+    case AGENT_ERR_NO_ROW:
+        return "leave --type away to program the primary flash";
     case AGENT_ERR_NO_SPACE:
         return "make room on the card's disk, then try again";
     default:

@@ -58,6 +58,19 @@ TEST_F(Orders, SayWhatWasWrittenAndWhoWantedIt)
     expect_tidy(2, {".tmpbios.bin"});
 }
 
+TEST_F(Orders, AreForFlashesThatTheDaemonPrograms)
+{
+    for (const std::vector<std::string> &more : {std::vector<std::string>{"--dry-run"}, {}}) {
+        std::vector<std::string> words = {"program", "1", "--type", "1"};
+        words.insert(words.end(), more.begin(), more.end());
+        const finished_program refused = biosctl(words);
+        EXPECT_EQ(refused.exit_code, 1);
+        EXPECT_NE(refused.errors.find(": the daemon programs other flashes of the card only"), std::string::npos)
+            << refused.errors << refused.output;
+    }
+    EXPECT_FALSE(order_of(1));
+}
+
 TEST_F(Orders, AreCancelledBeforeTheFlashIsTouched)
 {
     keep_pauses(1);
