@@ -67,11 +67,13 @@ flash_proof prove(const program_subject &subject, unsigned instance, const told_
         if (proof.finding == flash_finding::holds_image || proof.finding == flash_finding::half_written)
             break;
     }
-    if (order == nullptr || proof.finding != flash_finding::holds_image)
+    if (order == nullptr)
         return proof;
     const auto record = order->record();
-    if (!record || record->state != flash_order_state::verified)
-        proof = {.finding = flash_finding::not_recorded,
-                 .why = "the card has not recorded that the order was carried out; the flash holds the image"};
+    proof.is_begun = !record || record->writer != 0;
+    if (proof.finding == flash_finding::holds_image && (!record || record->state != flash_order_state::verified)) {
+        proof.finding = flash_finding::not_recorded;
+        proof.why = "the card has not recorded that the order was carried out; the flash holds the image";
+    }
     return proof;
 }

@@ -197,6 +197,31 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
     return result;
 }
 
+// What the agent of the programmed card tells of the work on its flash, and its order.
+std::string work_at(const wanted_programming &wanted)
+{
+    std::string text;
+    if (const auto order = ask_for_order(wanted.node, wanted.instance); order)
+        text = std::string(flash_order_state_name(order->state)) + " " + order->changed_at;
+    const auto card = ask_for_card(wanted.node);
+    if (!card)
+        return text;
+    for (const card_flash &flash : card->flashes) {
+        if (flash.instance == wanted.instance && flash.activity.last)
+            text += " " + flash_progress_format(*flash.activity.last);
+    }
+    return text;
+}
+
+std::optional<unsigned> find_silent_daemon(const program_subject &subject)
+{
+    for (const unsigned slot : {subject.programmed_module, subject.serving_slot}) {
+        if (const auto card = ask_for_card(node_of_module(slot)); card && card->is_silent)
+            return slot;
+    }
+    return std::nullopt;
+}
+
 // Sends the request and follows the programming to its end. The order is ended in any case.
 programming_result carry_out(const program_options &options, const programming_plan &plan,
                              const placed_order &order, int fd, const last_words_text &last_words)
@@ -218,17 +243,21 @@ programming_result carry_out(const program_options &options, const programming_p
         return refused_result(subject, answer.status, options.request.type);
     }
     progress_view view(STDERR_FILENO, "module " + std::to_string(subject.programmed_module));
-    const programming_end end =
-        watch_programming(endpoint, daemon, {node, subject.programmed_module}, options.timeout_s, view);
+    const programming_end end = watch_programming(
+        endpoint, daemon, {node, subject.programmed_module}, options.timeout_s,
+        [&] { return work_at(plan.wanted); }, view);
     const bool has_ended = end.how == watch_end::reported || end.how == watch_end::vanished;
     if (has_ended)
         order.end(end.result);
+    const bool is_left = has_ended || end.how == watch_end::stalled;
     programming_result result = result_of(
-        subject, end, has_ended ? prove(subject, options.request.type, plan.wanted.image, &order) : flash_proof());
-    if (has_ended && !result.is_proved())
+        subject, end, is_left ? prove(subject, options.request.type, plan.wanted.image, &order) : flash_proof());
+    if (is_left && !result.is_proved())
         result.writer = find_flash_writer(subject.programmed_module, options.request.type);
     if (result.ending == programming_ending::nothing_programmed)
         result.cause = cause_of_nothing(subject, options.request);
+    if (end.how == watch_end::stalled)
+        result.silent_daemon = find_silent_daemon(subject);
     return result;
 }
 

@@ -131,12 +131,20 @@ std::vector<std::string> likely_reasons(const programming_result &result)
 explanation explain_nothing_programmed(const programming_result &result)
 {
     const std::string cause = result.cause.value_or("");
-    return {.headline = module_text(result) + ": nothing was programmed" + (cause.empty() ? "" : ": " + cause) +
-                        " (result " + code_text(BIOS_OK) + ", and no flash was reported as verified)",
+    const std::string headline = module_text(result) + ": nothing was programmed" +
+                                 (cause.empty() ? "" : ": " + cause) + " (result " + code_text(BIOS_OK) +
+                                 ", and no flash was ";
+    const std::string place =
+        place_in_brackets(look_at::log_and_states, std::to_string(result.subject.programmed_module));
+    if (!result.proof.is_begun)
+        return {.headline = headline + "begun)",
+                .flash = "not touched",
+                .next =
+                    "look at the card's log for what has ended the programming" + place + ", then program again"};
+    return {.headline = headline + "reported as verified)",
             .likely = likely_reasons(result),
             .flash = "not touched, unless the programming process was killed while it erased",
-            .next = "look at the card's log and state before a reboot" +
-                    place_in_brackets(look_at::log_and_states, std::to_string(result.subject.programmed_module))};
+            .next = "look at the card's log and state before a reboot" + place};
 }
 
 // The flash after a result other than 0. What the code says is about the last attempt; the progress tells whether
@@ -181,6 +189,26 @@ explanation explain_going_on(const programming_result &result)
             .next = "look at it again with: biosctl watch " + std::to_string(result.subject.programmed_module)};
 }
 
+// The flash of a programming that nobody writes and that has not ended.
+styled_text flash_left_alone(const programming_result &result)
+{
+    if (result.is_proved())
+        return VERIFIED;
+    return result.proof.finding == flash_finding::half_written ? FLASH_CORRUPTED : FLASH_UNKNOWN;
+}
+
+explanation explain_stalled(const programming_result &result)
+{
+    explanation told{.headline = module_text(result) + ": no progress for " + std::to_string(PROGRESS_PATIENCE_S) +
+                                 " s, and no result (" + seen_text(result) + ")",
+                     .flash = flash_left_alone(result),
+                     .next = "look at it again with: biosctl watch " +
+                             std::to_string(result.subject.programmed_module)};
+    if (result.silent_daemon)
+        told.likely = {"the daemon of " + slot_text(*result.silent_daemon) + " was stopped or hangs"};
+    return told;
+}
+
 explanation explain_other_version(const programming_result &result)
 {
     const version_check &version = *result.version;
@@ -215,6 +243,8 @@ explanation explain_ending(const programming_result &result)
     case programming_ending::interrupted:
     case programming_ending::timed_out:
         return explain_going_on(result);
+    case programming_ending::stalled:
+        return explain_stalled(result);
     case programming_ending::other_version:
         return explain_other_version(result);
     default:

@@ -1,8 +1,10 @@
 #include "program_wait.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <unistd.h>
+#include <utility>
 
 #include "elapsed.h"
 #include "interrupt.h"
@@ -16,6 +18,50 @@ using steady = std::chrono::steady_clock;
 
 constexpr unsigned RECEIVE_WAIT_S = 1; // also how soon Ctrl-C and the time limit are noticed at the latest
 constexpr auto PROBE_INTERVAL = std::chrono::seconds(1);
+constexpr unsigned QUIET_S = 3; // without a message about progress; then the other signs are looked at
+constexpr auto LOOK_INTERVAL = std::chrono::seconds(1);
+
+// When the last sign of work was seen.
+class work_clock
+{
+public:
+    explicit work_clock(const work_signs &signs) : signs_(signs) {}
+
+    void note_progress(const progress_state &progress)
+    {
+        const std::array now{static_cast<unsigned>(progress.seen), static_cast<unsigned>(progress.phase),
+                             progress.percent, progress.attempt};
+        if (now == progress_)
+            return;
+        progress_ = now;
+        last_ = steady::now();
+    }
+    bool has_stalled()
+    {
+        if (seconds_since(last_) >= QUIET_S && steady::now() >= next_look_) {
+            next_look_ = steady::now() + LOOK_INTERVAL;
+            look();
+        }
+        return seconds_since(last_) >= PROGRESS_PATIENCE_S;
+    }
+
+private:
+    void look()
+    {
+        std::string now = signs_();
+        if (now.empty() || now == seen_)
+            return;
+        if (!seen_.empty())
+            last_ = steady::now();
+        seen_ = std::move(now);
+    }
+
+    const work_signs &signs_;
+    std::array<unsigned, 4> progress_ = {};
+    std::string seen_;
+    steady::time_point last_ = steady::now();
+    steady::time_point next_look_ = last_;
+};
 
 // Takes what came before and with the acceptance; true when the watched programming has ended already.
 //
@@ -88,9 +134,10 @@ bool programming_watch::take_done(const received_message &message)
 }
 
 programming_end watch_programming(client_endpoint &endpoint, const daemon_probe &daemon, programming_watch watch,
-                                  std::optional<unsigned> timeout_s, progress_view &view)
+                                  std::optional<unsigned> timeout_s, const work_signs &signs, progress_view &view)
 {
     const steady::time_point start = steady::now();
+    work_clock clock(signs);
     const auto end = [&](watch_end how) {
         view.finish();
         return programming_end{how, watch.result(), watch.progress(), seconds_since(start)};
@@ -112,6 +159,7 @@ programming_end watch_programming(client_endpoint &endpoint, const daemon_probe 
             return end(watch_end::interrupted);
         if (timeout_s && seconds_since(start) >= *timeout_s)
             return end(watch_end::timed_out);
+        clock.note_progress(watch.progress());
         if (!message && error != MTS_ERRNO_TIMED_OUT && error != MTS_ERRNO_INTERRUPTED)
             (void)::usleep(100'000); // a broken endpoint fails at once; the probe ends the wait
         if (steady::now() < next_probe)
@@ -121,5 +169,7 @@ programming_end watch_programming(client_endpoint &endpoint, const daemon_probe 
             // It may have reported right before it ended.
             return end(take_until_empty(endpoint, watch) ? watch_end::reported : watch_end::vanished);
         }
+        if (clock.has_stalled())
+            return end(take_until_empty(endpoint, watch) ? watch_end::reported : watch_end::stalled);
     }
 }

@@ -1,5 +1,5 @@
-// Watching an accepted programming: the messages about it, the life of the daemon that reports its end, Ctrl-C
-// and the time limit.
+// Watching an accepted programming: the messages about it, the life of the daemon that reports its end, what the
+// programmed card's agent tells of its flash, Ctrl-C and the time limit.
 //
 // The end is reported by the daemon that took the request: by a notice to whoever listens, which names the
 // module, from the active supervisor, and by a message to the requester from any other card. Progress comes
@@ -8,16 +8,23 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 
 #include "client.h"
 #include "progress_bar.h"
+
+// A process that was stopped, or hangs, lives and never reports anything. Longer than the daemons wait for each
+// other (COMPLETION_PATIENCE_US): what they find out comes first.
+constexpr unsigned PROGRESS_PATIENCE_S = 33;
 
 enum class watch_end {
     reported,    // the daemon reported a result
     vanished,    // the daemon ended without
     interrupted, // Ctrl-C
     timed_out,   // the time limit passed
+    stalled,     // nothing has moved for PROGRESS_PATIENCE_S
 };
 
 struct programming_end {
@@ -52,6 +59,10 @@ private:
     std::uint32_t result_ = 0;
 };
 
+// What is known of the work on the flash from elsewhere; it counts as a sign of work when it differs from the time
+// before. Empty: nothing is known.
+using work_signs = std::function<std::string()>;
+
 // Watches until the end. Call it right after the request was accepted.
 programming_end watch_programming(client_endpoint &endpoint, const daemon_probe &daemon, programming_watch watch,
-                                  std::optional<unsigned> timeout_s, progress_view &view);
+                                  std::optional<unsigned> timeout_s, const work_signs &signs, progress_view &view);

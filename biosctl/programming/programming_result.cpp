@@ -36,6 +36,8 @@ programming_ending ending_of(const programming_end &end, flash_finding finding)
         return programming_ending::daemon_ended;
     case watch_end::interrupted:
         return programming_ending::interrupted;
+    case watch_end::stalled:
+        return programming_ending::stalled;
     case watch_end::timed_out:
         break;
     }
@@ -75,6 +77,8 @@ const char *ending_name(programming_ending ending)
     case programming_ending::interrupted:
     case programming_ending::timed_out:
         return "goes on";
+    case programming_ending::stalled:
+        return "no progress";
     case programming_ending::other_version:
         break;
     }

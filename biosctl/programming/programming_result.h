@@ -36,6 +36,7 @@ enum class programming_ending {
     daemon_ended,       // before it reported a code
     interrupted,        // by Ctrl-C; the card works on
     timed_out,          // the time given has passed; the card works on
+    stalled,            // nothing has moved for long, and nobody has reported an end
     other_version,      // verified, but the flash holds another version than the one expected
 };
 
@@ -54,6 +55,7 @@ enum class flash_finding {
 struct flash_proof {
     flash_finding finding = flash_finding::not_looked;
     std::string why = {}; // it is unknown or not recorded; for people
+    bool is_begun = true; // false: by the order's record nobody has begun to write
 };
 
 struct lock_in_the_way {
@@ -84,11 +86,12 @@ struct programming_result {
     flash_proof proof = {};                 // of one whose end was seen
     std::optional<flash_writer> writer =
         {}; // of one that was refused or has failed while somebody writes the flash
-    std::optional<lock_in_the_way> lock = {};  // of one that was refused as busy, when the holder is known
-    std::optional<flash_order> order = {};     // of somebody else, when that is why it was refused
-    std::optional<unsigned> silent_agent = {}; // slot, of one that was refused as busy because it can get no locks
-    std::optional<version_check> version = {}; // when the flash was asked for its version afterwards
-    std::optional<std::string> cause = {};     // why nothing was programmed, as found on the card; empty: not there
+    std::optional<lock_in_the_way> lock = {};   // of one that was refused as busy, when the holder is known
+    std::optional<flash_order> order = {};      // of somebody else, when that is why it was refused
+    std::optional<unsigned> silent_daemon = {}; // slot, of one that has stalled
+    std::optional<unsigned> silent_agent = {};  // slot, of one that was refused as busy because it can get no locks
+    std::optional<version_check> version = {};  // when the flash was asked for its version afterwards
+    std::optional<std::string> cause = {};      // why nothing was programmed, as found on the card; empty: not there
 
     bool tried() const { return ending != programming_ending::not_tried; }
     bool has_code() const; // whether a daemon has given one

@@ -6,6 +6,7 @@
 #include "bios_results.h"
 #include "chassis_fixture.h"
 #include "exit_codes.h"
+#include "run_program.h"
 
 namespace
 {
@@ -158,6 +159,26 @@ TEST_F(LostProcesses, ChildEndsWithItsCard)
     EXPECT_TRUE(is_marked(1));
     write_file(flash_file(1, "timing"), "0\n");
     expect_next_succeeds();
+}
+
+TEST_F(LostProcesses, NobodyWaitsForAWriterThatWasStopped)
+{
+    write_file(flash_file(1, "timing"), "1\n");
+    running_program ordered(biosctl_words({"program", "1"}));
+    ASSERT_TRUE(wait_until([&] { return is_marked(1); }, std::chrono::seconds(60)));
+    const pid_t child = child_pid(1);
+    ASSERT_EQ(::kill(child, SIGSTOP), 0);
+    const auto begin = std::chrono::steady_clock::now();
+    const finished_program told = ordered.wait(std::chrono::seconds(60));
+    EXPECT_LE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(40));
+    EXPECT_EQ(told.exit_code, EXIT_FAILED) << told.errors;
+    EXPECT_NE(told.errors.find("no progress for 33 s"), std::string::npos) << told.errors;
+    EXPECT_NE(told.errors.find(" of slot 1, which has written its flash since "), std::string::npos) << told.errors;
+    EXPECT_NE(told.errors.find("flash: being programmed: do not reboot the card"), std::string::npos)
+        << told.errors;
+    ASSERT_EQ(::kill(child, SIGCONT), 0);
+    ASSERT_TRUE(wait_until([&] { return !is_marked(1); }, std::chrono::seconds(60)));
+    EXPECT_EQ(flash_of(1) == new_image().bytes, true);
 }
 
 // The daemon does not program later what nobody waits for.

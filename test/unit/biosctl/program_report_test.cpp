@@ -50,6 +50,17 @@ TEST(ProgramReport, ResultZeroWithoutProgressIsNothingProgrammed)
     EXPECT_EQ(end.json["verified"], false);
 }
 
+TEST(ProgramReport, AFlashThatNobodyHasBegunIsNotTouched)
+{
+    programming_result nothing = looked_at(ended(watch_end::reported, 0, -1));
+    nothing.proof.is_begun = false;
+    const outcome end = report_programming(nothing);
+    EXPECT_EQ(end.exit, 1);
+    EXPECT_TRUE(tells(end, "nothing was programmed (result 0x00000000, and no flash was begun)"));
+    EXPECT_FALSE(tells(end, "likely: "));
+    EXPECT_EQ(end.json["flash"], "not touched");
+}
+
 TEST(ProgramReport, ResultZeroBeforeOneHundredPercentWarnsAgainstAReboot)
 {
     for (const int percent : {0, 1, 99}) {
@@ -113,10 +124,26 @@ TEST(ProgramReport, AnInterruptAndATimeLimitSayThatItGoesOn)
     EXPECT_EQ(report_programming(looked_at(ended(watch_end::timed_out, 0, 40))).exit, 1);
 }
 
+TEST(ProgramReport, AProgrammingThatHasStalledSaysWhatTheFlashIs)
+{
+    programming_result stalled = looked_at(ended(watch_end::stalled, 0, 100));
+    EXPECT_EQ(stalled.ending, programming_ending::stalled);
+    EXPECT_EQ(report_programming(stalled).exit, 1);
+    EXPECT_TRUE(tells(report_programming(stalled), "no progress for 33 s, and no result"));
+    EXPECT_TRUE(tells(report_programming(stalled), "flash: programmed and verified"));
+    stalled.silent_daemon = 27;
+    EXPECT_TRUE(tells(report_programming(stalled), "the daemon of slot 27 was stopped or hangs"));
+    stalled.proof.finding = flash_finding::half_written;
+    EXPECT_TRUE(tells(report_programming(stalled), "may be corrupted"));
+    stalled.writer = flash_writer{.slot = 5, .pid = 41, .since = "2026-01-31T23:59:59Z"};
+    EXPECT_TRUE(tells(report_programming(stalled), "process 41 of slot 5"));
+    EXPECT_TRUE(tells(report_programming(stalled), "being programmed: do not reboot"));
+}
+
 TEST(ProgramReport, TextAndJsonSayTheSame)
 {
-    for (const watch_end how :
-         {watch_end::reported, watch_end::vanished, watch_end::interrupted, watch_end::timed_out}) {
+    for (const watch_end how : {watch_end::reported, watch_end::vanished, watch_end::interrupted,
+                                watch_end::timed_out, watch_end::stalled}) {
         for (const int percent : {-1, 40, 100}) {
             const outcome end = report_programming(looked_at(ended(how, 0, percent)));
             EXPECT_EQ(end.json["command"], "program");

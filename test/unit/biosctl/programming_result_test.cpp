@@ -40,6 +40,7 @@ TEST(ProgrammingResult, IsVerifiedWithCodeZeroAndOneHundredPercentAlone)
     EXPECT_EQ(ending_of(watch_end::vanished, 0, 100), programming_ending::daemon_ended);
     EXPECT_EQ(ending_of(watch_end::interrupted, 0, 100), programming_ending::interrupted);
     EXPECT_EQ(ending_of(watch_end::timed_out, 0, 100), programming_ending::timed_out);
+    EXPECT_EQ(ending_of(watch_end::stalled, 0, 100), programming_ending::stalled);
 }
 
 TEST(ProgrammingResult, IsByTheProofAndNotByWhatIsHeard)
@@ -107,7 +108,7 @@ TEST(ProgrammingResult, EndingsThatDifferHaveDifferentNames)
     std::set<std::string> names;
     for (int ending = 0; ending <= static_cast<int>(programming_ending::other_version); ++ending)
         names.insert(ending_name(static_cast<programming_ending>(ending)));
-    EXPECT_EQ(names.size(), 14U)
+    EXPECT_EQ(names.size(), 15U)
         << "a programming goes on after Ctrl-C as after a time limit, and nothing is to do";
 }
 
