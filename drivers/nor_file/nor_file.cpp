@@ -77,7 +77,8 @@ bool nor_file::open_files(unsigned slot, unsigned instance, flash_access access)
     folder_.fd.reset(::openat(chassis_dir_fd(), folder_.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder_.fd)
         return false;
-    data_file_.reset(::openat(folder_.fd.get(), FLASH_FILE_DATA, (writable_ ? O_RDWR : O_RDONLY) | O_CLOEXEC));
+    data_file_.reset(
+        ::openat(folder_.fd.get(), FLASH_FILE_DATA, (writable_ ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC));
     if (!data_file_)
         return false;
     if (!load_geometry() || !lock_and_map(access))
@@ -194,8 +195,8 @@ void nor_file::die(bool hold)
 
 void nor_file::note_violation(const char *wanted, std::uint32_t place) const
 {
-    const unique_fd file(
-        ::openat(folder_.fd.get(), FLASH_FILE_VIOLATIONS, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    const unique_fd file(::openat(folder_.fd.get(), FLASH_FILE_VIOLATIONS,
+                                  O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0644));
     if (file)
         (void)::dprintf(file.get(), "%s at 0x%x\n", wanted, place);
 }
@@ -305,7 +306,7 @@ bool nor_file::set_marker()
     const bool was_marked = is_marked();
     const bool set = perform(flash_operation::marker, 0, MARKER_STEPS, [&](const flash_extent &extent) {
         const unique_fd marker(
-            ::openat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+            ::openat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644));
         if (!marker)
             return false;
         return extent.amount < MARKER_STEPS || (::fsync(marker.get()) == 0 && ::fsync(folder_.fd.get()) == 0);

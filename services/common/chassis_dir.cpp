@@ -116,9 +116,15 @@ std::string chassis_inventory_path(unsigned slot, const std::string &name)
 
 bool chassis_read_file(const std::string &path, std::string &content, std::size_t limit)
 {
-    const unique_fd file(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
+    const unique_fd file(::openat(chassis_dir_fd(), path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {
+    };
+    if (!file || ::fstat(file.get(), &status) != 0)
         return false;
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
     content.clear();
     char piece[4096];
     while (content.size() < limit) {
@@ -140,8 +146,9 @@ bool chassis_write_file(const std::string &path, const std::string &content)
 {
     const std::string fresh = path + ".new." + std::to_string(::getpid());
     {
-        const unique_fd file(
-            ::openat(chassis_dir_fd(), fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        const unique_fd file(::openat(chassis_dir_fd(), fresh.c_str(),
+                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                                      0644));
         if (!file)
             return false;
         if (!write_all(file.get(), content.data(), content.size())) {

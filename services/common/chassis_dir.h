@@ -45,7 +45,7 @@ std::string chassis_folder_problem(const std::string &path);
 std::string chassis_slot_path(unsigned slot, const std::string &name);
 std::string chassis_inventory_path(unsigned slot, const std::string &name);
 
-// Reads a file below the chassis directory whole, at most limit bytes. false with errno.
+// Reads a regular file below the chassis directory whole, at most limit bytes; waits for nobody. false with errno.
 bool chassis_read_file(const std::string &path, std::string &content, std::size_t limit = 1 << 20);
 
 // Replaces a file below the chassis directory so that a reader sees the old or the new content, never a part.

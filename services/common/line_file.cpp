@@ -25,8 +25,8 @@ std::string one_line(std::string_view text)
 
 unique_fd open_to_append(const std::string &path)
 {
-    return unique_fd(
-        ::openat(chassis_dir_fd(), path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_CLOEXEC, 0644));
+    return unique_fd(::openat(chassis_dir_fd(), path.c_str(),
+                              O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
 }
 
 bool has_room(const unique_fd &file, std::size_t bytes)

@@ -26,7 +26,8 @@ flash_folder open_flash_folder(unsigned slot, unsigned instance)
 
 bool flash_folder_rewrite(const flash_folder &folder, const char *name, const std::string &content)
 {
-    const unique_fd file(::openat(folder.fd.get(), name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    const unique_fd file(
+        ::openat(folder.fd.get(), name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
     const auto length = static_cast<ssize_t>(content.size());
     return file && ::pwrite(file.get(), content.data(), content.size(), 0) == length &&
            ::ftruncate(file.get(), length) == 0;

@@ -1,5 +1,6 @@
 // Debug categories, history ring and syslog of a card.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -518,6 +519,15 @@ TEST_F(Diagnostics, SyslogAppendsALineWithTheExpandedMessage)
                              "Primary BIOS Flash";
     EXPECT_EQ(boot, after_time(lines[0]));
     EXPECT_EQ("slot 5 severity 2 100% sure forged", after_time(lines[1]));
+}
+
+TEST_F(Diagnostics, SyslogWaitsForNoReaderOfAFifo)
+{
+    ASSERT_EQ(::mkfifo(slot_file("syslog").c_str(), 0600), 0);
+    vesk_syslog(2, "lost", "X", 2);
+    ASSERT_TRUE(fs::remove(slot_file("syslog")));
+    vesk_syslog(2, "kept", "X", 2);
+    EXPECT_EQ(1U, lines_of("syslog").size());
 }
 
 TEST_F(Diagnostics, SyslogTakesNothingFromNowhere)

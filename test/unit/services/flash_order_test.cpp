@@ -2,6 +2,7 @@
 #include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "flash_fixture.h"
 #include "flash_order.h"
@@ -96,6 +97,21 @@ TEST_F(FlashOrder, IsNotThereBeforeTheFirst)
     EXPECT_EQ(flash_order_read(TEST_SLOT, 0), std::nullopt);
     EXPECT_EQ(flash_order_read(TEST_SLOT, FLASH_INSTANCE_COUNT), std::nullopt);
     EXPECT_FALSE(flash_orders_are_live(TEST_SLOT));
+}
+
+TEST_F(FlashOrder, IsNoneWhereNoFileIsAndNobodyWaitsForAFifo)
+{
+    write(example());
+    const std::string record = dir + "/" + chassis_slot_path(TEST_SLOT, "orders/primary");
+    ASSERT_TRUE(std::filesystem::remove(record));
+    ASSERT_EQ(::mkfifo(record.c_str(), 0600), 0);
+    EXPECT_FALSE(flash_order_read(TEST_SLOT, 0));
+    EXPECT_FALSE(flash_orders_are_live(TEST_SLOT));
+    write(example()); // takes the FIFO's place
+    EXPECT_EQ(state_read(), flash_order_state::ordered);
+    ASSERT_TRUE(std::filesystem::remove(record));
+    ASSERT_TRUE(std::filesystem::create_directory(record));
+    EXPECT_FALSE(flash_order_read(TEST_SLOT, 0));
 }
 
 TEST_F(FlashOrder, LivesAsLongAsItIsRenewed)
