@@ -79,6 +79,7 @@ public:
         all.push_back(size_);
         return all;
     }
+    bool is_empty() const { return size_ == 0; }
     agent_image_t told()
     {
         const image_reading reading = reader_.finish();
@@ -301,6 +302,8 @@ answer image_answer(const agent_image_req_t &request)
     unpacked_image unpacked(image_bytes_max(*row), request.with_signature.load() != 0);
     if (const agent_status status = read_image(request, *row, unpacked); status != AGENT_OK)
         return status;
+    if (unpacked.is_empty())
+        return AGENT_ERR_IMAGE_EMPTY;
     agent_image_t told = unpacked.told();
     if (request.source.load() != AGENT_IMAGE_READY)
         told.missing_bytes = be64::of(missing_room(row->tmp_path, unpacked.files()));

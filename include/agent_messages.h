@@ -82,12 +82,13 @@ enum agent_status : std::uint32_t {
     // Why there is no image:
     AGENT_ERR_IMAGE_CARD = 0x40720020,   // no BIOS is known for cards of this id
     AGENT_ERR_IMAGE_URI = 0x40720021,    // the URI names no path of this card, or one that no command may be given
-    AGENT_ERR_IMAGE_FILE = 0x40720022,   // there is no such file
+    AGENT_ERR_IMAGE_FILE = 0x40720022,   // there is no such regular file
     AGENT_ERR_IMAGE_MEMBER = 0x40720023, // the system image holds no BIOS for this card, or is none
     AGENT_ERR_IMAGE_PACKED = 0x40720024, // the file was not made by gzip
     AGENT_ERR_IMAGE_CUT = 0x40720025,    // the file is cut short or damaged
     AGENT_ERR_IMAGE_SIZE = 0x40720026,   // the image is larger than the card's flash, or than AGENT_IMAGE_BYTES_MAX
     AGENT_ERR_IMAGE_SPACE = 0x40720027,  // there is no space to unpack it
+    AGENT_ERR_IMAGE_EMPTY = 0x40720028,  // the image has no bytes
 
     // Why the signature of an image does not count:
     AGENT_ERR_NOT_SIGNED = 0x40720030,  // the image has no manifest, or one without a signature

@@ -23,7 +23,7 @@ std::string agent_status_text(std::uint32_t status)
     case AGENT_ERR_IMAGE_URI:
         return "the URI names no file that the card may unpack";
     case AGENT_ERR_IMAGE_FILE:
-        return "there is no such file on the card";
+        return "there is no such regular file on the card";
     case AGENT_ERR_IMAGE_MEMBER:
         return "the file is no system image, or holds no BIOS for this type of card";
     case AGENT_ERR_IMAGE_PACKED:
@@ -34,6 +34,8 @@ std::string agent_status_text(std::uint32_t status)
         return "the image is larger than the flash";
     case AGENT_ERR_IMAGE_SPACE:
         return "no space left on the card to unpack the image";
+    case AGENT_ERR_IMAGE_EMPTY:
+        return "the image is empty";
     case AGENT_ERR_NOT_SIGNED:
         return "the image is not signed";
     case AGENT_ERR_KEY_UNKNOWN:

@@ -87,6 +87,11 @@ TEST_F(AgentImages, TellsOfTheImageThatLiesReady)
     EXPECT_EQ(ask_for(AGENT_IMAGE_READY).status, AGENT_ERR_IMAGE_FILE);
     write_file(on_bootflash(1, ".tmpbios.bin"), image("3.0").bytes);
     expect_image(ask_for(AGENT_IMAGE_READY), image("3.0"));
+    write_file(on_bootflash(1, ".tmpbios.bin"), "");
+    EXPECT_EQ(ask_for(AGENT_IMAGE_READY).status, AGENT_ERR_IMAGE_EMPTY);
+    EXPECT_EQ(::unlink(on_bootflash(1, ".tmpbios.bin").c_str()), 0);
+    ASSERT_EQ(::mkfifo(on_bootflash(1, ".tmpbios.bin").c_str(), 0600), 0);
+    EXPECT_EQ(ask_for(AGENT_IMAGE_READY).status, AGENT_ERR_IMAGE_FILE);
 }
 
 TEST_F(AgentImages, TellsApartWhatIsWrongWithTheTree)

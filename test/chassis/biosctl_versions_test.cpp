@@ -166,7 +166,7 @@ TEST_F(BiosctlVersions, EachThingThatCanBeWrongWithAnImageIsToldApart)
     write_file(shipped_file(1), "no image");
     EXPECT_NE(reason().find("the image was not compressed by gzip"), std::string::npos) << reason();
     std::filesystem::remove(shipped_file(1));
-    EXPECT_NE(reason().find("there is no such file on the card"), std::string::npos) << reason();
+    EXPECT_NE(reason().find("there is no such regular file on the card"), std::string::npos) << reason();
     write_file(workspace() + "/blank", std::string(4096, '\xff'));
     ASSERT_EQ(std::system(("gzip -c " + workspace() + "/blank > " + shipped_file(1)).c_str()), 0);
     EXPECT_NE(reason().find("the image holds no version"), std::string::npos) << reason();
@@ -205,7 +205,8 @@ TEST_F(BiosctlVersions, SourceReadsAnImageInAPlaceOfItsOwnAndNamesWhatIsWrong)
         << other.errors;
     const finished_program missing = biosctl({"source", "--image", "bootflash:missing.img"});
     EXPECT_EQ(missing.exit_code, 3);
-    EXPECT_NE(missing.errors.find("there is no such file on the card"), std::string::npos) << missing.errors;
+    EXPECT_NE(missing.errors.find("there is no such regular file on the card"), std::string::npos)
+        << missing.errors;
     EXPECT_EQ(file_content(ready), "an operator's");
     expect_tidy(1);
 }

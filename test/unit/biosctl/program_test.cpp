@@ -136,7 +136,7 @@ TEST_F(Program, NothingIsBegunWithoutAnImageOrAnAgent)
     EXPECT_NE(told["error"].get<std::string>().find("cut short or damaged"), std::string::npos) << run_->out();
     chassis_.agent_says(5, "no_image", "0x40720022");
     EXPECT_EQ(program(not_asked), 3);
-    EXPECT_TRUE(err_has("there is no such file on the card")) << run_->err();
+    EXPECT_TRUE(err_has("there is no such regular file on the card")) << run_->err();
     chassis_.end_agent(5);
     EXPECT_EQ(program(not_asked), 1);
     EXPECT_TRUE(err_has("not begun")) << run_->err();

@@ -428,7 +428,7 @@ TEST_F(Show, TellsEveryCardAndGivesEachItsVerdict)
     EXPECT_TRUE(has_line("5     -                 v3.1.0(02/11/11)  v3.1.0(02/11/11)  unknown")) << run_->out();
     EXPECT_TRUE(has_line("27    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.5.0(09/17/12)  in step")) << run_->out();
     EXPECT_TRUE(has_line("28    v3.5.0(09/17/12)  v3.5.0(09/17/12)  v3.1.0(02/11/11)  reboot pending"));
-    EXPECT_TRUE(has_line("slot 5: no image version: there is no such file on the card")) << run_->out();
+    EXPECT_TRUE(has_line("slot 5: no image version: there is no such regular file on the card")) << run_->out();
     EXPECT_EQ(run_->err(), "");
 }
 
@@ -602,7 +602,7 @@ TEST_F(Show, EachCauseOfAMissingImageVersionIsToldApart)
 {
     serve_versions({{27, NEW}});
     const std::pair<const char *, const char *> causes[] = {
-        {"40720022", "there is no such file on the card"},
+        {"40720022", "there is no such regular file on the card"},
         {"40720024", "the image was not compressed by gzip"},
         {"40720025", "the image is cut short or damaged"},
         {"40720027", "no space left on the card to unpack the image"},

@@ -86,10 +86,11 @@ TEST_F(Source, EachCauseIsToldApart)
         int exit;
         const char *text;
     } causes[] = {
-        {"40720022", 3, "image tree: there is no such file on the card"},
+        {"40720022", 3, "image tree: there is no such regular file on the card"},
         {"40720024", 1, "image tree: the image was not compressed by gzip"},
         {"40720025", 1, "image tree: the image is cut short or damaged"},
         {"40720027", 1, "image tree: no space left on the card to unpack the image"},
+        {"40720028", 1, "image tree: the image is empty"},
         {"40720023", 1, "the file is no system image, or holds no BIOS for this type of card"},
     };
     for (const auto &cause : causes) {
