@@ -176,7 +176,7 @@ answer renewal_answer(const agent_order_id_t &request)
         if (order.id != request.id.load())
             return AGENT_ERR_NO_ORDER;
         order.renewed_s = flash_order_clock_s();
-        // One that was cancelled holds its programming off for as long as it is renewed.
+        // One that was cancelled holds its programming off for as long as it is renewed, and longer.
         return order.is_live() || order.state == flash_order_state::cancelled ? AGENT_OK : AGENT_ERR_NO_ORDER;
     });
 }

@@ -103,10 +103,10 @@ bool has_writer(unsigned slot, unsigned instance)
     return file && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
-bool is_renewed(const flash_order &order)
+bool is_renewed(const flash_order &order, unsigned silence_max_s)
 {
     const std::int64_t silence_s = flash_order_clock_s() - order.renewed_s;
-    return silence_s >= 0 && silence_s <= FLASH_ORDER_SILENCE_S; // below 0: it is from before the card's start
+    return silence_s >= 0 && silence_s <= silence_max_s; // below 0: it is from before the card's start
 }
 
 // When an order ended that nobody has renewed or claimed. Of one from before the card's start only its last change
@@ -154,7 +154,7 @@ std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance)
     auto order = flash_order_parse(text);
     if (!order)
         return std::nullopt;
-    const bool is_given_up = order->state == flash_order_state::ordered && !is_renewed(*order);
+    const bool is_given_up = order->state == flash_order_state::ordered && !is_renewed(*order, FLASH_ORDER_SILENCE_S);
     if (is_given_up)
         order->changed_at = time_given_up(*order);
     if (is_given_up || (order->state == flash_order_state::writing && !has_writer(slot, instance)))
@@ -164,7 +164,7 @@ std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance)
 
 bool flash_order_holds_off(const flash_order &order)
 {
-    return order.state == flash_order_state::cancelled && is_renewed(order);
+    return order.state == flash_order_state::cancelled && is_renewed(order, FLASH_ORDER_CANCELLED_S);
 }
 
 bool flash_orders_are_live(unsigned slot)

@@ -17,9 +17,10 @@
 
 constexpr const char *FLASH_ORDERS_FOLDER = "orders"; // of a slot
 constexpr const char *FLASH_ORDERS_FAMILY =
-    "orders/family";                           // the card's, as its agent knows it from the daemon's table
-constexpr unsigned FLASH_ORDER_RENEWAL_S = 5;  // how often whoever has ordered says that he is still there
-constexpr unsigned FLASH_ORDER_SILENCE_S = 15; // without that an order that nobody has claimed ends
+    "orders/family";                              // the card's, as its agent knows it from the daemon's table
+constexpr unsigned FLASH_ORDER_RENEWAL_S = 5;     // how often whoever has ordered says that he is still there
+constexpr unsigned FLASH_ORDER_SILENCE_S = 15;    // without that an order that nobody has claimed ends
+constexpr unsigned FLASH_ORDER_CANCELLED_S = 120; // without that a cancelled one does not hold off any more
 
 enum class flash_order_state : std::uint8_t {
     ordered,   // nobody has begun
@@ -62,7 +63,8 @@ std::optional<flash_order> flash_order_parse(std::string_view text);
 std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance);
 
 // Whether a cancelled order still holds off the programming that it was made for: whoever has ordered renews it
-// until he has heard that this programming has ended.
+// until he has heard that this programming has ended. When he has gone, nobody says so: then for longer than a
+// request takes to get to the flash.
 bool flash_order_holds_off(const flash_order &order);
 
 // Whether one of the card's flashes has an order that has not ended.

@@ -167,12 +167,14 @@ TEST_F(FlashOrder, IsWrittenAsLongAsItsWriterLives)
     EXPECT_EQ(state_read(), flash_order_state::failed);
 }
 
-TEST_F(FlashOrder, ThatWasCancelledHoldsOffAsLongAsItIsRenewed)
+TEST_F(FlashOrder, ThatWasCancelledHoldsOffForLongWhenNobodyRenewsIt)
 {
     flash_order order = example();
     EXPECT_FALSE(flash_order_holds_off(order));
     order.state = flash_order_state::cancelled;
     EXPECT_TRUE(flash_order_holds_off(order));
-    order.renewed_s -= FLASH_ORDER_SILENCE_S + 1;
+    order.renewed_s -= FLASH_ORDER_SILENCE_S + 1; // whoever ordered was killed, his request goes on
+    EXPECT_TRUE(flash_order_holds_off(order));
+    order.renewed_s -= FLASH_ORDER_CANCELLED_S - FLASH_ORDER_SILENCE_S;
     EXPECT_FALSE(flash_order_holds_off(order));
 }
