@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "awaited_completion.h"
 #include "bios_messages.h"
 #include "bios_opcodes.h"
 #include "chassis_dir.h"
@@ -17,7 +18,9 @@ namespace
 
 constexpr std::size_t SECONDS_TEXT_BYTES = 19;      // "2026-01-31T23:59:59"
 constexpr std::size_t MILLISECONDS_TEXT_BYTES = 23; // "2026-01-31T23:59:59.123"
-constexpr std::int64_t REPORT_S = 30;               // the end of the work on a flash is reported sooner
+// The end of the work on a flash is reported sooner, also when the module's daemon hangs and the supervisor has to
+// find it out by itself.
+constexpr std::int64_t REPORT_S = COMPLETION_PATIENCE_US / MICROSECONDS + 10;
 
 const results_by_module &told_results()
 {

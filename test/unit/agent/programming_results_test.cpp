@@ -86,10 +86,10 @@ TEST(ProgrammingOutcome, ZeroOfAKilledProcessIsWithoutAResult)
 
 TEST(ProgrammingOutcome, AnOldEndIsNotTheOneThatWasTold)
 {
-    const std::vector<flash_event> old{event_at("2026-01-31T10:59:39.000Z", flash_event_kind::ended, 0)};
+    const std::vector<flash_event> old{event_at("2026-01-31T10:59:29.000Z", flash_event_kind::ended, 0)};
     EXPECT_EQ(outcome_of(end_with(0, ""), old), AGENT_OUTCOME_WITHOUT_RESULT);
-    const std::vector<flash_event> recent{event_at("2026-01-31T10:59:41.000Z", flash_event_kind::ended, 0)};
-    EXPECT_EQ(outcome_of(end_with(0, ""), recent), AGENT_OUTCOME_VERIFIED);
+    const std::vector<flash_event> recent{event_at("2026-01-31T10:59:38.000Z", flash_event_kind::ended, 0)};
+    EXPECT_EQ(outcome_of(end_with(0, ""), recent), AGENT_OUTCOME_VERIFIED) << "behind a daemon that hangs";
 }
 
 TEST(ProgrammingOutcome, OtherResultsAreFailuresAndWithoutANoticeNothingIsKnown)
