@@ -147,12 +147,14 @@ explanation explain_nothing_programmed(const programming_result &result)
             .next = "look at the card's log and state before a reboot" + place};
 }
 
-// The flash after a result other than 0. What the code says is about the last attempt; the progress tells whether
-// an attempt before it, or a step before it, had changed the flash already.
+// The flash after a result other than 0. What the code says is about the last attempt; the order's record tells
+// whether there was a first one, and the progress whether an attempt, or a step before it, has changed the flash.
 styled_text flash_after_failure(const result_description &described, const programming_result &result)
 {
     if (result.is_proved())
         return styled_text(VERIFIED) + " before that; the new BIOS is in it";
+    if (!result.proof.is_begun)
+        return "not touched";
     const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
     return changed ? FLASH_CORRUPTED : described.flash;
 }

@@ -99,6 +99,15 @@ TEST(ProgramReport, AHarmlessCodeAfterAnAttemptThatChangedTheFlashWarnsAllTheSam
     EXPECT_TRUE(tells(report_programming(looked_at(second)), "do not reboot"));
 }
 
+TEST(ProgramReport, AFailureBeforeAnybodyHasBegunLeavesTheFlashAlone)
+{
+    programming_result unfit = looked_at(ended(watch_end::reported, 0x40710020, -1));
+    EXPECT_TRUE(tells(report_programming(unfit), "erased on all others"));
+    unfit.proof.is_begun = false;
+    EXPECT_TRUE(tells(report_programming(unfit), "flash: not touched\n")) << report_programming(unfit).json.dump();
+    EXPECT_EQ(report_programming(unfit).json["flash"], "not touched");
+}
+
 TEST(ProgramReport, NotNeededIsNothingToDo)
 {
     const outcome end = report_programming(looked_at(ended(watch_end::reported, 0x40710001, -1)));
