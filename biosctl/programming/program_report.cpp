@@ -153,9 +153,10 @@ styled_text flash_after_failure(const result_description &described, const progr
 {
     if (result.is_proved())
         return styled_text(VERIFIED) + " before that; the new BIOS is in it";
-    if (!result.proof.is_begun)
+    if (!result.proof.is_begun && !result.progress.seen)
         return "not touched";
-    const bool changed = result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1);
+    const bool changed = result.proof.finding == flash_finding::half_written ||
+                         (result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1));
     return changed ? FLASH_CORRUPTED : described.flash;
 }
 

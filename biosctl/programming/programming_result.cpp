@@ -23,8 +23,9 @@ programming_ending ending_by_code(const programming_end &end, flash_finding find
     if (end.result != BIOS_OK)
         return describe_result(end.result).exit == EXIT_NOTHING_TO_DO ? programming_ending::nothing_to_do
                                                                       : programming_ending::failed;
-    return end.progress.seen ? ending_by_proof(end.progress.verified(), finding)
-                             : programming_ending::nothing_programmed;
+    // An erase of the whole flash reports no progress.
+    const bool is_begun = end.progress.seen || finding == flash_finding::half_written;
+    return is_begun ? ending_by_proof(end.progress.verified(), finding) : programming_ending::nothing_programmed;
 }
 
 programming_ending ending_of(const programming_end &end, flash_finding finding)

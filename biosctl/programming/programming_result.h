@@ -91,7 +91,7 @@ struct programming_result {
     std::optional<unsigned> silent_daemon = {}; // slot, of one that has stalled
     std::optional<unsigned> silent_agent = {};  // slot, of one that was refused as busy because it can get no locks
     std::optional<version_check> version = {};  // when the flash was asked for its version afterwards
-    std::optional<std::string> cause = {};      // why nothing was programmed, as found on the card; empty: not there
+    std::optional<std::string> cause = {}; // why nothing was programmed, as found on the card; empty: not there
 
     bool tried() const { return ending != programming_ending::not_tried; }
     bool has_code() const; // whether a daemon has given one

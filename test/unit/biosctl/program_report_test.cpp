@@ -108,6 +108,19 @@ TEST(ProgramReport, AFailureBeforeAnybodyHasBegunLeavesTheFlashAlone)
     EXPECT_EQ(report_programming(unfit).json["flash"], "not touched");
 }
 
+TEST(ProgramReport, AMarkedFlashWasBegunWhateverWasHeard)
+{
+    for (const std::uint32_t code : {0U, 0x40710027U}) {
+        const programming_result killed =
+            result_of(SUBJECT, ended(watch_end::reported, code, -1), {.finding = flash_finding::half_written});
+        const outcome end = report_programming(killed);
+        EXPECT_NE(end.exit, EXIT_DONE);
+        EXPECT_FALSE(tells(end, "nothing was programmed"));
+        EXPECT_FALSE(tells(end, "not touched"));
+        EXPECT_TRUE(tells(end, "flash: may be corrupted: do not reboot the card"));
+    }
+}
+
 TEST(ProgramReport, NotNeededIsNothingToDo)
 {
     const outcome end = report_programming(looked_at(ended(watch_end::reported, 0x40710001, -1)));
