@@ -202,7 +202,7 @@ std::string work_at(const wanted_programming &wanted)
 {
     std::string text;
     if (const auto order = ask_for_order(wanted.node, wanted.instance); order)
-        text = std::string(flash_order_state_name(order->state)) + " " + order->changed_at;
+        text = flash_order_state_name(order->state);
     const auto card = ask_for_card(wanted.node);
     if (!card)
         return text;

@@ -154,7 +154,8 @@ std::optional<flash_order> flash_order_read(unsigned slot, unsigned instance)
     auto order = flash_order_parse(text);
     if (!order)
         return std::nullopt;
-    const bool is_given_up = order->state == flash_order_state::ordered && !is_renewed(*order, FLASH_ORDER_SILENCE_S);
+    const bool is_given_up =
+        order->state == flash_order_state::ordered && !is_renewed(*order, FLASH_ORDER_SILENCE_S);
     if (is_given_up)
         order->changed_at = time_given_up(*order);
     if (is_given_up || (order->state == flash_order_state::writing && !has_writer(slot, instance)))
