@@ -298,7 +298,7 @@ def make_agent_requests():
 
     def wish(manifest_state=0, signature=0x40720030, manifest=b""):
         return struct.pack(">IIQ", 0, 15, 16384) + b"\x5a" * 32 + field("v3.5.0(09/17/12)", 128) + \
-            words(manifest_state, signature) + manifest.ljust(256, b"\0") + \
+            words(manifest_state, signature) + manifest.ljust(256, b"\0") + words(0, 0) + \
             field("/bootflash/system.bin", 128) + field("ann", 64) + field("far\n", 64)
     plain = wish()
     steps("order", request(order, plain + words(1)), request(order, plain + words(0)), request(order, plain + words(0)),
