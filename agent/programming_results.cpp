@@ -36,15 +36,26 @@ std::string_view milliseconds(const std::string &time)
     return std::string_view(time).substr(0, MILLISECONDS_TEXT_BYTES);
 }
 
-// Whether the event is the end of the programming whose end was told. One that was asked for directly is not told.
+// Whether the last event of a flash until an end was told is that end, and a good one. Another programming that has
+// begun behind it, and is not known to have ended, may be the one that was told of.
 bool is_end_of(const told_end &end, const flash_event &event)
 {
     if (event.kind != flash_event_kind::ended || event.result != 0U ||
-        milliseconds(event.time) > milliseconds(end.time) || milliseconds(event.time) <= milliseconds(end.before))
+        milliseconds(event.time) <= milliseconds(end.before))
         return false;
     const auto ended_s = utc_parse_seconds(event.time);
     const auto told_s = utc_parse_seconds(end.time);
     return ended_s && told_s && *told_s - *ended_s <= REPORT_S;
+}
+
+// Of one flash. A programming that was asked for directly is not told.
+bool is_verified(const told_end &end, std::span<const flash_event> events)
+{
+    const auto is_earlier = [&end](const flash_event &event) {
+        return milliseconds(event.time) <= milliseconds(end.time);
+    };
+    const auto last = std::find_if(events.rbegin(), events.rend(), is_earlier);
+    return last != events.rend() && is_end_of(end, *last);
 }
 
 } // namespace
@@ -68,15 +79,15 @@ void take_result(results_by_module &results, const kept_notice &notice)
     store_text(result.time, time.c_str(), time.size());
 }
 
-agent_outcome outcome_of(const told_end &end, std::span<const flash_event> events)
+agent_outcome outcome_of(const told_end &end, std::span<const std::vector<flash_event>> flashes)
 {
     if (end.time.empty())
         return AGENT_OUTCOME_NONE;
     if (end.result.result.load() != 0)
         return AGENT_OUTCOME_FAILED;
-    const bool is_verified =
-        std::ranges::any_of(events, [&end](const flash_event &event) { return is_end_of(end, event); });
-    return is_verified ? AGENT_OUTCOME_VERIFIED : AGENT_OUTCOME_WITHOUT_RESULT;
+    const bool verified =
+        std::ranges::any_of(flashes, [&end](const auto &events) { return is_verified(end, events); });
+    return verified ? AGENT_OUTCOME_VERIFIED : AGENT_OUTCOME_WITHOUT_RESULT;
 }
 
 answer results_answer()
@@ -92,12 +103,10 @@ answer outcome_answer()
     const unsigned slot = chassis_own_slot();
     const auto found = told_results().find(slot);
     const told_end end = found != told_results().end() ? found->second : told_end{};
-    std::vector<flash_event> events;
-    for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
-        const auto history = flash_event_history_of(slot, instance);
-        events.insert(events.end(), history.events.begin(), history.events.end());
-    }
+    std::vector<std::vector<flash_event>> flashes;
+    for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance)
+        flashes.push_back(flash_event_history_of(slot, instance).events);
     answer told;
-    told.add(agent_outcome_t{be32::of(outcome_of(end, events)), end.result});
+    told.add(agent_outcome_t{be32::of(outcome_of(end, flashes)), end.result});
     return told;
 }

@@ -23,5 +23,5 @@ using results_by_module = std::map<unsigned, told_end>;
 // Takes a notice, when it is one about the end of a programming from a daemon.
 void take_result(results_by_module &results, const kept_notice &notice);
 
-// What the last result means, by the events of the card's flashes.
-agent_outcome outcome_of(const told_end &end, std::span<const flash_event> events);
+// What the last result means, by the events of each of the card's flashes, the oldest first.
+agent_outcome outcome_of(const told_end &end, std::span<const std::vector<flash_event>> flashes);

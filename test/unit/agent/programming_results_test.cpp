@@ -58,11 +58,12 @@ flash_event event_at(const std::string &time, flash_event_kind kind, std::option
     return {.time = time, .slot = 28, .sequence = 1, .kind = kind, .result = result};
 }
 
+using flashes = std::vector<std::vector<flash_event>>;
+
 agent_outcome outcome_after(const std::string &time, flash_event_kind kind = flash_event_kind::ended,
                             std::uint32_t result = 0)
 {
-    const std::vector<flash_event> events{event_at(time, kind, result)};
-    return outcome_of(end_with(0), events);
+    return outcome_of(end_with(0), flashes{{event_at(time, kind, result)}});
 }
 
 } // namespace
@@ -75,7 +76,7 @@ TEST(ProgrammingOutcome, ZeroIsVerifiedWhenTheFlashsLogSaysSo)
 
 TEST(ProgrammingOutcome, ZeroOfAKilledProcessIsWithoutAResult)
 {
-    EXPECT_EQ(outcome_of(end_with(0), {}), AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_of(end_with(0), flashes{}), AGENT_OUTCOME_WITHOUT_RESULT);
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::attempt), AGENT_OUTCOME_WITHOUT_RESULT);
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0x40710009),
               AGENT_OUTCOME_WITHOUT_RESULT);
@@ -84,17 +85,28 @@ TEST(ProgrammingOutcome, ZeroOfAKilledProcessIsWithoutAResult)
     EXPECT_EQ(outcome_after("2026-01-31T11:00:10.501Z"), AGENT_OUTCOME_WITHOUT_RESULT) << "of a later one";
 }
 
+TEST(ProgrammingOutcome, ZeroOfAProgrammingThatHasBegunBehindAVerifiedOneIsWithoutAResult)
+{
+    const flash_event verified = event_at("2026-01-31T11:00:10.100Z", flash_event_kind::ended, 0);
+    const flash_event begun = event_at("2026-01-31T11:00:10.200Z", flash_event_kind::begun, 0);
+    const flash_event later = event_at("2026-01-31T11:00:10.600Z", flash_event_kind::begun, 0);
+    EXPECT_EQ(outcome_of(end_with(0), flashes{{verified, begun}}), AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_of(end_with(0), flashes{{verified, begun, later}}), AGENT_OUTCOME_WITHOUT_RESULT);
+    EXPECT_EQ(outcome_of(end_with(0), flashes{{verified, later}}), AGENT_OUTCOME_VERIFIED);
+    EXPECT_EQ(outcome_of(end_with(0), flashes{{begun}, {verified}}), AGENT_OUTCOME_VERIFIED) << "of another flash";
+}
+
 TEST(ProgrammingOutcome, AnOldEndIsNotTheOneThatWasTold)
 {
-    const std::vector<flash_event> old{event_at("2026-01-31T10:59:29.000Z", flash_event_kind::ended, 0)};
+    const flashes old{{event_at("2026-01-31T10:59:29.000Z", flash_event_kind::ended, 0)}};
     EXPECT_EQ(outcome_of(end_with(0, ""), old), AGENT_OUTCOME_WITHOUT_RESULT);
-    const std::vector<flash_event> recent{event_at("2026-01-31T10:59:38.000Z", flash_event_kind::ended, 0)};
+    const flashes recent{{event_at("2026-01-31T10:59:38.000Z", flash_event_kind::ended, 0)}, {}};
     EXPECT_EQ(outcome_of(end_with(0, ""), recent), AGENT_OUTCOME_VERIFIED) << "behind a daemon that hangs";
 }
 
 TEST(ProgrammingOutcome, OtherResultsAreFailuresAndWithoutANoticeNothingIsKnown)
 {
-    const std::vector<flash_event> verified{event_at("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0)};
+    const flashes verified{{event_at("2026-01-31T11:00:10.400Z", flash_event_kind::ended, 0)}};
     EXPECT_EQ(outcome_of(end_with(0x40710009), verified), AGENT_OUTCOME_FAILED);
     EXPECT_EQ(outcome_of({}, verified), AGENT_OUTCOME_NONE);
 }
