@@ -15,6 +15,7 @@
 #include "flash_wear.h"
 #include "inventory_value.h"
 #include "mts_tools.h"
+#include "programming_child.h"
 #include "utc_time.h"
 
 namespace
@@ -91,6 +92,7 @@ answer card_answer()
     facts.sup_state = be32::of(inventory_value(slot, "sup_state"));
     facts.serves = be32::of(!daemon ? 0 : is_silent(slot, *daemon) ? 2 : 1);
     facts.flash_count = be32::of(static_cast<std::uint32_t>(flashes.size()));
+    facts.programming_pid = be32::of(programming_child_pid(slot).value_or(0));
     if (daemon && daemon->bound_at_s != 0)
         store_text(facts.serves_since, utc_seconds(daemon->bound_at_s).c_str());
     answer card;

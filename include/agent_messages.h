@@ -134,9 +134,11 @@ struct agent_card_t {
     be32 sup_state; // as in agent_module_t
     be32 serves;    // 1: its daemon's endpoint is bound; 2: likewise, and it has not looked for messages for 12 s
     be32 flash_count;
+    be32 programming_pid; // process that programs on this card, or has it done by another one; 0: none is known
     char serves_since[AGENT_TIME_BYTES]; // empty: it does not serve, or the transport cannot tell
 };
-static_assert(sizeof(agent_card_t) == 52);
+static_assert(sizeof(agent_card_t) == 56);
+static_assert(offsetof(agent_card_t, serves_since) == 32);
 
 enum agent_flash_state : std::uint32_t {
     AGENT_FLASH_MARKED = 1,       // its programming was begun, and it was not found equal to the image since

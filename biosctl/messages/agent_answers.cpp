@@ -108,6 +108,7 @@ std::optional<card_facts_told> decode_card(answer_payload payload)
         return std::nullopt;
     card_facts_told card{.serves = head.serves.load() != 0,
                          .is_silent = head.serves.load() == 2,
+                         .programming_pid = head.programming_pid.load(),
                          .serves_since = printable(head.serves_since)};
     for (agent_flash_t told{}; records.take(told);) {
         if (!is_next_flash(told.instance.load(), card.flashes))

@@ -33,9 +33,10 @@ struct card_flash {
 };
 
 struct card_facts_told {
-    bool serves = false;           // its daemon's endpoint is bound
-    bool is_silent = false;        // likewise, and it has not looked for messages for long
-    std::string serves_since = {}; // UTC, "2026-01-31T23:59:59Z"; empty: not known
+    bool serves = false;               // its daemon's endpoint is bound
+    bool is_silent = false;            // likewise, and it has not looked for messages for long
+    std::uint32_t programming_pid = 0; // programs on the card, or has it done by another one; 0: none is known
+    std::string serves_since = {};     // UTC, "2026-01-31T23:59:59Z"; empty: not known
     std::vector<card_flash> flashes = {};
 };
 

@@ -23,11 +23,21 @@ std::optional<flash_writer> find_flash_writer(unsigned slot, unsigned instance)
     return std::nullopt;
 }
 
+std::optional<flash_writer> find_programming_process(unsigned slot)
+{
+    const auto card = ask_for_card(node_of_module(slot));
+    if (!card || card->programming_pid == 0)
+        return std::nullopt;
+    return flash_writer{.slot = slot, .pid = card->programming_pid};
+}
+
 std::string writer_text(const flash_writer &writer)
 {
     const std::string of_slot = " of slot " + std::to_string(writer.slot);
     if (writer.pid == 0)
         return "a process" + of_slot + ", which writes its flash";
-    return "process " + std::to_string(writer.pid) + of_slot + ", which has written its flash since " +
-           writer.since;
+    const std::string process = "process " + std::to_string(writer.pid) + of_slot;
+    if (writer.since.empty())
+        return process + ", which carries out a programming";
+    return process + ", which has written its flash since " + writer.since;
 }

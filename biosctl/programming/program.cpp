@@ -64,6 +64,8 @@ programming_result refused_result(const program_subject &subject, std::uint32_t 
     if (status != BIOS_ERR_BUSY)
         return result;
     result.writer = find_flash_writer(subject.programmed_module, instance);
+    if (!result.writer)
+        result.writer = find_programming_process(subject.serving_slot);
     result.lock = find_lock_in_the_way(subject);
     if (!result.lock && !ask_for_card(node_of_module(subject.serving_slot)))
         result.silent_agent = subject.serving_slot;
@@ -184,11 +186,10 @@ programming_result not_ordered(const programming_plan &plan, std::optional<std::
     if (*status != AGENT_ERR_ORDER_LIVE && *status != AGENT_ERR_PROGRAMMING) {
         if ((*status & ~0xffU) == BIOS_RESULT_PREFIX)
             return refused_result(subject, *status, plan.wanted.instance);
-        return not_asked(subject,
-                         failure(EXIT_FAILED,
-                                 "module " + std::to_string(subject.programmed_module) +
-                                     ": not begun: no order was taken: " + agent_status_text(*status),
-                                 agent_status_step(*status)));
+        return not_asked(subject, failure(EXIT_FAILED,
+                                          "module " + std::to_string(subject.programmed_module) +
+                                              ": not begun: no order was taken: " + agent_status_text(*status),
+                                          agent_status_step(*status)));
     }
     programming_result result = refused_result(subject, BIOS_ERR_BUSY, plan.wanted.instance);
     result.order = ask_for_order(plan.wanted.node, plan.wanted.instance);

@@ -4,8 +4,10 @@
 
 #include "bios_opcodes.h"
 #include "bios_results.h"
+#include "chassis_dir.h"
 #include "chassis_fixture.h"
 #include "exit_codes.h"
+#include "programming_child.h"
 #include "run_program.h"
 
 namespace
@@ -88,6 +90,24 @@ void LostProcesses::expect_child_finishes()
 }
 
 } // namespace
+
+TEST_F(LostProcesses, ChildThatHasNotBegunToWriteIsNamedToWhomeverItKeepsWaiting)
+{
+    keep_pauses(1);
+    requester asking;
+    programming seen = asking.start(1);
+    ASSERT_EQ(seen.answer, 0U);
+    ASSERT_EQ(chassis_attach(chassis_directory(), 0), 0);
+    ASSERT_TRUE(wait_until([&] { return programming_child_lives(1); }));
+    const pid_t daemon = daemon_pid(1);
+    ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+    ASSERT_TRUE(wait_for_new_daemon(daemon));
+    const finished_program told = biosctl({"program", "1"});
+    EXPECT_EQ(told.exit_code, EXIT_BUSY);
+    EXPECT_NE(told.errors.find("writer: process "), std::string::npos) << told.errors;
+    EXPECT_NE(told.errors.find(" of slot 1, which carries out a programming"), std::string::npos) << told.errors;
+    EXPECT_TRUE(wait_until([&] { return flash_of(1) == new_image().bytes && !is_marked(1); }));
+}
 
 TEST_F(LostProcesses, ChildKilledBeforeItWritesLeavesTheFlashAlone)
 {

@@ -11,7 +11,7 @@ namespace
 {
 
 const bytes TWO_MODULES = words({2, 2}) + words({1, 1, 90, 1}) + words({232, 2, 106, 0});
-const bytes ONE_FLASH = words({2, 90, 17, 1, 1, 1, 1}) + text_field("2026-01-31T10:00:00Z", 24) +
+const bytes ONE_FLASH = words({2, 90, 17, 1, 1, 1, 1, 41}) + text_field("2026-01-31T10:00:00Z", 24) +
                         words({0, 65536, 4096, 7, 2, 43, 1, 17}) + text_field("2026-01-31T11:00:00Z", 24) +
                         words({0, 5, 1, 2, 0, 300});
 
@@ -42,6 +42,7 @@ TEST(AgentAnswers, CardTellsOfItsFlashes)
     const auto card = decode_card(ONE_FLASH);
     ASSERT_TRUE(card && card->flashes.size() == 1);
     EXPECT_TRUE(card->serves);
+    EXPECT_EQ(card->programming_pid, 41U);
     EXPECT_EQ(card->serves_since, "2026-01-31T10:00:00Z");
     const card_flash &flash = card->flashes.front();
     EXPECT_EQ(flash.size_bytes, 65536U);
@@ -58,7 +59,7 @@ TEST(AgentAnswers, CardThatIsNotWholeIsNone)
         EXPECT_FALSE(decode_card({ONE_FLASH.data(), length})) << length;
     EXPECT_FALSE(decode_card(ONE_FLASH + bytes(1)));
     bytes third = ONE_FLASH;
-    third[55] = 2; // instance
+    third[59] = 2; // instance
     EXPECT_FALSE(decode_card(third));
 }
 
