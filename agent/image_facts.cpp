@@ -42,6 +42,7 @@ constexpr const char *WORK_FOLDER = "/var/tmp";
 constexpr const char *WORK_PREFIX = "bios_agent.";
 constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // in a system image, and where it lands
 constexpr std::size_t PIECE_BYTES = 64 << 10;
+constexpr std::uint64_t SYSTEM_IMAGE_BYTES_MAX = std::uint64_t{1} << 30; // unpacked, of one that is searched for damage
 constexpr int GUNZIP_WARNED = 2; // its exit status: the data is whole
 
 // An image whose bytes come one after the other, and what is said of it.
@@ -226,6 +227,13 @@ bool take_member(const std::string &archive, const std::string &member)
     return exec_cmd_with_files_print(command.c_str(), nullptr, "/dev/null", "/dev/null", 0) == 0;
 }
 
+// Why nothing could be taken out of an archive, as far as the file itself shows it.
+agent_status why_no_member(const char *path)
+{
+    unpacked_image whole(SYSTEM_IMAGE_BYTES_MAX, false);
+    return read_packed(path, whole) == AGENT_ERR_IMAGE_CUT ? AGENT_ERR_IMAGE_CUT : AGENT_ERR_IMAGE_MEMBER;
+}
+
 agent_status read_from_system_image(const std::string &path, const std::string &member, unpacked_image &image)
 {
     if (!is_harmless_path(path.c_str()))
@@ -235,8 +243,9 @@ agent_status read_from_system_image(const std::string &path, const std::string &
     const work_folder folder;
     if (!folder.is_there())
         return errno == ENOSPC ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_UNREADABLE;
-    if (!take_member(path, std::string("/") + CORE_PLUGIN) || !take_member(CORE_PLUGIN, member))
-        return folder.is_full() ? AGENT_ERR_IMAGE_SPACE : AGENT_ERR_IMAGE_MEMBER;
+    const bool has_core = take_member(path, std::string("/") + CORE_PLUGIN);
+    if (!has_core || !take_member(CORE_PLUGIN, member))
+        return folder.is_full() ? AGENT_ERR_IMAGE_SPACE : why_no_member(has_core ? CORE_PLUGIN : path.c_str());
     image.add_file_beside(open_regular_file(CORE_PLUGIN).get());
     return read_packed(("." + member).c_str(), image);
 }

@@ -122,6 +122,11 @@ TEST_F(AgentImages, TellsApartWhatIsWrongWithAUri)
     EXPECT_EQ(ask_for(AGENT_IMAGE_OF_URI, "bootflash:text.img").status, AGENT_ERR_IMAGE_MEMBER);
     make_system_image(on_bootflash(1, "other.img"), 106, image("3.0"));
     EXPECT_EQ(ask_for(AGENT_IMAGE_OF_URI, "bootflash:other.img").status, AGENT_ERR_IMAGE_MEMBER);
+    for (const std::uintmax_t part : {4U, 2U}) {
+        make_system_image(on_bootflash(1, "cut.img"), CARD_ID, image("3.0"));
+        files::resize_file(on_bootflash(1, "cut.img"), files::file_size(on_bootflash(1, "cut.img")) / part);
+        EXPECT_EQ(ask_for(AGENT_IMAGE_OF_URI, "bootflash:cut.img").status, AGENT_ERR_IMAGE_CUT) << part;
+    }
     expect_nothing_left();
 }
 
