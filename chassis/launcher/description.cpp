@@ -27,7 +27,7 @@ constexpr std::uint32_t MAX_WAIT_LIMIT_S = 24 * 60 * 60;
 constexpr std::size_t DESCRIPTION_BYTES_MAX = std::size_t{1} << 20;
 // Each part of a key is a table in the one before, and the library needs stack for each table that lies in another.
 // It counts those that are nested by brackets itself.
-constexpr std::ptrdiff_t DOTS_MAX = 10'000;
+constexpr std::ptrdiff_t DOTS_MAX = 4'000;
 
 bool is_control_character(char c)
 {
