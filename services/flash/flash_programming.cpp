@@ -222,7 +222,7 @@ std::int32_t flash_program_image(flash_device &flash, const flash_image &image, 
     return programming_run(flash, image, mode, progress).run();
 }
 
-std::int32_t flash_erase_whole(flash_device &flash)
+std::int32_t flash_erase_whole(flash_device &flash, const std::function<void(std::uint32_t percent)> &reached)
 {
     for (std::uint32_t sector = 0; sector < flash.sector_count(); ++sector) {
         if (flash.is_protected(sector))
@@ -233,6 +233,7 @@ std::int32_t flash_erase_whole(flash_device &flash)
     const std::vector<std::uint8_t> blank(flash.geometry().sector_bytes, FLASH_ERASED_BYTE);
     std::vector<std::uint8_t> found(blank.size());
     for (std::uint32_t sector = 0; sector < flash.sector_count(); ++sector) {
+        reached(static_cast<std::uint32_t>(std::uint64_t{100} * sector / flash.sector_count()));
         if (!erase_sector(flash, sector, blank, found))
             return BIOS_FLASH_ERR_ERASE;
     }

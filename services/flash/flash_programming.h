@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "flash_device.h"
 #include "flash_image.h"
@@ -21,4 +22,6 @@ enum class flash_programming_mode : std::uint8_t {
                                                flash_programming_mode mode, flash_progress &progress);
 
 // Erases every sector; the flash stays marked as being programmed. 0, or one of the codes of bios_flash.h.
-[[nodiscard]] std::int32_t flash_erase_whole(flash_device &flash);
+//   reached  is told before each sector how many percent are behind it
+[[nodiscard]] std::int32_t flash_erase_whole(flash_device &flash,
+                                             const std::function<void(std::uint32_t percent)> &reached);

@@ -100,9 +100,12 @@ std::int32_t erase_flash(std::uint32_t instance)
         claim_flash(flash_temporary_image, instance, 0, bios_signed(BIOS_REFUSED_NO_IMAGE));
     if (!claimed.flash)
         return flash_attempt_refused(instance, 0, claimed.failure);
-    flash_progress_note(chassis_own_slot(), instance, BIOS_PHASE_ERASE, 0, 0);
+    const auto note = [instance](std::uint32_t percent) {
+        flash_progress_note(chassis_own_slot(), instance, BIOS_PHASE_ERASE, percent, 0);
+    };
+    note(0); // before the first event
     flash_attempt_events events(*claimed.flash, instance);
-    return claimed.claim->ended(0, events.ended(flash_erase_whole(*claimed.flash)));
+    return claimed.claim->ended(0, events.ended(flash_erase_whole(*claimed.flash, note)));
 }
 
 } // namespace

@@ -140,7 +140,7 @@ TEST_F(FlashProcedure, LeavesAnErasedFlashMarkedUntilItIsWritten)
 {
     ASSERT_EQ(program(whole_image(1)), 0);
     const auto flash = open_by(tested_flash_driver);
-    EXPECT_EQ(flash_erase_whole(*flash), 0);
+    EXPECT_EQ(flash_erase_whole(*flash, [](std::uint32_t) {}), 0);
     EXPECT_EQ(flash_contents(), bytes(geometry_.size_bytes, FLASH_ERASED_BYTE));
     EXPECT_TRUE(flash->is_marked());
     EXPECT_EQ(program(*flash, whole_image(2), flash_programming_mode::write_only), 0);

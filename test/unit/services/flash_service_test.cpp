@@ -863,6 +863,7 @@ TEST_F(ErasedFlash, ProgressTellsOfTheErasing)
     ASSERT_TRUE(line);
     EXPECT_EQ(line->phase, BIOS_PHASE_ERASE);
     EXPECT_EQ(line->attempt, 0u);
+    EXPECT_EQ(line->percent, 100 * (SECTORS - 1) / SECTORS) << "when the last sector was begun";
 }
 
 TEST(FlashSelector, HoldsTheLayoutAndTheFlash)
