@@ -121,8 +121,7 @@ std::vector<std::string> likely_reasons(const programming_result &result)
 {
     if (result.cause && !result.cause->empty())
         return {};
-    std::vector<std::string> reasons{"the card has no flash instance of the number that --type gave",
-                                     "the programming process was killed before it reported progress"};
+    std::vector<std::string> reasons{"the programming process was killed before it reported progress"};
     if (!result.cause)
         reasons.emplace_back("the image could not be unpacked, or holds no BIOS for this type of card");
     return reasons;
