@@ -2,6 +2,12 @@
 
 #include <algorithm>
 
+#if defined(__i386__) || defined(__x86_64__)
+#include <cpuid.h>
+#include <immintrin.h>
+#define HAS_X86_INSTRUCTIONS 1
+#endif
+
 #include "hex_text.h"
 
 namespace
@@ -38,11 +44,74 @@ constexpr std::uint32_t big_sigma_1(std::uint32_t x)
     return std::rotr(x, 6) ^ std::rotr(x, 11) ^ std::rotr(x, 25);
 }
 
+#ifdef HAS_X86_INSTRUCTIONS
+bool find_instructions()
+{
+    constexpr unsigned SSSE3 = 1U << 9;   // leaf 1, ecx
+    constexpr unsigned SSE4_1 = 1U << 19; //
+    constexpr unsigned SHA = 1U << 29;    // leaf 7, ebx
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    if (__get_cpuid(1, &a, &b, &c, &d) == 0 || (c & SSSE3) == 0 || (c & SSE4_1) == 0)
+        return false;
+    return __get_cpuid_count(7, 0, &a, &b, &c, &d) != 0 && (b & SHA) != 0;
+}
+
+const bool has_instructions = find_instructions();
+
+__attribute__((target("sha,sse4.1"))) void take_block_by_instructions(std::array<std::uint32_t, 8> &state,
+                                                                      const std::array<std::uint32_t, 16> &words)
+{
+    // The instructions take the state as the words a, b, e, f and c, d, g, h, the first of each in the highest
+    // place.
+    auto *const low = reinterpret_cast<__m128i *>(state.data());
+    auto *const high = reinterpret_cast<__m128i *>(state.data() + 4);
+    const __m128i badc = _mm_shuffle_epi32(_mm_loadu_si128(low), 0xb1);
+    const __m128i hgfe = _mm_shuffle_epi32(_mm_loadu_si128(high), 0x1b);
+    __m128i abef = _mm_alignr_epi8(badc, hgfe, 8);
+    __m128i cdgh = _mm_blend_epi16(hgfe, badc, 0xf0);
+    const __m128i abef_before = abef;
+    const __m128i cdgh_before = cdgh;
+
+    __m128i schedule[4]; // the sixteen words that come next
+    for (std::size_t k = 0; k < 4; ++k)
+        schedule[k] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(words.data() + 4 * k));
+    for (std::size_t k = 0; k < 16; ++k) {
+        __m128i &four = schedule[k % 4];
+        const __m128i third = schedule[(k + 2) % 4];
+        const __m128i last = schedule[(k + 3) % 4];
+        const __m128i constants = _mm_loadu_si128(reinterpret_cast<const __m128i *>(CONSTANTS + 4 * k));
+        const __m128i added = _mm_add_epi32(four, constants);
+        cdgh = _mm_sha256rnds2_epu32(cdgh, abef, added);
+        abef = _mm_sha256rnds2_epu32(abef, cdgh, _mm_shuffle_epi32(added, 0x0e));
+        const __m128i first_half = _mm_sha256msg1_epu32(four, schedule[(k + 1) % 4]);
+        four = _mm_sha256msg2_epu32(_mm_add_epi32(first_half, _mm_alignr_epi8(last, third, 4)), last);
+    }
+    abef = _mm_add_epi32(abef, abef_before);
+    cdgh = _mm_add_epi32(cdgh, cdgh_before);
+
+    const __m128i feba = _mm_shuffle_epi32(abef, 0x1b);
+    const __m128i dchg = _mm_shuffle_epi32(cdgh, 0xb1);
+    _mm_storeu_si128(low, _mm_blend_epi16(feba, dchg, 0xf0));
+    _mm_storeu_si128(high, _mm_alignr_epi8(dchg, feba, 8));
+}
+#endif
+
 } // namespace
 
 template class block_hash<sha256_rounds>;
 
 void sha256_rounds::take_block(const std::array<std::uint32_t, 16> &words)
+{
+#ifdef HAS_X86_INSTRUCTIONS
+    if (has_instructions) {
+        take_block_by_instructions(state, words);
+        return;
+    }
+#endif
+    take_block_plainly(words);
+}
+
+void sha256_rounds::take_block_plainly(const std::array<std::uint32_t, 16> &words)
 {
     std::uint32_t schedule[64];
     std::copy(words.begin(), words.end(), schedule);

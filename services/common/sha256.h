@@ -8,7 +8,10 @@
 struct sha256_rounds {
     static constexpr std::endian ORDER = std::endian::big;
 
+    // By the processor's instructions for it when it has them, some eight times as fast.
     void take_block(const std::array<std::uint32_t, 16> &words);
+    // Without them.
+    void take_block_plainly(const std::array<std::uint32_t, 16> &words);
 
     std::array<std::uint32_t, 8> state = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
                                           0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
