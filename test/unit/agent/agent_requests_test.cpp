@@ -67,13 +67,13 @@ TEST_F(AgentRequests, ChassisIsTheOwnSlotAndEachModule)
 
 TEST_F(AgentRequests, CardWithoutFlashesIsItsSlotAlone)
 {
-    EXPECT_EQ(answered(4811), words({3, 90, 17, 2, 0, 0, 0}) + bytes(24));
+    EXPECT_EQ(answered(4811), words({3, 90, 17, 2, 0, 0, 0, 0}) + bytes(24));
 }
 
 TEST_F(AgentRequests, CardOfNoKnownFamilyHasNone)
 {
     put("inventory/3/card_id", "9000\n");
-    EXPECT_EQ(answered(4811), words({3, 9000, 0, 2, 0, 0, 0}) + bytes(24));
+    EXPECT_EQ(answered(4811), words({3, 9000, 0, 2, 0, 0, 0, 0}) + bytes(24));
 }
 
 TEST_F(AgentRequests, CardTellsSinceWhenItsDaemonServes)
@@ -84,13 +84,13 @@ TEST_F(AgentRequests, CardTellsSinceWhenItsDaemonServes)
     ASSERT_GE(daemon, 0);
     const bytes card = answered(4811);
     mts_unbind(daemon);
-    ASSERT_EQ(card.size(), 52U);
-    EXPECT_EQ(bytes(card.begin(), card.begin() + 28), words({3, 90, 17, 2, 0, 1, 0}));
-    const std::string since(card.begin() + 28, card.begin() + 48);
+    ASSERT_EQ(card.size(), 56U);
+    EXPECT_EQ(bytes(card.begin(), card.begin() + 32), words({3, 90, 17, 2, 0, 1, 0, 0}));
+    const std::string since(card.begin() + 32, card.begin() + 52);
     EXPECT_GE(since, before.substr(0, 17)) << "the same minute at least";
     EXPECT_LE(since, utc_now());
-    EXPECT_EQ(bytes(card.begin() + 48, card.end()), bytes(4));
-    EXPECT_EQ(answered(4811), words({3, 90, 17, 2, 0, 0, 0}) + bytes(24));
+    EXPECT_EQ(bytes(card.begin() + 52, card.end()), bytes(4));
+    EXPECT_EQ(answered(4811), words({3, 90, 17, 2, 0, 0, 0, 0}) + bytes(24));
 }
 
 TEST_F(AgentRequests, CardHasARecordForEachFlash)
@@ -100,11 +100,11 @@ TEST_F(AgentRequests, CardHasARecordForEachFlash)
     put("slots/3/flash/alternate/programming", "");
     put("slots/3/flash/alternate/wear", "erases 4294967298\nprograms 2\nreads 3\n");
     const bytes card = answered(4811);
-    ASSERT_EQ(card.size(), 52U + 2 * 80U);
-    EXPECT_EQ(bytes(card.begin(), card.begin() + 52), words({3, 90, 17, 2, 0, 0, 2}) + bytes(24));
-    EXPECT_EQ(bytes(card.begin() + 52, card.begin() + 132),
+    ASSERT_EQ(card.size(), 56U + 2 * 80U);
+    EXPECT_EQ(bytes(card.begin(), card.begin() + 56), words({3, 90, 17, 2, 0, 0, 2, 0}) + bytes(24));
+    EXPECT_EQ(bytes(card.begin() + 56, card.begin() + 136),
               words({0, 64 << 10, 4 << 10, 0, 1, 0, 0, 0}) + bytes(24) + words({0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(bytes(card.begin() + 132, card.begin() + 196),
+    EXPECT_EQ(bytes(card.begin() + 136, card.begin() + 200),
               words({1, 32 << 10, 8 << 10, AGENT_FLASH_MARKED, 1, 0, 0, 0}) + bytes(24) + words({1, 2}));
 }
 
@@ -114,7 +114,7 @@ TEST_F(AgentRequests, CardTellsHowFarTheLastProgrammingCame)
     const flash_progress_line line = {BIOS_PHASE_WRITE, 43, 2, 17, "2026-01-31T11:00:00Z"};
     write_flash_file("progress", flash_progress_format(line));
     const bytes card = answered(4811);
-    EXPECT_EQ(bytes(card.begin() + 64, card.begin() + 52 + 56),
+    EXPECT_EQ(bytes(card.begin() + 68, card.begin() + 56 + 56),
               words({AGENT_FLASH_HAS_PROGRESS, 2, 43, 2, 17}) + text_field("2026-01-31T11:00:00Z", 24));
 }
 
