@@ -245,6 +245,18 @@ void chassis_test::up_with_standby()
     up();
 }
 
+bool chassis_test::up_with_disks()
+{
+    try {
+        up("mount");
+    } catch (const std::runtime_error &failure) {
+        if (std::string(failure.what()).find("isolation mount: ") == std::string::npos)
+            throw;
+        return false;
+    }
+    return true;
+}
+
 void chassis_test::up_from(const std::string &description, const std::vector<unsigned> &slots)
 {
     for (const unsigned slot : slots)

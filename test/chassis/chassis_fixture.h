@@ -56,7 +56,10 @@ protected:
     void up(const std::string &isolation = "auto");
     // The active supervisor in slot 1 and the standby one in slot 2.
     void up_with_standby();
-    // Likewise a chassis whose description there is already; slots: all that it has.
+    // With boot flashes that are disks of their own. false where nothing may be mounted; no card has been started
+    // then.
+    [[nodiscard]] bool up_with_disks();
+    // Starts a chassis whose description there is already; slots: all that it has.
     void up_from(const std::string &description, const std::vector<unsigned> &slots);
     finished_program chassis(const std::vector<std::string> &words) const; // "chassis --dir ... words"
     finished_program biosctl(const std::vector<std::string> &words) const;

@@ -177,11 +177,8 @@ TEST_F(ForwardedFailures, FullBootFlashOfTheActiveSupervisor)
 {
     insert({.slot = ACTIVE, .bootflash_mib = 1});
     insert({.slot = TARGET, .role = "standby", .in_tree = nullptr});
-    try {
-        up("mount");
-    } catch (const std::runtime_error &failure) {
-        GTEST_SKIP() << "mounting is not allowed here: " << failure.what();
-    }
+    if (!up_with_disks())
+        GTEST_SKIP() << "mounting is not allowed here";
     const std::string filler = on_bootflash(ACTIVE, "filler");
     write_file(filler, std::string((1024 - 64) * 1024, 'x')); // the archive does not fit into the rest
 

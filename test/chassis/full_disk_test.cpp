@@ -178,11 +178,8 @@ TEST_F(FullDisk, KeepsAnOrderFromBeingCancelled)
 TEST_F(FullDisk, OfABootFlashIsNamedAsTheCause)
 {
     insert({.slot = 1, .bootflash_mib = 1});
-    try {
-        up("mount");
-    } catch (const std::runtime_error &failure) {
-        GTEST_SKIP() << "mounting is not allowed here: " << failure.what();
-    }
+    if (!up_with_disks())
+        GTEST_SKIP() << "mounting is not allowed here";
     const std::string system = on_bootflash(1, "system.img");
     make_system_image(system, 90, image("9.9"));
     const std::string filler = on_bootflash(1, "filler");
@@ -210,11 +207,8 @@ TEST_F(FullDisk, OfABootFlashIsNamedAsTheCause)
 TEST_F(FullDisk, OfABootFlashIsNotNamedWhenThereIsJustEnoughRoom)
 {
     insert({.slot = 1, .bootflash_mib = 1});
-    try {
-        up("mount");
-    } catch (const std::runtime_error &failure) {
-        GTEST_SKIP() << "mounting is not allowed here: " << failure.what();
-    }
+    if (!up_with_disks())
+        GTEST_SKIP() << "mounting is not allowed here";
     const std::string filler = on_bootflash(1, "filler");
     std::size_t filled_kib = 1024;
     for (; filled_kib > 0; filled_kib -= 16) {

@@ -185,11 +185,8 @@ TEST_F(ImageTreeProgramming, EndsWithoutProofForAFlashInstanceThatNoRowHas)
 TEST_F(ImageTreeProgramming, EndsWithoutProofOnAFullBootFlash)
 {
     insert({.slot = 1, .bootflash_mib = 1});
-    try {
-        up("mount");
-    } catch (const std::runtime_error &failure) {
-        GTEST_SKIP() << "mounting is not allowed here: " << failure.what();
-    }
+    if (!up_with_disks())
+        GTEST_SKIP() << "mounting is not allowed here";
     // All but 64 KiB, which the archive of 256 KiB does not fit into.
     const std::string filler = on_bootflash(1, "filler");
     write_file(filler, std::string((1024 - 64) * 1024, 'x'));
