@@ -26,7 +26,8 @@ std::string place_text(look_at what, const std::string &slot = "SLOT", surroundi
 std::string place_in_brackets(look_at what, const std::string &slot = "SLOT",
                               surroundings where = own_surroundings());
 
-// What to do when no agent answers, when that of one card does not, when the module locks are not told, and when no endpoint can be bound.
+// What to do when no agent answers, when that of one card does not, when the module locks are not told, and when no
+// endpoint can be bound.
 std::string no_agent_hint(surroundings where = own_surroundings());
 std::string card_agent_hint(const std::string &slot, surroundings where = own_surroundings());
 std::string no_locks_hint(surroundings where = own_surroundings());
