@@ -10,6 +10,7 @@
 #include "card_identification.h"
 #include "card_table.h"
 #include "chassis_dir.h"
+#include "flash_claim.h"
 #include "flash_device.h"
 #include "flash_geometry.h"
 #include "flash_order.h"
@@ -17,6 +18,7 @@
 #include "inventory_value.h"
 #include "monotonic_clock.h"
 #include "programming_child.h"
+#include "unpacking_room.h"
 #include "utc_time.h"
 #include "writing_status.h"
 
@@ -161,12 +163,14 @@ answer order_answer(const agent_order_req_t &request)
     const std::uint32_t refusal = judge_image(*image, *flash, {.is_ordered = true, .forced = order.forced});
     if (refusal != 0)
         return static_cast<agent_status>(refusal);
-    const bool is_ordered = request.judge_only.load() == 0;
+    const std::uint64_t missing_bytes =
+        request.is_copied.load() != 0 ? missing_room_for_copy(flash_temporary_image, order.size_bytes) : 0;
+    const bool is_ordered = request.judge_only.load() == 0 && missing_bytes == 0;
     order.id = is_ordered ? new_id(last) : 0;
     if (is_ordered && !flash_order_write(slot, instance, order))
         return writing_status();
     answer given;
-    given.add(agent_order_id_t{request.instance, be64::of(order.id)});
+    given.add(agent_order_taken_t{request.instance, be64::of(order.id), be64::of(missing_bytes)});
     return given;
 }
 

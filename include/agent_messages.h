@@ -462,8 +462,8 @@ static_assert(sizeof(agent_digest_t) == 32);
 // renews the order every 5 s until the programming has ended; an order that nobody has claimed ends 15 s after it
 // was renewed last.
 
-// AGENT_OPC_ORDER_FLASH: body agent_order_req_t, answer agent_order_id_t. A status of bios_refusals.h says that the
-// image would not be written: all is judged that was told of it. The image itself is judged when the order is
+// AGENT_OPC_ORDER_FLASH: body agent_order_req_t, answer agent_order_taken_t. A status of bios_refusals.h says that
+// the image would not be written: all is judged that was told of it. The image itself is judged when the order is
 // claimed, whatever was told.
 struct agent_order_req_t {
     be32 instance;
@@ -472,11 +472,20 @@ struct agent_order_req_t {
     char from[128];      // where it comes from, for people
     char user[64];       // who wants it
     char host[64];
-    be32 judge_only; // 1: nothing is ordered; the status says whether it could be, and the id is 0
+    be32 judge_only; // 1: nothing is ordered; the answer says whether it could be, and the id is 0
+    be32 is_copied;  // 1: another card copies the image to the boot flash of this one before it is programmed
 };
-static_assert(sizeof(agent_order_req_t) == 708);
+static_assert(sizeof(agent_order_req_t) == 712);
 static_assert(offsetof(agent_order_req_t, image) == 8);
 static_assert(offsetof(agent_order_req_t, from) == 448);
+
+struct agent_order_taken_t {
+    be32 instance;
+    be64 id;            // of the order; 0: nothing was ordered
+    be64 missing_bytes; // what the card's boot flash lacks for the copy; not 0: nothing was ordered
+};
+static_assert(sizeof(agent_order_taken_t) == 20);
+static_assert(offsetof(agent_order_taken_t, missing_bytes) == 12);
 
 // AGENT_OPC_RENEW_ORDER: body agent_order_id_t; no answer but the status. AGENT_ERR_NO_ORDER: it has ended.
 struct agent_order_id_t {

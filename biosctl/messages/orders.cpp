@@ -47,7 +47,25 @@ agent_order_req_t encode(const wanted_programming &wanted)
     store_text(request.from, wanted.image_name.c_str());
     store_text(request.user, own_user().c_str());
     store_text(request.host, own_host().c_str());
+    request.is_copied = be32::of(wanted.is_copied ? 1 : 0);
     return request;
+}
+
+// id_out: of the order; 0 when there is none.
+order_judgement send_order(const wanted_programming &wanted, const agent_order_req_t &request,
+                           std::uint64_t &id_out)
+{
+    const request_answer answer = ask_about_orders(wanted.node, AGENT_OPC_ORDER_FLASH, request);
+    if (!answer.answered)
+        return {};
+    if (answer.status != AGENT_OK)
+        return {.status = answer.status};
+    agent_order_taken_t taken{};
+    if (answer.payload.size() != sizeof taken)
+        return {};
+    std::memcpy(&taken, answer.payload.data(), sizeof taken);
+    id_out = taken.id.load();
+    return {.status = AGENT_OK, .missing_bytes = taken.missing_bytes.load()};
 }
 
 [[noreturn]] void renew(std::uint32_t node, const agent_order_id_t &order, pid_t parent)
@@ -114,22 +132,21 @@ std::optional<flash_order> placed_order::record() const
     return found && found->id == id_ ? found : std::nullopt;
 }
 
-order_reply place_order(const wanted_programming &wanted)
-{
-    const request_answer answer = ask_about_orders(wanted.node, AGENT_OPC_ORDER_FLASH, encode(wanted));
-    agent_order_id_t id;
-    if (!answer.answered || answer.status != AGENT_OK || answer.payload.size() != sizeof id)
-        return {.status = answer.status};
-    std::memcpy(&id, answer.payload.data(), sizeof id);
-    return {.order = placed_order(wanted.node, wanted.instance, id.id.load())};
-}
-
-std::optional<std::uint32_t> judge_order(const wanted_programming &wanted)
+order_judgement judge_order(const wanted_programming &wanted)
 {
     agent_order_req_t request = encode(wanted);
     request.judge_only = be32::of(1);
-    const request_answer answer = ask_about_orders(wanted.node, AGENT_OPC_ORDER_FLASH, request);
-    return answer.answered ? std::optional(answer.status) : std::nullopt;
+    std::uint64_t id = 0;
+    return send_order(wanted, request, id);
+}
+
+order_reply place_order(const wanted_programming &wanted)
+{
+    std::uint64_t id = 0;
+    order_reply reply{.judgement = send_order(wanted, encode(wanted), id)};
+    if (reply.judgement.is_good())
+        reply.order.emplace(wanted.node, wanted.instance, id);
+    return reply;
 }
 
 std::optional<flash_order> ask_for_order(std::uint32_t node, unsigned instance)

@@ -16,6 +16,7 @@ struct wanted_programming {
     told_image image = {};
     std::string image_name = {}; // for people
     std::uint32_t forced = 0;    // bits of bios_force
+    bool is_copied = false;      // another card copies the image to this one first
 };
 
 // An order that this process has placed. It is renewed by a process of its own until the object is gone or the
@@ -42,15 +43,22 @@ private:
     pid_t renewal_ = -1;
 };
 
-// An order, or the status of the agent's answer that refuses it; 0 then: it has not answered.
+// What the agent of a card says to an order.
+struct order_judgement {
+    std::optional<std::uint32_t> status = {}; // of its answer; none: it has not answered
+    std::uint64_t missing_bytes = 0;          // of room on the card's boot flash for the copy of the image
+
+    bool is_good() const { return status == 0U && missing_bytes == 0; }
+};
+
+// Whether an order would be taken. Nothing is ordered.
+order_judgement judge_order(const wanted_programming &wanted);
+
 struct order_reply {
-    std::optional<placed_order> order = {};
-    std::uint32_t status = 0;
+    std::optional<placed_order> order = {}; // none: it was not taken
+    order_judgement judgement = {};
 };
 order_reply place_order(const wanted_programming &wanted);
-
-// Whether it would be taken: the status of the agent's answer; none: it has not answered. Nothing is ordered.
-std::optional<std::uint32_t> judge_order(const wanted_programming &wanted);
 
 // The order of a flash, or the last there was. None when there is none, or when the agent does not answer.
 std::optional<flash_order> ask_for_order(std::uint32_t node, unsigned instance);

@@ -37,6 +37,11 @@ bool is_unpacked(const program_subject &subject)
            (subject.programmed_module == subject.serving_slot || slot_is_standby(subject.programmed_module));
 }
 
+bool is_copied(const program_subject &subject)
+{
+    return is_unpacked(subject) && subject.programmed_module != subject.serving_slot;
+}
+
 unsigned slot_with_image(const program_subject &subject)
 {
     return is_unpacked(subject) ? subject.serving_slot : subject.programmed_module;

@@ -22,5 +22,8 @@ flash_proof prove(const program_subject &subject, unsigned instance, const told_
 // programs what lies ready on it.
 bool is_unpacked(const program_subject &subject);
 
+// Whether it copies the image to the card that programs it.
+bool is_copied(const program_subject &subject);
+
 // The card whose agent knows the image.
 unsigned slot_with_image(const program_subject &subject);

@@ -141,21 +141,26 @@ outcome no_image(const programming_plan &plan, const image_reply &reply)
     }
 }
 
+std::string too_full_text(unsigned slot, const char *for_what, std::uint64_t missing_bytes)
+{
+    return "/bootflash of " + slot_text(slot) + " is too full " + for_what + ": " + size_text(missing_bytes) +
+           " are missing";
+}
+
 // What a programming would fail for that has to unpack its image first; empty when there is room for it.
 std::string lack_of_room(const program_subject &subject, const told_image &image)
 {
     if (image.missing_bytes == 0 || !is_unpacked(subject))
         return {};
-    return "/bootflash of " + slot_text(subject.serving_slot) +
-           " is too full to unpack it: " + size_text(image.missing_bytes) + " are missing";
+    return too_full_text(subject.serving_slot, "to unpack it", image.missing_bytes);
 }
 
-outcome no_room(const programming_plan &plan, const std::string &lack)
+outcome no_room(const programming_plan &plan, unsigned full_slot, const std::string &lack)
 {
     return failure(EXIT_FAILED,
                    "module " + std::to_string(plan.subject.programmed_module) + ": not begun: " + plan.names.name +
                        ": " + lack,
-                   "remove files from /bootflash of " + slot_text(plan.subject.serving_slot));
+                   "remove files from /bootflash of " + slot_text(full_slot));
 }
 
 // Why nothing was programmed, as far as the card can tell afterwards; none when it says nothing.
@@ -173,11 +178,16 @@ programming_result with_names(programming_result result, const programming_plan 
     return result;
 }
 
-// Of a status that the agent of the card has answered to an order.
-programming_result not_ordered(const programming_plan &plan, std::optional<std::uint32_t> status)
+// Of what the agent of the card has answered to an order.
+programming_result not_ordered(const programming_plan &plan, const order_judgement &judgement)
 {
     const program_subject &subject = plan.subject;
-    if (!status || *status == 0)
+    const std::optional<std::uint32_t> status = judgement.status;
+    if (judgement.missing_bytes != 0)
+        return not_asked(subject, no_room(plan, subject.programmed_module,
+                                          too_full_text(subject.programmed_module, "for a copy of it",
+                                                        judgement.missing_bytes)));
+    if (!status)
         return no_answer(subject, failure(EXIT_FAILED,
                                           "module " + std::to_string(subject.programmed_module) +
                                               ": not begun: the agent of " + slot_text(subject.programmed_module) +
@@ -276,7 +286,8 @@ programming_result program_module(const program_options &options, int fd, const 
     plan.wanted = {.node = node_of_module(plan.subject.programmed_module),
                    .instance = options.request.type,
                    .image_name = plan.names.name,
-                   .forced = options.forced};
+                   .forced = options.forced,
+                   .is_copied = is_copied(plan.subject)};
 
     const unsigned instance = options.request.type;
     flash_proof before;
@@ -294,16 +305,16 @@ programming_result program_module(const program_options &options, int fd, const 
         return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before},
                           plan);
     if (const std::string lack = lack_of_room(plan.subject, plan.wanted.image); !lack.empty())
-        return not_asked(plan.subject, no_room(plan, lack));
+        return not_asked(plan.subject, no_room(plan, plan.subject.serving_slot, lack));
     if (options.dry_run) {
-        const auto status = judge_order(plan.wanted);
-        if (status != std::optional<std::uint32_t>(AGENT_OK))
-            return with_names(not_ordered(plan, status), plan);
+        const order_judgement judgement = judge_order(plan.wanted);
+        if (!judgement.is_good())
+            return with_names(not_ordered(plan, judgement), plan);
         return with_names({.subject = plan.subject, .ending = programming_ending::would_program}, plan);
     }
     const order_reply ordered = place_order(plan.wanted);
     if (!ordered.order)
-        return with_names(not_ordered(plan, ordered.status), plan);
+        return with_names(not_ordered(plan, ordered.judgement), plan);
     return with_names(carry_out(options, plan, *ordered.order, fd, last_words), plan);
 }
 

@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <sched.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 #include "bios_flash.h"
@@ -98,6 +100,8 @@ chassis_test::chassis_test(daemon_build daemon)
 chassis_test::~chassis_test()
 {
     (void)::unsetenv(DAEMON_VARIABLE);
+    for (const small_disk &disk : disks_)
+        (void)::umount2(disk.folder.c_str(), MNT_DETACH);
     std::error_code ignored;
     files::remove_all(workspace_, ignored);
 }
@@ -257,6 +261,32 @@ bool chassis_test::up_with_disks()
     return true;
 }
 
+bool chassis_test::put_on_disk(unsigned slot, const std::string &folder, unsigned kib)
+{
+    static const bool mounts_here = ::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 &&
+                                    ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    disks_.push_back({slot_file(slot, folder), kib});
+    return mounts_here;
+}
+
+// What is in the folders goes along.
+void chassis_test::mount_disks() const
+{
+    for (const small_disk &disk : disks_) {
+        const std::string before = disk.folder + ".before";
+        files::rename(disk.folder, before);
+        files::create_directory(disk.folder);
+        files::permissions(disk.folder, files::status(before).permissions());
+        const std::string size = "size=" + std::to_string(disk.kib) + "k";
+        if (::mount("none", disk.folder.c_str(), "tmpfs", 0, size.c_str()) != 0)
+            throw std::runtime_error("mount " + disk.folder);
+        files::permissions(disk.folder, files::status(before).permissions());
+        if (run_program({"cp", "-a", before + "/.", disk.folder}).exit_code != 0)
+            throw std::runtime_error("cp " + disk.folder);
+        files::remove_all(before);
+    }
+}
+
 void chassis_test::up_from(const std::string &description, const std::vector<unsigned> &slots)
 {
     for (const unsigned slot : slots)
@@ -270,6 +300,7 @@ void chassis_test::start(const std::string &description)
     if (init.exit_code != 0)
         throw std::runtime_error("chassis init: " + init.errors);
     made_ = true;
+    mount_disks();
     start_guard();
     for (const auto &[slot, card] : cards_)
         alternate_before_[slot] = flash_of(slot, "alternate");

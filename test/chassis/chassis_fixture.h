@@ -59,6 +59,9 @@ protected:
     // With boot flashes that are disks of their own. false where nothing may be mounted; no card has been started
     // then.
     [[nodiscard]] bool up_with_disks();
+    // Has a folder of the chassis on a disk of its own, which only this process and what it starts sees. Before
+    // up(). false where nothing may be mounted.
+    [[nodiscard]] bool put_on_disk(unsigned slot, const std::string &folder, unsigned kib);
     // Starts a chassis whose description there is already; slots: all that it has.
     void up_from(const std::string &description, const std::vector<unsigned> &slots);
     finished_program chassis(const std::vector<std::string> &words) const; // "chassis --dir ... words"
@@ -112,6 +115,7 @@ private:
     std::string describe(const card_plan &card);
     std::vector<std::string> with_user(std::vector<std::string> words) const;
     void start_guard();
+    void mount_disks() const;
 
     std::string workspace_;
     std::string directory_;
@@ -122,6 +126,11 @@ private:
     bool made_ = false;
     std::optional<unsigned> wait_limit_s_;
     std::map<unsigned, card_plan> cards_;
+    struct small_disk {
+        std::string folder;
+        unsigned kib;
+    };
+    std::vector<small_disk> disks_;
     std::map<unsigned, std::string> alternate_before_;
     std::set<std::string> own_files_; // names on boot flashes
     unique_fd guard_;                 // the guard acts when this end is closed without a word

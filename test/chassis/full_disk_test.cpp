@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "chassis_fixture.h"
+#include "held_locks.h"
 
 namespace
 {
@@ -40,6 +41,16 @@ protected:
         return run_program(all);
     }
     bool can_mount() const { return with_disk(64, "true", {"sh"}).exit_code == 0; }
+
+    // Fills a card's boot flash.
+    void leave_kib(unsigned slot, unsigned kib)
+    {
+        const std::string filler = on_bootflash(slot, "filler");
+        files::remove(filler);
+        const auto free_kib =
+            static_cast<unsigned>(files::space(files::path(filler).parent_path()).available >> 10);
+        write_file(filler, std::string((free_kib - kib) * std::size_t{1024}, 'x'));
+    }
 
     // A description of a chassis of one card with the smallest flash.
     std::string description() const
@@ -182,17 +193,10 @@ TEST_F(FullDisk, OfABootFlashIsNamedAsTheCause)
         GTEST_SKIP() << "mounting is not allowed here";
     const std::string system = on_bootflash(1, "system.img");
     make_system_image(system, 90, image("9.9"));
-    const std::string filler = on_bootflash(1, "filler");
-    const auto leave = [&](unsigned kib) {
-        files::remove(filler);
-        const unsigned used_kib =
-            static_cast<unsigned>(files::space(files::path(filler).parent_path()).available >> 10);
-        write_file(filler, std::string((used_kib - kib) * std::size_t{1024}, 'x'));
-    };
     const std::vector<std::vector<std::string>> programmings = {
         {"program", "1"}, {"program", "1", "--image", "bootflash:system.img"}};
     for (const std::vector<std::string> &words : programmings) {
-        leave(64);
+        leave_kib(1, 64);
         const finished_program refused = biosctl(words);
         EXPECT_EQ(refused.exit_code, FAILED) << refused.errors;
         EXPECT_TRUE(says(refused.errors, "/bootflash of slot 1 is too full to unpack it")) << refused.errors;
@@ -223,4 +227,52 @@ TEST_F(FullDisk, OfABootFlashIsNotNamedWhenThereIsJustEnoughRoom)
     const finished_program done = biosctl({"program", "1"});
     EXPECT_EQ(done.exit_code, 0) << done.errors;
     EXPECT_EQ(flash_of(1) == new_image().bytes, true);
+}
+
+// The copy is written beside what is there already.
+TEST_F(FullDisk, OfTheStandbysBootFlashIsNamedBeforeAnythingIsSent)
+{
+    insert({.slot = 1});
+    insert({.slot = 2, .role = "standby", .in_tree = nullptr});
+    if (!put_on_disk(2, "root/bootflash", 1024))
+        GTEST_SKIP() << "mounting is not allowed here";
+    up();
+    const std::string copy = card_file(2, "/bootflash/.tmpbios.bin");
+    write_file(copy, "of an earlier programming");
+    leave_kib(2, SMALL_FLASH_KIB - 20);
+    const std::vector<std::vector<std::string>> programmings = {
+        {"program", "2", "--dry-run"}, {"program", "2"}, {"program", "2", "--json"}, {"sync"}};
+    for (const std::vector<std::string> &words : programmings) {
+        const finished_program refused = biosctl(words);
+        const std::string told = refused.output + refused.errors;
+        EXPECT_EQ(refused.exit_code, FAILED) << told;
+        EXPECT_TRUE(says(told, "/bootflash of slot 2 is too full for a copy of it: 20 KiB are missing")) << told;
+        EXPECT_TRUE(says(told, "remove files from /bootflash of slot 2")) << told;
+        EXPECT_EQ(locks_held(), held_locks());
+    }
+    EXPECT_EQ(flash_of(2) == old_image().bytes, true);
+    EXPECT_EQ(file_content(copy), "of an earlier programming") << "something was copied";
+    EXPECT_EQ(biosctl({"events", "2"}).output, "no events: no flash was programmed yet\n");
+    EXPECT_EQ(flash_of(1) == old_image().bytes, true) << "sync goes on after a failure";
+}
+
+TEST_F(FullDisk, OfTheStandbysBootFlashIsNotNamedWhenThereIsJustEnoughRoom)
+{
+    insert({.slot = 1});
+    insert({.slot = 2, .role = "standby", .in_tree = nullptr});
+    if (!put_on_disk(2, "root/bootflash", 1024))
+        GTEST_SKIP() << "mounting is not allowed here";
+    up();
+    write_file(card_file(2, "/bootflash/.tmpbios.bin"), std::string(100'000, 'x'));
+    leave_kib(2, SMALL_FLASH_KIB);
+    EXPECT_EQ(biosctl({"program", "2", "--dry-run"}).exit_code, 0);
+    const finished_program done = biosctl({"program", "2"});
+    EXPECT_EQ(done.exit_code, 0) << done.errors;
+    EXPECT_EQ(flash_of(2) == new_image().bytes, true);
+
+    leave_kib(2, 0);
+    const finished_program asked_itself = biosctl({"program", "2", "--via", "2", "--dry-run"});
+    EXPECT_FALSE(says(asked_itself.errors, "too full")) << "nothing is copied then: " << asked_itself.errors;
+    const finished_program active = biosctl({"program", "1"});
+    EXPECT_EQ(active.exit_code, 0) << "it does without the copy: " << active.errors;
 }

@@ -301,19 +301,21 @@ def make_agent_requests():
             words(manifest_state, signature) + manifest.ljust(256, b"\0") + words(0, 0) + \
             field("/bootflash/system.bin", 128) + field("ann", 64) + field("far\n", 64)
     plain = wish()
-    steps("order", request(order, plain + words(1)), request(order, plain + words(0)), request(order, plain + words(0)),
+    steps("order", request(order, plain + words(1, 0)), request(order, plain + words(0, 0)), request(order, plain + words(0, 0)),
           request(told, words(0)), request(renew, words(0, 0, 1)), request(cancel, words(0)),
           request(end, words(0, 0, 1, 0x4071000A)), killed, request(told, words(0)))
-    steps("order-of-no-flash", *(request(order, words(instance) + plain[4:] + words(0)) for instance in (1, 2, 2**32 - 1)),
+    steps("order-of-no-flash", *(request(order, words(instance) + plain[4:] + words(0, 0)) for instance in (1, 2, 2**32 - 1)),
           *(request(opcode, words(2)) for opcode in (cancel, told)), request(renew, words(2, 0, 1)),
           request(end, words(2, 0, 1, 0)))
-    steps("order-refused", request(order, words(0, 16) + plain[8:] + words(0)),
-          request(order, words(0, 0, 0, 16385) + plain[16:] + words(0)), request(order, plain))
+    steps("order-refused", request(order, words(0, 16) + plain[8:] + words(0, 0)),
+          request(order, words(0, 0, 0, 16385) + plain[16:] + words(0, 0)), request(order, plain))
     manifest = MARK + struct.pack(">IIII", 1, 16384, 17, 7) + field("v3.5.0(09/17/12)", 32) + field("x86n", 32) + \
         words(0) + bytes(52) + b"the key!" + bytes(32) + b"s" * 64
-    steps("order-with-manifest", request(order, wish(1, 0, manifest) + words(0)), request(order, wish(1) + words(0)),
-          request(order, wish(2) + words(0)), request(order, wish(3) + words(0)),
-          request(order, wish(1, 0, manifest.replace(b"v3", b"\x1b3")) + words(0)))
+    steps("order-with-manifest", request(order, wish(1, 0, manifest) + words(0, 0)), request(order, wish(1) + words(0, 0)),
+          request(order, wish(2) + words(0, 0)), request(order, wish(3) + words(0, 0)),
+          request(order, wish(1, 0, manifest.replace(b"v3", b"\x1b3")) + words(0, 0)))
+    steps("order-of-a-copy", request(order, plain + words(1, 1)), request(order, plain + words(0, 1)),
+          request(order, struct.pack(">IIQ", 0, 15, 2**64 - 1) + plain[16:] + words(0, 1)))
     steps("unknown", request(0), request(8), request(20), request(21), request(25))
     steps("delivery", *delivery, request(list_files), request(get_file, field("a.bin", 64)),
           request(get_piece, asked_piece(0, 57344, 2)), request(get_end, transfer(2)),

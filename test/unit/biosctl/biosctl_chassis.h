@@ -201,10 +201,13 @@ private:
         if (mts_opc_get(message) == AGENT_OPC_ORDER_FLASH) {
             std::uint32_t status = AGENT_OK;
             std::ifstream(folder + "/no_order") >> std::hex >> status;
-            const agent_order_id_t id{be32::of(0), be64::of(ORDER_ID)};
-            if (status == AGENT_OK)
+            std::uint64_t missing_bytes = 0;
+            std::ifstream(folder + "/no_room_for_copy") >> missing_bytes;
+            const agent_order_taken_t taken{be32::of(0), be64::of(missing_bytes == 0 ? ORDER_ID : 0),
+                                            be64::of(missing_bytes)};
+            if (status == AGENT_OK && missing_bytes == 0)
                 std::ofstream(ordered) << "";
-            (void)cmi_response(&id, status == AGENT_OK ? sizeof id : 0, handle, message, status);
+            (void)cmi_response(&taken, status == AGENT_OK ? sizeof taken : 0, handle, message, status);
             return true;
         }
         if (mts_opc_get(message) == AGENT_OPC_GET_ORDER) {
