@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "bios_opcodes.h"
 #include "c_boundary.h"
 #include "chassis_dir.h"
 #include "regular_file.h"
@@ -132,6 +133,11 @@ void append(const kept_notice &notice)
 }
 
 } // namespace
+
+bool kept_notice_is_one(std::uint32_t node, std::uint32_t opcode)
+{
+    return node == MTS_NODE_LISTENERS || opcode == MTS_OPC_BIOS_PROGRAMMING_DONE;
+}
 
 std::string kept_notice_format(const kept_notice &notice)
 {

@@ -1,5 +1,5 @@
 // Notices, kept for those who come late: every message to MTS_NODE_LISTENERS leaves a line in a file, whether
-// anybody listens or not.
+// anybody listens or not, and so does every MTS_OPC_BIOS_PROGRAMMING_DONE, whoever gets it.
 //
 // Below the chassis directory:
 //   transport/notices     "TIME NODE.SAP OPCODE PAYLOAD", the newest last: UTC, the sender as its socket is named,
@@ -30,6 +30,9 @@ struct kept_notice {
     std::uint32_t opcode = 0;
     std::vector<std::uint8_t> payload;
 };
+
+// Whether a message that is sent to a node is kept.
+bool kept_notice_is_one(std::uint32_t node, std::uint32_t opcode);
 
 // A line without its newline, and back; none for anything that format does not give.
 std::string kept_notice_format(const kept_notice &notice);

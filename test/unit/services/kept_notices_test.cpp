@@ -133,11 +133,13 @@ TEST_F(Notices, AreThereWhenTheMessageArrives)
     mts_unbind(listener);
 }
 
-TEST_F(Notices, OnlyWhatIsSentToListenersIsKept)
+TEST_F(Notices, OnlyWhatIsSentToListenersAndTheEndsOfProgrammingsAreKept)
 {
     EXPECT_EQ(send_text(handle_, CARD_1, DAEMON_SAP, "to one", NOTIFY), 0);
     EXPECT_TRUE(received(handle_, 0));
     EXPECT_FALSE(fs::exists(file()));
+    EXPECT_EQ(send_text(handle_, CARD_1, DAEMON_SAP, "\0\0\0\0", 4793), 0);
+    EXPECT_EQ(kept_notice_reader().take().size(), 1U) << "the end of a programming";
 }
 
 TEST_F(Notices, EmptyAndLongOnes)
