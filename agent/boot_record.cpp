@@ -4,6 +4,7 @@
 #include <charconv>
 #include <string_view>
 
+#include "bios_flash.h"
 #include "card_boot.h"
 #include "chassis_dir.h"
 #include "control_register.h"
@@ -48,6 +49,15 @@ bool has_changed_since(unsigned instance, const std::string &time)
     });
 }
 
+// Whether the flash's last programming was verified, and behind a point of time.
+bool was_verified_since(unsigned instance, const std::string &time)
+{
+    const auto events = flash_event_history_of(chassis_own_slot(), instance).events;
+    const std::string_view since = std::string_view(time).substr(0, MILLISECONDS_TEXT_BYTES);
+    return !events.empty() && events.back().kind == flash_event_kind::ended && events.back().result == 0U &&
+           std::string_view(events.back().time).substr(0, since.size()) > since;
+}
+
 } // namespace
 
 std::string boot_record_format(const boot_record &record)
@@ -88,4 +98,14 @@ bool load_boot_record(boot_record &record_out)
     std::string text;
     return chassis_read_file(file_path(), text, FILE_BYTES_MAX) && boot_record_parse(text, record_out) &&
            record_out.boot == card_boot_now().id;
+}
+
+bool next_start_may_need(unsigned instance)
+{
+    if (instance == BIOS_FLASH_PRIMARY || instance == selected_flash())
+        return true;
+    boot_record booted;
+    if (load_boot_record(booted) && booted.flash == BIOS_FLASH_PRIMARY)
+        return false;
+    return !was_verified_since(BIOS_FLASH_PRIMARY, card_boot_now().time);
 }

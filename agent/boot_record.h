@@ -29,3 +29,8 @@ void note_boot();
 
 // What is written down of the present boot; false when nothing is.
 bool load_boot_record(boot_record &record_out);
+
+// Whether the card's next start may need a flash. A card starts from its primary one, or the one that its register
+// selects; the alternate one is needed as well while the card runs from it, or nobody knows from which one it does,
+// and no programming of the primary one was verified since.
+bool next_start_may_need(unsigned instance);

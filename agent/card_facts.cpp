@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "bios_opcodes.h"
+#include "boot_record.h"
 #include "card_identification.h"
 #include "chassis_dir.h"
 #include "daemon_pulse.h"
@@ -21,10 +22,11 @@
 namespace
 {
 
-std::uint32_t bits_of(const flash_activity &activity)
+std::uint32_t bits_of(unsigned instance, const flash_activity &activity)
 {
     return (activity.marked ? AGENT_FLASH_MARKED : 0U) | (activity.has_writer ? AGENT_FLASH_HAS_WRITER : 0U) |
-           (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U);
+           (activity.last ? AGENT_FLASH_HAS_PROGRESS : 0U) |
+           (next_start_may_need(instance) ? 0U : AGENT_FLASH_SPARE);
 }
 
 // Found out once for an id: for some the card's SPROM is read.
@@ -55,7 +57,7 @@ agent_flash_t facts_of(unsigned instance, const flash_device &flash)
     facts.instance = be32::of(instance);
     facts.size_bytes = be32::of(flash.geometry().size_bytes);
     facts.sector_bytes = be32::of(flash.geometry().sector_bytes);
-    facts.state = be32::of(bits_of(activity));
+    facts.state = be32::of(bits_of(instance, activity));
     facts.phase = be32::of(last.phase);
     facts.percent = be32::of(last.percent);
     facts.attempt = be32::of(last.attempt);
@@ -71,7 +73,7 @@ agent_flash_t facts_of(unsigned instance, const flash_device &flash)
 
 std::uint32_t flash_state_of(unsigned instance)
 {
-    return bits_of(flash_activity_of(chassis_own_slot(), instance));
+    return bits_of(instance, flash_activity_of(chassis_own_slot(), instance));
 }
 
 answer card_answer()

@@ -42,8 +42,8 @@ constexpr const char *WORK_FOLDER = "/var/tmp";
 constexpr const char *WORK_PREFIX = "bios_agent.";
 constexpr const char *CORE_PLUGIN = "vesk/plugin_img/core_plugin"; // in a system image, and where it lands
 constexpr std::size_t PIECE_BYTES = 64 << 10;
-constexpr std::uint64_t SYSTEM_IMAGE_BYTES_MAX = std::uint64_t{1} << 30; // unpacked, of one that is searched for damage
-constexpr int GUNZIP_WARNED = 2; // its exit status: the data is whole
+constexpr std::uint64_t SYSTEM_IMAGE_BYTES_MAX = 1 << 30; // unpacked, of one that is searched for damage
+constexpr int GUNZIP_WARNED = 2;                          // its exit status: the data is whole
 
 // An image whose bytes come one after the other, and what is said of it.
 class unpacked_image

@@ -144,6 +144,7 @@ enum agent_flash_state : std::uint32_t {
     AGENT_FLASH_MARKED = 1,       // its programming was begun, and it was not found equal to the image since
     AGENT_FLASH_HAS_WRITER = 2,   // a process changes it, or has done so and has not ended yet
     AGENT_FLASH_HAS_PROGRESS = 4, // phase to since are those of the writer, or of the last there was
+    AGENT_FLASH_SPARE = 8,        // the card's next start does not need it
 };
 
 struct agent_flash_t {
@@ -268,9 +269,11 @@ enum agent_outcome : std::uint32_t {
 struct agent_outcome_t {
     be32 outcome; // of agent_outcome
     agent_result_t result;
+    char ended[AGENT_TIME_BYTES]; // when the work on the flash has ended, by the card's log; empty: not known
 };
-static_assert(sizeof(agent_outcome_t) == 40);
+static_assert(sizeof(agent_outcome_t) == 64);
 static_assert(offsetof(agent_outcome_t, result) == 4);
+static_assert(offsetof(agent_outcome_t, ended) == 40);
 
 enum agent_image_source : std::uint32_t {
     AGENT_IMAGE_OF_TREE = 1, // the image tree of the system software

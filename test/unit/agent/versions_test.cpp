@@ -52,9 +52,9 @@ protected:
         std::ofstream(flash_file("data"), std::ios::binary)
             .write(reinterpret_cast<const char *>(contents.data()), static_cast<std::streamsize>(contents.size()));
     }
-    void note_programming() const
+    static void note(flash_event_kind kind, std::optional<std::uint32_t> result = {})
     {
-        flash_event_append(open_flash_folder(TEST_SLOT, 0), {.slot = TEST_SLOT, .kind = flash_event_kind::begun});
+        flash_event_append(open_flash_folder(TEST_SLOT, 0), {.slot = TEST_SLOT, .kind = kind, .result = result});
     }
     static bytes versions()
     {
@@ -70,6 +70,15 @@ protected:
     static std::string text_from(const bytes &field)
     {
         return {field.begin(), std::find(field.begin(), field.end(), 0)};
+    }
+    static std::vector<std::uint32_t> states()
+    {
+        const bytes answer = versions();
+        std::vector<std::uint32_t> found;
+        for (std::size_t place = 144; place + 136 <= answer.size(); place += 136)
+            found.push_back(
+                be32{answer[place + 4], answer[place + 5], answer[place + 6], answer[place + 7]}.load());
+        return found;
     }
     static std::string version_of(unsigned place)
     {
@@ -87,7 +96,7 @@ TEST_F(AgentVersions, AreARecordOfTheCardAndOneOfEachFlash)
     create_flash(1);
     note_boot();
     EXPECT_EQ(versions(), words({3, 0, 0, 2}) + text_field(NEW, 128) + words({0, 0}) + text_field(NEW, 128) +
-                              words({1, 0}) + bytes(128));
+                              words({1, AGENT_FLASH_SPARE}) + bytes(128));
 }
 
 TEST_F(AgentVersions, WithoutAFlashOrANoteNothingIsKnown)
@@ -114,7 +123,7 @@ TEST_F(AgentVersions, WhatRunsIsWhatTheCardWasStartedFrom)
 TEST_F(AgentVersions, WhatTheCardWasStartedFromIsNotGuessedAfterAProgramming)
 {
     create_flash(0, SMALL_FLASH, contents_of(1));
-    note_programming();
+    note(flash_event_kind::begun);
     note_boot();
     EXPECT_EQ(running(), "");
     ::usleep(2000); // events tell milliseconds
@@ -136,6 +145,37 @@ TEST_F(AgentVersions, TheRegisterSaysFromWhichFlashTheCardBoots)
     boot();
     note_boot();
     EXPECT_EQ(running(), NEW);
+}
+
+TEST_F(AgentVersions, TheNextStartMayNeedTheFlashThatTheCardRunsFromUntilAnotherOneIsVerified)
+{
+    create_flash(0, SMALL_FLASH, contents_of(5));
+    create_flash(1, SMALL_FLASH, contents_of(1));
+    constexpr std::uint32_t SPARE = AGENT_FLASH_SPARE;
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0})) << "it is not known what it runs from";
+    note_boot();
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, SPARE}));
+    ASSERT_EQ(cctrl_write_reg3(186, 0xc00), 0);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0})) << "the register selects it";
+    boot();
+    note_boot();
+    ASSERT_EQ(cctrl_write_reg3(186, 0x800), 0);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0})) << "the card runs from it";
+
+    note(flash_event_kind::ended, 0x40710009);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0})) << "it has failed";
+    ::usleep(2000); // events tell milliseconds
+    note(flash_event_kind::ended, 0);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, SPARE}));
+    note(flash_event_kind::begun);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0}));
+    note(flash_event_kind::ended, 0);
+    ::usleep(2000);
+    boot();
+    ASSERT_EQ(cctrl_write_reg3(186, 0xc00), 0);
+    note_boot();
+    ASSERT_EQ(cctrl_write_reg3(186, 0x800), 0);
+    EXPECT_EQ(states(), (std::vector<std::uint32_t>{0, 0})) << "it was verified before the card was started";
 }
 
 TEST_F(AgentVersions, AFlashThatIsMarkedHasNone)
