@@ -74,6 +74,7 @@ card_flash flash_of(const agent_flash_t &told)
                      .log = {told.log_file.load(), told.log_bytes.load()}};
     flash.activity.marked = (state & AGENT_FLASH_MARKED) != 0;
     flash.activity.has_writer = (state & AGENT_FLASH_HAS_WRITER) != 0;
+    flash.is_spare = (state & AGENT_FLASH_SPARE) != 0;
     const std::uint32_t phase = told.phase.load();
     if ((state & AGENT_FLASH_HAS_PROGRESS) != 0 && phase >= BIOS_PHASE_ERASE && phase <= BIOS_PHASE_VERIFY)
         flash.activity.last = flash_progress_line{static_cast<bios_programming_phase>(phase),
@@ -134,7 +135,8 @@ std::optional<told_versions> decode_versions(answer_payload payload)
         const std::uint32_t state = told.state.load();
         told_flash_version flash{.instance = told.instance.load(),
                                  .marked = (state & AGENT_FLASH_MARKED) != 0,
-                                 .has_writer = (state & AGENT_FLASH_HAS_WRITER) != 0};
+                                 .has_writer = (state & AGENT_FLASH_HAS_WRITER) != 0,
+                                 .is_spare = (state & AGENT_FLASH_SPARE) != 0};
         if (!flash.marked && !flash.has_writer)
             flash.version = printable(told.version);
         versions.flashes.push_back(std::move(flash));
@@ -173,7 +175,8 @@ std::optional<told_outcome> decode_outcome(answer_payload payload)
     const auto record = only_record<agent_outcome_t>(payload);
     if (!record || record->outcome.load() > AGENT_OUTCOME_FAILED)
         return std::nullopt;
-    return told_outcome{static_cast<agent_outcome>(record->outcome.load()), printable(record->result.time)};
+    return told_outcome{static_cast<agent_outcome>(record->outcome.load()), printable(record->result.time),
+                        printable(record->ended)};
 }
 
 std::optional<told_head> decode_head(answer_payload payload)

@@ -28,6 +28,7 @@ struct card_flash {
     std::uint32_t size_bytes = 0;
     std::uint32_t sector_bytes = 0;
     std::uint64_t erases = 0;
+    bool is_spare = false; // the card's next start does not need it
     flash_activity activity = {};
     flash_event_log_state log = {};
 };
@@ -45,6 +46,7 @@ struct told_flash_version {
     unsigned instance = 0;
     bool marked = false;     // its programming was begun, and it was not found equal to the image since
     bool has_writer = false; // a process changes it, or has done so and has not ended yet
+    bool is_spare = false;   // the card's next start does not need it
     std::string version = {};
 };
 
@@ -67,7 +69,8 @@ struct told_result {
 // What the last result of a card's own programming means.
 struct told_outcome {
     agent_outcome outcome = AGENT_OUTCOME_NONE;
-    std::string time; // of the result, as in told_result
+    std::string time;       // of the result, as in told_result
+    std::string ended = {}; // when the work on the flash has ended; empty: not known
 };
 
 // The last event of a flash, as another card was told it.

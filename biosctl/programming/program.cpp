@@ -272,6 +272,14 @@ programming_result carry_out(const program_options &options, const programming_p
     return result;
 }
 
+// Whether the card has noted that another image was verified last: somebody has written the wanted one without an
+// order. A programming changes nothing then, and sets the note right.
+bool is_told_otherwise(const programming_plan &plan)
+{
+    const auto last = ask_for_order(plan.wanted.node, plan.wanted.instance);
+    return last && last->state == flash_order_state::verified && last->sha256 != plan.wanted.image.digest;
+}
+
 } // namespace
 
 programming_result program_module(const program_options &options, int fd, const last_words_text &last_words)
@@ -301,9 +309,11 @@ programming_result program_module(const program_options &options, int fd, const 
         plan.names.old_version = ask_for_version(plan.wanted.node, instance).value_or("");
         before = prove(plan.subject, instance, *asked.image, nullptr);
     }
-    if (before.finding == flash_finding::holds_image)
-        return with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before},
-                          plan);
+    const bool is_there = before.finding == flash_finding::holds_image;
+    const programming_result already_there =
+        with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before}, plan);
+    if (is_there && (options.dry_run || !is_told_otherwise(plan)))
+        return already_there;
     if (const std::string lack = lack_of_room(plan.subject, plan.wanted.image); !lack.empty())
         return not_asked(plan.subject, no_room(plan, plan.subject.serving_slot, lack));
     if (options.dry_run) {
@@ -315,7 +325,8 @@ programming_result program_module(const program_options &options, int fd, const 
     const order_reply ordered = place_order(plan.wanted);
     if (!ordered.order)
         return with_names(not_ordered(plan, ordered.judgement), plan);
-    return with_names(carry_out(options, plan, *ordered.order, fd, last_words), plan);
+    const programming_result done = with_names(carry_out(options, plan, *ordered.order, fd, last_words), plan);
+    return is_there && done.is_proved() ? already_there : done;
 }
 
 outcome run_program(const program_options &options, bool json)

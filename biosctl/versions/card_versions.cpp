@@ -8,6 +8,7 @@
 
 #include "agent_result_text.h"
 #include "agents.h"
+#include "bios_flash.h"
 #include "bios_results.h"
 #include "client.h"
 #include "event_log_check.h"
@@ -22,8 +23,6 @@
 namespace
 {
 
-constexpr unsigned PRIMARY = 0;       // instances
-constexpr unsigned ALTERNATE = 1;     //
 constexpr unsigned DAEMON_LOOK_S = 3; // a daemon that is not busy answers at once
 
 // What has been learnt about one card so far.
@@ -204,11 +203,13 @@ void report_flashes(card_report &report, const told_versions &told, version_fact
 {
     for (const told_flash_version &flash : told.flashes) {
         facts.being_programmed = facts.being_programmed || flash.has_writer;
-        facts.not_verified = facts.not_verified || flash.marked;
-        if (flash.instance == ALTERNATE && flash.marked)
-            report.reasons.emplace_back("its alternate flash is not verified");
+        facts.not_verified = facts.not_verified || (flash.marked && !flash.is_spare);
+        if (flash.instance == BIOS_FLASH_ALTERNATE && flash.marked)
+            report.reasons.emplace_back(
+                std::string("its alternate flash is not verified") +
+                (flash.is_spare ? ": it has none to fall back on" : ", and it may be started from it"));
     }
-    const bool has_primary = !told.flashes.empty() && told.flashes.front().instance != ALTERNATE;
+    const bool has_primary = !told.flashes.empty() && told.flashes.front().instance != BIOS_FLASH_ALTERNATE;
     if (!has_primary)
         report.reasons.emplace_back("it has no flash");
     else if (const told_flash_version &primary = told.flashes.front(); !facts.being_programmed) {
@@ -221,7 +222,7 @@ void report_flashes(card_report &report, const told_versions &told, version_fact
         report.started_from = flash_instance_name(*told.started_from);
     if (told.running.empty())
         report.reasons.emplace_back("which version it was started from is not known");
-    if (told.started_from == ALTERNATE)
+    if (told.started_from == BIOS_FLASH_ALTERNATE)
         report.reasons.emplace_back("it was started from its alternate flash");
     report.flashes.push_back({.label = has_primary ? "primary" : "", .facts = std::move(facts)});
 }
@@ -268,16 +269,16 @@ std::string orderer_text(const flash_order &order)
 request_answer find_change(std::uint32_t node)
 {
     request_answer unchanged{.answered = true};
-    const auto order = ask_for_order(node, PRIMARY);
+    const auto order = ask_for_order(node, BIOS_FLASH_PRIMARY);
     if (!order || order->state != flash_order_state::verified)
         return unchanged;
     for (unsigned attempt = 0; attempt < READ_ATTEMPTS; ++attempt) {
-        const flash_digest_reply found = ask_for_digest(node, PRIMARY, order->size_bytes);
+        const flash_digest_reply found = ask_for_digest(node, BIOS_FLASH_PRIMARY, order->size_bytes);
         if (!found.digest || found.digest->marked || found.digest->has_writer ||
             (found.digest->digest == order->sha256 && found.digest->rest_is_erased))
             return unchanged;
     }
-    if (const auto now = ask_for_order(node, PRIMARY); !now || now->id != order->id)
+    if (const auto now = ask_for_order(node, BIOS_FLASH_PRIMARY); !now || now->id != order->id)
         return unchanged; // it was programmed meanwhile
     const std::string how = orderer_text(*order);
     return {.answered = true, .payload = {how.begin(), how.end()}};

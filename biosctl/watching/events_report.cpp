@@ -78,7 +78,7 @@ table_cell what_came_of_it(const flash_event &event)
     case flash_event_kind::equal:
         return "nothing to be changed";
     case flash_event_kind::cut_off:
-        return {"marked: do not reboot", text_meaning::wrong};
+        return {"marked: not verified", text_meaning::wrong};
     case flash_event_kind::failed:
     case flash_event_kind::refused:
     case flash_event_kind::ended:

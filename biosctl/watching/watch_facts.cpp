@@ -15,15 +15,19 @@ std::string role_of(unsigned slot)
     return slot_is_standby(slot) ? "standby" : "none";
 }
 
-// A result of 0 is that of a killed process as well. What it means does not change any more once it was told.
-void ask_what_zero_means(unsigned module, noticed_result &result)
+// What the programmed card knows of its last result: what a 0 means, which is that of a killed process as well, and
+// when the work on the flash has ended. Neither changes any more once it was told.
+void ask_the_card(unsigned module, noticed_result &result)
 {
     static std::map<unsigned, told_outcome> known;
     told_outcome &outcome = known[module];
-    if (result.code == 0 && (outcome.time != result.time || outcome.outcome == AGENT_OUTCOME_NONE))
+    if (outcome.time != result.time || outcome.outcome == AGENT_OUTCOME_NONE)
         outcome = ask_for_outcome(node_of_module(module)).value_or(told_outcome{});
-    if (result.code == 0 && outcome.time == result.time)
-        result.outcome = outcome.outcome;
+    if (outcome.time != result.time)
+        return;
+    result.outcome = outcome.outcome;
+    if (!outcome.ended.empty())
+        result.time = outcome.ended;
 }
 
 watched_card look_at(unsigned slot)
@@ -39,8 +43,10 @@ watched_card look_at(unsigned slot)
     }
     card.serves = told->serves;
     card.is_silent = told->is_silent;
-    for (const card_flash &flash : told->flashes)
+    for (const card_flash &flash : told->flashes) {
         card.flashes[flash.instance] = flash.activity;
+        card.is_spare[flash.instance] = flash.is_spare;
+    }
     return card;
 }
 
@@ -61,7 +67,7 @@ watch_facts read_watch_facts(const std::vector<unsigned> &modules)
         facts.cards.push_back(look_at(slot));
     for (const watched_card &card : facts.cards) {
         if (const auto result = facts.results.find(card.slot); card.confirmed && result != facts.results.end())
-            ask_what_zero_means(card.slot, result->second);
+            ask_the_card(card.slot, result->second);
     }
     return facts;
 }

@@ -20,15 +20,15 @@ struct watched_card {
     bool serves = false;    // its daemon's endpoint is bound
     bool is_silent = false; // its daemon has not looked for messages for long
     std::array<flash_activity, FLASH_INSTANCE_COUNT> flashes = {};
+    std::array<bool, FLASH_INSTANCE_COUNT> is_spare = {}; // the card's next start does not need the flash
 };
 
 // What the notice about the end of a programming says.
 struct noticed_result {
     std::uint32_t code = 0;
-    std::string time;              // UTC
-    unsigned reported_by_slot = 0; // whose daemon has sent the notice
-    agent_outcome outcome =
-        AGENT_OUTCOME_NONE; // what a code of 0 means, as the programmed card says; NONE: not known
+    std::string time;                           // UTC: of the end of the work on the flash, else of the notice
+    unsigned reported_by_slot = 0;              // whose daemon has sent the notice
+    agent_outcome outcome = AGENT_OUTCOME_NONE; // what the code means, as the programmed card says; NONE: not known
 
     bool operator==(const noticed_result &) const = default;
 };

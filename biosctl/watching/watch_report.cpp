@@ -22,6 +22,8 @@ constexpr wording WORDINGS[] = {wording::full, wording::usual, wording::compact,
 
 constexpr const char *NOT_VERIFIED = "not verified: do not reboot";
 constexpr const char *NOT_VERIFIED_ADVICE = " the card; program it again: biosctl program SLOT";
+constexpr const char *NOTHING_TO_FALL_BACK_ON =
+    ": its alternate flash is not verified: it has none to fall back on";
 constexpr const char *LOCKS_REMARK = "the module locks could not be read: what is locked is not known";
 constexpr const char *RESULTS_REMARK =
     "the last results could not be read: how programmings have ended is not known";
@@ -79,7 +81,7 @@ std::string progress_cell(const watch_row &row, wording words)
     const watched_progress &progress = *row.progress;
     const bool brief = words >= wording::compact;
     std::string text = std::to_string(progress.percent) + "% " + work_text(progress.phase, progress.percent);
-    if (!brief && row.state == watch_state::not_verified)
+    if (!brief && row.state != watch_state::being_programmed)
         text = "stopped at " + text;
     if (progress.attempt > 0)
         text += (brief ? " #" : ", attempt ") + std::to_string(progress.attempt);
@@ -219,6 +221,10 @@ std::vector<styled_text> remarks_of(const watch_snapshot &snapshot)
     if (std::any_of(snapshot.rows.begin(), snapshot.rows.end(),
                     [](const watch_row &row) { return row.state == watch_state::not_verified; }))
         remarks.push_back(styled_text(NOT_VERIFIED, text_meaning::wrong) + NOT_VERIFIED_ADVICE);
+    for (const watch_row &row : snapshot.rows) {
+        if (!row.marked_flashes.empty() && !row.needs_marked)
+            remarks.emplace_back(slot_text(row.slot) + NOTHING_TO_FALL_BACK_ON);
+    }
     if (!snapshot.locks_readable)
         remarks.emplace_back(LOCKS_REMARK);
     if (!snapshot.results_readable)

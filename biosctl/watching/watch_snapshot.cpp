@@ -84,7 +84,7 @@ watch_state state_of(const watch_facts &facts, const watched_card &card, const w
                                         [](const flash_activity &flash) { return flash.has_writer; });
     if (has_writer || is_locked_as_target(facts, card.slot))
         return watch_state::being_programmed;
-    if (!row.marked_flashes.empty())
+    if (row.needs_marked)
         return watch_state::not_verified;
     if (row.programs_module)
         return watch_state::programs_another;
@@ -102,8 +102,10 @@ watch_row row_of(const watch_facts &facts, const watched_card &card)
     watch_row row{.slot = card.slot, .role = card.role, .serves = card.serves};
     row.programs_module = programmed_by(facts, card.slot);
     for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
-        if (card.flashes[instance].marked)
-            row.marked_flashes.push_back(instance);
+        if (!card.flashes[instance].marked)
+            continue;
+        row.marked_flashes.push_back(instance);
+        row.needs_marked = row.needs_marked || !card.is_spare[instance];
     }
     if (const auto *lock = lock_of(facts, card.slot); lock != nullptr)
         row.lock = watched_lock{lock->slot, lock->pid, lock->reason, lock->since,

@@ -50,6 +50,7 @@ struct watch_row {
     watch_state state = watch_state::idle;
     std::optional<unsigned> programs_module = {};  // while it programs another one
     std::vector<unsigned> marked_flashes = {};     // instances: begun to be programmed and not found equal since
+    bool needs_marked = false;                     // the card's next start may need one of them
     std::optional<watched_progress> progress = {}; // of the programming that runs, or that was left
     std::optional<watched_lock> lock = {};         // of this module
     std::optional<noticed_result> result = {};     // of the last programming that a notice told of

@@ -13,6 +13,7 @@ namespace
 
 constexpr int DONE = 0;
 constexpr int FAILED = 1;
+constexpr int NOTHING_TO_DO = 2;
 constexpr int BUSY = 4;
 constexpr unsigned FLASH_KIB = 512; // takes a few seconds with the time of a real part
 
@@ -227,6 +228,23 @@ TEST_F(BiosctlVersions, AuditFindsAFlashThatWasChangedSinceItWasProgrammed)
     EXPECT_EQ(flash(1)["verdict"], "in step") << "show does not read the whole flash";
     ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
     EXPECT_EQ(biosctl({"audit", "1"}).exit_code, DONE);
+}
+
+TEST_F(BiosctlVersions, AFlashThatWasChangedIntoTheTreesImageIsInOrderAfterTheAdvice)
+{
+    insert({.slot = 1});
+    up();
+    make_system_image(on_bootflash(1, "next.img"), 90, image("3.0"));
+    ASSERT_EQ(biosctl({"program", "1", "--image", "bootflash:next.img"}).exit_code, DONE);
+    write_file(flash_file(1, "data"), new_image().bytes);
+    EXPECT_NE(biosctl({"audit", "1"}).output.find("changed since it was programmed"), std::string::npos);
+    EXPECT_EQ(biosctl({"program", "1", "--force=older", "--dry-run"}).exit_code, NOTHING_TO_DO);
+    const finished_program advised = biosctl({"program", "1", "--force=older"});
+    EXPECT_EQ(advised.exit_code, NOTHING_TO_DO) << advised.output << advised.errors;
+    EXPECT_NE(advised.errors.find("already in the flash, nothing to do"), std::string::npos) << advised.errors;
+    const finished_program audit = biosctl({"audit", "1"});
+    EXPECT_EQ(audit.output.find("changed since it was programmed"), std::string::npos) << audit.output;
+    EXPECT_EQ(flash_of(1) == new_image().bytes, true);
 }
 
 TEST_F(BiosctlVersions, EventsNameWhoHasOrderedWhat)

@@ -1,7 +1,9 @@
 // Watchers of a real chassis: what they see when they come late, and that they disturb nobody however they leave.
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <sstream>
+#include <thread>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -16,6 +18,8 @@ using json = nlohmann::json;
 using json_lines = std::vector<json>;
 
 constexpr unsigned FLASH_KIB = 512; // takes a few seconds with the time of a real part
+
+constexpr std::size_t SECONDS_BYTES = 19; // of a time, "2026-01-31T23:59:59"
 
 // Whole lines only: a watcher may be writing.
 json_lines objects_of(const std::string &output)
@@ -60,6 +64,21 @@ protected:
         std::vector<std::string> words = {"--json", "watch", "--interval", "0.1"};
         words.insert(words.end(), more.begin(), more.end());
         return biosctl_words(words);
+    }
+    // By the register: what counts from the next boot on.
+    void select_flash(unsigned slot, const std::string &value) const
+    {
+        write_file(slot_file(slot, "registers/186"), value + "\n");
+    }
+    // The times of a flash's events of a kind, "2026-01-31T23:59:59.123Z".
+    std::vector<std::string> times_of(unsigned slot, const std::string &kind) const
+    {
+        std::vector<std::string> times;
+        for (const json &event : objects_of(biosctl({"--json", "events", std::to_string(slot)}).output)) {
+            if (event["event"] == kind)
+                times.push_back(event["time"]);
+        }
+        return times;
     }
     json look() const { return json::parse(biosctl({"--json", "watch", "--once"}).output); }
 
@@ -187,6 +206,60 @@ TEST_F(BiosctlWatch, AKilledProgrammingIsShownAsNotVerified)
 
     expect_programmed(program(1), 1, *new_);
     EXPECT_EQ(card_of(look(), 1)["state"], "idle");
+}
+
+// The supervisor hangs while it should tell of the end, and longer than the work on a flash may be unreported.
+TEST_F(BiosctlWatch, AVerifiedFlashIsToldSoHoweverLateTheSupervisorTellsIt)
+{
+    requester asking;
+    programming running = asking.start(2);
+    ASSERT_EQ(running.answer, 0U) << running;
+    ASSERT_TRUE(wait_until([&] { return child_pid(2) != 0; }));
+    const pid_t relay = child_pid(1);
+    ASSERT_NE(relay, 0);
+    ASSERT_EQ(::kill(relay, SIGSTOP), 0);
+    ASSERT_EQ(::kill(daemon_pid(1), SIGSTOP), 0);
+    EXPECT_TRUE(wait_until([&] { return times_of(2, "ended").size() == 1; }));
+    std::this_thread::sleep_for(std::chrono::seconds(45));
+    ASSERT_EQ(::kill(relay, SIGCONT), 0);
+    ASSERT_EQ(::kill(daemon_pid(1), SIGCONT), 0);
+    asking.await_end(running);
+    EXPECT_EQ(running.result, std::optional<std::uint32_t>(0)) << running;
+    const json card = card_of(look(), 2);
+    EXPECT_EQ(card["last_result"]["name"], "ok") << card;
+    EXPECT_EQ(card["last_result"]["time"], times_of(2, "ended").at(0).substr(0, SECONDS_BYTES) + "Z");
+}
+
+TEST_F(BiosctlWatch, AHalfWrittenAlternateFlashIsNoReasonNotToReboot)
+{
+    write_file(flash_file(2, "programming", "alternate"), "");
+    const json card = card_of(look(), 2);
+    EXPECT_EQ(card["state"], "idle") << card;
+    EXPECT_EQ(card["marked_flashes"], json::array({"alternate"}));
+    const std::string words = "its alternate flash is not verified: it has none to fall back on";
+    for (const std::vector<std::string> &screen :
+         {std::vector<std::string>{"watch", "--once"}, {"show"}, {"audit"}}) {
+        const std::string shown = biosctl(screen).output;
+        EXPECT_NE(shown.find(words), std::string::npos) << shown;
+        EXPECT_EQ(shown.find("do not reboot"), std::string::npos) << shown;
+        EXPECT_EQ(shown.find("program it again"), std::string::npos) << shown;
+    }
+    std::filesystem::remove(flash_file(2, "programming", "alternate"));
+}
+
+TEST_F(BiosctlWatch, AHalfWrittenAlternateFlashIsNeededUntilThePrimaryOneIsVerified)
+{
+    ASSERT_EQ(chassis({"down"}).exit_code, 0);
+    select_flash(2, "0xc00");
+    ASSERT_EQ(chassis({"up"}).exit_code, 0);
+    select_flash(2, "0x800");
+    write_file(flash_file(2, "programming", "alternate"), "");
+    EXPECT_EQ(card_of(look(), 2)["state"], "not verified");
+    EXPECT_NE(biosctl({"show"}).output.find("not verified: do not reboot"), std::string::npos);
+    ASSERT_EQ(biosctl({"program", "2"}).exit_code, 0) << "as it was told";
+    EXPECT_EQ(card_of(look(), 2)["state"], "idle");
+    EXPECT_EQ(biosctl({"show"}).output.find("do not reboot"), std::string::npos);
+    std::filesystem::remove(flash_file(2, "programming", "alternate"));
 }
 
 TEST_F(BiosctlWatch, LeavingAtAnyTimeDisturbsNothing)

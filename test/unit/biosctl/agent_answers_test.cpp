@@ -134,11 +134,13 @@ TEST(AgentAnswers, ResultsAreThoseOfModules)
 
 TEST(AgentAnswers, OutcomeIsOneOfThoseThereAre)
 {
-    const bytes result = words({28, 0, 27}) + text_field("2026-01-31T11:00:00Z", 24);
+    const bytes result =
+        words({28, 0, 27}) + text_field("2026-01-31T11:00:00Z", 24) + text_field("2026-01-31T10:59:59Z", 24);
     const auto outcome = decode_outcome(words({2}) + result);
     ASSERT_TRUE(outcome);
     EXPECT_EQ(outcome->outcome, AGENT_OUTCOME_WITHOUT_RESULT);
     EXPECT_EQ(outcome->time, "2026-01-31T11:00:00Z");
+    EXPECT_EQ(outcome->ended, "2026-01-31T10:59:59Z");
     EXPECT_FALSE(decode_outcome(words({4}) + result));
     EXPECT_FALSE(decode_outcome(words({2}) + result + bytes(1)));
     EXPECT_FALSE(decode_outcome(result));

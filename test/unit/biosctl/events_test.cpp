@@ -109,14 +109,14 @@ TEST(EventsTable, TellsEachKindOfEvent)
     EXPECT_EQ(tail(flash_event_kind::failed), "failed     0.04s  0x40710021 write_protected\n");
     EXPECT_EQ(tail(flash_event_kind::refused), "refused    0.04s  0x40710021 write_protected\n");
     EXPECT_EQ(tail(flash_event_kind::ended), "ended      0.04s  0x40710021 write_protected\n");
-    EXPECT_EQ(tail(flash_event_kind::cut_off), "cut off    0.04s  marked: do not reboot\n");
+    EXPECT_EQ(tail(flash_event_kind::cut_off), "cut off    0.04s  marked: not verified\n");
 }
 
 TEST(EventsTable, ColoursAFlashThatWasLeftHalfProgrammed)
 {
     const std::string table =
         text_of({shown_table(event("10:00:00.000", 1, flash_event_kind::cut_off))}, {.colours = true});
-    EXPECT_TRUE(table.ends_with("  \033[31mmarked: do not reboot\033[0m\n")) << table;
+    EXPECT_TRUE(table.ends_with("  \033[31mmarked: not verified\033[0m\n")) << table;
 }
 
 TEST(Events, AreATableForPeople)
@@ -128,7 +128,7 @@ TEST(Events, AreATableForPeople)
     EXPECT_EQ(run.out(), "TIME                  SLOT  FLASH      EVENT      TOOK   RESULT\n"
                          "2026-01-31T12:00:00Z  5     primary    begun      -      8 MiB v3.5.0(09/17/12)\n"
                          "2026-01-31T12:00:02Z  5     primary    failed     1.75s  0x40710009 erase_failed\n"
-                         "2026-01-31T12:00:30Z  27    alternate  cut off    -      marked: do not reboot\n"
+                         "2026-01-31T12:00:30Z  27    alternate  cut off    -      marked: not verified\n"
                          "2026-01-31T12:01:10Z  5     primary    ended      01:10  0x40710009 erase_failed\n");
     EXPECT_EQ(run.err(), "");
 }

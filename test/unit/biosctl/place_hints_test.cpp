@@ -28,7 +28,8 @@ TEST(PlaceHints, NameTheToolOfTheLabInTheLab)
     EXPECT_EQ(place_text(look_at::log, "5", surroundings::lab), "chassis log 5");
     EXPECT_EQ(place_text(look_at::log_and_states, "SLOT", surroundings::lab), "chassis log SLOT, chassis status");
     EXPECT_EQ(place_in_brackets(look_at::cards, "5", surroundings::lab), " (chassis status)");
-    EXPECT_NE(no_agent_hint(surroundings::lab).find("if the chassis is down, start it with: chassis up"), std::string::npos);
+    EXPECT_NE(no_agent_hint(surroundings::lab).find("if the chassis is down, start it with: chassis up"),
+              std::string::npos);
 }
 
 TEST(PlaceHints, NeverNameItOnACard)

@@ -167,6 +167,9 @@ TEST(WatchSnapshot, AKilledProgrammingIsNotVerified)
     facts.cards[0].flashes[1].marked = true;
     EXPECT_EQ(row_of(facts, 5).state, watch_state::not_verified);
     EXPECT_EQ(row_of(facts, 5).marked_flashes, std::vector<unsigned>{1});
+    facts.cards[0].is_spare[1] = true;
+    EXPECT_EQ(row_of(facts, 5).state, watch_state::idle) << "the card does not start from it";
+    EXPECT_EQ(row_of(facts, 5).marked_flashes, std::vector<unsigned>{1});
 }
 
 TEST(WatchSnapshot, AFinishedProgrammingLeavesNoProgress)
@@ -289,6 +292,19 @@ TEST(WatchTable, TellsNotToReboot)
     ASSERT_EQ(narrow.size(), 4U);
     EXPECT_EQ(narrow[2], "27    active  not verified  68% writing #1 alt  -     -");
     EXPECT_EQ(narrow[3], remark);
+}
+
+TEST(WatchTable, TellsWhichCardHasNothingToFallBackOn)
+{
+    watch_facts facts = idle_facts();
+    facts.cards = {card(27, "active")};
+    facts.cards[0].flashes[1] = {.marked = true, .last = line(BIOS_PHASE_WRITE, 68, 1, EARLIER)};
+    facts.cards[0].is_spare[1] = true;
+    EXPECT_EQ(lines(facts),
+              (std::vector<std::string>{
+                  NOW, "SLOT  ROLE    STATE  PROGRESS                                            LOCK  LAST RESULT",
+                  "27    active  idle   stopped at 68% writing, attempt 1, alternate flash  -     -",
+                  "slot 27: its alternate flash is not verified: it has none to fall back on"}));
 }
 
 TEST(WatchTable, Words)
