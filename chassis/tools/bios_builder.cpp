@@ -69,6 +69,26 @@ std::string build_bios_image(const bios_header &header, std::size_t image_bytes,
     return image;
 }
 
+std::string payload_with_version(std::string payload, const std::string &text, const bios_header &header)
+{
+    std::size_t count = 0;
+    std::size_t place = std::string::npos;
+    for (std::size_t found = payload.find(text); found != std::string::npos;
+         found = payload.find(text, found + 1)) {
+        place = found;
+        ++count;
+    }
+    if (count != 1)
+        throw image_error("payload version " + text + ": is " + std::to_string(count) +
+                          " times in the payload, expected once");
+    std::string version = bios_header_text(header);
+    version.erase(0, version.find_first_not_of(' '));
+    if (version.size() > text.size())
+        throw image_error("payload version " + text + ": " + version + " is longer");
+    version.resize(text.size(), ' ');
+    return payload.replace(place, text.size(), version);
+}
+
 std::string build_loader_file(const std::string &version, std::size_t file_bytes, const std::string &payload)
 {
     std::string loader = loader_version_tag(version);

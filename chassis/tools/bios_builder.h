@@ -19,6 +19,11 @@ bios_header parse_bios_header(const std::string &version, const std::string &dat
 // fetches its first instruction), 0xFF everywhere else. Throws image_error when the payload does not fit.
 std::string build_bios_image(const bios_header &header, std::size_t image_bytes, const std::string &payload);
 
+// The payload with the text by which its firmware names its version replaced by the version of the header. The new
+// text has blanks behind it: nothing in the payload moves. Throws image_error unless the text is there exactly once
+// and is long enough.
+std::string payload_with_version(std::string payload, const std::string &text, const bios_header &header);
+
 // The loader file: a head of 4 KiB with the version, the payload, and zeros up to the size. file_bytes 0: no larger
 // than need be. Throws image_error for a version that no reader would find, or when the payload does not fit.
 std::string build_loader_file(const std::string &version, std::size_t file_bytes, const std::string &payload);

@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bios_builder.h"
@@ -32,7 +33,8 @@ struct build_options {
     std::string version;
     std::string date;
     std::string payload;
-    std::optional<std::string> family; // without it no manifest
+    std::optional<std::string> payload_version; // the text in the payload that becomes the image's version
+    std::optional<std::string> family;          // without it no manifest
     std::uint32_t security_version = 0;
 };
 
@@ -65,8 +67,10 @@ std::string payload_of(const std::string &path)
 
 void build(const build_options &options)
 {
-    const std::string payload = payload_of(options.payload);
     const bios_header header = parse_bios_header(options.version, options.date);
+    std::string payload = payload_of(options.payload);
+    if (options.payload_version)
+        payload = payload_with_version(std::move(payload), *options.payload_version, header);
     std::string image = build_bios_image(header, parse_image_size(options.size), payload);
     if (options.family)
         put_manifest(image, make_manifest(image, *options.family, options.security_version, {}));
@@ -110,7 +114,12 @@ void add_build(CLI::App &app, build_options &options)
     command->add_option("--size", options.size, "Size in MiB, or in KiB with a K behind it")->capture_default_str();
     command->add_option("--version", options.version, "Version, MAJOR.MINOR")->required();
     command->add_option("--date", options.date, "Date of the build, MM/DD/YY")->required();
-    command->add_option("--payload", options.payload, "Firmware that is placed at the image's end");
+    CLI::Option *payload =
+        command->add_option("--payload", options.payload, "Firmware that is placed at the image's end");
+    command
+        ->add_option("--payload-version", options.payload_version,
+                     "Version text in the firmware, to be replaced by the image's version and blanks")
+        ->needs(payload);
     command->add_option("--family", options.family, "Family of the cards that it is for, for a manifest");
     CLI::Option *security_version = command->add_option("--security-version", options.security_version,
                                                         "Security version of the manifest (default 0)");

@@ -282,6 +282,37 @@ TEST_F(BiosImage, BuildsHeaderErasedSpaceAndPayloadAtTheEnd)
     EXPECT_EQ(bytes.substr(bytes.size() - payload.size()), payload);
 }
 
+// What firmware says of itself when it runs, is then the version of the image that it came in.
+TEST_F(BiosImage, PutsItsVersionInThePlaceOfThePayloads)
+{
+    const std::string before = random_bytes(1000) + '\0';
+    const std::string behind = '\0' + random_bytes(1000);
+    write_file(path("payload"), before + "1.16.2-vendor-1.16.2-1" + behind);
+    ASSERT_EQ(run("bios_image build --output " + image() + " --size 64K --version 3.12 --date 09/17/12 --payload " +
+                  path("payload") + " --payload-version 1.16.2-vendor-1.16.2-1"),
+              0)
+        << errors();
+    const std::string expected = before + "v3.12.0(09/17/12)     " + behind;
+    EXPECT_EQ(content_of(image()).substr(64 * 1024 - expected.size()), expected);
+}
+
+TEST_F(BiosImage, RefusesAPayloadWhoseVersionItCannotReplace)
+{
+    write_file(path("payload"), "one 1.16.2-vendor-1.16.2-1 two v-two-v-two-v-two-v-two-v short 1.0 end");
+    const std::string build = "bios_image build --output " + image() + " --size 64K --version 3.12 --date 09/17/12";
+    const std::string with_payload = build + " --payload " + path("payload") + " --payload-version ";
+    for (const auto &[command, reason] : {
+             std::pair{with_payload + "1.16.3-vendor-1.16.3-1", "is 0 times in the payload"},
+             std::pair{with_payload + "v-two-v-two-v-two", "is 2 times in the payload"},
+             std::pair{with_payload + "1.0", "v3.12.0(09/17/12) is longer"},
+         }) {
+        EXPECT_EQ(run(command), 1) << command;
+        EXPECT_NE(errors().find(reason), std::string::npos) << errors();
+        EXPECT_FALSE(files::exists(image())) << command;
+    }
+    EXPECT_EQ(run(build + " --payload-version 1.16.2-vendor-1.16.2-1"), 64);
+}
+
 TEST_F(BiosImage, TellsSizeInMiBAndShowsWhatItBuilt)
 {
     ASSERT_EQ(run("bios_image build --output " + image() + " --size 8 --version 1.2 --date 02/29/24"), 0);
