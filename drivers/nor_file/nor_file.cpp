@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "byte_runs.h"
 #include "chassis_dir.h"
-#include "flash_bytes.h"
 #include "read_all_at.h"
 
 namespace

@@ -6,7 +6,7 @@
 
 #include "bios_refusals.h"
 #include "bios_results.h"
-#include "flash_bytes.h"
+#include "byte_runs.h"
 
 namespace
 {

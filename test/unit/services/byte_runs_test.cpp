@@ -1,18 +1,18 @@
 // Operations on runs of bytes, against the same done byte by byte, for every length and place within a register.
 #include "flash_fixture.h"
 
-#include "flash_bytes.h"
+#include "byte_runs.h"
 
 namespace
 {
 
-constexpr std::size_t MOST_BYTES = 5 * FLASH_LANES_BYTES;
+constexpr std::size_t MOST_BYTES = 5 * BYTE_LANES_BYTES;
 
 // Calls check(offset, length) for each; what is outside of the run has to stay as it is.
 template<class call>
 void for_each_run(call &&check)
 {
-    for (std::size_t offset = 0; offset < FLASH_LANES_BYTES; ++offset) {
+    for (std::size_t offset = 0; offset < BYTE_LANES_BYTES; ++offset) {
         for (std::size_t length = 0; length <= MOST_BYTES; ++length)
             check(offset, length);
     }
@@ -20,12 +20,12 @@ void for_each_run(call &&check)
 
 flash_bytes some_bytes()
 {
-    return random_bytes(MOST_BYTES + 2 * FLASH_LANES_BYTES);
+    return random_bytes(MOST_BYTES + 2 * BYTE_LANES_BYTES);
 }
 
 } // namespace
 
-TEST(FlashBytes, AreComplemented)
+TEST(ByteRuns, AreComplemented)
 {
     for_each_run([](std::size_t offset, std::size_t length) {
         const flash_bytes from = some_bytes();
@@ -37,7 +37,7 @@ TEST(FlashBytes, AreComplemented)
     });
 }
 
-TEST(FlashBytes, LoseTheBitsThatAMaskHasNot)
+TEST(ByteRuns, LoseTheBitsThatAMaskHasNot)
 {
     for_each_run([](std::size_t offset, std::size_t length) {
         const flash_bytes mask = some_bytes();
@@ -49,7 +49,7 @@ TEST(FlashBytes, LoseTheBitsThatAMaskHasNot)
     });
 }
 
-TEST(FlashBytes, HaveAFurtherBitAnywhere)
+TEST(ByteRuns, HaveAFurtherBitAnywhere)
 {
     for_each_run([](std::size_t offset, std::size_t length) {
         const flash_bytes there = some_bytes();
