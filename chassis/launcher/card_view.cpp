@@ -20,6 +20,7 @@
 #include "keeper_lock.h"
 #include "launcher_error.h"
 #include "loader_file.h"
+#include "nor_file_layout.h"
 #include "sysmgr.h"
 
 namespace
@@ -96,8 +97,7 @@ card_status status_of(unsigned slot)
     card.pid = static_cast<int>(chassis_read_value(chassis_slot_path(slot, "pid"), 0));
     card.isolation_way = read_line(chassis_slot_path(slot, "isolation"));
     for (unsigned instance = 0; instance < FLASH_INSTANCE_COUNT; ++instance) {
-        const std::string marker = flash_file_path(slot, instance, FLASH_FILE_PROGRAMMING);
-        card.programming[instance] = ::faccessat(chassis_dir_fd(), marker.c_str(), F_OK, 0) == 0;
+        card.programming[instance] = flash_folder_has_marker(flash_folder_path(slot, instance));
         card.version[instance] = flash_version(slot, instance);
     }
     card.boot_loader_version = boot_loader_version(slot);

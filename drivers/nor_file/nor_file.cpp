@@ -39,6 +39,11 @@ struct flash_extent {
     }
 };
 
+flash_marker_wait wait_of(const flash_extent &extent)
+{
+    return extent.amount < MARKER_STEPS ? flash_marker_wait::none : flash_marker_wait::stable_storage;
+}
+
 bool refuse(int reason)
 {
     errno = reason;
@@ -72,21 +77,19 @@ bool nor_file::open_files(unsigned slot, unsigned instance, flash_access access)
 {
     if (instance >= FLASH_INSTANCE_COUNT)
         return refuse(EINVAL);
-    writable_ = access == flash_access::write;
-    folder_.path = flash_folder_path(slot, instance);
-    folder_.fd.reset(::openat(chassis_dir_fd(), folder_.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder_.fd)
+    const bool writes = access == flash_access::write;
+    if (!state_.open(slot, instance))
         return false;
     data_file_.reset(
-        ::openat(folder_.fd.get(), FLASH_FILE_DATA, (writable_ ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC));
+        ::openat(folder().fd.get(), FLASH_FILE_DATA, (writes ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC));
     if (!data_file_)
         return false;
-    if (!load_geometry() || !lock_and_map(access))
+    if (!load_geometry())
         return false;
-    if (writable_ && !load_protected())
+    if (writes && (!state_.become_writer() || !map() || !load_protected()))
         return false;
-    timing_ = flash_timing(chassis_read_value(folder_.file(FLASH_FILE_TIMING), 0) != 0);
-    next_fault_ = [rules = flash_fault_rules(folder_)](flash_operation operation, std::uint32_t sector) mutable {
+    timing_ = flash_timing(chassis_read_value(folder().file(FLASH_FILE_TIMING), 0) != 0);
+    next_fault_ = [rules = flash_fault_rules(folder())](flash_operation operation, std::uint32_t sector) mutable {
         return rules.take(operation, sector);
     };
     return true;
@@ -94,9 +97,9 @@ bool nor_file::open_files(unsigned slot, unsigned instance, flash_access access)
 
 bool nor_file::load_geometry()
 {
-    geometry_.size_bytes = chassis_read_value(folder_.file(FLASH_FILE_SIZE_BYTES), 0);
-    geometry_.sector_bytes = chassis_read_value(folder_.file(FLASH_FILE_SECTOR_BYTES), 0);
-    geometry_.page_bytes = chassis_read_value(folder_.file(FLASH_FILE_PAGE_BYTES), 0);
+    geometry_.size_bytes = chassis_read_value(folder().file(FLASH_FILE_SIZE_BYTES), 0);
+    geometry_.sector_bytes = chassis_read_value(folder().file(FLASH_FILE_SECTOR_BYTES), 0);
+    geometry_.page_bytes = chassis_read_value(folder().file(FLASH_FILE_PAGE_BYTES), 0);
     struct stat status;
     if (::fstat(data_file_.get(), &status) != 0)
         return false;
@@ -105,18 +108,8 @@ bool nor_file::load_geometry()
     return true;
 }
 
-bool nor_file::lock_and_map(flash_access access)
+bool nor_file::map()
 {
-    if (access == flash_access::write) {
-        // Owned by this opening and not by the process: a second one in the same process is refused, too.
-        struct flock whole = {};
-        whole.l_type = F_WRLCK;
-        whole.l_whence = SEEK_SET;
-        if (::fcntl(data_file_.get(), F_OFD_SETLK, &whole) != 0)
-            return refuse(errno == EAGAIN || errno == EACCES ? EBUSY : errno);
-    }
-    if (!writable_)
-        return true;
     void *mapping = ::mmap(nullptr, geometry_.size_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, data_file_.get(), 0);
     if (mapping == MAP_FAILED)
         return false;
@@ -129,7 +122,7 @@ bool nor_file::load_protected()
 {
     protected_.assign(sector_count(), false);
     std::string text, line;
-    if (!chassis_read_file(folder_.file(FLASH_FILE_PROTECTED), text))
+    if (!chassis_read_file(folder().file(FLASH_FILE_PROTECTED), text))
         return errno == ENOENT;
     std::istringstream lines(text);
     while (std::getline(lines, line)) {
@@ -146,12 +139,6 @@ bool nor_file::load_protected()
 
 nor_file::~nor_file()
 {
-    try {
-        if (folder_.fd)
-            flash_wear_add(folder_, wear_);
-    } catch (...) {
-        // No memory for the totals: they are statistics only.
-    }
     if (data_ != nullptr)
         (void)::munmap(data_, geometry_.size_bytes);
 }
@@ -186,7 +173,7 @@ bool nor_file::perform(flash_operation operation, std::uint32_t sector, std::uin
 
 void nor_file::die(bool hold)
 {
-    flash_wear_add(folder_, wear_);
+    state_.save_wear();
     if (hold)
         (void)::kill(::getpid(), SIGSTOP);
     (void)::kill(::getpid(), SIGKILL);
@@ -195,7 +182,7 @@ void nor_file::die(bool hold)
 
 void nor_file::note_violation(const char *wanted, std::uint32_t place) const
 {
-    const unique_fd file(::openat(folder_.fd.get(), FLASH_FILE_VIOLATIONS,
+    const unique_fd file(::openat(folder().fd.get(), FLASH_FILE_VIOLATIONS,
                                   O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0644));
     if (file)
         (void)::dprintf(file.get(), "%s at 0x%x\n", wanted, place);
@@ -214,7 +201,7 @@ bool nor_file::fits(std::uint32_t offset, std::uint32_t length) const
 
 bool nor_file::may_change(std::uint32_t sector, const char *wanted) const
 {
-    if (!writable_)
+    if (!state_.is_writer())
         return refuse_violation(EBADF, wanted, sector * geometry_.sector_bytes);
     if (is_protected(sector))
         return refuse(EPERM);
@@ -237,7 +224,7 @@ bool nor_file::erase(std::uint32_t sector)
     if (!may_change(sector, "erase by a reader"))
         return false;
     work_on(sector);
-    ++wear_.erases;
+    ++state_.wear().erases;
     timing_.spend(FLASH_SECTOR_ERASE_NS);
     return perform(flash_operation::erase, sector, geometry_.sector_bytes, [&](const flash_extent &extent) {
         std::uint8_t *place = data_ + std::size_t{sector} * geometry_.sector_bytes;
@@ -260,7 +247,7 @@ bool nor_file::program(std::uint32_t offset, const std::uint8_t *bytes, std::uin
     std::uint8_t *place = data_ + offset;
     if (has_further_bits(bytes, place, length))
         note_violation("program of bytes that are not erased", offset);
-    ++wear_.programs;
+    ++state_.wear().programs;
     timing_.spend(FLASH_PAGE_PROGRAM_NS);
     return perform(flash_operation::program, sector, length, [&](const flash_extent &extent) {
         std::vector<std::uint8_t> damaged; // pages are many: only then there is a copy
@@ -277,7 +264,7 @@ bool nor_file::read(std::uint32_t offset, std::uint8_t *bytes_out, std::uint32_t
 {
     if (!fits(offset, length))
         return refuse_violation(EINVAL, "read of a place that is not there", offset);
-    ++wear_.reads;
+    ++state_.wear().reads;
     timing_.spend(FLASH_READ_BYTE_NS * length);
     return perform(flash_operation::read, offset / geometry_.sector_bytes, length, [&](const flash_extent &extent) {
         // Not out of the mapping: its pages would have to be brought in one by one for what is read once.
@@ -293,38 +280,18 @@ bool nor_file::sync()
     return data_ == nullptr || ::msync(data_, geometry_.size_bytes, MS_SYNC) == 0; // a reader has changed nothing
 }
 
-bool nor_file::is_marked() const
-{
-    // Anything but a clear absence counts: a flash of which nothing is known must not pass for a whole one.
-    return ::faccessat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, F_OK, 0) == 0 || errno != ENOENT;
-}
-
 bool nor_file::set_marker()
 {
-    if (!writable_)
+    if (!state_.is_writer())
         return refuse_violation(EBADF, "marker set by a reader", 0);
-    const bool was_marked = is_marked();
-    const bool set = perform(flash_operation::marker, 0, MARKER_STEPS, [&](const flash_extent &extent) {
-        const unique_fd marker(
-            ::openat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644));
-        if (!marker)
-            return false;
-        return extent.amount < MARKER_STEPS || (::fsync(marker.get()) == 0 && ::fsync(folder_.fd.get()) == 0);
-    });
-    if (set || was_marked)
-        return set;
-    const int failure = errno;
-    (void)::unlinkat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, 0); // it may not have been made
-    return refuse(failure);
+    return perform(flash_operation::marker, 0, MARKER_STEPS,
+                   [&](const flash_extent &extent) { return state_.set_marker(wait_of(extent)); });
 }
 
 bool nor_file::clear_marker()
 {
-    if (!writable_)
+    if (!state_.is_writer())
         return refuse_violation(EBADF, "marker cleared by a reader", 0);
-    return perform(flash_operation::marker, 0, MARKER_STEPS, [&](const flash_extent &extent) {
-        if (::unlinkat(folder_.fd.get(), FLASH_FILE_PROGRAMMING, 0) != 0 && errno != ENOENT)
-            return false;
-        return extent.amount < MARKER_STEPS || ::fsync(folder_.fd.get()) == 0;
-    });
+    return perform(flash_operation::marker, 0, MARKER_STEPS,
+                   [&](const flash_extent &extent) { return state_.clear_marker(wait_of(extent)); });
 }

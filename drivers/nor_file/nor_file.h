@@ -19,9 +19,8 @@
 
 #include "flash_driver.h"
 #include "flash_faults.h"
-#include "flash_folder.h"
+#include "flash_state.h"
 #include "flash_timing.h"
-#include "flash_wear.h"
 #include "nor_file_layout.h"
 
 class nor_file
@@ -37,7 +36,7 @@ public:
 
     const flash_geometry &geometry() const { return geometry_; }
     std::uint32_t sector_count() const { return geometry_.size_bytes / geometry_.sector_bytes; }
-    const flash_wear &wear() const { return wear_; } // operations of this opening so far
+    const flash_wear &wear() const { return state_.wear(); } // operations of this opening so far
     bool is_protected(std::uint32_t sector) const { return sector < protected_.size() && protected_[sector]; }
 
     [[nodiscard]] bool erase(std::uint32_t sector);
@@ -54,7 +53,7 @@ public:
 
     // The marker `programming`. Setting and clearing wait until the change is on stable storage and succeed when
     // nothing is to be changed; a marker that could not be set is not left behind.
-    [[nodiscard]] bool is_marked() const;
+    [[nodiscard]] bool is_marked() const { return state_.is_marked(); }
     [[nodiscard]] bool set_marker();
     [[nodiscard]] bool clear_marker();
 
@@ -69,7 +68,8 @@ private:
     bool open_files(unsigned slot, unsigned instance, flash_access access);
     bool load_geometry();
     bool load_protected();
-    bool lock_and_map(flash_access access);
+    bool map();
+    const flash_folder &folder() const { return state_.folder(); }
     bool fits(std::uint32_t offset, std::uint32_t length) const;
     bool may_change(std::uint32_t sector, const char *wanted) const;
     void work_on(std::uint32_t sector);
@@ -79,14 +79,12 @@ private:
     bool perform(flash_operation operation, std::uint32_t sector, std::uint32_t amount, apply &&change);
     [[noreturn]] void die(bool hold);
 
-    flash_folder folder_;
+    flash_state state_;
     unique_fd data_file_;
     flash_geometry geometry_;
-    bool writable_ = false;
     std::uint8_t *data_ = nullptr; // of a writer: shared mapping of the whole flash
     std::uint32_t worked_on_ = 0;  // sector that was changed last
     std::vector<bool> protected_;  // by sector; empty for a reader
     flash_timing timing_;
-    flash_wear wear_; // done since it was last added to the file
     fault_source next_fault_;
 };

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -17,17 +16,6 @@ namespace
 {
 
 constexpr std::size_t PIECE_BYTES = 64 << 10;
-
-bool make_folders(const std::string &path)
-{
-    for (std::size_t end = path.find('/');; end = path.find('/', end + 1)) {
-        const std::string folder = path.substr(0, end);
-        if (::mkdirat(chassis_dir_fd(), folder.c_str(), 0700) != 0 && errno != EEXIST)
-            return false;
-        if (end == std::string::npos)
-            return true;
-    }
-}
 
 // Copies the image and tells how many bytes it had.
 bool copy_image(int destination, const std::string &image_path, std::uint32_t limit, std::uint32_t &copied)
@@ -98,7 +86,7 @@ int nor_file_create(unsigned slot, unsigned instance, const flash_geometry &geom
     }
     // The contents get their name last: a flash that was made halfway cannot be opened.
     const std::string fresh = data + ".new";
-    if (make_folders(folder) && write_contents(fresh, geometry.size_bytes, initial_image) &&
+    if (make_flash_folder(slot, instance) && write_contents(fresh, geometry.size_bytes, initial_image) &&
         write_settings(folder, geometry) &&
         ::renameat(chassis_dir_fd(), fresh.c_str(), chassis_dir_fd(), data.c_str()) == 0)
         return 0;

@@ -16,6 +16,7 @@
 
 #include "flash_geometry.h"
 
+constexpr const char *FLASH_FILE_DATA = "data";
 constexpr const char *FLASH_FILE_SIZE_BYTES = "size_bytes";
 constexpr const char *FLASH_FILE_SECTOR_BYTES = "sector_bytes";
 constexpr const char *FLASH_FILE_PAGE_BYTES = "page_bytes";

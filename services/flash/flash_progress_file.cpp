@@ -169,10 +169,9 @@ void flash_progress_note(unsigned slot, unsigned instance, bios_programming_phas
 flash_activity flash_activity_of(unsigned slot, unsigned instance)
 {
     flash_activity activity;
-    const std::string marker = flash_file_path(slot, instance, FLASH_FILE_PROGRAMMING);
-    activity.marked = ::faccessat(chassis_dir_fd(), marker.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    activity.marked = flash_folder_has_marker(flash_folder_path(slot, instance));
     const unique_fd progress = open_to_look(slot, instance, FLASH_FILE_PROGRESS);
-    activity.has_writer = is_locked(progress) || is_locked(open_to_look(slot, instance, FLASH_FILE_DATA));
+    activity.has_writer = is_locked(progress) || is_locked(open_to_look(slot, instance, FLASH_FILE_WRITER));
     activity.last = read_line(progress);
     return activity;
 }

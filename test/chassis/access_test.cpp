@@ -262,7 +262,7 @@ TEST_P(AccessOfAnotherUser, ReadsChangesAndLocksNoFlash)
         expect_refused({listing(chassis_directory(), folder), creates_in(flash), reads(in("data").c_str()),
                         writes(in("data").c_str()), removes(in("data").c_str()), writes(in("protected").c_str()),
                         writes(in("timing").c_str()), removes(in("size_bytes").c_str())});
-        expect_no_lock(in("data").c_str());
+        expect_no_lock(in("writer").c_str());
     }
     expect_unharmed();
 }

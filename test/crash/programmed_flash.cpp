@@ -20,11 +20,10 @@
 #include "bios_messages.h"
 #include "bios_results.h"
 #include "chassis_dir.h"
-#include "nor_file.h"
-
 #include "flash_claim.h"
 #include "flash_wear.h"
 #include "mts.h"
+#include "nor_file.h"
 #include "rest_of.h"
 #include "sup_map_tbl_func/flash_programming.h"
 
