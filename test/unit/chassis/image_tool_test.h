@@ -41,12 +41,12 @@ protected:
 
     // Runs a tool with its arguments in the test's folder; names there need no quoting. Returns its exit code, or
     // -1 when it had none.
-    int run(const std::string &tool) const
+    int run(const std::string &tool, const std::string &input = "/dev/null") const
     {
         const std::filesystem::path programs = // beside the folder of the tests
             std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../../bin";
         const std::string command = "cd " + folder_.path() + " && timeout 60 " + programs.string() + "/" + tool +
-                                    " >output 2>errors </dev/null";
+                                    " >output 2>errors <" + input;
         const int status = std::system(command.c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
