@@ -104,7 +104,7 @@ memory_mtd &memory_mtds::add(const memory_mtd &mtd)
     files::create_directory(sysfs_folder(number));
     files::create_directory(sysfs_folder(number) + "ro"); // the kernel has it, with no attributes
     describe_again(number);
-    const std::uint64_t held_bytes = std::min<std::uint64_t>(mtd.size_bytes, 1 << 20);
+    const auto held_bytes = static_cast<std::size_t>(std::min<std::uint64_t>(mtd.size_bytes, 1 << 20));
     write_contents(std::vector<std::uint8_t>(held_bytes, FLASH_ERASED_BYTE), number);
     return mtds_.back();
 }
@@ -177,7 +177,7 @@ void memory_mtds::close_node(int fd)
 }
 
 // Sets a place to what it holds and the bytes have in common, or to erased bytes without them.
-int memory_mtds::change(int fd, std::uint64_t offset, std::uint64_t length, const std::uint8_t *bytes_to_and)
+int memory_mtds::change(int fd, std::uint64_t offset, std::size_t length, const std::uint8_t *bytes_to_and)
 {
     const memory_mtd &changed = mtd(number_of(fd));
     if (!is_for_writing(fd))
@@ -242,7 +242,7 @@ int memory_mtds::call_ioctl(int fd, unsigned long request, void *argument)
             return fail(reason);
         if (place.start % asked.erase_bytes != 0 || place.length % asked.erase_bytes != 0 || place.length == 0)
             return fail(EINVAL);
-        return change(fd, place.start, place.length, nullptr);
+        return change(fd, place.start, static_cast<std::size_t>(place.length), nullptr);
     }
     return fail(ENOTTY);
 }

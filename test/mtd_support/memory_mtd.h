@@ -66,7 +66,7 @@ public:
 private:
     std::string sysfs_folder(unsigned number) const;
     std::string node(unsigned number) const;
-    int change(int fd, std::uint64_t offset, std::uint64_t length, const std::uint8_t *bytes_to_and);
+    int change(int fd, std::uint64_t offset, std::size_t length, const std::uint8_t *bytes_to_and);
     int call_ioctl(int fd, unsigned long request, void *argument);
     int open_node(const char *path, int flags);
     void close_node(int fd);
