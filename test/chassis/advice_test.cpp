@@ -1,5 +1,6 @@
 // Advice: each command that a message of biosctl names is run in the situation in which it is named, and does what
 // the message says.
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <regex>
@@ -116,6 +117,36 @@ TEST_F(Advice, OfRefusedImages)
     make_image_tree(slot_file(1, "root"), 90, small);
     follow(biosctl({"program", "1"}), "biosctl program MODULE --force=smaller");
     EXPECT_EQ(flash_of(1).starts_with(small.bytes), true);
+}
+
+TEST_F(Advice, OfAnImageWithoutAVersion)
+{
+    insert({.slot = 1});
+    up();
+    test_image blank = image("9.9");
+    std::ranges::fill(blank.bytes, 'b');
+    blank.path = workspace() + "/blank";
+    write_file(blank.path, blank.bytes);
+    make_image_tree(slot_file(1, "root"), 90, blank);
+    follow(biosctl({"program", "1"}), "biosctl program MODULE --force=no-version");
+    EXPECT_EQ(flash_of(1) == blank.bytes, true);
+}
+
+TEST_F(Advice, OfAnImageOfAnotherFamily)
+{
+    constexpr unsigned IMAGE_KIB = 1024; // the smallest that can be built
+    insert({.slot = 1, .in_flash = &image("1.2", IMAGE_KIB), .flash_kib = IMAGE_KIB});
+    up();
+    test_image other = image("3.5", IMAGE_KIB);
+    other.path = workspace() + "/other";
+    ASSERT_EQ(run_program({BIOS_IMAGE_PROGRAM, "build", "--output", other.path, "--size", "1", "--version", "3.5",
+                           "--date", "09/17/12", "--family", "x86n-o2"})
+                  .exit_code,
+              0);
+    other.bytes = file_content(other.path);
+    make_image_tree(slot_file(1, "root"), 90, other);
+    follow(biosctl({"program", "1"}), "biosctl program MODULE --force=family");
+    EXPECT_EQ(flash_of(1) == other.bytes, true);
 }
 
 TEST_F(Advice, OfAnOlderImageInASync)
