@@ -7,6 +7,7 @@
 
 #include "datagram_driver.h"
 #include "message_faults.h"
+#include "send_patience.h"
 #include "unique_fd.h"
 
 // The connection of a port to one destination.
@@ -17,12 +18,6 @@ struct socket_sender {
     bool stuck = false; // the last wait for room in the receiver's queue was in vain
 };
 
-// The time that a port has waited lately for room in queues that stayed full.
-struct waits_for_room {
-    std::int64_t spent_us = 0;
-    std::int64_t as_of_us = 0; // of monotonic_us
-};
-
 struct datagram_port {
     mts_address_t address;
     unique_fd directory;
@@ -30,7 +25,7 @@ struct datagram_port {
     uid_t user;                         // only this user's messages are accepted; user namespaces translate it
     std::vector<std::uint32_t> listens; // opcodes
     std::vector<socket_sender> senders; // the most recently used last
-    waits_for_room waits;
+    send_patience patience;
 
     std::int64_t socket_wait_us = 0; // receive time-out that the socket is set to; 0: none
     std::uint64_t arrivals = 0;      // messages that came

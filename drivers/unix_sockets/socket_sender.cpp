@@ -14,10 +14,6 @@
 namespace
 {
 
-constexpr std::int64_t REQUEST_WAIT_US = 2'000'000;  // for room in the queue of a receiver, of who asks it
-constexpr std::int64_t ANSWER_WAIT_US = 100'000;     // of who answers: others wait behind this receiver
-constexpr std::int64_t ALL_WAITS_US = 900'000;       // of a port for all receivers in sum, but for requests
-constexpr std::int64_t WAITS_REGAINED_PER_TIME = 10; // a tenth of the time that passes is added, up to that sum
 constexpr std::size_t SENDERS_LIMIT = 32;            // connections kept per port
 constexpr std::size_t SMALL_FRAME_BYTES =
     2048; // copied into one piece: the system takes that in less time than three
@@ -127,19 +123,6 @@ socket_sender *sender_to(datagram_port &port, mts_address_t to)
     return &port.senders.back();
 }
 
-// How long a frame may wait for room in its receiver's queue. One who sends a request waits for himself; whoever
-// serves many must not stand still for those who do not read.
-std::int64_t patience_for(const mts_frame_header &header, waits_for_room &waits)
-{
-    if (header.kind == mts_frame_kind::request)
-        return REQUEST_WAIT_US;
-    const std::int64_t now = monotonic_us();
-    waits.spent_us = std::max<std::int64_t>(waits.spent_us - (now - waits.as_of_us) / WAITS_REGAINED_PER_TIME, 0);
-    waits.as_of_us = now;
-    const std::int64_t left_us = ALL_WAITS_US - waits.spent_us;
-    return mts_is_answer(header) ? std::min(left_us, ANSWER_WAIT_US) : left_us;
-}
-
 // Waits until the receiver may have room. false when there was none until the deadline.
 bool wait_for_room(const socket_sender &sender, std::int64_t deadline)
 {
@@ -161,7 +144,7 @@ bool try_to_send(int socket, const outgoing &frame)
 
 // 0, or -1 with the errno of sendmsg or MTS_ERRNO_TIMED_OUT. A receiver that has kept one message waiting in vain
 // is not waited for again until it takes one: a caller that sends many must not stand still for each.
-int send_to(socket_sender &sender, const outgoing &frame, waits_for_room &waits)
+int send_to(socket_sender &sender, const outgoing &frame, send_patience &patience)
 {
     std::int64_t begin = 0;
     std::int64_t deadline = 0;
@@ -172,12 +155,12 @@ int send_to(socket_sender &sender, const outgoing &frame, waits_for_room &waits)
             continue;
         if (failure == EAGAIN && begin == 0 && !sender.stuck) {
             begin = monotonic_us();
-            deadline = begin + patience_for(frame.header, waits);
+            deadline = begin + patience.wait_us(frame.header);
         }
         if (failure == EAGAIN && !sender.stuck && wait_for_room(sender, deadline))
             continue;
-        if (begin != 0 && !sent && frame.header.kind != mts_frame_kind::request)
-            waits.spent_us += monotonic_us() - begin;
+        if (begin != 0 && !sent)
+            patience.waited_in_vain(frame.header, monotonic_us() - begin);
         sender.stuck = failure == EAGAIN;
         errno = failure == EAGAIN ? MTS_ERRNO_TIMED_OUT : failure;
         return sent ? 0 : -1;
@@ -208,7 +191,7 @@ bool socket_send(datagram_port &port, mts_address_t to, const mts_frame_header &
         socket_sender *sender = sender_to(port, to);
         if (sender == nullptr)
             return false;
-        if (send_to(*sender, frame, port.waits) == 0) {
+        if (send_to(*sender, frame, port.patience) == 0) {
             if (peer_out != nullptr)
                 *peer_out = sender->identity;
             return true;
