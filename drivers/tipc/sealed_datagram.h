@@ -1,5 +1,5 @@
-// What goes over the wire: a seal, and a piece of a message behind it. Numbers are in host order and of fixed width:
-// the cards of a chassis are of one byte order.
+// What goes over the wire: a seal, and a piece of a message behind it. Numbers are in host order and of fixed
+// width: the cards of a chassis are of one byte order.
 #pragma once
 
 #include <cstddef>

@@ -64,8 +64,7 @@ bool choose_address(datagram_port &port)
         std::uint32_t number = 0;
         if (::getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number))
             return false;
-        if (take_address(port,
-                         DATAGRAM_FIRST_CHOSEN_SAP + number % (TIPC_SAPS - DATAGRAM_FIRST_CHOSEN_SAP)))
+        if (take_address(port, DATAGRAM_FIRST_CHOSEN_SAP + number % (TIPC_SAPS - DATAGRAM_FIRST_CHOSEN_SAP)))
             return true;
     }
     return false;
@@ -154,35 +153,40 @@ mts_held_message receive(datagram_port *port, std::int64_t wait_us)
 
 datagram_peer peer_of(tipc_socket_id id)
 {
-    return {.word = {id.node, id.ref, 0}, .bound_at_s = 0};
+    return {.word = {id.node, id.ref, 0}, .bound_at_s = made_at_s(id)};
+}
+
+tipc_socket_id id_of(const datagram_peer &peer)
+{
+    return {static_cast<std::uint32_t>(peer.word[0]), static_cast<std::uint32_t>(peer.word[1])};
 }
 
 // Who has an address. None with errno: ECONNREFUSED when nobody has.
-std::optional<tipc_socket_id> look_up(const shared_key &key, mts_address_t address)
+std::optional<datagram_peer> look_up(const shared_key &key, mts_address_t address)
 {
     if (address.sap < TIPC_SAPS) {
         const auto found = find_proved(address_range(address), key);
         if (!found)
             return std::nullopt;
         if (!found->empty())
-            return found->front().socket;
+            return peer_of(found->front().socket);
     }
     errno = ECONNREFUSED;
     return std::nullopt;
 }
 
-std::optional<tipc_socket_id> socket_of(datagram_port &port, mts_address_t address)
+std::optional<datagram_peer> known_peer(datagram_port &port, mts_address_t address)
 {
     const std::pair key(address.node, address.sap);
     if (const auto known = port.found.find(key); known != port.found.end())
         return known->second;
-    const auto id = look_up(*port.key, address);
-    if (!id)
+    const auto peer = look_up(*port.key, address);
+    if (!peer)
         return std::nullopt;
     if (port.found.size() >= FOUND_KEPT)
         port.found.clear();
-    port.found.emplace(key, *id);
-    return id;
+    port.found.emplace(key, *peer);
+    return peer;
 }
 
 // A receiver that is known to be gone, and those that nothing is on its way to any more when there are many.
@@ -202,12 +206,12 @@ bool send(datagram_port *port, mts_address_t to, const mts_frame_header &header,
     }
     // One that is known may be gone and have a successor: once more.
     for (unsigned attempt = 0; attempt < 2; ++attempt) {
-        const auto id = socket_of(*port, to);
-        if (!id)
+        const auto peer = known_peer(*port, to);
+        if (!peer)
             return false;
-        if (send_to_socket(*port, *id, header, payload)) {
+        if (send_to_socket(*port, id_of(*peer), header, payload)) {
             if (peer_out != nullptr)
-                *peer_out = peer_of(*id);
+                *peer_out = *peer;
             return true;
         }
         if (errno != ECONNREFUSED)
@@ -221,7 +225,7 @@ bool send(datagram_port *port, mts_address_t to, const mts_frame_header &header,
 
 bool is_there(datagram_port *port, mts_address_t peers_address, const datagram_peer &peer)
 {
-    const tipc_socket_id id = {static_cast<std::uint32_t>(peer.word[0]), static_cast<std::uint32_t>(peer.word[1])};
+    const tipc_socket_id id = id_of(peer);
     const tipc_range range[] = {address_range(peers_address)};
     const auto found = find_publications(range);
     if (!found || std::ranges::any_of(found->front(), [id](const auto &each) { return each.socket == id; })) {
@@ -239,10 +243,10 @@ bool is_there(datagram_port *port, mts_address_t peers_address, const datagram_p
 bool is_bound(mts_address_t asked, datagram_peer *peer_out)
 {
     const shared_key *key = chassis_key();
-    const auto id = key != nullptr ? look_up(*key, asked) : std::nullopt;
-    if (id && peer_out != nullptr)
-        *peer_out = peer_of(*id);
-    return id.has_value();
+    const auto peer = key != nullptr ? look_up(*key, asked) : std::nullopt;
+    if (peer && peer_out != nullptr)
+        *peer_out = *peer;
+    return peer.has_value();
 }
 
 std::vector<std::uint32_t> nodes_with(std::uint32_t sap)

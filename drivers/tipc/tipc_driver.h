@@ -10,8 +10,8 @@
 //     and with a number that only rises. What is not is dropped and counted in transport/refused.
 //
 // The kernel vouches for the ids of sockets: nobody sends with another one's, and no id comes again in a cluster's
-// life but by a chance of one to 4 billion. So an id is the incarnation of an endpoint: one that comes back after its
-// link was down is the same.
+// life but by a chance of one to 4 billion. So an id is the incarnation of an endpoint: one that comes back after
+// its link was down is the same.
 //
 // A message travels in pieces (TIPC carries 66,000 bytes), and its receiver says how much it has taken: of what it
 // has not, WINDOW_BYTES are under way at most, and the rest of one message waits with the sender, who goes on with

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 
 namespace
@@ -70,7 +71,18 @@ bool publish_proof(int socket, const shared_key &key)
         if (!tipc_bind(socket, {TIPC_PROOF_TYPE + place, words[place]}))
             return false;
     }
-    return true;
+    return tipc_bind(socket, {TIPC_TIME_TYPE, static_cast<std::uint32_t>(std::time(nullptr))});
+}
+
+std::int64_t made_at_s(tipc_socket_id socket)
+{
+    const tipc_range times[] = {{TIPC_TIME_TYPE, 0, UINT32_MAX}};
+    const auto found = find_publications(times);
+    if (!found)
+        return 0;
+    const auto own =
+        std::ranges::find_if(found->front(), [socket](const auto &each) { return each.socket == socket; });
+    return own != found->front().end() ? own->instance : 0;
 }
 
 std::optional<std::vector<tipc_publication>> proved(const std::vector<tipc_publication> &publications,

@@ -17,8 +17,8 @@ constexpr std::uint64_t piece_charge(std::uint64_t bytes)
     return bytes + 1024;
 }
 
-constexpr std::uint64_t WINDOW_BYTES = 1 << 20;             // that a receiver has not taken, of one sender
-constexpr std::uint64_t TOLD_BYTES = WINDOW_BYTES / 4;      // after so many a receiver says that it has taken them
+constexpr std::uint64_t WINDOW_BYTES = 1 << 20;        // that a receiver has not taken, of one sender
+constexpr std::uint64_t TOLD_BYTES = WINDOW_BYTES / 4; // after so many a receiver says that it has taken them
 constexpr std::uint32_t FRAME_HEADER_BYTES = sizeof(mts_frame_header);
 
 // A message of which pieces are still to be sent.
@@ -60,7 +60,7 @@ struct datagram_port {
     std::vector<std::uint32_t> listens;
     send_patience patience;
 
-    std::map<std::pair<std::uint32_t, std::uint32_t>, tipc_socket_id> found; // by node and service access point
+    std::map<std::pair<std::uint32_t, std::uint32_t>, datagram_peer> found; // by node and service access point
     std::map<tipc_socket_id, tipc_receiver> receivers;
     std::map<tipc_socket_id, tipc_sender> senders;
     std::deque<mts_held_message> inbox;

@@ -48,8 +48,9 @@ void announce(datagram_port &port)
 tipc_sender &sender_of(datagram_port &port, tipc_socket_id from)
 {
     if (port.senders.size() >= SENDERS_KEPT && !port.senders.contains(from)) {
-        const auto oldest = std::ranges::min_element(
-            port.senders, {}, [](const auto &each) { return std::pair(bool(each.second.message), each.second.seen_us); });
+        const auto oldest = std::ranges::min_element(port.senders, {}, [](const auto &each) {
+            return std::pair(bool(each.second.message), each.second.seen_us);
+        });
         tell_taken(port, oldest->first, oldest->second);
         port.senders.erase(oldest);
     }

@@ -40,7 +40,8 @@ std::vector<std::uint8_t> copy_from(const message_parts &parts, std::size_t offs
     return bytes;
 }
 
-tipc_sending send_sealed(datagram_port &port, tipc_socket_id to, datagram_seal &head, const std::array<iovec, 3> &piece)
+tipc_sending send_sealed(datagram_port &port, tipc_socket_id to, datagram_seal &head,
+                         const std::array<iovec, 3> &piece)
 {
     head.number = ++port.number;
     seal(head, piece, port.id, to, *port.key);
@@ -48,8 +49,8 @@ tipc_sending send_sealed(datagram_port &port, tipc_socket_id to, datagram_seal &
     return tipc_send(port.socket.get(), to, parts);
 }
 
-tipc_sending send_piece(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver, std::uint32_t message_bytes,
-                        std::uint32_t offset, const std::array<iovec, 3> &piece)
+tipc_sending send_piece(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver,
+                        std::uint32_t message_bytes, std::uint32_t offset, const std::array<iovec, 3> &piece)
 {
     datagram_seal head{};
     head.kind = static_cast<std::uint32_t>(sealed_kind::piece);
@@ -70,13 +71,13 @@ void take_all(datagram_port &port)
 // Whether all that was begun is sent, or the receiver's window is full: nothing can be done before it takes some.
 bool go_on_sending_to(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver)
 {
-    while (!receiver.unsent.empty() && !receiver.is_gone && !receiver.is_full && receiver.under_way < WINDOW_BYTES) {
+    while (!receiver.unsent.empty() && !receiver.is_gone && !receiver.is_full &&
+           receiver.under_way < WINDOW_BYTES) {
         unsent_message &message = receiver.unsent.front();
         const std::size_t bytes = std::min(message.rest.size() - message.sent, PIECE_BYTES_MAX);
         const std::array<iovec, 3> piece{{{message.rest.data() + message.sent, bytes}, {}, {}}};
-        const tipc_sending sent =
-            send_piece(port, to, receiver, message.message_bytes,
-                       message.offset + static_cast<std::uint32_t>(message.sent), piece);
+        const tipc_sending sent = send_piece(port, to, receiver, message.message_bytes,
+                                             message.offset + static_cast<std::uint32_t>(message.sent), piece);
         if (sent == tipc_sending::no_room)
             return false;
         receiver.is_gone = receiver.is_gone || sent != tipc_sending::sent;
@@ -102,8 +103,8 @@ bool wait_for_arrival(const datagram_port &port, std::int64_t deadline)
 }
 
 // Pieces, as many as the receiver and the link take; the rest waits. no_room: there was none for the first one.
-tipc_sending send_pieces(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver, const message_parts &parts,
-                         std::uint32_t message_bytes)
+tipc_sending send_pieces(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver,
+                         const message_parts &parts, std::uint32_t message_bytes)
 {
     std::uint32_t offset = 0;
     while (offset < message_bytes && (offset == 0 || receiver.under_way < WINDOW_BYTES)) {

@@ -108,8 +108,8 @@ bool tipc_receive(int socket, std::span<std::uint8_t> buffer, tipc_arrival &arri
 {
     sockaddr_tipc from[2] = {}; // the second is that of a member of a group, which ours are not
     iovec part = {buffer.data(), buffer.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(std::uint32_t)) + CMSG_SPACE(1024) +
-                                  CMSG_SPACE(3 * sizeof(std::uint32_t))];
+    alignas(cmsghdr) char
+        control[CMSG_SPACE(2 * sizeof(std::uint32_t)) + CMSG_SPACE(1024) + CMSG_SPACE(3 * sizeof(std::uint32_t))];
     msghdr message{};
     message.msg_name = from;
     message.msg_namelen = sizeof from;

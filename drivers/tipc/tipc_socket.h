@@ -34,16 +34,16 @@ bool tipc_bind(int socket, tipc_service name);
 
 enum class tipc_sending {
     sent,
-    no_room,  // on its way at the moment
-    is_gone,  // nobody has the socket, or its card is gone
+    no_room,   // on its way at the moment
+    is_gone,   // nobody has the socket, or its card is gone
     has_failed // errno
 };
 // Sends without waiting. Whether a receiver on this card has refused it, the next datagram says that is received.
 tipc_sending tipc_send(int socket, tipc_socket_id to, std::span<const iovec> parts);
 
 struct tipc_arrival {
-    tipc_socket_id from = {};  // of one that came back: whom it had been sent to
-    std::size_t bytes = 0;     // larger than the buffer when it was cut
+    tipc_socket_id from = {};   // of one that came back: whom it had been sent to
+    std::size_t bytes = 0;      // larger than the buffer when it was cut
     std::uint32_t returned = 0; // TIPC_ERR_*, when it is one that came back: its first bytes are in the buffer then
 };
 // Takes a datagram without waiting. false with errno: EAGAIN when there is none.

@@ -110,8 +110,8 @@ std::optional<std::vector<std::vector<tipc_publication>>> topology_service::find
     bool is_asked = true;
     for (std::uint32_t number = 0; is_asked && number < ranges.size(); ++number)
         is_asked = ask(ranges[number], {round_, number});
-    is_asked = is_asked && ask({TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_TOP_SRV},
-                               {round_, static_cast<std::uint32_t>(ranges.size())});
+    is_asked = is_asked &&
+               ask({TIPC_TOP_SRV, TIPC_TOP_SRV, TIPC_TOP_SRV}, {round_, static_cast<std::uint32_t>(ranges.size())});
     if (is_asked && take_events(found))
         return found;
     const int error = errno;

@@ -14,7 +14,7 @@
 namespace
 {
 
-constexpr std::size_t SENDERS_LIMIT = 32;            // connections kept per port
+constexpr std::size_t SENDERS_LIMIT = 32; // connections kept per port
 constexpr std::size_t SMALL_FRAME_BYTES =
     2048; // copied into one piece: the system takes that in less time than three
 
