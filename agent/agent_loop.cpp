@@ -7,6 +7,7 @@
 #include "c_boundary.h"
 #include "card_transfers.h"
 #include "event_heads.h"
+#include "flash_history.h"
 #include "flash_orders.h"
 #include "image_facts.h"
 #include "module_locks.h"
@@ -33,6 +34,7 @@ void serve_card(std::int32_t handle)
     best_effort(note_boot);
     best_effort(remove_unpacked_leftovers);
     best_effort(record_own_family);
+    best_effort(prepare_event_logs);
     start_card_transfers();
     start_head_teller(handle);
     for (;;) {

@@ -70,6 +70,7 @@ constexpr served_opcode SERVED_OPCODES[] = {
     {AGENT_OPC_GET_VERSIONS, [](request_body body) { return without_body(body, versions_answer); }},
     {AGENT_OPC_GET_OUTCOME, [](request_body body) { return without_body(body, outcome_answer); }},
     {AGENT_OPC_GET_HEAD, [](request_body body) { return with_record(body, head_answer); }},
+    {AGENT_OPC_GET_LOG_FAULTS, [](request_body body) { return with_record(body, log_faults_answer); }},
 };
 
 // Null for an opcode that is not served.

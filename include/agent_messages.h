@@ -45,11 +45,12 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_CANCEL_ORDER = 4843, // takes an order back that nobody has begun
     AGENT_OPC_GET_ORDER = 4844,    // the order of a flash, or the last there was
 
-    AGENT_OPC_VERIFY_IMAGE = 4850, // checks the signature of an image in a file of the card
-    AGENT_OPC_GET_VERSIONS = 4860, // the versions in the flashes of this card, and the one that runs
-    AGENT_OPC_GET_OUTCOME = 4861,  // what the last result that was told of this card's programming means
-    AGENT_OPC_EVENT_HEAD = 4862,   // tells the last event of a flash; no request
-    AGENT_OPC_GET_HEAD = 4863,     // the last event of another card's flash that this card was told
+    AGENT_OPC_VERIFY_IMAGE = 4850,   // checks the signature of an image in a file of the card
+    AGENT_OPC_GET_VERSIONS = 4860,   // the versions in the flashes of this card, and the one that runs
+    AGENT_OPC_GET_OUTCOME = 4861,    // what the last result that was told of this card's programming means
+    AGENT_OPC_EVENT_HEAD = 4862,     // tells the last event of a flash; no request
+    AGENT_OPC_GET_HEAD = 4863,       // the last event of another card's flash that this card was told
+    AGENT_OPC_GET_LOG_FAULTS = 4864, // what of a flash's event log is not given out as an event
 
     AGENT_OPC_OPERATOR_LOCK = 4870,   // locks a module for an operator
     AGENT_OPC_OPERATOR_UNLOCK = 4871, // frees a module that is locked for an operator
@@ -201,6 +202,28 @@ struct agent_events_req_t {
     be64 after_sequence;
 };
 static_assert(sizeof(agent_events_req_t) == 12);
+
+// AGENT_OPC_GET_LOG_FAULTS: body agent_flash_req_t. The answer is an agent_log_fault_t for each kind of fault in
+// each file, in this order of the files and kinds; AGENT_LOG_LOST and AGENT_LOG_LOST_FULL come last.
+enum agent_log_fault : std::uint32_t {
+    AGENT_LOG_NO_EVENT = 1,     // lines that are no events
+    AGENT_LOG_OTHER_FLASH = 2,  // events of another flash
+    AGENT_LOG_TWICE = 3,        // events whose number was there before
+    AGENT_LOG_OUT_OF_ORDER = 4, // events behind one with a higher number
+    AGENT_LOG_UNFINISHED = 5,   // the end of the file is no whole line
+    AGENT_LOG_LOST = 6,         // events behind the last one that could not be written
+    AGENT_LOG_LOST_FULL = 7,    // likewise, because the disk was full
+};
+
+struct agent_log_fault_t {
+    be32 fault;    // of agent_log_fault
+    be32 in_older; // 1: in the log that was turned over
+    be64 count;    // of lines or events
+    be64 line;     // in the file, of the first; 0: of none
+    be64 sequence; // of the first event, or of the last before those that were lost; 0: it has none
+};
+static_assert(sizeof(agent_log_fault_t) == 32);
+constexpr std::size_t AGENT_LOG_FAULTS_MAX = 11;
 
 // The head of a flash's event log. AGENT_OPC_EVENT_HEAD: an agent tells the supervisors in other slots that of its
 // own card. AGENT_OPC_GET_HEAD: body agent_head_req_t. The answer is what this card was told last; empty when

@@ -187,6 +187,21 @@ std::optional<told_head> decode_head(answer_payload payload)
     return told_head{record->sequence.load(), hex_text(std::to_array(record->chain))};
 }
 
+std::optional<std::vector<told_log_fault>> decode_log_faults(answer_payload payload)
+{
+    record_reader records(payload);
+    std::vector<told_log_fault> faults;
+    for (agent_log_fault_t told{}; records.take(told);) {
+        const std::uint32_t fault = told.fault.load();
+        if (fault < AGENT_LOG_NO_EVENT || fault > AGENT_LOG_LOST_FULL || told.count.load() == 0 ||
+            faults.size() == AGENT_LOG_FAULTS_MAX)
+            return std::nullopt;
+        faults.push_back({static_cast<agent_log_fault>(fault), told.in_older.load() != 0, told.count.load(),
+                          told.line.load(), told.sequence.load()});
+    }
+    return records.at_end() ? std::optional(faults) : std::nullopt;
+}
+
 std::optional<told_image> decode_image(answer_payload payload)
 {
     const auto record = only_record<agent_image_t>(payload);

@@ -79,6 +79,15 @@ struct told_head {
     std::string chain; // 64 hexadecimal digits
 };
 
+// Lines of a flash's event log that are not given out as events, or events that are not there.
+struct told_log_fault {
+    agent_log_fault fault = AGENT_LOG_NO_EVENT;
+    bool in_older = false; // in the log that was turned over
+    std::uint64_t count = 0;
+    std::uint64_t line = 0;     // of the first
+    std::uint64_t sequence = 0; // of the first event, or of the last one before those that were lost
+};
+
 // An image, as the card that has it tells of it.
 struct told_image {
     std::uint64_t size_bytes = 0;
@@ -119,6 +128,7 @@ std::optional<std::vector<chassis_module_lock_holder>> decode_locks(answer_paylo
 std::optional<std::vector<told_result>> decode_results(answer_payload payload);
 std::optional<told_outcome> decode_outcome(answer_payload payload);
 std::optional<told_head> decode_head(answer_payload payload);
+std::optional<std::vector<told_log_fault>> decode_log_faults(answer_payload payload);
 std::optional<told_image> decode_image(answer_payload payload);
 std::optional<told_flash_digest> decode_flash_digest(answer_payload payload);
 

@@ -204,6 +204,12 @@ std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsig
     return answer ? std::optional(decode_events(text_of(*answer))) : std::nullopt;
 }
 
+std::optional<std::vector<told_log_fault>> ask_for_log_faults(std::uint32_t node, unsigned instance)
+{
+    const auto answer = ask(node, AGENT_OPC_GET_LOG_FAULTS, agent_flash_req_t{be32::of(instance)});
+    return answer ? decode_log_faults(*answer) : std::nullopt;
+}
+
 std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned instance)
 {
     const auto answer = ask(node, AGENT_OPC_GET_TOTALS, agent_flash_req_t{be32::of(instance)});

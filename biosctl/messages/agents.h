@@ -35,6 +35,8 @@ request_answer ask_for_versions(std::uint32_t node); // payload for decode_versi
 std::optional<std::string> ask_for_version(std::uint32_t node, unsigned instance);
 std::optional<std::vector<flash_event>> ask_for_events(std::uint32_t node, unsigned instance,
                                                        std::uint64_t after_sequence);
+// What of the events' log is not given out as events.
+std::optional<std::vector<told_log_fault>> ask_for_log_faults(std::uint32_t node, unsigned instance);
 std::optional<flash_event_totals> ask_for_totals(std::uint32_t node, unsigned instance);
 
 // Which image is asked for.

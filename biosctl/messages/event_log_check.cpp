@@ -53,10 +53,48 @@ std::string end_fault(std::span<const flash_event> events, const known_head &hea
     return same != events.end() && same->chain != head.chain ? "it was written anew" + by : "";
 }
 
+std::string place_text(const told_log_fault &fault)
+{
+    return "line " + std::to_string(fault.line) + (fault.in_older ? " of the older file" : " of the file");
+}
+
+// "event 12 (line 9 of the file) is there twice"; of several "3 events are there twice, first event 12 (line ...)"
+std::string events_text(const told_log_fault &fault, const char *one, const char *many)
+{
+    const std::string first = "event " + std::to_string(fault.sequence) + " (" + place_text(fault) + ")";
+    if (fault.count == 1)
+        return first + " " + one;
+    return std::to_string(fault.count) + " events " + many + ", the first is " + first;
+}
+
+std::string text_of(const told_log_fault &fault)
+{
+    switch (fault.fault) {
+    case AGENT_LOG_NO_EVENT:
+        return fault.count == 1 ? place_text(fault) + " is no event"
+                                : lines_text(fault.count) + " are no events, the first is " + place_text(fault);
+    case AGENT_LOG_OTHER_FLASH:
+        return events_text(fault, "is of another flash", "are of another flash");
+    case AGENT_LOG_TWICE:
+        return events_text(fault, "is there twice", "are there twice");
+    case AGENT_LOG_OUT_OF_ORDER:
+        return events_text(fault, "is not in its place", "are not in their places");
+    case AGENT_LOG_UNFINISHED:
+        return place_text(fault) + ", the last one, is not whole";
+    case AGENT_LOG_LOST:
+    case AGENT_LOG_LOST_FULL:
+        break;
+    }
+    return std::to_string(fault.count) + (fault.count == 1 ? " event" : " events") + " behind event " +
+           std::to_string(fault.sequence) + " could not be written" +
+           (fault.fault == AGENT_LOG_LOST_FULL ? ": the card's disk was full" : "");
+}
+
 } // namespace
 
 std::vector<std::string> event_log_faults(std::span<const flash_event> events,
-                                          const std::optional<known_head> &head)
+                                          const std::optional<known_head> &head,
+                                          std::span<const told_log_fault> told)
 {
     std::vector<std::string> faults;
     if (has_chain(events) && events.front().sequence > 1 && !may_be_turned_over(events))
@@ -65,6 +103,8 @@ std::vector<std::string> event_log_faults(std::span<const flash_event> events,
         faults.push_back(text_of(fault));
     if (const std::string fault = head ? end_fault(events, *head) : ""; !fault.empty())
         faults.push_back(fault);
+    for (const told_log_fault &fault : told)
+        faults.push_back(text_of(fault));
     return faults;
 }
 

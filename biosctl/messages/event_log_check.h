@@ -22,8 +22,10 @@ struct known_head {
 // from before there was a chain. A pure function.
 //   events  all that the log has
 //   head    asked for before the events were; none: no supervisor knows one
+//   told    what the card's agent has found in the log besides
 std::vector<std::string> event_log_faults(std::span<const flash_event> events,
-                                          const std::optional<known_head> &head);
+                                          const std::optional<known_head> &head,
+                                          std::span<const told_log_fault> told = {});
 
 // The highest head of a flash that the supervisors in other slots know.
 std::optional<known_head> ask_for_head(unsigned slot, unsigned instance, std::span<const chassis_module> modules);

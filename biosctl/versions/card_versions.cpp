@@ -314,7 +314,11 @@ void check_event_logs(chassis_report &report)
         for (const card_flash &flash : facts ? facts->flashes : std::vector<card_flash>()) {
             const auto head = ask_for_head(card.module, flash.instance, modules);
             const auto events = ask_for_events(node, flash.instance, 0);
-            for (const std::string &fault : events ? event_log_faults(*events, head) : std::vector<std::string>())
+            const auto told = ask_for_log_faults(node, flash.instance);
+            if (!events)
+                continue;
+            for (const std::string &fault :
+                 event_log_faults(*events, head, told.value_or(std::vector<told_log_fault>())))
                 card.log_faults.push_back(std::string(flash_instance_name(flash.instance)) + " flash: " + fault);
         }
     }

@@ -62,7 +62,7 @@ private:
             if (!events)
                 continue;
             if (is_first)
-                note_faults(slot, flash.instance, event_log_faults(*events, head));
+                note_faults(slot, flash.instance, *events, head);
             known.state = flash.log; // as it was before: what has come meanwhile is asked for again
             if (!events->empty())
                 known.sequence = events->back().sequence;
@@ -70,9 +70,12 @@ private:
         }
     }
 
-    void note_faults(unsigned slot, unsigned instance, const std::vector<std::string> &faults)
+    void note_faults(unsigned slot, unsigned instance, const std::vector<flash_event> &events,
+                     const std::optional<known_head> &head)
     {
-        for (const std::string &fault : faults)
+        const auto told = ask_for_log_faults(node_of_module(slot), instance);
+        for (const std::string &fault :
+             event_log_faults(events, head, told.value_or(std::vector<told_log_fault>())))
             faults_.push_back({slot, instance, fault});
     }
 

@@ -77,6 +77,9 @@ table_cell what_came_of_it(const flash_event &event)
                size_text(event.bytes_written.value_or(0)) + " written";
     case flash_event_kind::equal:
         return "nothing to be changed";
+    case flash_event_kind::lost:
+        return {std::to_string(event.lost.value_or(0)) + " events could not be written: " + event.reason,
+                text_meaning::wrong};
     case flash_event_kind::cut_off:
         return {"marked: not verified", text_meaning::wrong};
     case flash_event_kind::failed:
@@ -135,7 +138,8 @@ nlohmann::ordered_json fault_json(const event_log_fault &fault)
 outcome report_faults(const std::vector<event_log_fault> &faults)
 {
     outcome told = failure(EXIT_FAILED, styled_text("the event log is not whole", text_meaning::wrong),
-                           "find out who can write to the card's files; what is missing is not known");
+                           "find out who can write to the card's files and whether its disk is full; what is "
+                           "missing is not known");
     for (auto fault = faults.rbegin(); fault != faults.rend(); ++fault)
         told.hints.insert(told.hints.begin(), {"log", fault_text(*fault)});
     return told;

@@ -11,7 +11,7 @@ namespace
 {
 
 constexpr const char *EVENT_NAMES[] = {"begun",  "attempt", "erased", "verified", "equal",
-                                       "failed", "refused", "ended",  "cut_off"};
+                                       "failed", "refused", "ended",  "cut_off",  "lost"};
 constexpr const char *INSTANCE_NAMES[] = {"primary", "alternate"};
 constexpr std::string_view TIME_FORM = "0000-00-00T00:00:00.000Z"; // a 0 stands for any digit
 constexpr std::size_t TEXT_BYTES_MAX = 64;
@@ -180,7 +180,8 @@ std::string flash_event_format(const flash_event &event)
            digest_member("sha256", event.sha256) + text_member("user", event.user) +
            text_member("host", event.host) + member("sectors_erased", event.sectors_erased) +
            member("bytes_written", event.bytes_written) + result_member(event.result) +
-           member("duration_ms", event.duration_ms) + digest_member("chain", event.chain) + "}\n";
+           member("duration_ms", event.duration_ms) + member("lost", event.lost) +
+           text_member("reason", event.reason) + digest_member("chain", event.chain) + "}\n";
 }
 
 std::optional<flash_event> flash_event_parse(std::string_view text)
@@ -195,7 +196,8 @@ std::optional<flash_event> flash_event_parse(std::string_view text)
         !line.take_text_member(",\"user\":\"", event.user) || !line.take_text_member(",\"host\":\"", event.host) ||
         !line.take_member(",\"sectors_erased\":", event.sectors_erased) ||
         !line.take_member(",\"bytes_written\":", event.bytes_written) || !line.take_result(event.result) ||
-        !line.take_member(",\"duration_ms\":", event.duration_ms) ||
+        !line.take_member(",\"duration_ms\":", event.duration_ms) || !line.take_member(",\"lost\":", event.lost) ||
+        !line.take_text_member(",\"reason\":\"", event.reason) ||
         !line.take_text_member(",\"chain\":\"", event.chain) || !line.take("}") || !line.at_end())
         return std::nullopt;
     // Numbers with leading zeros and the like: there is one form of each event.

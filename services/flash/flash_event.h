@@ -17,6 +17,8 @@
 //   ended     the programming has ended                  result, duration_ms since it was begun
 //   cut_off   a programming was found that nobody goes   none
 //             on with: the flash is marked
+//   lost      events before this one could not be written    lost, their number, and reason: "disk full" or
+//                                                        "write failed"
 //
 // sequence counts the events of the flash; pid is the process as it sees itself; attempt is left out for an erase.
 // Counts are of operations, those repeated too. The last member is the line's link, "chain" (flash_event_chain.h);
@@ -39,7 +41,8 @@ enum class flash_event_kind : std::uint8_t {
     failed,
     refused,
     ended,
-    cut_off
+    cut_off,
+    lost
 };
 const char *flash_event_name(flash_event_kind kind); // as in the line
 const char *flash_instance_name(unsigned instance);  // "primary" or "alternate"
@@ -62,7 +65,9 @@ struct flash_event {
     std::optional<std::uint64_t> bytes_written = {};
     std::optional<std::uint32_t> result = {};
     std::optional<std::uint64_t> duration_ms = {};
-    std::string chain = {}; // 64 hexadecimal digits; empty: none
+    std::optional<std::uint64_t> lost = {}; // events
+    std::string reason = {};                // why they are
+    std::string chain = {};                 // 64 hexadecimal digits; empty: none
 
     bool operator==(const flash_event &) const = default;
 };

@@ -22,6 +22,7 @@ constexpr counter_row COUNTERS[] = {
     {"sectors_erased", &flash_event_totals::sectors_erased},
     {"bytes_written", &flash_event_totals::bytes_written},
     {"duration_ms", &flash_event_totals::duration_ms},
+    {"lost", &flash_event_totals::lost},
 };
 
 struct code_counter_row {
@@ -137,6 +138,9 @@ void flash_event_totals::count(const flash_event &event)
         break;
     case flash_event_kind::cut_off:
         ++cut_off;
+        break;
+    case flash_event_kind::lost:
+        lost += event.lost.value_or(0);
         break;
     }
 }

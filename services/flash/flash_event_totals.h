@@ -36,6 +36,7 @@ struct flash_event_totals {
     std::uint64_t sectors_erased = 0;
     std::uint64_t bytes_written = 0;
     std::uint64_t duration_ms = 0;
+    std::uint64_t lost = 0;                                             // events that are counted nowhere else
     std::array<std::uint64_t, DURATION_LIMITS_MS.size() + 1> took = {}; // the last: longer than all limits
     count_by_code ended;
     count_by_code failed; // attempts

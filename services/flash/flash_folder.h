@@ -6,6 +6,7 @@
 //   progress      how far the last programming is or was, see flash_progress_file.h; absent before the first
 //   wear          what was done so far: lines "erases N", "programs N", "reads N"
 //   events, events.1   what happened to it, see flash_event_log.h; event_totals: what older events add up to
+//   lost_events   how many events could not be written, see flash_lost_events.h
 //
 // This file uses chassis_dir.h only, so that tools of any word size compile it into themselves.
 #pragma once

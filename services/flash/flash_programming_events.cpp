@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <unistd.h>
 
@@ -15,6 +18,7 @@
 #include "flash_geometry.h"
 #include "flash_order.h"
 #include "flash_progress_file.h"
+#include "flash_syslog.h"
 
 namespace
 {
@@ -65,6 +69,21 @@ std::optional<std::uint32_t> attempt_number(std::uint32_t attempt)
     return attempt != ERASE ? std::optional(attempt) : std::nullopt;
 }
 
+// An event that cannot be written is not passed over in silence: the card's syslog may lie on another disk.
+void note(const flash_folder &folder, const flash_event &event, const flash_event_condition &allowed = {})
+{
+    const auto loss = flash_event_append(folder, event, allowed);
+    if (!loss)
+        return;
+    char result[32] = "";
+    if (event.result)
+        (void)std::snprintf(result, sizeof result, ", result 0x%08" PRIx32, *event.result);
+    tell_syslog("BIOS_EVENT_LOST", flash_instance_name(event.instance) + std::string(" flash: event \"") +
+                                       flash_event_name(event.kind) + "\"" + result + " not written: " +
+                                       std::strerror(loss->error) + "; " + std::to_string(loss->lost.count) +
+                                       " not written behind event " + std::to_string(loss->lost.after));
+}
+
 // The last event tells why the flash is marked: it was left so, or it was told before that it was cut off.
 bool is_cut_off_news(const std::optional<flash_event> &last)
 {
@@ -81,7 +100,7 @@ void note_end(std::uint32_t instance, std::uint32_t result)
     event.result = result;
     event.duration_ms = open->last_end_ms - open->begun_ms;
     event.time = open->last_end_time; // it has ended then, though that is known only now
-    flash_event_append(open->folder, event);
+    note(open->folder, event);
     programmings()[instance].reset();
 }
 
@@ -136,10 +155,10 @@ open_programming &begin_programming(std::uint32_t instance, bool is_marked, flas
     open.template_event = event_of(instance, flash_event_kind::ended);
     open.begun_ms = open.last_end_ms = steady_ms();
     if (is_marked && known_to[instance] != ::getpid())
-        flash_event_append(open.folder, event_of(instance, flash_event_kind::cut_off), is_cut_off_news);
+        note(open.folder, event_of(instance, flash_event_kind::cut_off), is_cut_off_news);
     known_to[instance] = ::getpid();
     name_order(begun);
-    flash_event_append(open.folder, std::move(begun));
+    note(open.folder, begun);
     return open;
 }
 
@@ -155,7 +174,7 @@ void begin_attempt(std::uint32_t instance, std::uint32_t attempt, bool is_marked
     open->attempted = true;
     event.kind = flash_event_kind::attempt;
     event.attempt = attempt;
-    flash_event_append(open->folder, std::move(event));
+    note(open->folder, event);
 }
 
 flash_event_kind kind_of(std::uint32_t attempt, std::uint32_t result, bool changed)
@@ -223,7 +242,7 @@ std::int32_t flash_attempt_events::ended(std::int32_t result) noexcept
         event.result = open->failure;
         event.duration_ms = open->last_end_ms - begun_ms_;
         event.time = open->last_end_time = flash_event_time_now();
-        flash_event_append(open->folder, std::move(event));
+        note(open->folder, event);
         if (attempt_ != ERASE && code == 0)
             note_end(instance_, 0);
     });
@@ -248,7 +267,7 @@ std::int32_t flash_attempt_refused(std::uint32_t instance, std::uint32_t attempt
             open->last_end_ms = steady_ms();
             event.time = open->last_end_time = flash_event_time_now();
         }
-        flash_event_append(open_flash_folder(event.slot, instance), std::move(event));
+        note(open_flash_folder(event.slot, instance), event);
     });
     return result;
 }
@@ -264,11 +283,11 @@ void flash_found_marked(std::uint32_t instance) noexcept
         const unsigned slot = chassis_own_slot();
         bool has_writer = false;
         // Looked for under the log's lock: one that comes later has not written anything before this line.
-        flash_event_append(open_flash_folder(slot, instance), event_of(instance, flash_event_kind::cut_off),
-                           [&](const std::optional<flash_event> &last) {
-                               has_writer = flash_activity_of(slot, instance).has_writer;
-                               return !has_writer && is_cut_off_news(last);
-                           });
+        note(open_flash_folder(slot, instance), event_of(instance, flash_event_kind::cut_off),
+             [&](const std::optional<flash_event> &last) {
+                 has_writer = flash_activity_of(slot, instance).has_writer;
+                 return !has_writer && is_cut_off_news(last);
+             });
         if (!has_writer)
             told_by[instance] = ::getpid();
     });

@@ -6,7 +6,8 @@
 // again. A process that is killed leaves a programming without an end: whoever finds the flash marked and without a
 // writer next, another programming or a daemon that reads the version, notes it as cut off.
 //
-// The log is diagnostics: what cannot be written is left out, nothing is thrown, and errno stays as it was.
+// The log is diagnostics: what cannot be written is counted as lost and told to the card's syslog, nothing is
+// thrown, and errno stays as it was.
 #pragma once
 
 #include <cstdint>

@@ -191,3 +191,26 @@ TEST_F(EventChainOfCards, ALogThatIsCutAtItsEndShowsByWhatTheOtherSupervisorKnow
     std::filesystem::remove(log_file());
     expect_fault("4 lines at the end are missing (the agent of slot 1 knows line 4)");
 }
+
+TEST_F(EventChainOfCards, LinesThatAreNoEventsOfTheFlashAreNamedAndLeftOut)
+{
+    const std::string before = biosctl({"events", "2"}).output;
+    std::string text = file_content(log_file());
+    const std::string second =
+        text.substr(text.find('\n') + 1, text.find('\n', text.find('\n') + 1) - text.find('\n'));
+    std::string foreign = second;
+    foreign.replace(foreign.find("primary"), 7, "alternate");
+    write_file(log_file(), text + "nothing\n" + second + foreign);
+    expect_fault("line 5 of the file is no event");
+    expect_fault("event 2 (line 6 of the file) is there twice");
+    expect_fault("event 2 (line 7 of the file) is of another flash");
+    EXPECT_EQ(biosctl({"events", "2"}).output, before);
+    EXPECT_NE(biosctl({"events", "2", "--json"}).output.find("\"fault\":\"line 5 of the file is no event\""),
+              std::string::npos);
+    EXPECT_NE(biosctl({"audit", "2", "--json"}).output.find("line 5 of the file is no event"), std::string::npos);
+
+    make_image_tree(slot_file(1, "root"), 90, image("3.0"));
+    EXPECT_EQ(biosctl({"program", "2"}).exit_code, 0);
+    const std::string after = biosctl({"events", "2"}).output;
+    EXPECT_TRUE(after.starts_with(before) && after.size() > before.size()) << "the events go on: " << after;
+}

@@ -261,11 +261,11 @@ bool chassis_test::up_with_disks()
     return true;
 }
 
-bool chassis_test::put_on_disk(unsigned slot, const std::string &folder, unsigned kib)
+bool chassis_test::put_on_disk(const std::string &folder, unsigned kib, unsigned files)
 {
     static const bool mounts_here = ::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 &&
                                     ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    disks_.push_back({slot_file(slot, folder), kib});
+    disks_.push_back({directory_ + "/" + folder, kib, files});
     return mounts_here;
 }
 
@@ -277,7 +277,7 @@ void chassis_test::mount_disks() const
         files::rename(disk.folder, before);
         files::create_directory(disk.folder);
         files::permissions(disk.folder, files::status(before).permissions());
-        const std::string size = "size=" + std::to_string(disk.kib) + "k";
+        const std::string size = "size=" + std::to_string(disk.kib) + "k,nr_inodes=" + std::to_string(disk.files);
         if (::mount("none", disk.folder.c_str(), "tmpfs", 0, size.c_str()) != 0)
             throw std::runtime_error("mount " + disk.folder);
         files::permissions(disk.folder, files::status(before).permissions());

@@ -61,7 +61,9 @@ protected:
     [[nodiscard]] bool up_with_disks();
     // Has a folder of the chassis on a disk of its own, which only this process and what it starts sees. Before
     // up(). false where nothing may be mounted.
-    [[nodiscard]] bool put_on_disk(unsigned slot, const std::string &folder, unsigned kib);
+    //   folder  below the chassis's directory: "slots/2/root/bootflash"
+    //   files   that it can take; 0: not limited
+    [[nodiscard]] bool put_on_disk(const std::string &folder, unsigned kib, unsigned files = 0);
     // Starts a chassis whose description there is already; slots: all that it has.
     void up_from(const std::string &description, const std::vector<unsigned> &slots);
     finished_program chassis(const std::vector<std::string> &words) const; // "chassis --dir ... words"
@@ -129,6 +131,7 @@ private:
     struct small_disk {
         std::string folder;
         unsigned kib;
+        unsigned files;
     };
     std::vector<small_disk> disks_;
     std::map<unsigned, std::string> alternate_before_;

@@ -234,7 +234,7 @@ TEST_F(FullDisk, OfTheStandbysBootFlashIsNamedBeforeAnythingIsSent)
 {
     insert({.slot = 1});
     insert({.slot = 2, .role = "standby", .in_tree = nullptr});
-    if (!put_on_disk(2, "root/bootflash", 1024))
+    if (!put_on_disk("slots/2/root/bootflash", 1024))
         GTEST_SKIP() << "mounting is not allowed here";
     up();
     const std::string copy = card_file(2, "/bootflash/.tmpbios.bin");
@@ -260,7 +260,7 @@ TEST_F(FullDisk, OfTheStandbysBootFlashIsNotNamedWhenThereIsJustEnoughRoom)
 {
     insert({.slot = 1});
     insert({.slot = 2, .role = "standby", .in_tree = nullptr});
-    if (!put_on_disk(2, "root/bootflash", 1024))
+    if (!put_on_disk("slots/2/root/bootflash", 1024))
         GTEST_SKIP() << "mounting is not allowed here";
     up();
     write_file(card_file(2, "/bootflash/.tmpbios.bin"), std::string(100'000, 'x'));

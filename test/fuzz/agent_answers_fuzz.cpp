@@ -94,7 +94,7 @@ void expect_sound(const std::optional<Decoded> &decoded)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz_input input(data, size);
-    const unsigned kind = input.byte() % 11;
+    const unsigned kind = input.byte() % 12;
     const auto rest = input.rest();
     const answer_payload payload(rest.data(), rest.size());
     switch (kind) {
@@ -131,6 +131,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case 10:
         require(decode_head(payload).has_value() == (payload.size() == sizeof(agent_event_head_t)),
                 "a head is its record");
+        break;
+    case 11:
+        if (const auto faults = decode_log_faults(payload); faults)
+            require(faults->size() <= AGENT_LOG_FAULTS_MAX, "no more faults than a log can have");
         break;
     default:
         for (const flash_event &event :

@@ -209,7 +209,7 @@ def make_records():
 
 
 def make_agent_answers():
-    modules, card, locks, results, events, files, transfer, digest, versions, outcome, head = range(11)
+    modules, card, locks, results, events, files, transfer, digest, versions, outcome, head, faults = range(12)
     def answer(name, kind, content):
         put("agent_answers", name, bytes([kind]) + content)
     def words(*values):
@@ -236,6 +236,9 @@ def make_agent_answers():
     answer("transfer", transfer, words(1, 2, 0, 65536))
     answer("digest", digest, bytes(range(32)))
     answer("head", head, words(5, 0, 0, 10) + bytes(range(32)))
+    answer("log-faults", faults, words(1, 0, 0, 1, 0, 3, 0, 0, 7, 0, 0, 2, 0, 0, 0, 4))
+    answer("log-faults-unknown", faults, words(8, 0, 0, 1, 0, 3, 0, 0))
+    answer("log-faults-too-many", faults, words(1, 0, 0, 1, 0, 3, 0, 0) * 12)
     answer("outcome", outcome, words(2, 28, 0, 27) + time)
     version = field("v3.5.0(09/17/12)", 128)
     answer("versions", versions, words(5, 1, 0, 2) + version + words(0, 4) + version + words(1, 3) + version)
@@ -243,6 +246,7 @@ def make_agent_answers():
     chained = line + b',"image_bytes":8,"version":"v3.5.0","old_version":"v3.1.0","sha256":"' + b"a" * 64 + \
         b'","user":"ops","host":"desk","chain":"' + b"b" * 64 + b'"}\n'
     answer("events-chained", events, chained + chained.replace(b"bbbb", b"BBBB"))
+    answer("events-lost", events, line.replace(b"begun", b"lost") + b',"lost":3,"reason":"disk full"}\n')
     answer("events", events, line + b"}\n" + line + b',"image_bytes":8,"version":"v3.5.0"}\n' + line)
 
 
@@ -292,6 +296,7 @@ def make_agent_requests():
     steps("facts", *(request(opcode) for opcode in (get_chassis, get_card, get_locks, get_results, list_files)))
     steps("flash-facts", *(request(opcode, words(instance)) for opcode in (get_version, get_totals, get_flash)
                            for instance in (0, 1, 2, 0xFFFFFFFF)), request(get_events, words(0, 0, 0)))
+    steps("log-faults", *(request(55, words(instance)) for instance in (0, 1, 2)))
     steps("verify-image", *(request(41, field(path, 256)) for path in ("/bin/true", "/dev/zero", "/", "", "none")),
           request(41, b"/" * 256), request(41, b"/bin/true"))
     order, renew, end, cancel, told = range(31, 36)

@@ -142,6 +142,20 @@ TEST_F(AgentRequests, EventsAreThoseBehindASequenceNumber)
     EXPECT_EQ(answered_text(4813, words({0, 1, 0})), "") << "behind 4294967296";
 }
 
+TEST_F(AgentRequests, LogFaultsAreTheLinesThatAreNoEvents)
+{
+    create_flash();
+    const flash_folder folder = open_flash_folder(TEST_SLOT, 0);
+    (void)flash_event_append(folder, {.slot = TEST_SLOT, .kind = flash_event_kind::cut_off});
+    EXPECT_EQ(answered(4864, words({0})), bytes());
+    write_flash_file("events", text_of_flash_file("events") + "nothing\nnothing\n" + text_of_flash_file("events"));
+    write_flash_file("lost_events", "00000000000000000001 0000000005 full \n");
+    EXPECT_EQ(answered(4864, words({0})), words({1, 0, 0, 2, 0, 2, 0, 0, //
+                                                 3, 0, 0, 1, 0, 4, 0, 1, //
+                                                 7, 0, 0, 5, 0, 0, 0, 1}));
+    EXPECT_EQ(status_of(4864, words({2})), 0x40720002U);
+}
+
 TEST_F(AgentRequests, TotalsAreThoseOfTheEvents)
 {
     create_flash();

@@ -89,3 +89,26 @@ TEST(EventLogCheck, ALogFromBeforeThereWasAChainIsShownAsItIs)
     events.erase(events.begin() + 1);
     EXPECT_EQ(event_log_faults(events, std::nullopt), texts());
 }
+
+TEST(EventLogCheck, LinesThatTheAgentHasLeftOut)
+{
+    const auto events = log_of(4);
+    const auto texts_of = [&](const told_log_fault &fault) {
+        return event_log_faults(events, std::nullopt, std::span(&fault, 1));
+    };
+    EXPECT_EQ(texts_of({AGENT_LOG_NO_EVENT, false, 1, 7, 0}), texts{"line 7 of the file is no event"});
+    EXPECT_EQ(texts_of({AGENT_LOG_NO_EVENT, true, 3, 7, 0}),
+              texts{"3 lines are no events, the first is line 7 of the older file"});
+    EXPECT_EQ(texts_of({AGENT_LOG_TWICE, false, 1, 9, 12}), texts{"event 12 (line 9 of the file) is there twice"});
+    EXPECT_EQ(texts_of({AGENT_LOG_TWICE, false, 2, 9, 12}),
+              texts{"2 events are there twice, the first is event 12 (line 9 of the file)"});
+    EXPECT_EQ(texts_of({AGENT_LOG_OTHER_FLASH, false, 1, 9, 12}),
+              texts{"event 12 (line 9 of the file) is of another flash"});
+    EXPECT_EQ(texts_of({AGENT_LOG_OUT_OF_ORDER, false, 1, 9, 12}),
+              texts{"event 12 (line 9 of the file) is not in its place"});
+    EXPECT_EQ(texts_of({AGENT_LOG_UNFINISHED, false, 1, 9, 0}),
+              texts{"line 9 of the file, the last one, is not whole"});
+    EXPECT_EQ(texts_of({AGENT_LOG_LOST_FULL, false, 3, 0, 17}),
+              texts{"3 events behind event 17 could not be written: the card's disk was full"});
+    EXPECT_EQ(texts_of({AGENT_LOG_LOST, false, 1, 0, 17}), texts{"1 event behind event 17 could not be written"});
+}

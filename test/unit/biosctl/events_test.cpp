@@ -170,13 +170,17 @@ TEST(Events, OfNoFlashAreNone)
     EXPECT_EQ(json.out(), "");
 }
 
-TEST(Events, WhatIsNoEventIsLeftOut)
+TEST(Events, WhatIsNoEventIsLeftOutAndNamed)
 {
     const test_chassis chassis;
     append(chassis, 5, "primary", "\x1b[31m\n{}\n" + BEGUN + "\n" + FAILED.substr(0, 60));
     biosctl_run run(events_words(chassis, {"--json"}));
-    EXPECT_EQ(run.exit_code(), 0) << run.err();
-    EXPECT_EQ(run.out(), BEGUN + "\n");
+    EXPECT_EQ(run.exit_code(), 1);
+    const std::string fault = R"({"slot":5,"flash":"primary","fault":)";
+    EXPECT_TRUE(run.out().starts_with(fault + "\"2 lines are no events, the first is line 1 of the file\"}\n" +
+                                      fault + "\"line 4 of the file, the last one, is not whole\"}\n" + BEGUN +
+                                      "\n"))
+        << run.out();
 }
 
 TEST(Events, AreFollowedUntilCtrlC)
