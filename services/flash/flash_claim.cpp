@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,7 +14,9 @@
 #include "c_boundary.h"
 #include "card_demands.h"
 #include "chassis_dir.h"
+#include "flash_event.h"
 #include "flash_geometry.h"
+#include "flash_syslog.h"
 #include "image_verification.h"
 #include "monotonic_clock.h"
 #include "security_floor.h"
@@ -122,7 +125,7 @@ flash_claim::~flash_claim()
     if (process_ != ::getpid())
         return;
     if (writer_ && order_.state == flash_order_state::writing)
-        best_effort([this] { (void)record(flash_order_state::failed); });
+        best_effort([this] { record_end(flash_order_state::failed); });
 }
 
 // What the image's file says of it. 0, or why that cannot be found out.
@@ -177,7 +180,7 @@ std::uint32_t flash_claim::take_order(flash_device &flash)
     order_.result = judge_image(image, facts, {.is_ordered = is_ordered, .forced = order_.forced});
     if (order_.result != 0) {
         if (is_ordered)
-            (void)record(flash_order_state::failed);
+            record_end(flash_order_state::failed);
         return order_.result;
     }
     writer_ = flash_order_take_writer(slot, instance_);
@@ -185,7 +188,10 @@ std::uint32_t flash_claim::take_order(flash_device &flash)
         return BIOS_FLASH_ERR_IN_USE;
     order_.writer = static_cast<std::uint32_t>(process_);
     // Of a client that has ordered nothing the record is a note beside the work.
-    return (writer_ && record(flash_order_state::writing)) || !is_ordered ? 0U : BIOS_REFUSED_NOT_CHECKED;
+    if ((writer_ && record_begin()) || !is_ordered)
+        return 0;
+    order_.result = BIOS_REFUSED_NOT_CHECKED;
+    return order_.result;
 }
 
 bool flash_claim::has_its_image()
@@ -194,11 +200,33 @@ bool flash_claim::has_its_image()
     return !image_.has_changed() || (image_.examine(now) && now.sha256 == sha256_);
 }
 
-bool flash_claim::record(flash_order_state state)
+// With room for the end: what could not be recorded then is not begun.
+bool flash_claim::record_begin()
 {
+    const unsigned slot = chassis_own_slot();
+    room_for_end_ = flash_order_reserve(slot, instance_);
+    order_.state = flash_order_state::writing;
+    order_.changed_at = utc_now();
+    return flash_order_write(slot, instance_, order_) && room_for_end_;
+}
+
+void flash_claim::record_end(flash_order_state state)
+{
+    const unsigned slot = chassis_own_slot();
+    unique_fd room = std::move(room_for_end_);
     order_.state = state;
     order_.changed_at = utc_now();
-    return flash_order_write(chassis_own_slot(), instance_, order_);
+    const bool is_recorded = (room && flash_order_write_reserved(slot, instance_, std::move(room), order_)) ||
+                             flash_order_write(slot, instance_, order_);
+    const int error = errno;
+    if (is_recorded) {
+        (void)flash_order_reserve(slot,
+                                  instance_); // for the next one, which may find the disk full from the beginning
+        return;
+    }
+    tell_syslog("BIOS_ORDER_NOT_RECORDED", flash_instance_name(instance_) + std::string(" flash: ") +
+                                               flash_order_state_name(state) +
+                                               ", which was not recorded: " + std::strerror(error));
 }
 
 std::int32_t flash_claim::ended(std::uint32_t attempt, std::int32_t result)
@@ -207,11 +235,12 @@ std::int32_t flash_claim::ended(std::uint32_t attempt, std::int32_t result)
     order_.result = static_cast<std::uint32_t>(result);
     if (attempt == 0 || result != 0)
         return result;
-    if (std::string problem; signed_version_ != 0)
-        (void)security_floor_raise(signed_version_, problem); // the flash is programmed whether it rises or not
+    // The flash is programmed whether the floor rises or not.
+    if (std::string problem; signed_version_ != 0 && !security_floor_raise(signed_version_, problem))
+        tell_syslog("BIOS_SECURITY_FLOOR", "not raised to " + std::to_string(signed_version_) + ": " + problem);
     if (writer_) {
         const flash_orders_lock lock(chassis_own_slot());
-        (void)record(flash_order_state::verified);
+        record_end(flash_order_state::verified);
     }
     claims()[instance_].reset();
     return result;

@@ -52,12 +52,14 @@ private:
     flash_claim(std::uint32_t instance, const char *path, flash_image &&image);
     std::uint32_t examine(image_facts &facts_out);
     std::uint32_t take_order(flash_device &flash);
-    bool record(flash_order_state state);
+    bool record_begin();
+    void record_end(flash_order_state state);
 
     std::uint32_t instance_;
     std::string path_;
     flash_image image_;
     unique_fd writer_;
+    unique_fd room_for_end_; // of the order's record
     flash_order order_;
     sha256_digest sha256_ = {};        // of the image
     std::uint32_t signed_version_ = 0; // security version of an image whose signature is good

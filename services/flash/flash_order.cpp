@@ -7,6 +7,8 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "chassis_dir.h"
 #include "flash_geometry.h"
@@ -15,6 +17,7 @@
 #include "monotonic_clock.h"
 #include "printable_text.h"
 #include "utc_time.h"
+#include "write_all.h"
 
 namespace
 {
@@ -94,6 +97,11 @@ std::string order_path(unsigned slot, unsigned instance)
 std::string writer_path(unsigned slot, unsigned instance)
 {
     return order_path(slot, instance) + ".writer";
+}
+
+std::string reserved_path(unsigned slot, unsigned instance)
+{
+    return order_path(slot, instance) + ".reserved";
 }
 
 bool has_writer(unsigned slot, unsigned instance)
@@ -197,6 +205,34 @@ flash_orders_lock::flash_orders_lock(unsigned slot)
 bool flash_order_write(unsigned slot, unsigned instance, const flash_order &order)
 {
     return chassis_write_file(order_path(slot, instance), flash_order_format(order));
+}
+
+unique_fd flash_order_reserve(unsigned slot, unsigned instance)
+{
+    const std::string path = reserved_path(slot, instance);
+    unique_fd file(::openat(chassis_dir_fd(), path.c_str(),
+                            O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0644));
+    struct stat status {
+    };
+    if (file && ::fstat(file.get(), &status) == 0 && status.st_size == static_cast<off_t>(FILE_BYTES_MAX))
+        return file; // of a writer that did not use it
+    const std::array<char, FILE_BYTES_MAX> room{};
+    if (file && (::ftruncate(file.get(), 0) != 0 || !write_all(file.get(), room.data(), room.size()))) {
+        const int failure = errno;
+        (void)::unlinkat(chassis_dir_fd(), path.c_str(), 0);
+        file.reset();
+        errno = failure;
+    }
+    return file;
+}
+
+bool flash_order_write_reserved(unsigned slot, unsigned instance, unique_fd room, const flash_order &order)
+{
+    const std::string text = flash_order_format(order);
+    const auto length = static_cast<ssize_t>(text.size());
+    return ::pwrite(room.get(), text.data(), text.size(), 0) == length && ::ftruncate(room.get(), length) == 0 &&
+           ::renameat(chassis_dir_fd(), reserved_path(slot, instance).c_str(), chassis_dir_fd(),
+                      order_path(slot, instance).c_str()) == 0;
 }
 
 unique_fd flash_order_take_writer(unsigned slot, unsigned instance)

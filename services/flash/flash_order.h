@@ -87,6 +87,14 @@ private:
 // Replaces the record. REQUIRES: flash_orders_lock. false with errno.
 [[nodiscard]] bool flash_order_write(unsigned slot, unsigned instance, const flash_order &order);
 
+// Room for one more record, taken while there is some: how a writing has ended must not find the disk full. It
+// stays until it is used. REQUIRES: this process is the writer. Empty with errno.
+unique_fd flash_order_reserve(unsigned slot, unsigned instance);
+
+// Replaces the record as flash_order_write does, in the room that was reserved for it.
+[[nodiscard]] bool flash_order_write_reserved(unsigned slot, unsigned instance, unique_fd room,
+                                              const flash_order &order);
+
 // What a writer keeps until it ends. REQUIRES: flash_orders_lock. Empty with errno: EBUSY when another process has
 // it.
 unique_fd flash_order_take_writer(unsigned slot, unsigned instance);

@@ -90,6 +90,9 @@ void note(unsigned slot, unsigned instance, flash_progress_line line)
         return;
     if (::pwrite(written.file.get(), content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()))
         written.content = std::move(content);
+    else
+        (void)!::ftruncate(written.file.get(),
+                           0); // the line of another programming is not to be taken for this one's
     // After the line: a lock tells that the line is of its holder.
     if (const struct flock region = whole_file(); !written.locked)
         written.locked = ::fcntl(written.file.get(), F_SETLK, &region) == 0;

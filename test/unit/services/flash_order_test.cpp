@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "file_size_limit.h"
 #include "flash_fixture.h"
 #include "flash_order.h"
 #include "utc_time.h"
@@ -177,4 +178,30 @@ TEST_F(FlashOrder, ThatWasCancelledHoldsOffForLongWhenNobodyRenewsIt)
     EXPECT_TRUE(flash_order_holds_off(order));
     order.renewed_s -= FLASH_ORDER_CANCELLED_S - FLASH_ORDER_SILENCE_S;
     EXPECT_FALSE(flash_order_holds_off(order));
+}
+
+// The room is there before the disk is full.
+TEST_F(FlashOrder, IsReplacedInReservedRoomOnAFullDisk)
+{
+    flash_order order = example();
+    order.state = flash_order_state::failed;
+    write(order);
+    unique_fd room = flash_order_reserve(TEST_SLOT, 0);
+    ASSERT_TRUE(room);
+    const std::string reserved = dir + "/" + chassis_slot_path(TEST_SLOT, "orders/primary.reserved");
+    EXPECT_EQ(std::filesystem::file_size(reserved), 4096U);
+    EXPECT_EQ(flash_order_read(TEST_SLOT, 0), order) << "reserving changes nothing";
+    order.state = flash_order_state::verified;
+    EXPECT_TRUE(flash_order_write_reserved(TEST_SLOT, 0, std::move(room), order));
+    EXPECT_EQ(flash_order_read(TEST_SLOT, 0), order);
+    EXPECT_FALSE(std::filesystem::exists(reserved));
+}
+
+TEST_F(FlashOrder, HasNoReservedRoomWhereThereIsNone)
+{
+    write(example());
+    const file_size_limit full(4000);
+    EXPECT_FALSE(flash_order_reserve(TEST_SLOT, 0));
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_FALSE(std::filesystem::exists(dir + "/" + chassis_slot_path(TEST_SLOT, "orders/primary.reserved")));
 }

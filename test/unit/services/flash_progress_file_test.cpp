@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 
+#include "file_size_limit.h"
 #include "flash_fixture.h"
 #include "flash_progress_file.h"
 
@@ -259,4 +260,18 @@ TEST_F(ProgressFile, IsNeverSeenInHalves)
         ASSERT_EQ(line->attempt, line->phase == BIOS_PHASE_ERASE ? 111U : 999U);
     }
     EXPECT_GT(seen, 1000U);
+}
+
+TEST_F(ProgressFile, ALineThatCannotBeWrittenLeavesNoneOfAnEarlierProgramming)
+{
+    {
+        const noting_process earlier([] { flash_progress_note(TEST_SLOT, 0, BIOS_PHASE_VERIFY, 100, 1); });
+    }
+    ASSERT_TRUE(flash_activity_of(TEST_SLOT, 0).last);
+    const noting_process writer([] {
+        const file_size_limit full(0);
+        flash_progress_note(TEST_SLOT, 0, BIOS_PHASE_ERASE, 0, 1);
+    });
+    EXPECT_TRUE(flash_activity_of(TEST_SLOT, 0).has_writer);
+    EXPECT_FALSE(flash_activity_of(TEST_SLOT, 0).last);
 }
