@@ -154,6 +154,10 @@ styled_text flash_after_failure(const result_description &described, const progr
         return styled_text(VERIFIED) + " before that; the new BIOS is in it";
     if (!result.proof.is_begun && !result.progress.seen)
         return "not touched";
+    // The marker is there from before the first change until the flash was verified: another image without it is
+    // what the flash held before.
+    if (result.proof.finding == flash_finding::holds_other)
+        return described.flash.plain() == FLASH_CORRUPTED.text ? "not touched" : described.flash;
     const bool changed = result.proof.finding == flash_finding::half_written ||
                          (result.progress.seen && (result.progress.percent > 0 || result.progress.attempt > 1));
     return changed ? FLASH_CORRUPTED : described.flash;

@@ -242,7 +242,6 @@ TEST_F(FillingDisk, WithoutAPlaceForTheMarkerLeavesTheFlashAlone)
     ASSERT_GT(names, 0U);
     const finished_program finished = biosctl({"program", "1"});
     EXPECT_EQ(finished.exit_code, 1) << finished.errors;
-    std::cerr << finished.errors;
     EXPECT_EQ(flash_of(1) == new_image().bytes, true);
     EXPECT_FALSE(is_marked(1));
     EXPECT_FALSE(says(finished.errors, "do not reboot")) << finished.errors;

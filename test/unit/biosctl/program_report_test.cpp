@@ -16,12 +16,12 @@ programming_end ended(watch_end how, std::uint32_t result, int percent)
     return end;
 }
 
-// What was heard to be verified is.
+// What was heard to be verified is, and what has got beyond its beginning is marked.
 programming_result looked_at(const programming_end &end)
 {
-    return result_of(
-        SUBJECT, end,
-        {.finding = end.progress.verified() ? flash_finding::holds_image : flash_finding::holds_other});
+    const bool is_changed = end.progress.percent > 0 || end.progress.attempt > 1;
+    const flash_finding unverified = is_changed ? flash_finding::half_written : flash_finding::holds_other;
+    return result_of(SUBJECT, end, {.finding = end.progress.verified() ? flash_finding::holds_image : unverified});
 }
 
 bool tells(const outcome &end, const std::string &text)
@@ -97,6 +97,18 @@ TEST(ProgramReport, AHarmlessCodeAfterAnAttemptThatChangedTheFlashWarnsAllTheSam
     programming_end second = ended(watch_end::reported, 0x40710027, 0);
     second.progress.attempt = 2;
     EXPECT_TRUE(tells(report_programming(looked_at(second)), "do not reboot"));
+}
+
+// Neither an attempt's number nor its code says that it has come to a change.
+TEST(ProgramReport, AFailureThatLeftNoMarkerHasLeftTheFlashAlone)
+{
+    programming_end end = ended(watch_end::reported, 0x40710009, 0);
+    end.progress.attempt = 4;
+    const outcome untouched = report_programming(result_of(SUBJECT, end, {.finding = flash_finding::holds_other}));
+    EXPECT_TRUE(tells(untouched, "flash: not touched"));
+    EXPECT_FALSE(tells(untouched, "do not reboot"));
+    const outcome unknown = report_programming(result_of(SUBJECT, end, {.finding = flash_finding::unknown}));
+    EXPECT_TRUE(tells(unknown, "do not reboot"));
 }
 
 TEST(ProgramReport, AFailureBeforeAnybodyHasBegunLeavesTheFlashAlone)
