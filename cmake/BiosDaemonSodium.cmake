@@ -11,7 +11,7 @@ function(import_sodium name library includes)
     set_target_properties(${name} PROPERTIES IMPORTED_LOCATION ${library} INTERFACE_INCLUDE_DIRECTORIES ${includes})
 endfunction()
 
-if(BIOS_DAEMON_ARCH STREQUAL "native" OR NOT BIOS_DAEMON_DRIVERS)
+if(BIOS_DAEMON_ARCH STREQUAL "native" OR has_chassis)
     find_library(SODIUM_HOST_LIBRARY libsodium.a REQUIRED)
     find_path(SODIUM_HOST_INCLUDE sodium.h REQUIRED)
     import_sodium(sodium_host ${SODIUM_HOST_LIBRARY} ${SODIUM_HOST_INCLUDE})

@@ -5,7 +5,8 @@
 //   inventory/SLOT/   one-value text files, live: card_id, kind, sup_state, hw_change_bit, upgrade_restart
 //   mts/              endpoints of the transport
 //   slots/SLOT/       one card: root/ (its private root), flash/primary/ and flash/alternate/, registers/,
-//                     sprom, locks/, log, syslog, debug, history, debug_flags, policy, keys/, security_version
+//                     sprom, locks/, log, syslog, debug, history, debug_flags, policy, keys/, security_version,
+//                     flash_names/
 //
 // A card's processes run with a root of their own, from which the directory has no path; they reach it through
 // a descriptor inherited from the launcher. All access is therefore by *at() calls relative to it.
