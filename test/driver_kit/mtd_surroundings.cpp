@@ -1,5 +1,6 @@
 // The kit's flash for the MTD driver: an MTD of this machine's kernel, which the environment variable
 // BIOS_DAEMON_TEST_MTD names. What it holds is lost. Some sectors are enough; each test erases what is not blank.
+// An MTD whose sectors nobody can lock is locked by its errors on demand, where it has them.
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include "chassis_dir.h"
 #include "flash_surroundings.h"
 #include "mtd_driver.h"
+#include "mtd_faults.h"
 #include "read_all_at.h"
 #include "unique_fd.h"
 
@@ -115,6 +117,8 @@ void make_flash()
     std::filesystem::create_directories(names);
     std::ofstream(names + "/" + MTD_NAME_FILES[0]) << wanted_name() << "\n";
 
+    if (has_mtd_faults())
+        clear_mtd_faults();
     const raw_mtd mtd(O_RDWR);
     mtd.change_locks(MEMUNLOCK, 0, mtd.info().size);
     const std::vector<std::uint8_t> before = mtd.contents();
@@ -128,6 +132,8 @@ bool protect_flash_sector(std::uint32_t sector)
 {
     const raw_mtd mtd(O_RDWR);
     mtd.change_locks(MEMLOCK, sector * mtd.info().erasesize, mtd.info().erasesize);
+    if (has_mtd_faults())
+        set_mtd_fault("locked_at", sector * mtd.info().erasesize);
     return mtd.is_locked(sector * mtd.info().erasesize);
 }
 
@@ -138,6 +144,8 @@ std::vector<std::uint8_t> flash_contents()
 
 void remove_flash()
 {
+    if (has_mtd_faults())
+        clear_mtd_faults();
     const raw_mtd mtd(O_RDWR);
     mtd.change_locks(MEMUNLOCK, 0, mtd.info().size);
     std::filesystem::remove_all(place);
