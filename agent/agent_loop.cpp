@@ -5,6 +5,7 @@
 #include "agent_requests.h"
 #include "boot_record.h"
 #include "c_boundary.h"
+#include "card_roster.h"
 #include "card_transfers.h"
 #include "event_heads.h"
 #include "flash_history.h"
@@ -28,8 +29,10 @@ std::int64_t sooner(std::int64_t wait_us, std::int64_t limit_us)
 
 } // namespace
 
-void serve_card(std::int32_t handle)
+void serve_card(std::int32_t handle, inventory_kind inventory)
 {
+    if (inventory == inventory_kind::own)
+        start_card_roster(handle);
     start_module_locks(handle);
     best_effort(note_boot);
     best_effort(remove_unpacked_leftovers);
@@ -42,12 +45,18 @@ void serve_card(std::int32_t handle)
         wait_us = sooner(wait_us, card_transfers()->wait_limit_us());
         wait_us = sooner(wait_us, worker_wait_limit_us());
         wait_us = sooner(wait_us, card_head_teller()->wait_limit_us());
+        if (own_card_roster() != nullptr)
+            wait_us = sooner(wait_us, own_card_roster()->wait_limit_us());
         mts_message_t *message = nullptr;
         const bool came = mts_recv_within(handle, &message, wait_us) == 0;
         best_effort([] { module_locks()->tick(); });
         reap_workers();
         best_effort([] { card_transfers()->tick(); });
         best_effort([] { card_head_teller()->tick(); });
+        best_effort([] {
+            if (own_card_roster() != nullptr)
+                own_card_roster()->tick();
+        });
         if (came)
             serve(handle, message);
     }

@@ -5,6 +5,7 @@
 
 #include "c_boundary.h"
 #include "card_facts.h"
+#include "card_roster.h"
 #include "card_transfers.h"
 #include "chassis_facts.h"
 #include "cmi.h"
@@ -106,12 +107,21 @@ void serve_lock_message(std::int32_t handle, mts_message_t *message)
     (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
 }
 
-// Neither is this one.
+// Neither are these.
 void serve_event_head(std::int32_t handle, mts_message_t *message)
 {
     mts_address_t from{};
     if (mts_saddr_get(message, &from) == 0)
         take_event_head(from, mts_payload_get(message), mts_payload_length(message));
+    (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
+}
+
+void serve_card_is_there(std::int32_t handle, mts_message_t *message)
+{
+    mts_address_t from{};
+    card_roster *roster = own_card_roster();
+    if (roster != nullptr && mts_saddr_get(message, &from) == 0)
+        best_effort([&] { roster->take(from, mts_payload_get(message), mts_payload_length(message)); });
     (void)mts_respond_reject(handle, 0, 0, message, 0, 0);
 }
 
@@ -124,6 +134,10 @@ bool respond(std::int32_t handle, mts_message_t *message)
     }
     if (mts_opc_get(message) == AGENT_OPC_EVENT_HEAD) {
         serve_event_head(handle, message);
+        return false;
+    }
+    if (mts_opc_get(message) == AGENT_OPC_CARD_IS_THERE) {
+        serve_card_is_there(handle, message);
         return false;
     }
     const auto body = body_of(message);

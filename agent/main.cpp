@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sysexits.h>
 
 #include "agent_loop.h"
 #include "agent_messages.h"
@@ -12,8 +13,20 @@
 #include "endpoints.h"
 #include "mts.h"
 
-int main()
+namespace
 {
+
+constexpr const char *OWN_INVENTORY = "--own-inventory";
+
+}
+
+int main(int argc, char **argv)
+{
+    const bool has_own_inventory = argc == 2 && std::strcmp(argv[1], OWN_INVENTORY) == 0;
+    if (argc > 1 && !has_own_inventory) {
+        (void)std::fprintf(stderr, "usage: bios_agent [%s]\n", OWN_INVENTORY);
+        return EX_USAGE;
+    }
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGXFSZ, SIG_IGN); // a file may be larger than this process may make one
     if (chassis_own_slot() == 0) {
@@ -27,5 +40,5 @@ int main()
         (void)std::fprintf(stderr, "bios_agent: no endpoint with sap %u: %s\n", AGENT_SAP, std::strerror(errno));
         return EXIT_FAILURE;
     }
-    serve_card(handle);
+    serve_card(handle, has_own_inventory ? inventory_kind::own : inventory_kind::common);
 }

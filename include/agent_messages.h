@@ -52,6 +52,8 @@ enum agent_opcode : std::uint32_t {
     AGENT_OPC_GET_HEAD = 4863,       // the last event of another card's flash that this card was told
     AGENT_OPC_GET_LOG_FAULTS = 4864, // what of a flash's event log is not given out as an event
 
+    AGENT_OPC_CARD_IS_THERE = 4865, // tells of the own card: agent_module_t; no request
+
     AGENT_OPC_OPERATOR_LOCK = 4870,   // locks a module for an operator
     AGENT_OPC_OPERATOR_UNLOCK = 4871, // frees a module that is locked for an operator
 };

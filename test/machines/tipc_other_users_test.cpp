@@ -1,5 +1,6 @@
 // What another user of a card can do with sockets of his own: he binds the names of the system's endpoints, listens
-// for its notices, sends what he likes to whom he likes. He learns nothing, changes nothing, and costs others little.
+// for its notices, sends what he likes to whom he likes. He learns nothing, changes nothing, and costs others
+// little.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -52,9 +53,8 @@ bool send_text(const bound_port &port, mts_address_t to, const std::string &text
     header.source_sap = source.sap;
     header.payload_bytes = static_cast<std::uint32_t>(text.size());
     const mts_payload payload = {text.data(), header.payload_bytes, nullptr, 0};
-    return to.node == MTS_NODE_LISTENERS
-               ? tested_datagram_driver.send_to_listeners(port.get(), header, payload)
-               : tested_datagram_driver.send(port.get(), to, header, payload, nullptr);
+    return to.node == MTS_NODE_LISTENERS ? tested_datagram_driver.send_to_listeners(port.get(), header, payload)
+                                         : tested_datagram_driver.send(port.get(), to, header, payload, nullptr);
 }
 
 // The next message; what the driver drops on the way is counted.
@@ -85,8 +85,8 @@ class other_user
 {
 public:
     explicit other_user(const std::function<void(told_by_user &)> &work)
-        : told_(static_cast<told_by_user *>(::mmap(nullptr, sizeof(told_by_user), PROT_READ | PROT_WRITE,
-                                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+        : told_(static_cast<told_by_user *>(
+              ::mmap(nullptr, sizeof(told_by_user), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
     {
         process_ = ::fork();
         if (process_ == 0) {
@@ -248,7 +248,8 @@ TEST_F(OtherUsers, SendNothingThatIsReceived)
         const iovec sealed[] = {{&head, sizeof head}, {&frame, sizeof frame}};
         const iovec bare[] = {{&frame, sizeof frame}};
         const iovec blank[] = {{zeros, sizeof zeros}};
-        for (const std::span<const iovec> parts : {std::span<const iovec>(sealed), std::span<const iovec>(bare), std::span<const iovec>(blank)})
+        for (const std::span<const iovec> parts :
+             {std::span<const iovec>(sealed), std::span<const iovec>(bare), std::span<const iovec>(blank)})
             told.sent = told.sent + (tipc_send(own.get(), target, parts) == tipc_sending::sent ? 1 : 0);
         told.ready = 1;
         ::pause();
