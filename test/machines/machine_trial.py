@@ -20,6 +20,7 @@ from pathlib import Path
 MACHINE_TOOLS = Path(__file__).resolve().parents[2] / "chassis/machine"
 FIRMWARE = "/usr/share/seabios/bios-256k.bin"
 FIRMWARE_BYTES = 256 * 1024
+ENDS_WITH_US = ("setpriv", "--pdeathsig", "KILL")
 BOOT_LIMIT_S = 10  # until the kernel speaks; 0.4 s on an idle machine
 UP_LIMIT_S = 120
 COMMAND_LIMIT_S = 60
@@ -61,7 +62,7 @@ class Machine:
         """The first chip is the one that it is started from."""
         self.console_begin = self.console_bytes()
         self.began = time.monotonic()
-        command = [MACHINE_TOOLS / "run_machine", "--parts", self.trial.parts, "--place", self.place,
+        command = [*ENDS_WITH_US, MACHINE_TOOLS / "run_machine", "--parts", self.trial.parts, "--place", self.place,
                    "--slot", str(self.slot), "--network", self.trial.network]
         for chip in chips:
             command += ["--chip", f"{chip}={self.chip(chip)}"]
@@ -181,7 +182,8 @@ class Trial:
         read = machine.run("sha256sum </run/read; rm /run/read").split()[0]
         file = subprocess.run(["sha256sum", machine.chip("primary")], check=True, capture_output=True,
                               text=True).stdout.split()[0]
-        self.report.line(began, f"machine {machine.slot}: primary chip read by the kernel equals the file", read == file)
+        self.report.line(began, f"machine {machine.slot}: primary chip read by the kernel equals the file",
+                         read == file)
 
     def show_cluster(self):
         wanted = {f"slot{machine.slot}" for machine in self.machines}
@@ -212,7 +214,8 @@ class Trial:
             attempt mtd_debug erase /dev/mtd2 0x7000 4096
             cd /; rmmod faulty_chip""").splitlines()
         error = "Input/output error"
-        expected = [error, "done", "done", "done", error, "done", "done", "done", error, "Read-only file system", "done"]
+        expected = [error, "done", "done", "done", error, "done", "done", "done", error,
+                    "Read-only file system", "done"]
         self.report.line(began, f"machine {machine.slot}: a chip that fails at each operation, and a locked sector: "
                          f"{', '.join(found)}", found == expected)
 
