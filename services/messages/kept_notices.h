@@ -1,5 +1,5 @@
 // Notices, kept for those who come late: every message to MTS_NODE_LISTENERS leaves a line in a file, whether
-// anybody listens or not, and so does every MTS_OPC_BIOS_PROGRAMMING_DONE, whoever gets it.
+// anybody listens or not, and so does every MTS_OPC_BIOS_PROGRAMMING_DONE that somebody can get.
 //
 // Below the chassis directory:
 //   transport/notices     "TIME NODE.SAP OPCODE PAYLOAD", the newest last: UTC, the sender as its socket is named,

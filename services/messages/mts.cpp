@@ -163,7 +163,8 @@ int32_t mts_send(int32_t handle, uint32_t node, uint32_t sap, uint32_t opcode, c
     }
     return c_boundary([&] {
         const mts_frame_header header = header_of(mts_frame_kind::unsolicited, opcode);
-        if (kept_notice_is_one(node, opcode)) // first, so that whoever gets the message finds it there
+        // First, so that whoever gets the message finds it there. One that nobody can get is none.
+        if (kept_notice_is_one(node, opcode) && (node == MTS_NODE_LISTENERS || mts_is_bound(node, sap)))
             kept_notice_keep(endpoint->address(), opcode, payload, length);
         return mts_endpoint_send(*endpoint, {node, sap}, header, {payload, length, nullptr, 0}, nullptr);
     });

@@ -142,6 +142,13 @@ TEST_F(Notices, OnlyWhatIsSentToListenersAndTheEndsOfProgrammingsAreKept)
     EXPECT_EQ(kept_notice_reader().take().size(), 1U) << "the end of a programming";
 }
 
+// A supervisor's process that waited is gone: it tells nobody of this end, but of the next one.
+TEST_F(Notices, TheEndOfAProgrammingForWhichNobodyWaitsIsNotKept)
+{
+    (void)send_text(handle_, CARD_1, DAEMON_SAP + 1, "\0\0\0\0", 4793);
+    EXPECT_EQ(kept_notice_reader().take().size(), 0U);
+}
+
 TEST_F(Notices, EmptyAndLongOnes)
 {
     EXPECT_EQ(mts_send(handle_, MTS_NODE_LISTENERS, 0, NOTIFY, nullptr, 0, 0, 0, 0), 0);
