@@ -10,11 +10,11 @@
 #include "agents.h"
 #include "bios_flash.h"
 #include "bios_results.h"
+#include "changed_flash.h"
 #include "client.h"
 #include "event_log_check.h"
 #include "inventory.h"
 #include "lock_holders.h"
-#include "orders.h"
 #include "printable_text.h"
 #include "query_process.h"
 #include "result_text.h"
@@ -251,36 +251,11 @@ card_report report_on(const card &known, bool being_programmed)
     return report;
 }
 
-} // namespace
-
-namespace
-{
-
-constexpr unsigned READ_ATTEMPTS = 3; // a part may misread a bit; digests do not become equal by chance
-
-std::string orderer_text(const flash_order &order)
-{
-    const std::string who = order.user.empty() ? "" : " for " + order.user + "@" + order.host;
-    return "programmed" + who + ", " + order.changed_at;
-}
-
 // In a process of its own. The payload says how the flash was programmed that has changed since; it is empty
 // otherwise.
 request_answer find_change(std::uint32_t node)
 {
-    request_answer unchanged{.answered = true};
-    const auto order = ask_for_order(node, BIOS_FLASH_PRIMARY);
-    if (!order || order->state != flash_order_state::verified)
-        return unchanged;
-    for (unsigned attempt = 0; attempt < READ_ATTEMPTS; ++attempt) {
-        const flash_digest_reply found = ask_for_digest(node, BIOS_FLASH_PRIMARY, order->size_bytes);
-        if (!found.digest || found.digest->marked || found.digest->has_writer ||
-            (found.digest->digest == order->sha256 && found.digest->rest_is_erased))
-            return unchanged;
-    }
-    if (const auto now = ask_for_order(node, BIOS_FLASH_PRIMARY); !now || now->id != order->id)
-        return unchanged; // it was programmed meanwhile
-    const std::string how = orderer_text(*order);
+    const std::string how = how_changed_flash_was_programmed(node);
     return {.answered = true, .payload = {how.begin(), how.end()}};
 }
 

@@ -37,7 +37,7 @@ struct chassis_report {
 constexpr unsigned VERSIONS_TIMEOUT_S = 30;
 
 // These look closer at the cards whose agents answer: at the event logs, and whether each flash still holds what
-// its last order has had verified.
+// was verified in it last.
 void check_event_logs(chassis_report &report);
 void check_flashes(chassis_report &report);
 

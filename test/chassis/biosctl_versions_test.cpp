@@ -230,6 +230,26 @@ TEST_F(BiosctlVersions, AuditFindsAFlashThatWasChangedSinceItWasProgrammed)
     EXPECT_EQ(biosctl({"audit", "1"}).exit_code, DONE);
 }
 
+// Another order takes the place of the record of what was verified.
+TEST_F(BiosctlVersions, AuditFindsAChangedFlashAlsoBehindAnOrderThatCameToNothing)
+{
+    insert({.slot = 1});
+    up();
+    ASSERT_EQ(biosctl({"program", "1"}).exit_code, DONE);
+    make_image_tree(slot_file(1, "root"), 90, image("3.0"));
+    write_file(flash_file(1, "data"), old_image().bytes);
+    keep_pauses(1);
+    running_program asked(biosctl_words({"program", "1"}));
+    ASSERT_TRUE(wait_until([&] { return child_pid(1) != 0; }));
+    EXPECT_EQ(biosctl({"cancel", "1"}).exit_code, DONE);
+    EXPECT_EQ(asked.wait().exit_code, FAILED);
+    const finished_program audit = biosctl({"audit", "1"});
+    EXPECT_NE(audit.output.find("changed since it was programmed"), std::string::npos) << audit.output;
+    write_file(flash_file(1, "data"), new_image().bytes);
+    const finished_program put_back = biosctl({"audit", "1"});
+    EXPECT_EQ(put_back.output.find("changed since it was programmed"), std::string::npos) << put_back.output;
+}
+
 TEST_F(BiosctlVersions, AFlashThatWasChangedIntoTheTreesImageIsInOrderAfterTheAdvice)
 {
     insert({.slot = 1});
