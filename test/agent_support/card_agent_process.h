@@ -61,7 +61,7 @@ private:
             ::_exit(71);
         (void)!::write(ready, "r", 1);
         if (!first)
-            serve_card(handle);
+            serve_card(handle, inventory_kind::common);
         serve_by_script(handle, first);
     }
 
