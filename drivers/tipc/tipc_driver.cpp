@@ -23,7 +23,7 @@ constexpr std::int64_t LINK_LOOK_US = 20'000;
 // A card that is not reached may have lost its link only. Nobody waits for it longer than this.
 constexpr std::int64_t LOST_US = 3 * MICROSECONDS;
 
-bool prepare_descriptors(datagram_port &port)
+bool prepare_descriptors(tipc_port &port)
 {
     port.waiting.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     port.arrival.reset(::epoll_create1(EPOLL_CLOEXEC));
@@ -36,7 +36,7 @@ bool prepare_descriptors(datagram_port &port)
 }
 
 // Whether another socket of ours has the address. true also when that cannot be found out.
-bool is_taken(const datagram_port &port, mts_address_t address)
+bool is_taken(const tipc_port &port, mts_address_t address)
 {
     const auto found = find_proved(address_range(address), *port.key);
     const bool taken = !found || std::ranges::any_of(*found, [&port](const tipc_publication &each) {
@@ -48,7 +48,7 @@ bool is_taken(const datagram_port &port, mts_address_t address)
 }
 
 // Looked at before and behind: of two processes that take an address at once at most one has it.
-bool take_address(datagram_port &port, std::uint32_t sap)
+bool take_address(tipc_port &port, std::uint32_t sap)
 {
     const mts_address_t address = {port.address.node, sap};
     if (is_taken(port, address) || !tipc_bind(port.socket.get(), {TIPC_ADDRESS_TYPE + sap, address.node}) ||
@@ -58,7 +58,7 @@ bool take_address(datagram_port &port, std::uint32_t sap)
     return true;
 }
 
-bool choose_address(datagram_port &port)
+bool choose_address(tipc_port &port)
 {
     for (unsigned choice = 0; choice < CHOICES; ++choice) {
         std::uint32_t number = 0;
@@ -70,9 +70,9 @@ bool choose_address(datagram_port &port)
     return false;
 }
 
-datagram_port *bind(std::uint32_t node, std::int32_t sap)
+tipc_port *bind(std::uint32_t node, std::int32_t sap)
 {
-    auto port = std::make_unique<datagram_port>();
+    auto port = std::make_unique<tipc_port>();
     port->key = chassis_key();
     if (port->key == nullptr)
         return nullptr;
@@ -91,7 +91,7 @@ datagram_port *bind(std::uint32_t node, std::int32_t sap)
 }
 
 // Messages that were begun go to their ends first, for a while.
-void unbind(datagram_port *port)
+void unbind(tipc_port *port)
 {
     const std::int64_t deadline = monotonic_us() + UNBIND_US;
     const auto has_unsent = [port] {
@@ -107,22 +107,22 @@ void unbind(datagram_port *port)
     delete port;
 }
 
-void abandon(datagram_port *port)
+void abandon(tipc_port *port)
 {
     delete port;
 }
 
-mts_address_t address(const datagram_port *port)
+mts_address_t address(const tipc_port *port)
 {
     return port->address;
 }
 
-int descriptor(const datagram_port *port)
+int descriptor(const tipc_port *port)
 {
     return port->arrival.get();
 }
 
-mts_held_message receive(datagram_port *port, std::int64_t wait_us)
+mts_held_message receive(tipc_port *port, std::int64_t wait_us)
 {
     const std::int64_t deadline = monotonic_us() + wait_us;
     for (;;) {
@@ -175,7 +175,7 @@ std::optional<datagram_peer> look_up(const shared_key &key, mts_address_t addres
     return std::nullopt;
 }
 
-std::optional<datagram_peer> known_peer(datagram_port &port, mts_address_t address)
+std::optional<datagram_peer> known_peer(tipc_port &port, mts_address_t address)
 {
     const std::pair key(address.node, address.sap);
     if (const auto known = port.found.find(key); known != port.found.end())
@@ -190,14 +190,14 @@ std::optional<datagram_peer> known_peer(datagram_port &port, mts_address_t addre
 }
 
 // A receiver that is known to be gone, and those that nothing is on its way to any more when there are many.
-void forget_receivers(datagram_port &port)
+void forget_receivers(tipc_port &port)
 {
     std::erase_if(port.receivers, [&port](const auto &each) {
         return each.second.is_gone || (port.receivers.size() > FOUND_KEPT && each.second.under_way == 0);
     });
 }
 
-bool send(datagram_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+bool send(tipc_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
           datagram_peer *peer_out)
 {
     if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
@@ -223,7 +223,7 @@ bool send(datagram_port *port, mts_address_t to, const mts_frame_header &header,
     return false;
 }
 
-bool is_there(datagram_port *port, mts_address_t peers_address, const datagram_peer &peer)
+bool is_there(tipc_port *port, mts_address_t peers_address, const datagram_peer &peer)
 {
     const tipc_socket_id id = id_of(peer);
     const tipc_range range[] = {address_range(peers_address)};
@@ -263,7 +263,7 @@ std::vector<std::uint32_t> nodes_with(std::uint32_t sap)
     return nodes;
 }
 
-bool listen(datagram_port *port, std::uint32_t opcode)
+bool listen(tipc_port *port, std::uint32_t opcode)
 {
     if (std::ranges::find(port->listens, opcode) != port->listens.end())
         return true;
@@ -277,7 +277,7 @@ bool listen(datagram_port *port, std::uint32_t opcode)
     return true;
 }
 
-bool send_to_listeners(datagram_port *port, const mts_frame_header &header, const mts_payload &payload)
+bool send_to_listeners(tipc_port *port, const mts_frame_header &header, const mts_payload &payload)
 {
     if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
         errno = EMSGSIZE;
@@ -292,20 +292,34 @@ bool send_to_listeners(datagram_port *port, const mts_frame_header &header, cons
     return true;
 }
 
+tipc_port *own(datagram_port *port)
+{
+    return reinterpret_cast<tipc_port *>(port);
+}
+
+const tipc_port *own(const datagram_port *port)
+{
+    return reinterpret_cast<const tipc_port *>(port);
+}
+
 } // namespace
 
 const datagram_driver tipc_driver = {
     .name = "tipc",
-    .bind = bind,
-    .unbind = unbind,
-    .abandon = abandon,
-    .address = address,
-    .descriptor = descriptor,
-    .receive = receive,
-    .send = send,
-    .is_there = is_there,
+    .bind = [](std::uint32_t node,
+               std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
+    .unbind = [](datagram_port *port) { unbind(own(port)); },
+    .abandon = [](datagram_port *port) { abandon(own(port)); },
+    .address = [](const datagram_port *port) { return address(own(port)); },
+    .descriptor = [](const datagram_port *port) { return descriptor(own(port)); },
+    .receive = [](datagram_port *port, std::int64_t wait_us) { return receive(own(port), wait_us); },
+    .send = [](datagram_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+               datagram_peer *peer_out) { return send(own(port), to, header, payload, peer_out); },
+    .is_there = [](datagram_port *port, mts_address_t address,
+                   const datagram_peer &peer) { return is_there(own(port), address, peer); },
     .is_bound = is_bound,
     .nodes_with = nodes_with,
-    .listen = listen,
-    .send_to_listeners = send_to_listeners,
+    .listen = [](datagram_port *port, std::uint32_t opcode) { return listen(own(port), opcode); },
+    .send_to_listeners = [](datagram_port *port, const mts_frame_header &header,
+                            const mts_payload &payload) { return send_to_listeners(own(port), header, payload); },
 };

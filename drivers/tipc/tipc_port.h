@@ -49,7 +49,7 @@ struct tipc_sender {
     std::int64_t seen_us = 0; // when it has sent last
 };
 
-struct datagram_port {
+struct tipc_port {
     mts_address_t address{};
     tipc_socket_id id;
     unique_fd socket;
@@ -74,17 +74,17 @@ enum class tipc_taking {
     dropped, // something that was not
 };
 // Takes one datagram out of the socket's queue; a message that is whole then goes to the inbox.
-tipc_taking take_datagram(datagram_port &port);
+tipc_taking take_datagram(tipc_port &port);
 
 // The next message of the inbox; null when it is empty.
-mts_held_message take_message(datagram_port &port);
+mts_held_message take_message(tipc_port &port);
 
 // Sends what can be sent of messages that were begun. Whether something is left that the link has no room for now.
-bool go_on_sending(datagram_port &port);
+bool go_on_sending(tipc_port &port);
 
 // As of datagram_driver's send, to a socket. ECONNREFUSED: it is gone.
-bool send_to_socket(datagram_port &port, tipc_socket_id to, const mts_frame_header &header,
+bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header,
                     const mts_payload &payload);
 
 // Tells a sender how much of what it has sent was taken.
-void tell_taken(datagram_port &port, tipc_socket_id to, tipc_sender &sender);
+void tell_taken(tipc_port &port, tipc_socket_id to, tipc_sender &sender);

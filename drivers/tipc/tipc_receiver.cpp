@@ -24,7 +24,7 @@ std::span<std::uint8_t> arrivals_buffer()
     return buffer;
 }
 
-tipc_taking refuse(datagram_port &port, tipc_socket_id from, const char *why)
+tipc_taking refuse(tipc_port &port, tipc_socket_id from, const char *why)
 {
     if (std::has_single_bit(++port.refused)) {
         best_effort([&] { // the caller's business is the next message
@@ -37,7 +37,7 @@ tipc_taking refuse(datagram_port &port, tipc_socket_id from, const char *why)
     return tipc_taking::dropped;
 }
 
-void announce(datagram_port &port)
+void announce(tipc_port &port)
 {
     const std::uint64_t one = 1;
     if (port.inbox.size() == 1)
@@ -45,7 +45,7 @@ void announce(datagram_port &port)
 }
 
 // The sender's place, made when it is new. One that has not sent for the longest time makes room.
-tipc_sender &sender_of(datagram_port &port, tipc_socket_id from)
+tipc_sender &sender_of(tipc_port &port, tipc_socket_id from)
 {
     if (port.senders.size() >= SENDERS_KEPT && !port.senders.contains(from)) {
         const auto oldest = std::ranges::min_element(port.senders, {}, [](const auto &each) {
@@ -77,7 +77,7 @@ bool begin_message(tipc_sender &sender, const datagram_seal &seal, std::span<con
 }
 
 // Pieces come in their order. A message of which one is missing was left by its sender.
-tipc_taking take_piece(datagram_port &port, tipc_socket_id from, tipc_sender &sender, const datagram_seal &seal,
+tipc_taking take_piece(tipc_port &port, tipc_socket_id from, tipc_sender &sender, const datagram_seal &seal,
                        std::span<const std::uint8_t> piece)
 {
     if (seal.offset == 0) {
@@ -107,7 +107,7 @@ tipc_taking take_piece(datagram_port &port, tipc_socket_id from, tipc_sender &se
 }
 
 // Who it was sent to will not take it.
-void take_back(datagram_port &port, const tipc_arrival &arrival, std::span<const std::uint8_t> begin)
+void take_back(tipc_port &port, const tipc_arrival &arrival, std::span<const std::uint8_t> begin)
 {
     const auto found = port.receivers.find(arrival.from);
     datagram_seal seal;
@@ -122,7 +122,7 @@ void take_back(datagram_port &port, const tipc_arrival &arrival, std::span<const
         receiver.under_way -= std::min(receiver.under_way, piece_charge(seal.piece_bytes));
 }
 
-void take_room(datagram_port &port, tipc_socket_id from, const datagram_seal &seal)
+void take_room(tipc_port &port, tipc_socket_id from, const datagram_seal &seal)
 {
     const auto found = port.receivers.find(from);
     if (found == port.receivers.end())
@@ -134,7 +134,7 @@ void take_room(datagram_port &port, tipc_socket_id from, const datagram_seal &se
 
 } // namespace
 
-tipc_taking take_datagram(datagram_port &port)
+tipc_taking take_datagram(tipc_port &port)
 {
     tipc_arrival arrival;
     const std::span<std::uint8_t> buffer = arrivals_buffer();
@@ -166,7 +166,7 @@ tipc_taking take_datagram(datagram_port &port)
     return take_piece(port, arrival.from, sender, *seal, datagram.subspan(sizeof *seal));
 }
 
-mts_held_message take_message(datagram_port &port)
+mts_held_message take_message(tipc_port &port)
 {
     if (port.inbox.empty())
         return nullptr;

@@ -40,7 +40,7 @@ std::vector<std::uint8_t> copy_from(const message_parts &parts, std::size_t offs
     return bytes;
 }
 
-tipc_sending send_sealed(datagram_port &port, tipc_socket_id to, datagram_seal &head,
+tipc_sending send_sealed(tipc_port &port, tipc_socket_id to, datagram_seal &head,
                          const std::array<iovec, 3> &piece)
 {
     head.number = ++port.number;
@@ -49,7 +49,7 @@ tipc_sending send_sealed(datagram_port &port, tipc_socket_id to, datagram_seal &
     return tipc_send(port.socket.get(), to, parts);
 }
 
-tipc_sending send_piece(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver,
+tipc_sending send_piece(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver,
                         std::uint32_t message_bytes, std::uint32_t offset, const std::array<iovec, 3> &piece)
 {
     datagram_seal head{};
@@ -62,14 +62,14 @@ tipc_sending send_piece(datagram_port &port, tipc_socket_id to, tipc_receiver &r
     return sent;
 }
 
-void take_all(datagram_port &port)
+void take_all(tipc_port &port)
 {
     while (take_datagram(port) != tipc_taking::none)
         ;
 }
 
 // Whether all that was begun is sent, or the receiver's window is full: nothing can be done before it takes some.
-bool go_on_sending_to(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver)
+bool go_on_sending_to(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver)
 {
     while (!receiver.unsent.empty() && !receiver.is_gone && !receiver.is_full &&
            receiver.under_way < WINDOW_BYTES) {
@@ -91,7 +91,7 @@ bool go_on_sending_to(datagram_port &port, tipc_socket_id to, tipc_receiver &rec
 }
 
 // Waits until something comes, which may be that the receiver has taken some. false when the time is over.
-bool wait_for_arrival(const datagram_port &port, std::int64_t deadline)
+bool wait_for_arrival(const tipc_port &port, std::int64_t deadline)
 {
     constexpr std::int64_t LOOK_MS = 20; // the link may have room again, which nobody says
     const std::int64_t left_ms = (deadline - monotonic_us() + 999) / 1000;
@@ -103,7 +103,7 @@ bool wait_for_arrival(const datagram_port &port, std::int64_t deadline)
 }
 
 // Pieces, as many as the receiver and the link take; the rest waits. no_room: there was none for the first one.
-tipc_sending send_pieces(datagram_port &port, tipc_socket_id to, tipc_receiver &receiver,
+tipc_sending send_pieces(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver,
                          const message_parts &parts, std::uint32_t message_bytes)
 {
     std::uint32_t offset = 0;
@@ -131,7 +131,7 @@ bool refused()
 
 } // namespace
 
-bool go_on_sending(datagram_port &port)
+bool go_on_sending(tipc_port &port)
 {
     bool is_waiting = false;
     for (auto &[to, receiver] : port.receivers)
@@ -139,7 +139,7 @@ bool go_on_sending(datagram_port &port)
     return is_waiting;
 }
 
-bool send_to_socket(datagram_port &port, tipc_socket_id to, const mts_frame_header &header,
+bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header,
                     const mts_payload &payload)
 {
     mts_frame_header head = header;
@@ -183,7 +183,7 @@ bool send_to_socket(datagram_port &port, tipc_socket_id to, const mts_frame_head
     return false;
 }
 
-void tell_taken(datagram_port &port, tipc_socket_id to, tipc_sender &sender)
+void tell_taken(tipc_port &port, tipc_socket_id to, tipc_sender &sender)
 {
     datagram_seal head{};
     head.kind = static_cast<std::uint32_t>(sealed_kind::room);

@@ -18,7 +18,7 @@ struct socket_sender {
     bool stuck = false; // the last wait for room in the receiver's queue was in vain
 };
 
-struct datagram_port {
+struct socket_port {
     mts_address_t address;
     unique_fd directory;
     unique_fd socket;
@@ -34,5 +34,5 @@ struct datagram_port {
 };
 
 // As of datagram_driver's send.
-bool socket_send(datagram_port &port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+bool socket_send(socket_port &port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
                  datagram_peer *peer_out);

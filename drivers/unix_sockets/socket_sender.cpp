@@ -90,14 +90,14 @@ int prepare(outgoing &frame, const mts_payload &payload)
     return 0;
 }
 
-auto find_sender(datagram_port &port, mts_address_t to)
+auto find_sender(socket_port &port, mts_address_t to)
 {
     return std::find_if(port.senders.begin(), port.senders.end(), [&](const socket_sender &sender) {
         return sender.address.node == to.node && sender.address.sap == to.sap;
     });
 }
 
-void forget_sender(datagram_port &port, mts_address_t to)
+void forget_sender(socket_port &port, mts_address_t to)
 {
     const auto found = find_sender(port, to);
     if (found != port.senders.end())
@@ -105,7 +105,7 @@ void forget_sender(datagram_port &port, mts_address_t to)
 }
 
 // The connection to a destination, made when there is none. Null with errno.
-socket_sender *sender_to(datagram_port &port, mts_address_t to)
+socket_sender *sender_to(socket_port &port, mts_address_t to)
 {
     const auto found = find_sender(port, to);
     if (found != port.senders.end()) {
@@ -174,7 +174,7 @@ bool means_dead_receiver(int error)
 
 } // namespace
 
-bool socket_send(datagram_port &port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+bool socket_send(socket_port &port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
                  datagram_peer *peer_out)
 {
     if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {

@@ -27,7 +27,7 @@ unique_fd receiving_socket()
     return socket;
 }
 
-int bind_address(datagram_port &port, std::int32_t sap)
+int bind_address(socket_port &port, std::int32_t sap)
 {
     const unique_fd lock = socket_directory_lock(port.directory.get());
     if (!lock)
@@ -39,9 +39,9 @@ int bind_address(datagram_port &port, std::int32_t sap)
     return socket_directory_bind(port.directory.get(), port.socket.get(), port.address);
 }
 
-datagram_port *bind(std::uint32_t node, std::int32_t sap)
+socket_port *bind(std::uint32_t node, std::int32_t sap)
 {
-    auto port = std::make_unique<datagram_port>();
+    auto port = std::make_unique<socket_port>();
     port->directory = socket_directory_open();
     if (!port->directory)
         return nullptr;
@@ -53,7 +53,7 @@ datagram_port *bind(std::uint32_t node, std::int32_t sap)
     return bind_address(*port, sap) == 0 ? port.release() : nullptr;
 }
 
-void unbind(datagram_port *port)
+void unbind(socket_port *port)
 {
     for (const std::uint32_t opcode : port->listens)
         listener_remove(port->directory.get(), {opcode, port->address});
@@ -61,17 +61,17 @@ void unbind(datagram_port *port)
     delete port;
 }
 
-void abandon(datagram_port *port)
+void abandon(socket_port *port)
 {
     delete port;
 }
 
-mts_address_t address(const datagram_port *port)
+mts_address_t address(const socket_port *port)
 {
     return port->address;
 }
 
-int descriptor(const datagram_port *port)
+int descriptor(const socket_port *port)
 {
     return port->socket.get();
 }
@@ -84,7 +84,7 @@ socket_datagram &arrival()
 }
 
 // The wait limit of a loop is the same from call to call: the socket is told only when it differs.
-int wait_at_most(datagram_port &port, std::int64_t wait_us)
+int wait_at_most(socket_port &port, std::int64_t wait_us)
 {
     if (wait_us == port.socket_wait_us)
         return 0;
@@ -98,7 +98,7 @@ int wait_at_most(datagram_port &port, std::int64_t wait_us)
 }
 
 // Reads a datagram into arrival(). 0, or -1 with errno (EAGAIN: none came).
-int receive_within(datagram_port &port, std::int64_t wait_us)
+int receive_within(socket_port &port, std::int64_t wait_us)
 {
     if (wait_us <= 0)
         return socket_datagram_receive(port.socket.get(), MSG_DONTWAIT, arrival());
@@ -107,7 +107,7 @@ int receive_within(datagram_port &port, std::int64_t wait_us)
     return socket_datagram_receive(port.socket.get(), 0, arrival());
 }
 
-mts_held_message receive(datagram_port *port, std::int64_t wait_us)
+mts_held_message receive(socket_port *port, std::int64_t wait_us)
 {
     if (!port->late.empty()) {
         const std::int64_t now = monotonic_us();
@@ -127,7 +127,7 @@ mts_held_message receive(datagram_port *port, std::int64_t wait_us)
     return message;
 }
 
-bool is_there(datagram_port *port, mts_address_t peers_address, const datagram_peer &peer)
+bool is_there(socket_port *port, mts_address_t peers_address, const datagram_peer &peer)
 {
     return socket_directory_is_alive(port->directory.get(), peers_address, peer);
 }
@@ -158,7 +158,7 @@ std::vector<std::uint32_t> nodes_with(std::uint32_t sap)
     return nodes;
 }
 
-bool listen(datagram_port *port, std::uint32_t opcode)
+bool listen(socket_port *port, std::uint32_t opcode)
 {
     std::vector<std::uint32_t> &listens = port->listens;
     if (std::find(listens.begin(), listens.end(), opcode) != listens.end())
@@ -170,13 +170,13 @@ bool listen(datagram_port *port, std::uint32_t opcode)
     return false;
 }
 
-bool send(datagram_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+bool send(socket_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
           datagram_peer *peer_out)
 {
     return socket_send(*port, to, header, payload, peer_out);
 }
 
-bool send_to_listeners(datagram_port *port, const mts_frame_header &header, const mts_payload &payload)
+bool send_to_listeners(socket_port *port, const mts_frame_header &header, const mts_payload &payload)
 {
     if (payload.size() > MTS_MAX_PAYLOAD_BYTES) {
         errno = EMSGSIZE;
@@ -192,20 +192,34 @@ bool send_to_listeners(datagram_port *port, const mts_frame_header &header, cons
     return true;
 }
 
+socket_port *own(datagram_port *port)
+{
+    return reinterpret_cast<socket_port *>(port);
+}
+
+const socket_port *own(const datagram_port *port)
+{
+    return reinterpret_cast<const socket_port *>(port);
+}
+
 } // namespace
 
 const datagram_driver unix_sockets_driver = {
     .name = "unix_sockets",
-    .bind = bind,
-    .unbind = unbind,
-    .abandon = abandon,
-    .address = address,
-    .descriptor = descriptor,
-    .receive = receive,
-    .send = send,
-    .is_there = is_there,
+    .bind = [](std::uint32_t node,
+               std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
+    .unbind = [](datagram_port *port) { unbind(own(port)); },
+    .abandon = [](datagram_port *port) { abandon(own(port)); },
+    .address = [](const datagram_port *port) { return address(own(port)); },
+    .descriptor = [](const datagram_port *port) { return descriptor(own(port)); },
+    .receive = [](datagram_port *port, std::int64_t wait_us) { return receive(own(port), wait_us); },
+    .send = [](datagram_port *port, mts_address_t to, const mts_frame_header &header, const mts_payload &payload,
+               datagram_peer *peer_out) { return send(own(port), to, header, payload, peer_out); },
+    .is_there = [](datagram_port *port, mts_address_t address,
+                   const datagram_peer &peer) { return is_there(own(port), address, peer); },
     .is_bound = is_bound,
     .nodes_with = nodes_with,
-    .listen = listen,
-    .send_to_listeners = send_to_listeners,
+    .listen = [](datagram_port *port, std::uint32_t opcode) { return listen(own(port), opcode); },
+    .send_to_listeners = [](datagram_port *port, const mts_frame_header &header,
+                            const mts_payload &payload) { return send_to_listeners(own(port), header, payload); },
 };

@@ -19,7 +19,7 @@
 #include "flash_geometry.h"
 #include "flash_wear.h"
 
-struct flash_part; // an opened flash; each driver has its own
+struct flash_part; // an opened flash; what it points to is a type of the driver's own, under a name of its own
 
 enum class flash_access : std::uint8_t { read, write };
 
@@ -69,5 +69,5 @@ struct flash_driver {
     const flash_wear &(*wear)(const flash_part *part);
 };
 
-// The driver of this program's flashes; which one that is, drivers/card_flash_driver.cpp says.
+// The driver of this program's flashes; which one that is, the build says (drivers/CMakeLists.txt).
 extern const flash_driver *const card_flash_driver;

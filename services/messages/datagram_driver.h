@@ -19,7 +19,7 @@
 
 #include "mts_frame.h"
 
-struct datagram_port; // a bound address; each driver has its own
+struct datagram_port; // a bound address; what it points to is a type of the driver's own, under a name of its own
 
 // Which process a datagram went to: tells it from a later one that has taken its address. The words are the
 // driver's.
@@ -94,5 +94,5 @@ struct datagram_driver {
 
 constexpr std::uint32_t DATAGRAM_FIRST_CHOSEN_SAP = 0x10000;
 
-// The driver that this program sends and receives with; which one that is, drivers/card_datagram_driver.cpp says.
+// The driver that this program sends and receives with; which one that is, the build says (drivers/CMakeLists.txt).
 extern const datagram_driver *const card_datagram_driver;
