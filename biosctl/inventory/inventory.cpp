@@ -11,13 +11,15 @@
 #include "chassis_dir.h"
 #include "daemon_node.h"
 #include "monotonic_clock.h"
+#include "place_hints.h"
 #include "sysmgr.h"
 
 namespace
 {
 
-constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d";
-constexpr const char *TRANSPORT_FOLDER = "mts";
+constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d"; // of the lab
+constexpr const char *CARD_DIR = "/var/lib/bios-daemon"; // on a card
+constexpr const char *INVENTORY_FOLDER = "inventory";
 constexpr std::int64_t KNOWN_FOR_US = 100'000; // a switchover is to be seen, and a command asks often
 
 bool is_usable(std::string &problem_out)
@@ -66,7 +68,7 @@ bool has_state(unsigned slot, std::uint32_t sup_state)
 
 bool chassis_is_there()
 {
-    return chassis_dir_fd() >= 0 && ::faccessat(chassis_dir_fd(), TRANSPORT_FOLDER, F_OK, 0) == 0;
+    return chassis_dir_fd() >= 0 && ::faccessat(chassis_dir_fd(), INVENTORY_FOLDER, F_OK, 0) == 0;
 }
 
 bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out)
@@ -76,7 +78,8 @@ bool open_chassis(const std::string &dir, std::string &where_out, std::string &p
         where_out = named != nullptr ? named : "the directory of this card";
         return is_usable(problem_out);
     }
-    where_out = dir.empty() ? DEFAULT_CHASSIS_DIR : dir;
+    const char *usual = own_surroundings() == surroundings::lab ? DEFAULT_CHASSIS_DIR : CARD_DIR;
+    where_out = dir.empty() ? usual : dir;
     if (chassis_attach(where_out, 0) == 0)
         return is_usable(problem_out);
     if (errno == EACCES)
