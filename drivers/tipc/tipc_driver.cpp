@@ -22,6 +22,7 @@ constexpr std::int64_t UNBIND_US = 2 * MICROSECONDS;
 constexpr std::int64_t LINK_LOOK_US = 20'000;
 // A card that is not reached may have lost its link only. Nobody waits for it longer than this.
 constexpr std::int64_t LOST_US = 3 * MICROSECONDS;
+constexpr std::int64_t FORGET_US = 3600 * MICROSECONDS; // nobody asks for them any more
 
 bool prepare_descriptors(tipc_port &port)
 {
@@ -237,6 +238,8 @@ bool is_there(tipc_port *port, mts_address_t peers_address, const datagram_peer 
         return false;
     }
     const std::int64_t now = monotonic_us();
+    if (port->lost.size() >= FOUND_KEPT)
+        std::erase_if(port->lost, [now](const auto &each) { return now - each.second >= FORGET_US; });
     return now - port->lost.try_emplace(id, now).first->second < LOST_US;
 }
 
@@ -306,8 +309,7 @@ const tipc_port *own(const datagram_port *port)
 
 const datagram_driver tipc_driver = {
     .name = "tipc",
-    .bind = [](std::uint32_t node,
-               std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
+    .bind = [](std::uint32_t node, std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
     .unbind = [](datagram_port *port) { unbind(own(port)); },
     .abandon = [](datagram_port *port) { abandon(own(port)); },
     .address = [](const datagram_port *port) { return address(own(port)); },

@@ -66,6 +66,7 @@ struct tipc_port {
     std::deque<mts_held_message> inbox;
     std::map<tipc_socket_id, std::int64_t> lost; // peers whose card is not reached: since when, as of monotonic_us
     std::uint64_t refused = 0;                   // datagrams that were dropped
+    bool has_untold = false;                     // the link had no room to tell a sender what was taken
 };
 
 enum class tipc_taking {
@@ -79,12 +80,12 @@ tipc_taking take_datagram(tipc_port &port);
 // The next message of the inbox; null when it is empty.
 mts_held_message take_message(tipc_port &port);
 
-// Sends what can be sent of messages that were begun. Whether something is left that the link has no room for now.
+// Sends what can be sent of messages that were begun, and tells what could not be told. Whether something is left
+// that the link has no room for now.
 bool go_on_sending(tipc_port &port);
 
 // As of datagram_driver's send, to a socket. ECONNREFUSED: it is gone.
-bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header,
-                    const mts_payload &payload);
+bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header, const mts_payload &payload);
 
 // Tells a sender how much of what it has sent was taken.
 void tell_taken(tipc_port &port, tipc_socket_id to, tipc_sender &sender);

@@ -40,8 +40,7 @@ std::vector<std::uint8_t> copy_from(const message_parts &parts, std::size_t offs
     return bytes;
 }
 
-tipc_sending send_sealed(tipc_port &port, tipc_socket_id to, datagram_seal &head,
-                         const std::array<iovec, 3> &piece)
+tipc_sending send_sealed(tipc_port &port, tipc_socket_id to, datagram_seal &head, const std::array<iovec, 3> &piece)
 {
     head.number = ++port.number;
     seal(head, piece, port.id, to, *port.key);
@@ -49,8 +48,8 @@ tipc_sending send_sealed(tipc_port &port, tipc_socket_id to, datagram_seal &head
     return tipc_send(port.socket.get(), to, parts);
 }
 
-tipc_sending send_piece(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver,
-                        std::uint32_t message_bytes, std::uint32_t offset, const std::array<iovec, 3> &piece)
+tipc_sending send_piece(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver, std::uint32_t message_bytes,
+                        std::uint32_t offset, const std::array<iovec, 3> &piece)
 {
     datagram_seal head{};
     head.kind = static_cast<std::uint32_t>(sealed_kind::piece);
@@ -62,9 +61,11 @@ tipc_sending send_piece(tipc_port &port, tipc_socket_id to, tipc_receiver &recei
     return sent;
 }
 
+// What lies in the socket's queue. Not without an end: somebody may send faster than it is taken.
 void take_all(tipc_port &port)
 {
-    while (take_datagram(port) != tipc_taking::none)
+    constexpr unsigned AT_ONCE = 1000;
+    for (unsigned count = 0; count < AT_ONCE && take_datagram(port) != tipc_taking::none; ++count)
         ;
 }
 
@@ -103,8 +104,8 @@ bool wait_for_arrival(const tipc_port &port, std::int64_t deadline)
 }
 
 // Pieces, as many as the receiver and the link take; the rest waits. no_room: there was none for the first one.
-tipc_sending send_pieces(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver,
-                         const message_parts &parts, std::uint32_t message_bytes)
+tipc_sending send_pieces(tipc_port &port, tipc_socket_id to, tipc_receiver &receiver, const message_parts &parts,
+                         std::uint32_t message_bytes)
 {
     std::uint32_t offset = 0;
     while (offset < message_bytes && (offset == 0 || receiver.under_way < WINDOW_BYTES)) {
@@ -136,11 +137,17 @@ bool go_on_sending(tipc_port &port)
     bool is_waiting = false;
     for (auto &[to, receiver] : port.receivers)
         is_waiting = !go_on_sending_to(port, to, receiver) || is_waiting;
-    return is_waiting;
+    if (!port.has_untold)
+        return is_waiting;
+    port.has_untold = false;
+    for (auto &[from, sender] : port.senders) {
+        if (sender.untold >= TOLD_BYTES)
+            tell_taken(port, from, sender);
+    }
+    return is_waiting || port.has_untold;
 }
 
-bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header,
-                    const mts_payload &payload)
+bool send_to_socket(tipc_port &port, tipc_socket_id to, const mts_frame_header &header, const mts_payload &payload)
 {
     mts_frame_header head = header;
     head.place = mts_frame_place::in_datagram;
@@ -188,6 +195,9 @@ void tell_taken(tipc_port &port, tipc_socket_id to, tipc_sender &sender)
     datagram_seal head{};
     head.kind = static_cast<std::uint32_t>(sealed_kind::room);
     head.taken_bytes = sender.untold;
-    if (send_sealed(port, to, head, {}) == tipc_sending::sent)
-        sender.untold = 0; // else it is told with the next piece
+    const tipc_sending sent = send_sealed(port, to, head, {});
+    if (sent == tipc_sending::no_room)
+        port.has_untold = true; // it may wait for just this
+    else
+        sender.untold = 0;
 }

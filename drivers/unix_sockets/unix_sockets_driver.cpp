@@ -206,8 +206,7 @@ const socket_port *own(const datagram_port *port)
 
 const datagram_driver unix_sockets_driver = {
     .name = "unix_sockets",
-    .bind = [](std::uint32_t node,
-               std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
+    .bind = [](std::uint32_t node, std::int32_t sap) { return reinterpret_cast<datagram_port *>(bind(node, sap)); },
     .unbind = [](datagram_port *port) { unbind(own(port)); },
     .abandon = [](datagram_port *port) { abandon(own(port)); },
     .address = [](const datagram_port *port) { return address(own(port)); },
