@@ -9,7 +9,6 @@ PROGRAMS is the folder with bios_image and machine_command. COUNT is 1 to 3. Eve
 outlives the trial. --keep leaves the machines' folder.
 """
 import argparse
-import re
 import shutil
 import subprocess
 import sys
@@ -17,152 +16,21 @@ import tempfile
 import time
 from pathlib import Path
 
-MACHINE_TOOLS = Path(__file__).resolve().parents[2] / "chassis/machine"
-FIRMWARE = "/usr/share/seabios/bios-256k.bin"
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "chassis/machine"))
+from machine_lab import Failure, Lab, Machine  # noqa: E402
+
 FIRMWARE_BYTES = 256 * 1024
-ENDS_WITH_US = ("setpriv", "--pdeathsig", "KILL")
-BOOT_LIMIT_S = 10  # until the kernel speaks; 0.4 s on an idle machine
-UP_LIMIT_S = 120
-COMMAND_LIMIT_S = 60
 CLUSTER_LIMIT_S = 15
 
 
-class Failure(Exception):
-    pass
-
-
-class Report:
-    def __init__(self):
-        self.wrong = 0
-
-    def line(self, began, text, good=True):
-        self.wrong += not good
-        print(f"{time.monotonic() - began:7.1f} s  {'ok   ' if good else 'WRONG'}  {text}", flush=True)
-
-
-def firmware_version():
-    """The text by which Debian's firmware names itself."""
-    package = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", "seabios"], check=True, capture_output=True,
-                             text=True).stdout
-    return f"{package.rpartition('-')[0]}-debian-{package}"
-
-
-class Machine:
-    def __init__(self, trial, slot):
-        self.trial, self.slot, self.process = trial, slot, None
-        self.place = trial.folder / f"slot{slot}"
-        self.place.mkdir()
-        for chip, minor in (("primary", slot), ("alternate", 50 + slot)):
-            trial.make_image(self.chip(chip), minor)
-
-    def chip(self, name):
-        return self.place / f"{name}.flash"
-
-    def start(self, *chips):
-        """The first chip is the one that it is started from."""
-        self.console_begin = self.console_bytes()
-        self.began = time.monotonic()
-        command = [*ENDS_WITH_US, MACHINE_TOOLS / "run_machine", "--parts", self.trial.parts, "--place", self.place,
-                   "--slot", str(self.slot), "--network", self.trial.network]
-        for chip in chips:
-            command += ["--chip", f"{chip}={self.chip(chip)}"]
-        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=open(self.place / "emulator.log", "a"))
-
-    def cut_power(self):
-        if self.process:
-            self.process.kill()
-            self.process.wait()
-
-    def console_bytes(self):
-        log = self.place / "console.log"
-        return log.stat().st_size if log.exists() else 0
-
-    def wait_for_console(self, text, limit_s):
-        """The line with the text, since the start. None when the machine ends or the time is up before."""
-        while time.monotonic() - self.began < limit_s:
-            ended = self.process.poll() is not None
-            log = self.place / "console.log"
-            said = log.read_bytes()[self.console_begin:].decode(errors="replace") if log.exists() else ""
-            for line in said.splitlines():
-                if text in line:
-                    return line
-            if ended:
-                return None
-            time.sleep(0.05)
-        return None
-
-    def boots(self):
-        """Whether its BIOS comes as far as the kernel. A broken BIOS may end the machine, or never end."""
-        return self.wait_for_console("Linux version", BOOT_LIMIT_S) is not None
-
-    def wait_until_up(self):
-        line = self.wait_for_console("card: up", UP_LIMIT_S)
-        if line is None:
-            raise Failure(f"machine {self.slot} does not come up; see {self.place}/console.log")
-        self.trial.command(self, "wait")
-        return line
-
-    def run(self, script):
-        return self.trial.command(self, "run", "bash", "-c", script)
-
-    def put(self, path, contents):
-        self.trial.command(self, "put", path, contents=contents)
-
-    def bios_version(self):
-        return self.run("cat /sys/class/dmi/id/bios_version").strip()
-
-    def nodes(self):
-        """The names of those who are in the cluster, itself included."""
-        return set(re.findall(r"^0 .* (slot\d+)$", self.run("tipc nametable show"), re.M))
-
-    def mtd_names(self):
-        return re.findall(r'"(.*)"', self.run("cat /proc/mtd"))
-
-
-class Trial:
-    def __init__(self, programs, folder):
-        self.programs, self.folder, self.report = programs, folder, Report()
-        self.network = folder / "network"
-        self.machines, self.switch, self.payload_version = [], None, firmware_version()
-
-    def make_image(self, path, minor):
-        subprocess.run([self.programs / "bios_image", "build", "--output", path, "--size", "8", "--version",
-                        f"3.{minor}", "--date", "09/17/12", "--payload", FIRMWARE, "--payload-version",
-                        self.payload_version], check=True)
-
-    def command(self, machine, *words, contents=None):
-        done = subprocess.run([self.programs / "machine_command", "--limit", str(COMMAND_LIMIT_S),
-                               machine.place / "agent.sock", *words], input=contents, capture_output=True, check=False)
-        if done.returncode != 0:
-            raise Failure(f"machine {machine.slot}: {' '.join(map(str, words))}: {done.stderr.decode()}")
-        return done.stdout.decode(errors="replace")
-
-    def prepare(self):
-        began = time.monotonic()
-        self.parts = subprocess.run([MACHINE_TOOLS / "prepare_machines"], check=True, stdout=subprocess.PIPE,
-                                    text=True).stdout.strip()
-        self.report.line(began, f"parts of machines: {self.parts}")
-        # It ends with its standard input, and so with this program however this program ends.
-        self.switch = subprocess.Popen(["vde_switch", "--sock", self.network, "--mode", "600"],
-                                       stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                       stderr=open(self.folder / "network.log", "a"))
-        deadline = time.monotonic() + 5
-        while not (self.network / "ctl").exists() and time.monotonic() < deadline:
-            time.sleep(0.02)
-
-    def end(self):
-        for machine in self.machines:
-            machine.cut_power()
-        if self.switch:
-            self.switch.stdin.close()
-            self.switch.wait(10)
-
-    # What is tried, in this order.
+class Trial(Lab):
+    """What is tried, in this order."""
 
     def start_all(self, count):
         self.machines += [Machine(self, slot) for slot in range(1, count + 1)]
         for machine in self.machines:
+            self.make_image(machine.chip("primary"), f"3.{machine.slot}")
+            self.make_image(machine.chip("alternate"), f"3.{50 + machine.slot}")
             machine.start("primary", "alternate")
         for machine in self.machines:
             line = machine.wait_until_up()
@@ -221,7 +89,7 @@ class Trial:
 
     def program(self, machine):
         image = self.folder / "new.bin"
-        self.make_image(image, 70)
+        self.make_image(image, "3.70")
         machine.put("/run/new.bin", image.read_bytes())
         began = time.monotonic()
         machine.run("flashcp /run/new.bin /dev/mtd0")
@@ -253,7 +121,7 @@ class Trial:
         self.report.line(began, f"machine {machine.slot}: names follow the chips: {', '.join(names)}",
                          names == ["alternate", "primary"])
         image = self.folder / "repair.bin"
-        self.make_image(image, 80)
+        self.make_image(image, "3.80")
         machine.put("/run/new.bin", image.read_bytes())
         began = time.monotonic()
         machine.run("flashcp /run/new.bin /dev/mtd1")
