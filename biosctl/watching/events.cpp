@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "agents.h"
+#include "client.h"
 #include "event_log_check.h"
 #include "events_report.h"
 #include "followed_output.h"
@@ -32,6 +33,7 @@ public:
         std::vector<std::vector<flash_event>> logs;
         if (known_modules_.empty())
             known_modules_ = ask_for_modules().value_or(std::vector<chassis_module>());
+        unread_.clear();
         for (const unsigned slot : modules_.empty() ? modules_of_chassis() : modules_)
             take_of(slot, logs);
         return in_order(logs);
@@ -39,6 +41,8 @@ public:
 
     // Of the logs as they were when they were read for the first time.
     const std::vector<event_log_fault> &faults() const { return faults_; }
+    // Cards whose logs were not read by the last take().
+    const std::vector<unsigned> &unread() const { return unread_; }
 
 private:
     struct read_log {
@@ -50,8 +54,10 @@ private:
     {
         const std::uint32_t node = node_of_module(slot);
         const auto card = ask_for_card(node);
-        if (!card)
-            return; // what has happened to its flashes is told when it answers again
+        if (!card) {
+            unread_.push_back(slot); // what has happened to its flashes is told when it answers again
+            return;
+        }
         for (const card_flash &flash : card->flashes) {
             read_log &known = logs_[{slot, flash.instance}];
             if (flash.log == known.state)
@@ -83,13 +89,22 @@ private:
     std::vector<chassis_module> known_modules_;
     std::map<std::pair<unsigned, unsigned>, read_log> logs_;
     std::vector<event_log_fault> faults_;
+    std::vector<unsigned> unread_;
 };
 
-std::string json_lines(const std::vector<flash_event> &events, const std::vector<event_log_fault> &faults)
+std::string json_lines(const std::vector<event_log_fault> &faults, const std::vector<unsigned> &unread)
 {
     std::string lines;
     for (const event_log_fault &fault : faults)
         lines += fault_json(fault).dump() + "\n";
+    for (const unsigned slot : unread)
+        lines += unread_json(slot).dump() + "\n";
+    return lines;
+}
+
+std::string json_lines(const std::vector<flash_event> &events)
+{
+    std::string lines;
     for (const flash_event &event : events)
         lines += event_json(event).dump() + "\n";
     return lines;
@@ -111,24 +126,40 @@ void keep_last(std::vector<flash_event> &events, std::size_t count)
         events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(count));
 }
 
+// Of the cards that were not read: those that were asked for, and those that have something to tell. A card on
+// which nothing serves may be one that never has an agent.
+std::vector<unsigned> missed(const events_options &options, std::vector<unsigned> unread)
+{
+    if (options.modules.empty())
+        std::erase_if(unread, [](unsigned slot) { return !daemon_serves(node_of_module(slot)); });
+    return unread;
+}
+
+outcome report_none(bool all_were_read)
+{
+    return {.headline = all_were_read ? "no events: no flash was programmed yet"
+                                      : "no events of the cards whose agents answer"};
+}
+
 outcome print_events(const events_options &options, bool json)
 {
     events_reader reader(options.modules);
     std::vector<flash_event> events = reader.take();
     const std::vector<event_log_fault> faults = reader.faults();
-    const bool has_none = events.empty() && faults.empty();
+    const std::vector<unsigned> unread = missed(options, reader.unread());
+    const bool is_whole = faults.empty() && unread.empty();
+    const bool has_none = events.empty() && is_whole;
     keep_last(events, options.last.value_or(~0U));
     if (!json && has_none && !options.follow)
-        return {.headline = "no events: no flash was programmed yet"};
+        return report_none(reader.unread().empty());
     table shown = events_table();
-    bool is_first = true;
+    if (json && !put_text(STDOUT_FILENO, json_lines(faults, unread)))
+        return output_not_written(errno);
     for (;;) {
-        if (!put_text(STDOUT_FILENO, json ? json_lines(events, is_first ? faults : std::vector<event_log_fault>())
-                                          : table_lines(shown, events)))
+        if (!put_text(STDOUT_FILENO, json ? json_lines(events) : table_lines(shown, events)))
             return output_not_written(errno);
-        is_first = false;
         if (!options.follow || !wait_before_next(STDOUT_FILENO, LOOK_INTERVAL) || interrupted())
-            return faults.empty() ? outcome() : report_faults(faults);
+            return is_whole ? outcome() : report_faults(faults, unread);
         if (!chassis_is_there())
             return chassis_gone();
         events = reader.take();

@@ -51,6 +51,8 @@ std::string image_text(const flash_event &event)
     return text;
 }
 
+constexpr const char *NO_AGENT = "its agent does not answer";
+
 std::string fault_text(const event_log_fault &fault)
 {
     return slot_text(fault.slot) + ", " + flash_instance_name(fault.instance) + " flash: " + fault.text;
@@ -135,13 +137,25 @@ nlohmann::ordered_json fault_json(const event_log_fault &fault)
     return {{"slot", fault.slot}, {"flash", flash_instance_name(fault.instance)}, {"fault", fault.text}};
 }
 
-outcome report_faults(const std::vector<event_log_fault> &faults)
+nlohmann::ordered_json unread_json(unsigned slot)
 {
-    outcome told = failure(EXIT_FAILED, styled_text("the event log is not whole", text_meaning::wrong),
-                           "find out who can write to the card's files and whether its disk is full; what is "
-                           "missing is not known");
-    for (auto fault = faults.rbegin(); fault != faults.rend(); ++fault)
-        told.hints.insert(told.hints.begin(), {"log", fault_text(*fault)});
+    return {{"slot", slot}, {"fault", NO_AGENT}};
+}
+
+outcome report_faults(const std::vector<event_log_fault> &faults, const std::vector<unsigned> &unread)
+{
+    outcome told = faults.empty()
+                       ? failure(EXIT_FAILED, styled_text("not every card's events are shown", text_meaning::wrong),
+                                 "see what runs with: chassis status, and try again")
+                       : failure(EXIT_FAILED, styled_text("the event log is not whole", text_meaning::wrong),
+                                 "find out who can write to the card's files and whether its disk is full; what is "
+                                 "missing is not known");
+    std::vector<hint> hints;
+    for (const event_log_fault &fault : faults)
+        hints.push_back({"log", fault_text(fault)});
+    for (const unsigned slot : unread)
+        hints.push_back({"log", slot_text(slot) + ": " + NO_AGENT});
+    told.hints.insert(told.hints.begin(), hints.begin(), hints.end());
     return told;
 }
 

@@ -15,7 +15,6 @@
 //   logs  of a flash each, in order of the sequence
 std::vector<flash_event> in_order(const std::vector<std::vector<flash_event>> &logs);
 
-// The columns alone, as wide as what usually happens needs.
 // What is wrong with the log of a flash.
 struct event_log_fault {
     unsigned slot = 0;
@@ -23,8 +22,12 @@ struct event_log_fault {
     std::string text;
 };
 nlohmann::ordered_json fault_json(const event_log_fault &fault);
-outcome report_faults(const std::vector<event_log_fault> &faults);
+nlohmann::ordered_json unread_json(unsigned slot);
 
+// That there are faults, or cards whose agents have not given out their events.
+outcome report_faults(const std::vector<event_log_fault> &faults, const std::vector<unsigned> &unread);
+
+// The columns alone, as wide as what usually happens needs.
 table events_table();
 void add_event(table &events, const flash_event &event);
 

@@ -192,6 +192,22 @@ TEST_F(EventChainOfCards, ALogThatIsCutAtItsEndShowsByWhatTheOtherSupervisorKnow
     expect_fault("4 lines at the end are missing (the agent of slot 1 knows line 4)");
 }
 
+TEST_F(EventChainOfCards, OfACardWhoseAgentHangsIsNotTakenForEmpty)
+{
+    const pid_t agent = agent_pid(2);
+    ASSERT_EQ(::kill(agent, SIGSTOP), 0);
+    for (const std::vector<std::string> &words : {std::vector<std::string>{"events"}, {"events", "2"}}) {
+        const finished_program told = biosctl(words);
+        EXPECT_EQ(told.exit_code, 1);
+        EXPECT_EQ(told.output.find("no flash was programmed yet"), std::string::npos) << told.output;
+        EXPECT_NE(told.errors.find("slot 2: its agent does not answer"), std::string::npos) << told.errors;
+    }
+    EXPECT_TRUE(
+        biosctl({"events", "--json"}).output.starts_with(R"({"slot":2,"fault":"its agent does not answer"})"));
+    ASSERT_EQ(::kill(agent, SIGCONT), 0);
+    EXPECT_EQ(biosctl({"events"}).exit_code, 0);
+}
+
 TEST_F(EventChainOfCards, LinesThatAreNoEventsOfTheFlashAreNamedAndLeftOut)
 {
     const std::string before = biosctl({"events", "2"}).output;

@@ -268,7 +268,7 @@ TEST(EventsTable, NamesWhoAskedForWhat)
 
 TEST(EventsFaults, AreAFailureThatNamesEach)
 {
-    const outcome told = report_faults({{3, 0, "line 2 was changed"}, {5, 1, "line 9 was changed"}});
+    const outcome told = report_faults({{3, 0, "line 2 was changed"}, {5, 1, "line 9 was changed"}}, {});
     EXPECT_EQ(told.exit, EXIT_FAILED);
     EXPECT_EQ(told.headline.plain(), "the event log is not whole");
     ASSERT_EQ(told.hints.size(), 3U);
