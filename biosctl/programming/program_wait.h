@@ -16,8 +16,9 @@
 #include "progress_bar.h"
 
 // A process that was stopped, or hangs, lives and never reports anything. Longer than the daemons wait for each
-// other (COMPLETION_PATIENCE_US): what they find out comes first.
-constexpr unsigned PROGRESS_PATIENCE_S = 33;
+// other (COMPLETION_PATIENCE_US), what they find out comes first; and no longer: with the questions that follow it
+// is told within 35 s.
+constexpr unsigned PROGRESS_PATIENCE_S = 31;
 
 enum class watch_end {
     reported,    // the daemon reported a result

@@ -163,7 +163,7 @@ TEST(ProgramReport, AProgrammingThatHasStalledSaysWhatTheFlashIs)
     programming_result stalled = looked_at(ended(watch_end::stalled, 0, 100));
     EXPECT_EQ(stalled.ending, programming_ending::stalled);
     EXPECT_EQ(report_programming(stalled).exit, 1);
-    EXPECT_TRUE(tells(report_programming(stalled), "no progress for 33 s, and no result"));
+    EXPECT_TRUE(tells(report_programming(stalled), "no progress for 31 s, and no result"));
     EXPECT_TRUE(tells(report_programming(stalled), "flash: programmed and verified"));
     stalled.silent_daemon = 27;
     EXPECT_TRUE(tells(report_programming(stalled), "the daemon of slot 27 was stopped or hangs"));
