@@ -11,9 +11,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "client.h"
 #include "inventory.h"
 #include "outcome.h"
 #include "place_hints.h"
+#include "serving_slot.h"
 #include "verbs.h"
 
 namespace
@@ -63,6 +65,8 @@ outcome run(const CLI::App &command, const arguments &given, const runnable_verb
     if (open_chassis(given.dir, where, problem)) {
         if (any_card_answers())
             return run_verb(given.json);
+        if (const client_endpoint endpoint; !endpoint.bound())
+            return no_endpoint_failure();
         return failure(EXIT_FAILED, "no agent of a card of the chassis in '" + where + "' answers",
                        no_agent_hint());
     }

@@ -1,6 +1,7 @@
 // Disks without room: whoever cannot write says that it is for want of room, and what was to be made whole is not
 // there in parts.
 #include <filesystem>
+#include <fstream>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -227,6 +228,30 @@ TEST_F(FullDisk, OfABootFlashIsNotNamedWhenThereIsJustEnoughRoom)
     const finished_program done = biosctl({"program", "1"});
     EXPECT_EQ(done.exit_code, 0) << done.errors;
     EXPECT_EQ(flash_of(1) == new_image().bytes, true);
+}
+
+// A tool that gets no endpoint has asked no agent.
+TEST_F(FullDisk, WithoutAnEndpointNoAgentIsSaidToBeSilent)
+{
+    insert({.slot = 1});
+    if (!put_on_disk("mts", 1024, 60))
+        GTEST_SKIP() << "mounting is not allowed here";
+    up();
+    const auto name = [this](unsigned number) {
+        return chassis_directory() + "/mts/name" + std::to_string(number);
+    };
+    unsigned names = 0;
+    while (std::ofstream(name(names)))
+        ++names;
+    const finished_program refused = biosctl({"show"});
+    EXPECT_EQ(refused.exit_code, FAILED);
+    EXPECT_TRUE(
+        says(refused.errors, "no transport endpoint could be bound in the chassis: No space left on device"))
+        << refused.errors;
+    EXPECT_FALSE(says(refused.errors, "agent")) << refused.errors;
+    while (names > 0)
+        std::filesystem::remove(name(--names));
+    EXPECT_EQ(biosctl({"watch", "--once"}).exit_code, 0);
 }
 
 // The copy is written beside what is there already.
