@@ -10,6 +10,7 @@
 #include "agents.h"
 #include "bios_results.h"
 #include "card_groups.h"
+#include "changed_flash.h"
 #include "client.h"
 #include "flash_proof.h"
 #include "interrupt.h"
@@ -272,12 +273,20 @@ programming_result carry_out(const program_options &options, const programming_p
     return result;
 }
 
-// Whether the card has noted that another image was verified last: somebody has written the wanted one without an
-// order. A programming changes nothing then, and sets the note right.
-bool is_told_otherwise(const programming_plan &plan)
+// Whether the card needs a flash beside the wanted one, and this is half written: until the wanted one is verified.
+bool needs_half_written_flash(const wanted_programming &wanted)
 {
-    const auto last = ask_for_order(plan.wanted.node, plan.wanted.instance);
-    return last && last->state == flash_order_state::verified && last->sha256 != plan.wanted.image.digest;
+    const auto card = ask_for_card(wanted.node);
+    return card && std::ranges::any_of(card->flashes, [&wanted](const card_flash &flash) {
+               return flash.instance != wanted.instance && flash.activity.marked && !flash.is_spare;
+           });
+}
+
+// Whether the wanted image, though it is there, is to be verified by a programming, which changes nothing: somebody
+// has written it without an order, over what was verified last, or the card has nothing else to start from.
+bool has_to_be_verified(const wanted_programming &wanted)
+{
+    return !how_changed_flash_was_programmed(wanted.node).empty() || needs_half_written_flash(wanted);
 }
 
 } // namespace
@@ -312,7 +321,7 @@ programming_result program_module(const program_options &options, int fd, const 
     const bool is_there = before.finding == flash_finding::holds_image;
     const programming_result already_there =
         with_names({.subject = plan.subject, .ending = programming_ending::already_there, .proof = before}, plan);
-    if (is_there && (options.dry_run || !is_told_otherwise(plan)))
+    if (is_there && (options.dry_run || !has_to_be_verified(plan.wanted)))
         return already_there;
     if (const std::string lack = lack_of_room(plan.subject, plan.wanted.image); !lack.empty())
         return not_asked(plan.subject, no_room(plan, plan.subject.serving_slot, lack));

@@ -258,6 +258,13 @@ TEST_F(BiosctlWatch, AHalfWrittenAlternateFlashIsNeededUntilThePrimaryOneIsVerif
     EXPECT_NE(biosctl({"show"}).output.find("not verified: do not reboot"), std::string::npos);
     ASSERT_EQ(biosctl({"program", "2"}).exit_code, 0) << "as it was told";
     EXPECT_EQ(card_of(look(), 2)["state"], "idle");
+    ASSERT_EQ(chassis({"down"}).exit_code, 0);
+    select_flash(2, "0xc00");
+    ASSERT_EQ(chassis({"up"}).exit_code, 0);
+    select_flash(2, "0x800");
+    EXPECT_EQ(card_of(look(), 2)["state"], "not verified");
+    EXPECT_EQ(biosctl({"program", "2"}).exit_code, 2) << "the image is there";
+    EXPECT_EQ(card_of(look(), 2)["state"], "idle");
     EXPECT_EQ(biosctl({"show"}).output.find("do not reboot"), std::string::npos);
     std::filesystem::remove(flash_file(2, "programming", "alternate"));
 }
