@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "place_hints.h"
 #include "progress_bar.h"
 #include "result_text.h"
 #include "size_text.h"
@@ -146,7 +147,7 @@ outcome report_faults(const std::vector<event_log_fault> &faults, const std::vec
 {
     outcome told = faults.empty()
                        ? failure(EXIT_FAILED, styled_text("not every card's events are shown", text_meaning::wrong),
-                                 "see what runs with: chassis status, and try again")
+                                 no_agent_hint())
                        : failure(EXIT_FAILED, styled_text("the event log is not whole", text_meaning::wrong),
                                  "find out who can write to the card's files and whether its disk is full; what is "
                                  "missing is not known");
