@@ -19,8 +19,8 @@ namespace
 
 constexpr const char *DEFAULT_CHASSIS_DIR = "chassis.d"; // of the lab
 constexpr const char *CARD_DIR = "/var/lib/bios-daemon"; // on a card
-constexpr const char *INVENTORY_FOLDER = "inventory";
-constexpr std::int64_t KNOWN_FOR_US = 100'000; // a switchover is to be seen, and a command asks often
+constexpr const char *TRANSPORT_FOLDER = "mts";          // of a chassis of the lab
+constexpr std::int64_t KNOWN_FOR_US = 100'000;           // a switchover is to be seen, and a command asks often
 
 bool is_usable(std::string &problem_out)
 {
@@ -68,7 +68,8 @@ bool has_state(unsigned slot, std::uint32_t sup_state)
 
 bool chassis_is_there()
 {
-    return chassis_dir_fd() >= 0 && ::faccessat(chassis_dir_fd(), INVENTORY_FOLDER, F_OK, 0) == 0;
+    return chassis_dir_fd() >= 0 && (own_surroundings() == surroundings::card ||
+                                     ::faccessat(chassis_dir_fd(), TRANSPORT_FOLDER, F_OK, 0) == 0);
 }
 
 bool open_chassis(const std::string &dir, std::string &where_out, std::string &problem_out)

@@ -211,6 +211,7 @@ TEST_F(BiosctlWatch, AKilledProgrammingIsShownAsNotVerified)
 // The supervisor hangs while it should tell of the end, and longer than the work on a flash may be unreported.
 TEST_F(BiosctlWatch, AVerifiedFlashIsToldSoHoweverLateTheSupervisorTellsIt)
 {
+    take_the_time_of_a_real_part(2);
     requester asking;
     programming running = asking.start(2);
     ASSERT_EQ(running.answer, 0U) << running;
